@@ -1,0 +1,20 @@
+# The commands of the house. Each one installs what it needs (on Debian 12), builds and runs.
+
+PRESET ?= release
+BUILD := build/$(PRESET)
+
+.PHONY: all test demo clean
+
+all:
+	scripts/setup build
+	cmake --preset $(PRESET)
+	cmake --build $(BUILD)
+
+test: all
+	ctest --preset $(PRESET)
+
+demo: all
+	examples/demo $(BUILD)
+
+clean:
+	rm -rf build

@@ -1,0 +1,39 @@
+# Settings that every target of the tree shares.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+# Programs and tests find the libraries of this build wherever the tree lies.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-psabi)
+if(USAGE_STAT_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+# Timestamps must outlive 2038 on 32-bit targets too.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_TIME_BITS=64)
+endif()
+
+# Presets set USAGE_STAT_SANITIZE to "address,undefined" or "thread".
+set(USAGE_STAT_SANITIZE "" CACHE STRING "Sanitizers to build with, separated by commas")
+if(USAGE_STAT_SANITIZE)
+  add_compile_options(-fsanitize=${USAGE_STAT_SANITIZE} -fno-omit-frame-pointer -g -O1)
+  add_link_options(-fsanitize=${USAGE_STAT_SANITIZE})
+  if(USAGE_STAT_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=all)
+  endif()
+endif()

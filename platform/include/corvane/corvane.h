@@ -1,0 +1,117 @@
+/* The device's platform library: logging, configuration files, device facts and book metadata.
+ *
+ * This header is the contract between the statistics library and the platform. On a device the
+ * firmware brings the implementation; the host implementation lives in platform/corvane.
+ *
+ * Texts and records that a function returns belong to the platform: read them, never free them, and
+ * copy what you keep, since the next call of the same kind on the same thread may overwrite them.
+ * All functions may be called from any thread. None of them throws.
+ */
+
+#ifndef CORVANE_CORVANE_H_
+#define CORVANE_CORVANE_H_
+
+#if defined(__GNUC__)
+#define CORVANE_API __attribute__((visibility("default")))
+#define CORVANE_PRINTF(format, arguments) __attribute__((format(printf, format, arguments)))
+#else
+#define CORVANE_API
+#define CORVANE_PRINTF(format, arguments)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Logging ---- */
+
+/* The calling process's id; right in a forked child too. Read it, never write it. */
+extern CORVANE_API int g_process_pid;
+
+/* Writes one log line. `level` is 1 for errors and higher for less important lines; `file`, `line`
+ * and `function` tell where it comes from (null reads as empty); `format` and what follows are as
+ * for printf. Preserves the caller's errno. */
+CORVANE_API void vm_print_log2(int level, const char *file, int line, const char *function,
+                               const char *format, ...) CORVANE_PRINTF(5, 6);
+
+/* ---- Configuration files: `key=value` lines with `#` comments ---- */
+
+typedef struct CorvaneConfig CorvaneConfig;
+
+typedef struct CorvaneState {
+  CorvaneConfig *global_config; /* the device's global configuration; null until it is needed */
+} CorvaneState;
+
+/* The platform library's exported state. */
+extern CORVANE_API CorvaneState g_corvane;
+
+/* Opens and reads the file at `path`, an absolute path of the device. A file that is missing or
+ * can't be read counts as empty. `flags` must be 0. Returns null only for a null path or when
+ * memory runs out; every function below accepts that null and answers with its default. Release
+ * with CloseConfigNoSave. */
+CORVANE_API CorvaneConfig *OpenConfig(const char *path, int flags);
+
+/* The text stored under `key`, or `default_value` when there is none. It stays valid until the
+ * configuration is refreshed or closed. */
+CORVANE_API const char *ReadString(CorvaneConfig *config, const char *key,
+                                   const char *default_value);
+
+/* The decimal number stored under `key`, or `default_value` when there is none that fits. */
+CORVANE_API int ReadInt(CorvaneConfig *config, const char *key, int default_value);
+
+/* Releases `config` without writing anything back. Null is allowed. */
+CORVANE_API void CloseConfigNoSave(CorvaneConfig *config);
+
+/* Reads the file of `config` again. Null is allowed and does nothing. */
+CORVANE_API void RefreshConfig(CorvaneConfig *config);
+
+/* ---- Device facts ---- */
+
+CORVANE_API const unsigned char *GetDeviceID(void); /* at least 16 bytes */
+CORVANE_API const char *GetSerialNumber(void);
+CORVANE_API const char *GetDeviceModel(void);
+CORVANE_API const char *GetSoftwareVersion(void);
+CORVANE_API int GetCustomizedPartner(void);             /* the partner's number, 0 for none */
+CORVANE_API const char *GetCustomizedPartnerName(void); /* the partner's name, "" for none */
+
+/* ---- Sensors and keys ---- */
+
+/* Reads the accelerometer and returns the orientation code that follows from it, or -1 when there
+ * is no sensor. Each of the three may be null; the others receive the reading in milli-g. */
+CORVANE_API int ReadGSensor(int *x, int *y, int *z);
+
+/* The orientation code that the screen is set to. */
+CORVANE_API int GetOrientation(void);
+
+/* Fills the first `count` entries of both arrays with the action names of mapping set
+ * `mapping_set` (0 to 2), one entry for each button index; null means that none is assigned. */
+CORVANE_API void GetKeyMappingEx(int mapping_set, const char **first_actions,
+                                 const char **second_actions, int count);
+
+/* The buttons that the device has: bit n is set when button index n exists. */
+CORVANE_API unsigned int QueryDeviceButtons(void);
+
+/* ---- Book metadata ---- */
+
+typedef struct BookInfo {
+  int file_type;            /* 1: a book */
+  const char *path;         /* the path of the book, as the platform knows it */
+  const char *language;     /* its language code */
+  const char *primary_name; /* goes into a record's first list */
+  const char *names[10];    /* go into a record's second list */
+  int n1;
+  short n2;
+  const char *s1, *s2, *s3, *isbn;
+} BookInfo; /* any text may be null */
+
+/* The description of the book at `path`, or null when there is no such book. */
+CORVANE_API const BookInfo *GetBookInfo(const char *path);
+
+/* The ISBN of the book at `path`, or null when it has none. */
+CORVANE_API const char *GetBookISBN(const char *path);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* CORVANE_CORVANE_H_ */
