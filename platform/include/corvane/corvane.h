@@ -13,10 +13,10 @@
 
 #if defined(__GNUC__)
 #define CORVANE_API __attribute__((visibility("default")))
-#define CORVANE_PRINTF(format, arguments) __attribute__((format(printf, format, arguments)))
+#define CORVANE_PRINTF(text, arguments) __attribute__((format(printf, text, arguments)))
 #else
 #define CORVANE_API
-#define CORVANE_PRINTF(format, arguments)
+#define CORVANE_PRINTF(text, arguments)
 #endif
 
 #ifdef __cplusplus
@@ -28,9 +28,15 @@ extern "C" {
 /* The calling process's id; right in a forked child too. Read it, never write it. */
 extern CORVANE_API int g_process_pid;
 
-/* Writes one log line. `level` is 1 for errors and higher for less important lines; `file`, `line`
- * and `function` tell where it comes from (null reads as empty); `format` and what follows are as
- * for printf. Preserves the caller's errno. */
+/* Writes one log line to standard error, as a single write of at most 4096 bytes (a longer line ends
+ * in "..."):
+ *
+ *   2031-05-04T07:08:09.123Z 1 [4711] src/events:42 int Function(): the message
+ *
+ * that is the time in UTC, the level, the process id, `file` with `line`, `function` and the printed
+ * `format`. `level` is 1 for errors and higher for less important lines; lines above the number in
+ * the environment variable CORVANE_LOG_LEVEL (1 when it is not set) are left out. Null texts read as
+ * empty; control characters come out as '?'. Preserves the caller's errno and raises no SIGPIPE. */
 CORVANE_API void vm_print_log2(int level, const char *file, int line, const char *function,
                                const char *format, ...) CORVANE_PRINTF(5, 6);
 
@@ -39,24 +45,26 @@ CORVANE_API void vm_print_log2(int level, const char *file, int line, const char
 typedef struct CorvaneConfig CorvaneConfig;
 
 typedef struct CorvaneState {
-  CorvaneConfig *global_config; /* the device's global configuration; null until it is needed */
+  /* /mnt/ext1/system/config/global.cfg, read when it is first used. Owned by the platform: not to
+   * be closed. Null only when memory ran out. */
+  CorvaneConfig *global_config;
 } CorvaneState;
 
 /* The platform library's exported state. */
 extern CORVANE_API CorvaneState g_corvane;
 
-/* Opens and reads the file at `path`, an absolute path of the device. A file that is missing or
- * can't be read counts as empty. `flags` must be 0. Returns null only for a null path or when
- * memory runs out; every function below accepts that null and answers with its default. Release
- * with CloseConfigNoSave. */
+/* Opens and reads the file at `path`, an absolute path of the device. A file that is missing, is
+ * larger than 1 MiB or can't be read counts as empty. Returns null for a null path, for `flags` other
+ * than 0 or when memory runs out; every function below accepts that null and answers with its
+ * default. Release with CloseConfigNoSave. */
 CORVANE_API CorvaneConfig *OpenConfig(const char *path, int flags);
 
-/* The text stored under `key`, or `default_value` when there is none. It stays valid until the
- * configuration is refreshed or closed. */
+/* The text stored under `key`, or `default_value` when there is none; `key=` stores the empty text.
+ * It stays valid until the configuration is refreshed or closed, by whichever thread. */
 CORVANE_API const char *ReadString(CorvaneConfig *config, const char *key,
                                    const char *default_value);
 
-/* The decimal number stored under `key`, or `default_value` when there is none that fits. */
+/* The decimal number stored under `key`, or `default_value` when there is none that fits an int. */
 CORVANE_API int ReadInt(CorvaneConfig *config, const char *key, int default_value);
 
 /* Releases `config` without writing anything back. Null is allowed. */
@@ -67,24 +75,31 @@ CORVANE_API void RefreshConfig(CorvaneConfig *config);
 
 /* ---- Device facts ---- */
 
+/* Never null, and read afresh on each call. */
 CORVANE_API const unsigned char *GetDeviceID(void); /* at least 16 bytes */
-CORVANE_API const char *GetSerialNumber(void);
-CORVANE_API const char *GetDeviceModel(void);
+CORVANE_API const char *GetSerialNumber(void);      /* "" when there is none */
+CORVANE_API const char *GetDeviceModel(void);       /* an 11-character prefix, then the model */
 CORVANE_API const char *GetSoftwareVersion(void);
 CORVANE_API int GetCustomizedPartner(void);             /* the partner's number, 0 for none */
 CORVANE_API const char *GetCustomizedPartnerName(void); /* the partner's name, "" for none */
 
 /* ---- Sensors and keys ---- */
 
-/* Reads the accelerometer and returns the orientation code that follows from it, or -1 when there
- * is no sensor. Each of the three may be null; the others receive the reading in milli-g. */
+/* Orientation codes count the quarter turns by which the device is turned clockwise: 0 upright to 3.
+ */
+
+/* Reads the accelerometer and returns the orientation code that follows from it (the screen's when
+ * the device lies flat), or -1 when there is no sensor. Each of the three may be null; the others
+ * receive the reading in milli-g: x to the right of the screen, y up, z towards the reader. */
 CORVANE_API int ReadGSensor(int *x, int *y, int *z);
 
 /* The orientation code that the screen is set to. */
 CORVANE_API int GetOrientation(void);
 
-/* Fills the first `count` entries of both arrays with the action names of mapping set
- * `mapping_set` (0 to 2), one entry for each button index; null means that none is assigned. */
+/* Fills the first `count` entries of both arrays (either may be null) with the action names of
+ * mapping set `mapping_set` (0 to 2), one entry for each button index from 0 to 31; null means that
+ * none is assigned. A name is one leading character and then the action, as in "@KA_next". Names
+ * stay valid during the next three calls on the same thread, so that sets can be compared. */
 CORVANE_API void GetKeyMappingEx(int mapping_set, const char **first_actions,
                                  const char **second_actions, int count);
 

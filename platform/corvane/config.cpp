@@ -1,0 +1,151 @@
+#include "corvane/config.h"
+
+#include <ini.h>
+#include <string.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <mutex>
+#include <new>
+
+#include "corvane/corvane.h"
+#include "corvane/device_files.h"
+#include "corvane/log.h"
+
+struct CorvaneConfig {
+  explicit CorvaneConfig(const char* device_path) : path(device_path) {}
+
+  const std::string path;
+  std::mutex mutex;                             // guards `values`
+  std::optional<corvane::ConfigValues> values;  // unset until they are needed
+};
+
+// Lives as long as the process, since other libraries may log or send while it ends.
+CorvaneState g_corvane = {new (std::nothrow) CorvaneConfig("/mnt/ext1/system/config/global.cfg")};
+
+namespace corvane {
+namespace {
+
+// A configuration is written by hand; more than this is some other file.
+constexpr size_t kMaxConfigSize = size_t{1024} * 1024;
+
+// Gives inih the next line of the text. Indentation is dropped, since inih would take an indented
+// line for the continuation of the value before it. A line that does not fit inih's buffer becomes
+// an empty one: cut in pieces, its tail could pass for another key.
+char* NextLine(char* line, int capacity, void* stream) {
+  auto& rest = *static_cast<std::string_view*>(stream);
+  if (rest.empty()) {
+    return nullptr;
+  }
+  std::string_view next = rest.substr(0, rest.find('\n'));
+  rest.remove_prefix(std::min(rest.size(), next.size() + 1));
+  next.remove_prefix(std::min(next.size(), next.find_first_not_of(" \t\r\v\f")));
+  if (next.size() >= static_cast<size_t>(capacity)) {
+    CORVANE_LOG(kLogError, "a line of %zu bytes is too long and was ignored", next.size());
+    next = {};
+  }
+  line[next.copy(line, next.size())] = '\0';
+  return line;
+}
+
+// Keeps keys outside sections only: this interface has no sections, so the same key of two sections
+// could not be told apart. The last of several assignments counts.
+int StoreValue(void* user, const char* section, const char* key, const char* value) {
+  if (*section == '\0') {
+    static_cast<ConfigValues*>(user)->insert_or_assign(key, value);
+  }
+  return 1;
+}
+
+// Reads the file of `config` if that has not been done yet. The caller holds the lock.
+const ConfigValues& LoadedValues(CorvaneConfig* config) {
+  if (!config->values) {
+    config->values = ReadConfigFile(config->path.c_str());
+  }
+  return *config->values;
+}
+
+}  // namespace
+
+ConfigValues ParseConfig(std::string_view text) {
+  ConfigValues values;
+  const int bad_line = ini_parse_stream(NextLine, &text, StoreValue, &values);
+  if (bad_line != 0) {
+    CORVANE_LOG(kLogWarning, "line %d is no key=value line and was ignored", bad_line);
+  }
+  return values;
+}
+
+ConfigValues ReadConfigFile(const char* device_path) {
+  std::string text;
+  const int error = ReadRegularFile(device_path, kMaxConfigSize, &text);
+  if (error != 0 && error != ENOENT && error != ENOTDIR) {
+    CORVANE_LOG(kLogError, "can't read %s: %s", device_path, strerrordesc_np(error));
+  }
+  return ParseConfig(text);
+}
+
+ConfigValues ReadDeviceConfig() { return ReadConfigFile("/mnt/ext1/system/config/device.cfg"); }
+
+const std::string* Find(const ConfigValues& values, std::string_view key) {
+  const auto found = values.find(key);
+  return found == values.end() ? nullptr : &found->second;
+}
+
+std::optional<int> ParseInt(std::string_view text) {
+  int number = 0;
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  if (result.ec != std::errc() || result.ptr != end) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+int IntOf(const ConfigValues& values, std::string_view key, int default_value) {
+  const std::string* text = Find(values, key);
+  return text == nullptr ? default_value : ParseInt(*text).value_or(default_value);
+}
+
+}  // namespace corvane
+
+CorvaneConfig* OpenConfig(const char* path, int flags) {
+  if (path == nullptr || flags != 0) {
+    return nullptr;
+  }
+  auto* config = new (std::nothrow) CorvaneConfig(path);
+  RefreshConfig(config);
+  return config;
+}
+
+const char* ReadString(CorvaneConfig* config, const char* key, const char* default_value) {
+  if (config == nullptr || key == nullptr) {
+    return default_value;
+  }
+  const std::lock_guard lock(config->mutex);
+  const std::string* text = corvane::Find(corvane::LoadedValues(config), key);
+  return text == nullptr ? default_value : text->c_str();
+}
+
+int ReadInt(CorvaneConfig* config, const char* key, int default_value) {
+  if (config == nullptr || key == nullptr) {
+    return default_value;
+  }
+  const std::lock_guard lock(config->mutex);
+  return corvane::IntOf(corvane::LoadedValues(config), key, default_value);
+}
+
+void CloseConfigNoSave(CorvaneConfig* config) {
+  if (config != g_corvane.global_config) {
+    delete config;
+  }
+}
+
+void RefreshConfig(CorvaneConfig* config) {
+  if (config == nullptr) {
+    return;
+  }
+  const std::lock_guard lock(config->mutex);
+  config->values = corvane::ReadConfigFile(config->path.c_str());
+}

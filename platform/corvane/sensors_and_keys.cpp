@@ -1,0 +1,243 @@
+#include <dirent.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "corvane/config.h"
+#include "corvane/corvane.h"
+#include "corvane/device_files.h"
+#include "corvane/log.h"
+
+namespace corvane {
+namespace {
+
+// An acceleration in milli-g along the screen's axes: x to the right, y up, z towards the reader.
+// At rest the axis that points away from the ground reads 1000.
+struct Acceleration {
+  int x = 0;
+  int y = 0;
+  int z = 0;
+};
+
+// The orientation codes: how far the device is turned clockwise, in quarter turns.
+enum Orientation { kUpright = 0, kTurnedRight = 1, kUpsideDown = 2, kTurnedLeft = 3 };
+
+// ---- The accelerometer ----
+
+std::optional<Acceleration> OfAxes(std::optional<int> x, std::optional<int> y,
+                                   std::optional<int> z) {
+  if (!x || !y || !z) {
+    return std::nullopt;
+  }
+  return Acceleration{*x, *y, *z};
+}
+
+std::optional<double> ReadNumber(const std::string& device_path) {
+  std::string text;
+  if (ReadRegularFile(device_path.c_str(), 4096, &text) != 0) {
+    return std::nullopt;
+  }
+  double number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc() || !std::isfinite(number)) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+// One axis of a sensor of the kernel's Industrial I/O subsystem: (raw + offset) * scale is in
+// m/s^2; offset and scale stand in a file of the axis or in one for all three.
+std::optional<int> ReadAxis(const std::string& sensor, const char* axis) {
+  const std::string of_axis = sensor + "/in_accel_" + axis;
+  const std::string of_all = sensor + "/in_accel";
+  const auto raw = ReadNumber(of_axis + "_raw");
+  auto scale = ReadNumber(of_axis + "_scale");
+  if (!scale) {
+    scale = ReadNumber(of_all + "_scale");
+  }
+  if (!raw || !scale) {
+    return std::nullopt;
+  }
+  auto offset = ReadNumber(of_axis + "_offset");
+  if (!offset) {
+    offset = ReadNumber(of_all + "_offset");
+  }
+  constexpr double kStandardGravity = 9.80665;
+  const double milli_g = (*raw + offset.value_or(0)) * *scale * 1000 / kStandardGravity;
+  if (!(std::abs(milli_g) < std::numeric_limits<int>::max())) {
+    return std::nullopt;
+  }
+  return static_cast<int>(std::lround(milli_g));
+}
+
+std::optional<Acceleration> ReadSensor(const std::string& sensor) {
+  return OfAxes(ReadAxis(sensor, "x"), ReadAxis(sensor, "y"), ReadAxis(sensor, "z"));
+}
+
+// The reading of the kernel's first accelerometer by name.
+std::optional<Acceleration> ReadKernelSensor() {
+  const std::string folder = "/sys/bus/iio/devices/";
+  const std::unique_ptr<DIR, int (*)(DIR*)> devices(opendir(HostPath(folder.c_str()).c_str()),
+                                                    closedir);
+  if (devices == nullptr) {
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(devices.get())) {
+    names.emplace_back(static_cast<const char*>(entry->d_name));
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    if (name.starts_with("iio:device")) {
+      if (const auto reading = ReadSensor(std::string(folder).append(name))) {
+        return reading;
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+// Parses "x,y,z".
+std::optional<Acceleration> ParseAcceleration(std::string_view text) {
+  const size_t first = text.find(',');
+  const size_t second = first == text.npos ? text.npos : text.find(',', first + 1);
+  if (second == text.npos) {
+    return std::nullopt;
+  }
+  const auto x = ParseInt(text.substr(0, first));
+  const auto y = ParseInt(text.substr(first + 1, second - first - 1));
+  const auto z = ParseInt(text.substr(second + 1));
+  return OfAxes(x, y, z);
+}
+
+// What device.cfg says wins over the kernel, so that a profile can stand for another device.
+std::optional<Acceleration> ReadAcceleration(const ConfigValues& values) {
+  const std::string* text = Find(values, "gsensor");
+  if (text == nullptr) {
+    return ReadKernelSensor();
+  }
+  if (*text == "none") {
+    return std::nullopt;
+  }
+  const auto reading = ParseAcceleration(*text);
+  if (!reading) {
+    CORVANE_LOG(kLogError, "gsensor is neither none nor three numbers x,y,z: \"%s\"",
+                text->c_str());
+  }
+  return reading;
+}
+
+int ScreenOrientation(const ConfigValues& values) { return IntOf(values, "orientation", kUpright); }
+
+// A device that lies flat says nothing about how it is turned: it keeps the screen's orientation.
+int OrientationFrom(const Acceleration& reading, const ConfigValues& values) {
+  constexpr int64_t kLeastTilt = 500;  // milli-g: 30 degrees
+  const int64_t across = std::abs(int64_t{reading.x});
+  const int64_t along = std::abs(int64_t{reading.y});
+  if (std::max(across, along) < kLeastTilt) {
+    return ScreenOrientation(values);
+  }
+  if (along >= across) {
+    return reading.y > 0 ? kUpright : kUpsideDown;
+  }
+  return reading.x < 0 ? kTurnedRight : kTurnedLeft;
+}
+
+void StoreIfWanted(int value, int* out) {
+  if (out != nullptr) {
+    *out = value;
+  }
+}
+
+// ---- Keys ----
+
+// The two action lists of one mapping set; an empty text stands for no action.
+using ActionNames = std::array<std::vector<std::string>, 2>;
+
+ActionNames ReadActionNames(int mapping_set, size_t count) {
+  const ConfigValues values = ReadDeviceConfig();
+  constexpr std::array<const char*, 2> kLists = {".first.", ".second."};
+  ActionNames names;
+  for (size_t list = 0; list < kLists.size(); ++list) {
+    const std::string prefix = "key." + std::to_string(mapping_set) + kLists[list];
+    for (size_t button = 0; button < count; ++button) {
+      const std::string* name = Find(values, prefix + std::to_string(button));
+      names[list].push_back(name == nullptr ? std::string() : *name);
+    }
+  }
+  return names;
+}
+
+void Publish(const std::vector<std::string>& names, const char** actions, size_t count) {
+  for (size_t i = 0; actions != nullptr && i < count; ++i) {
+    const bool assigned = i < names.size() && !names[i].empty();
+    actions[i] = assigned ? names[i].c_str() : nullptr;
+  }
+}
+
+// Parses a mask: decimal, or hex after "0x".
+std::optional<unsigned int> ParseMask(std::string_view text) {
+  const int base = text.starts_with("0x") || text.starts_with("0X") ? 16 : 10;
+  text.remove_prefix(base == 16 ? 2 : 0);
+  unsigned int mask = 0;
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, mask, base);
+  if (result.ec != std::errc() || result.ptr != end) {
+    return std::nullopt;
+  }
+  return mask;
+}
+
+}  // namespace
+}  // namespace corvane
+
+int ReadGSensor(int* x, int* y, int* z) {
+  const corvane::ConfigValues values = corvane::ReadDeviceConfig();
+  const auto reading = corvane::ReadAcceleration(values);
+  if (!reading) {
+    return -1;
+  }
+  corvane::StoreIfWanted(reading->x, x);
+  corvane::StoreIfWanted(reading->y, y);
+  corvane::StoreIfWanted(reading->z, z);
+  return corvane::OrientationFrom(*reading, values);
+}
+
+int GetOrientation(void) { return corvane::ScreenOrientation(corvane::ReadDeviceConfig()); }
+
+void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** second_actions,
+                     int count) {
+  constexpr size_t kButtons = 32;
+  // A caller compares the mappings of two sets, so the names of the last calls stay.
+  constexpr size_t kCallsKept = 4;
+  thread_local std::array<corvane::ActionNames, kCallsKept> kept;
+  thread_local size_t next = 0;
+
+  const size_t wanted = count > 0 ? static_cast<size_t>(count) : 0;
+  corvane::ActionNames& names = kept[next++ % kCallsKept];
+  names = corvane::ReadActionNames(mapping_set, std::min(wanted, kButtons));
+  corvane::Publish(names[0], first_actions, wanted);
+  corvane::Publish(names[1], second_actions, wanted);
+}
+
+unsigned int QueryDeviceButtons(void) {
+  const corvane::ConfigValues values = corvane::ReadDeviceConfig();
+  const std::string* text = corvane::Find(values, "buttons");
+  if (text == nullptr) {
+    return 0;
+  }
+  const auto mask = corvane::ParseMask(*text);
+  if (!mask) {
+    CORVANE_LOG(kLogError, "buttons is no mask of 32 bits: \"%s\"", text->c_str());
+  }
+  return mask.value_or(0);
+}
