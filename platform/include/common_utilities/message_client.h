@@ -25,7 +25,11 @@ class __attribute__((visibility("default"))) MessageClient {
   // Prepares to send to the endpoint whose name is the `name_length` bytes at `name`, NULs
   // included; the name is copied. Messages of up to `capacity` bytes can then be sent.
   //
-  // EINVAL: `name` is null or empty. ENAMETOOLONG: the name does not fit a socket address.
+  // The host implementation lets the environment variable VELMORA_MESSAGE_ENDPOINT, when it is set
+  // and not empty, name another endpoint: a NUL, its text, a NUL.
+  //
+  // EINVAL: `name` is null or empty. ENAMETOOLONG: the name does not fit a socket address. A failed
+  // Init leaves the client as it was.
   int Init(const char* name, unsigned int name_length, unsigned int capacity);
 
   // Delivers the `size` bytes at `data` as one message, whole or not at all. Waits for a full

@@ -27,7 +27,8 @@ namespace velmora::utilities {
 // Writers fail when the stream is, or goes, into a failed state. Readers fail when the stream ends
 // early; they never trust a length they read, so memory stays bounded by what the stream really
 // holds. A destination must not be null; after a failed read of a number it holds what it held
-// before, after a failed read of a text or list it holds the part that was read.
+// before, after a failed read of a text or list it holds the part that was read (the last text of
+// the list may be cut short). What the stream's own buffer or an allocation throws passes through.
 class __attribute__((visibility("default"))) SerializationUtils {
  public:
   static int SerializeInt16(short value, std::ostream& out);
@@ -49,6 +50,7 @@ class __attribute__((visibility("default"))) SerializationUtils {
   static int DeserializeUChar(std::istream& in, unsigned char* value);
   static int DeserializeString(std::istream& in, std::string* value);
   static int DeserializeStringVec(std::istream& in, std::vector<std::string>* value);
+  // The text ends at the first NUL.
   static int DeserializeLanguage(std::istream& in, std::string* value);
   static int DeserializeTimestamp(std::istream& in, long long* value);
 
