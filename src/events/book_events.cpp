@@ -1,0 +1,35 @@
+#include "src/events/book_events.h"
+
+#include "src/events/book_texts.h"
+
+namespace velmora::usage_stat {
+
+OpenBookEvent::OpenBookEvent(std::int32_t book_id, const char* language, const char* c, bool d,
+                             std::int16_t e, std::int32_t f, std::int16_t g, std::int32_t h,
+                             const std::string& file_name, const char* i, const char* j,
+                             const char* k, const char* l)
+    : Event(EventFactory::kOpenBook),
+      book_id_(book_id),
+      language_(LanguageCode(language)),
+      c_(TextOrEmpty(c)),
+      d_(d),
+      e_(e),
+      f_(f),
+      g_(g),
+      h_(h),
+      file_name_(file_name),
+      i_(TextOrEmpty(i)),
+      j_(TextOrEmpty(j)),
+      k_(TextOrEmpty(k)),
+      l_(TextOrEmpty(l)) {}
+
+void OpenBookEvent::AppendFirstList(const char* const* texts) { AppendTexts(texts, &first_list_); }
+
+void OpenBookEvent::AppendSecondList(const char* const* texts) {
+  AppendTexts(texts, &second_list_);
+}
+
+STAT_DEFINE_STREAM_OPERATIONS(StartOpenBookEvent)
+STAT_DEFINE_STREAM_OPERATIONS(OpenBookEvent)
+
+}  // namespace velmora::usage_stat

@@ -1,0 +1,101 @@
+// Openings of books. A book is named by the id of its path, never by the path itself.
+
+#ifndef EVENTS_BOOK_EVENTS_H_
+#define EVENTS_BOOK_EVENTS_H_
+
+#include "src/stat_event/event.h"
+#include "src/stat_event/fields.h"
+
+namespace velmora::usage_stat {
+
+// A flag that travels as an Int16. Only exactly 1 reads as true: the collector has always taken any
+// other number, 2 and -1 included, for false.
+struct ExactlyOneInt16 {
+  static constexpr const char* kPrimitive = Int16::kPrimitive;
+  static int Write(bool value, std::ostream& out) { return Int16::Write(value ? 1 : 0, out); }
+  static int Read(std::istream& in, bool* value) {
+    std::int16_t number = 0;
+    const int err = Int16::Read(in, &number);
+    if (err == 0) *value = number == 1;
+    return err;
+  }
+};
+
+// An application begins to open a book.
+class StartOpenBookEvent : public Event {
+ public:
+  StartOpenBookEvent() : Event(EventFactory::kStartOpenBook) {}
+  int WriteStateToStream(std::ostream& out) override;
+  int ReadStateFromStream(std::istream& in) override;
+
+  static constexpr auto Fields() {
+    return std::tuple{
+        Field{"book_id", Int32{}, &StartOpenBookEvent::book_id_},
+        Field{"application", UInt16{}, &StartOpenBookEvent::application_},
+        Field{"a", UChar{}, &StartOpenBookEvent::a_},
+        Field{"b", String{}, &StartOpenBookEvent::b_},
+    };
+  }
+
+  std::int32_t book_id_ = 0;
+  std::uint16_t application_ = 0;
+  std::uint8_t a_ = 0;
+  std::string b_;
+};
+
+// A book is open.
+class OpenBookEvent : public Event {
+ public:
+  OpenBookEvent() : Event(EventFactory::kOpenBook) {}
+  // Null texts become empty; the language is cut to 2 characters; both lists start empty.
+  OpenBookEvent(std::int32_t book_id, const char* language, const char* c, bool d, std::int16_t e,
+                std::int32_t f, std::int16_t g, std::int32_t h, const std::string& file_name,
+                const char* i, const char* j, const char* k, const char* l);
+
+  // Append copies of a list's texts up to its first null element; a null list is an empty one.
+  void AppendFirstList(const char* const* texts);
+  void AppendSecondList(const char* const* texts);
+
+  int WriteStateToStream(std::ostream& out) override;
+  int ReadStateFromStream(std::istream& in) override;
+
+  static constexpr auto Fields() {
+    return std::tuple{
+        Field{"book_id", Int32{}, &OpenBookEvent::book_id_},
+        Field{"language", Language{}, &OpenBookEvent::language_},
+        Field{"first_list", StringVec{}, &OpenBookEvent::first_list_},
+        Field{"c", String{}, &OpenBookEvent::c_},
+        Field{"second_list", StringVec{}, &OpenBookEvent::second_list_},
+        Field{"d", ExactlyOneInt16{}, &OpenBookEvent::d_},
+        Field{"e", Int16{}, &OpenBookEvent::e_},
+        Field{"f", Int32{}, &OpenBookEvent::f_},
+        Field{"g", Int16{}, &OpenBookEvent::g_},
+        Field{"h", Int32{}, &OpenBookEvent::h_},
+        Field{"file_name", String{}, &OpenBookEvent::file_name_},
+        Field{"i", String{}, &OpenBookEvent::i_},
+        Field{"j", String{}, &OpenBookEvent::j_},
+        Field{"k", String{}, &OpenBookEvent::k_},
+        Field{"l", String{}, &OpenBookEvent::l_},
+    };
+  }
+
+  std::int32_t book_id_ = 0;
+  std::string language_;
+  std::vector<std::string> first_list_;
+  std::string c_;
+  std::vector<std::string> second_list_;
+  bool d_ = false;
+  std::int16_t e_ = 0;
+  std::int32_t f_ = 0;
+  std::int16_t g_ = 0;
+  std::int32_t h_ = 0;
+  std::string file_name_;
+  std::string i_;
+  std::string j_;
+  std::string k_;
+  std::string l_;
+};
+
+}  // namespace velmora::usage_stat
+
+#endif  // EVENTS_BOOK_EVENTS_H_

@@ -1,0 +1,15 @@
+#include "src/events/device_events.h"
+
+namespace velmora::usage_stat {
+
+STAT_DEFINE_STREAM_OPERATIONS(TurnOnEvent)
+STAT_DEFINE_STREAM_OPERATIONS(TurnOffEvent)
+STAT_DEFINE_STREAM_OPERATIONS(OrientationEvent)
+STAT_DEFINE_STREAM_OPERATIONS(NewJournalFileEvent)
+STAT_DEFINE_STREAM_OPERATIONS(OpenJournalFileEvent)
+STAT_DEFINE_STREAM_OPERATIONS(SendArchiveEvent)
+STAT_DEFINE_STREAM_OPERATIONS(DeleteArchiveEvent)
+STAT_DEFINE_STREAM_OPERATIONS(ForceRotationEvent)
+STAT_DEFINE_STREAM_OPERATIONS(StatisticsSettingsChangedEvent)
+
+}  // namespace velmora::usage_stat

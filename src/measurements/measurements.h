@@ -1,0 +1,54 @@
+// The measurements and their probes.
+//
+// Each Measure() fills the wrapped event from the device and returns 0. Texts that the platform
+// must not return null for (language, partner name, serial number) raise std::logic_error when it
+// does.
+
+#ifndef MEASUREMENTS_MEASUREMENTS_H_
+#define MEASUREMENTS_MEASUREMENTS_H_
+
+#include "src/events/events.h"
+#include "src/measurements/measurement.h"
+
+namespace velmora::usage_stat {
+
+class OrientationMeasurement
+    : public Measurement<OrientationEvent, EventFactory::kOrientationMeasurement> {
+ public:
+  int Measure();
+};
+
+// The class is known by this spelling throughout the system.
+class KeyboradMappingMeasurement
+    : public Measurement<KeyboardSettingsEvent, EventFactory::kKeyboardMappingMeasurement> {
+ public:
+  int Measure();
+
+ private:
+  // Appends the assignments of mapping set `set` (0 to 2) to `mapping`.
+  void FillList(int set, std::vector<Keymapping>* mapping);
+};
+
+class LanguageMeasurement
+    : public Measurement<LanguageChangeEvent, EventFactory::kLanguageMeasurement> {
+ public:
+  int Measure();
+};
+
+class DeviceInfoMeasurement
+    : public Measurement<DeviceInfoEvent, EventFactory::kDeviceInfoMeasurement> {
+ public:
+  int Measure();
+};
+
+class VersionMeasurement : public Measurement<VersionEvent, EventFactory::kVersionMeasurement> {
+ public:
+  int Measure();
+};
+
+// Whether the device's global configuration allows statistics; it does unless it says otherwise.
+bool IsStatisticsEnabled();
+
+}  // namespace velmora::usage_stat
+
+#endif  // MEASUREMENTS_MEASUREMENTS_H_

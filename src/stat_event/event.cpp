@@ -1,0 +1,55 @@
+#include "src/stat_event/event.h"
+
+#include <common_utilities/serialization_utils.h>
+#include <time.h>
+
+#include "src/stat_event/check.h"
+
+namespace velmora::usage_stat {
+
+using utilities::SerializationUtils;
+
+namespace {
+
+long long MillisecondsSinceEpoch() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+Event::Event(EventFactory::EventType type) : type_(type), timestamp_(MillisecondsSinceEpoch()) {}
+
+Event::~Event() = default;
+
+int Event::WriteToStream(std::ostream& out) {
+  STAT_RETURN_IF(EventFactory::kNone == type_, VM_FAILED);
+  int err = SerializationUtils::SerializeInt16(static_cast<short>(type_), out);
+  STAT_RETURN_UNLESS(0 == err, VM_FAILED);
+  err = SerializationUtils::SerializeTimestamp(timestamp_, out);
+  STAT_RETURN_UNLESS(0 == err, VM_FAILED);
+  return WriteStateToStream(out);
+}
+
+Event* Event::CreateFromStream(std::istream& in) {
+  short code = 0;
+  int err = SerializationUtils::DeserializeInt16(in, &code);
+  STAT_RETURN_UNLESS(0 == err, NULL);
+  long long timestamp = 0;
+  err = SerializationUtils::DeserializeTimestamp(in, &timestamp);
+  STAT_RETURN_UNLESS(0 == err, NULL);
+
+  const auto type = static_cast<EventFactory::EventType>(code);
+  Event* event = EventFactory::CreateEvent(type);
+  // The factory makes an object of the type asked for or none, so there is nothing to delete here.
+  STAT_RETURN_IF(!event || event->type_ != type, NULL);
+  event->timestamp_ = timestamp;
+  if (event->ReadStateFromStream(in) != 0) {
+    delete event;
+    return nullptr;
+  }
+  return event;
+}
+
+}  // namespace velmora::usage_stat

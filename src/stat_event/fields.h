@@ -1,0 +1,162 @@
+// How an event states its payload once, and the runner that writes and reads it.
+//
+// An event class lists its fields in wire order:
+//
+//   static constexpr auto Fields() {
+//     return std::tuple{Field{"a", Int16{}, &GoToPageEvent::a_}, ...};
+//   }
+//
+// and defines both stream operations in its source file with STAT_DEFINE_STREAM_OPERATIONS(Class).
+// Writer, reader and the named dump of the tools all run over that one list. The codec belongs to
+// the list because it does not always follow from the member's type.
+
+#ifndef STAT_EVENT_FIELDS_H_
+#define STAT_EVENT_FIELDS_H_
+
+#include <common_utilities/serialization_utils.h>
+
+#include <cstdint>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "src/stat_event/check.h"
+
+namespace velmora::usage_stat {
+
+// ---- Codecs: one value on the wire. Write and Read return 0 or the primitive's failure. ----
+
+// The codec of a primitive that carries a member of type `Value` as it is.
+#define STAT_PRIMITIVE_CODEC(Primitive, Value)                                 \
+  struct Primitive {                                                           \
+    static constexpr const char* kPrimitive = #Primitive;                      \
+    static int Write(const Value& value, std::ostream& out) {                  \
+      return utilities::SerializationUtils::Serialize##Primitive(value, out);  \
+    }                                                                          \
+    static int Read(std::istream& in, Value* value) {                          \
+      return utilities::SerializationUtils::Deserialize##Primitive(in, value); \
+    }                                                                          \
+  };
+
+STAT_PRIMITIVE_CODEC(Int16, std::int16_t)
+STAT_PRIMITIVE_CODEC(UInt16, std::uint16_t)
+STAT_PRIMITIVE_CODEC(Int32, std::int32_t)
+STAT_PRIMITIVE_CODEC(Char, char)
+STAT_PRIMITIVE_CODEC(UChar, std::uint8_t)
+STAT_PRIMITIVE_CODEC(String, std::string)
+STAT_PRIMITIVE_CODEC(StringVec, std::vector<std::string>)
+STAT_PRIMITIVE_CODEC(Language, std::string)
+
+#undef STAT_PRIMITIVE_CODEC
+
+// A 32-bit member of which only the low 16 bits travel; reading extends their sign.
+struct NarrowInt16 {
+  static constexpr const char* kPrimitive = Int16::kPrimitive;
+  static int Write(std::int32_t value, std::ostream& out) {
+    return Int16::Write(static_cast<std::int16_t>(value), out);
+  }
+  static int Read(std::istream& in, std::int32_t* value) {
+    std::int16_t narrow = 0;
+    const int err = Int16::Read(in, &narrow);
+    if (err == 0) *value = narrow;
+    return err;
+  }
+};
+
+// A flag that travels as a Char 0 or 1; any other byte than 0 reads as true.
+struct FlagChar {
+  static constexpr const char* kPrimitive = Char::kPrimitive;
+  static int Write(bool value, std::ostream& out) { return Char::Write(value ? 1 : 0, out); }
+  static int Read(std::istream& in, bool* value) {
+    char byte = 0;
+    const int err = Char::Read(in, &byte);
+    if (err == 0) *value = byte != 0;
+    return err;
+  }
+};
+
+// ---- Fields ----
+
+// One member of an event and its place in the payload.
+template <class FieldCodec, class Owner, class Member>
+struct Field {
+  using Codec = FieldCodec;
+
+  constexpr Field(const char* field_name, Codec, Member Owner::*field_member)
+      : name(field_name), member(field_member) {}
+
+  int Write(const Owner& owner, std::ostream& out) const {
+    return Codec::Write(owner.*member, out);
+  }
+  int Read(std::istream& in, Owner* owner) const { return Codec::Read(in, &(owner->*member)); }
+
+  const char* name;
+  Member Owner::*member;
+};
+
+template <class Codec, class Owner, class Member>
+Field(const char*, Codec, Member Owner::*) -> Field<Codec, Owner, Member>;
+
+// A piece of the payload that is not one member: its codec sees the whole event.
+template <class SectionCodec>
+struct Section {
+  using Codec = SectionCodec;
+
+  constexpr Section(const char* section_name, Codec) : name(section_name) {}
+
+  template <class Owner>
+  int Write(const Owner& owner, std::ostream& out) const {
+    return Codec::Write(owner, out);
+  }
+  template <class Owner>
+  int Read(std::istream& in, Owner* owner) const {
+    return Codec::Read(in, owner);
+  }
+
+  const char* name;
+};
+
+template <class Codec>
+Section(const char*, Codec) -> Section<Codec>;
+
+// Writes or reads the fields of `owner` in order. Stops at the first step that fails and returns
+// its result.
+template <class Owner>
+int WriteFields([[maybe_unused]] const Owner& owner, [[maybe_unused]] std::ostream& out) {
+  int err = 0;
+  std::apply(
+      [&](const auto&... field) {
+        static_cast<void>((... && ((err = field.Write(owner, out)) == 0)));
+      },
+      Owner::Fields());
+  return err;
+}
+
+template <class Owner>
+int ReadFields([[maybe_unused]] std::istream& in, [[maybe_unused]] Owner* owner) {
+  int err = 0;
+  std::apply(
+      [&](const auto&... field) {
+        static_cast<void>((... && ((err = field.Read(in, owner)) == 0)));
+      },
+      Owner::Fields());
+  return err;
+}
+
+}  // namespace velmora::usage_stat
+
+// Defines both stream operations of an event class from its Fields(). It stands in the class's
+// source file, so that each signature text exists once.
+#define STAT_DEFINE_STREAM_OPERATIONS(Class)         \
+  int Class::WriteStateToStream(std::ostream& out) { \
+    const int err = WriteFields(*this, out);         \
+    STAT_RETURN_UNLESS(0 == err, VM_FAILED);         \
+    return 0;                                        \
+  }                                                  \
+  int Class::ReadStateFromStream(std::istream& in) { \
+    const int err = ReadFields(in, this);            \
+    STAT_RETURN_UNLESS(0 == err, VM_FAILED);         \
+    return 0;                                        \
+  }
+
+#endif  // STAT_EVENT_FIELDS_H_

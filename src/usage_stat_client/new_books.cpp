@@ -1,0 +1,125 @@
+// Exported functions that report batches of new books.
+
+#include <corvane/corvane.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "include/usage_stat.h"
+#include "src/events/book_texts.h"
+#include "src/events/new_books_events.h"
+#include "src/usage_stat_client/book_path.h"
+#include "src/usage_stat_client/statistics_client.h"
+
+using namespace velmora::usage_stat;
+
+namespace {
+
+NewBookRecord RecordOf(const Stat_BookInfo& book) {
+  NewBookRecord record;
+  record.book_id_ = book.book_id;
+  record.language_ = LanguageCode(book.language);
+  AppendTexts(book.first_list, &record.first_list_);
+  record.file_type_ = TextOrEmpty(book.file_type);
+  AppendTexts(book.second_list, &record.second_list_);
+  record.n1_ = book.n1;
+  record.n2_ = book.n2;
+  record.file_name_ = TextOrEmpty(book.file_name);
+  record.s1_ = TextOrEmpty(book.s1);
+  record.s2_ = TextOrEmpty(book.s2);
+  record.isbn_ = TextOrEmpty(book.isbn);
+  record.s3_ = TextOrEmpty(book.s3);
+  return record;
+}
+
+// The descriptions of books that are known by path alone, and the memory behind them.
+//
+// All of them share one pair of lists, which hold the values of the last book. That is deliberate:
+// collectors have only ever received such batches so and read the lists as those of the batch.
+class DescribedBooks {
+ public:
+  DescribedBooks() = default;
+  DescribedBooks(const DescribedBooks&) = delete;
+  DescribedBooks& operator=(const DescribedBooks&) = delete;
+
+  void Add(const char* path) {
+    // A book that the platform can't read is described by its path alone.
+    static constexpr BookInfo kUnknown = {};
+    const BookInfo* found = GetBookInfo(path);
+    const BookInfo& info = found ? *found : kUnknown;
+    const std::string full_path(path);
+
+    Stat_BookInfo book = {};
+    book.book_id = Stat_GetBookId(path);
+    book.language = Copy(info.language);
+    ShareLists(info);
+    book.first_list = first_list_;
+    book.file_type = Copy(BatchFileType(full_path).c_str());
+    book.second_list = second_list_;
+    book.n1 = info.n1;
+    book.n2 = info.n2;
+    book.file_name = Copy(FileNameOr(full_path, "").c_str());
+    book.s1 = Copy(info.s1);
+    book.s2 = Copy(info.s2);
+    book.s3 = Copy(info.s3);
+    book.isbn = Copy(info.isbn ? info.isbn : GetBookISBN(path));
+    books_.push_back(book);
+  }
+
+  // One pointer for each book, then a null.
+  std::vector<const Stat_BookInfo*> Pointers() const {
+    std::vector<const Stat_BookInfo*> pointers;
+    pointers.reserve(books_.size() + 1);
+    for (const Stat_BookInfo& book : books_) pointers.push_back(&book);
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
+ private:
+  static constexpr std::size_t kNames = std::size(BookInfo{}.names);
+
+  const char* Copy(const char* text) { return text ? texts_.emplace_back(text).c_str() : nullptr; }
+
+  void ShareLists(const BookInfo& info) {
+    shared_texts_[0] = TextOrEmpty(info.primary_name);
+    first_list_[0] = shared_texts_[0].c_str();
+    for (std::size_t i = 0; i < kNames; ++i) {
+      shared_texts_[i + 1] = TextOrEmpty(info.names[i]);
+      second_list_[i] = shared_texts_[i + 1].c_str();
+    }
+  }
+
+  std::vector<Stat_BookInfo> books_;
+  std::deque<std::string> texts_;
+  std::string shared_texts_[1 + kNames];
+  const char* first_list_[1 + 1] = {};
+  const char* second_list_[kNames + 1] = {};
+};
+
+}  // namespace
+
+int Stat_NewBooksEvent(int count) {
+  NewBooksEvent event;
+  event.count_ = count;
+  return STAT_SEND(event);
+}
+
+int Stat_NewBooksEventEx(int count, const Stat_BookInfo* const* books,
+                         Stat_ApplicationId application) {
+  NewBooksEventEx event;
+  event.application_ = static_cast<std::int16_t>(application);
+  event.count_ = count;
+  if (event.CarriesRecords()) {
+    for (int i = 0; i < count && books[i]; ++i) event.records_.push_back(RecordOf(*books[i]));
+  }
+  return STAT_SEND(event);
+}
+
+int Stat_NewBooksEventSimple(int books_quantity, const char* const* bookPaths,
+                             Stat_ApplicationId application) {
+  STAT_RETURN_IF(books_quantity <= 0 || !bookPaths, VM_INVAL);
+  DescribedBooks books;
+  for (int i = 0; i < books_quantity && bookPaths[i]; ++i) books.Add(bookPaths[i]);
+  return Stat_NewBooksEventEx(books_quantity, books.Pointers().data(), application);
+}

@@ -1,0 +1,45 @@
+#include "src/usage_stat_client/statistics_client.h"
+
+#include <common_utilities/message_client.h>
+
+#include <ostream>
+
+#include "src/usage_stat_client/record_buffer.h"
+
+namespace velmora::usage_stat {
+
+namespace {
+
+// An abstract socket name: the NUL at the front and the one at the end both belong to it.
+constexpr char kEndpoint[19] = "\0usage_stat_event1";
+constexpr unsigned int kMaxMessage = 102400;
+
+}  // namespace
+
+int StaticsticsClient::SendEvent(Event* event) {
+  utilities::MessageClient client;
+  RecordBuffer record;
+  std::ostream stream(&record);
+  // The record comes first: an event that can't be written never touches the transport.
+  int err = event->WriteToStream(stream);
+  if (err != 0) {
+    STAT_LOG(1, "[pid:%d] err:[%d] ", err);
+    return err;
+  }
+  err = client.Init(kEndpoint, sizeof(kEndpoint), kMaxMessage);
+  if (err != 0) {
+    STAT_LOG(1, "[pid:%d] err:[%d] ", err);
+    return err;
+  }
+  return client.SendMessage(record.data(), static_cast<unsigned int>(record.size()));
+}
+
+int SendOrLog(Event* event, int line, const char* signature) {
+  const int err = StaticsticsClient::SendEvent(event);
+  if (err != 0) {
+    vm_print_log2(1, STAT_UNIT, line, signature, "[pid:%d] err:[%d] ", g_process_pid, err);
+  }
+  return err;
+}
+
+}  // namespace velmora::usage_stat
