@@ -37,3 +37,8 @@ if(USAGE_STAT_SANITIZE)
     add_compile_options(-fno-sanitize-recover=all)
   endif()
 endif()
+
+# A fuzzer sees which branches its input reaches in every library that it links.
+if(USAGE_STAT_BUILD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
