@@ -108,21 +108,27 @@ CORVANE_API unsigned int QueryDeviceButtons(void);
 
 /* ---- Book metadata ---- */
 
+/* Any text may be null: the book does not say. What the host platform puts into the fields whose
+ * meaning is the platform's is said in brackets; docs/book-metadata.md has the details. */
 typedef struct BookInfo {
   int file_type;            /* 1: a book */
   const char *path;         /* the path of the book, as the platform knows it */
   const char *language;     /* its language code */
-  const char *primary_name; /* goes into a record's first list */
-  const char *names[10];    /* go into a record's second list */
-  int n1;
-  short n2;
-  const char *s1, *s2, *s3, *isbn;
-} BookInfo; /* any text may be null */
+  const char *primary_name; /* goes into a record's first list [the first author] */
+  const char *names[10];    /* go into a record's second list [the other authors and helpers] */
+  int n1;                   /* [the year of publication, or 0] */
+  short n2;                 /* [the number in the series, or 0] */
+  const char *s1;           /* [the title] */
+  const char *s2;           /* [the series] */
+  const char *s3;           /* [the publisher] */
+  const char *isbn;         /* its International Standard Book Number */
+} BookInfo;
 
-/* The description of the book at `path`, or null when there is no such book. */
+/* The description of the book at `path`, looked up like the path of a configuration file when it is
+ * absolute. Null when there is no such file, when it is no book, or when the book is damaged. */
 CORVANE_API const BookInfo *GetBookInfo(const char *path);
 
-/* The ISBN of the book at `path`, or null when it has none. */
+/* The ISBN of the book at `path`, or null when it has none or there is no such book. */
 CORVANE_API const char *GetBookISBN(const char *path);
 
 #ifdef __cplusplus

@@ -1,0 +1,36 @@
+// Texts that books carry, made fit for a record.
+
+#ifndef PLATFORM_CORVANE_TEXT_H_
+#define PLATFORM_CORVANE_TEXT_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace corvane {
+
+// No single text of a book's description is longer, in bytes.
+inline constexpr size_t kMaxText = 1000;
+
+// `text` as valid UTF-8 in one line of at most kMaxText bytes: runs of blanks and control
+// characters become one space, what is no UTF-8 becomes U+FFFD, and the ends are trimmed.
+std::string CleanText(std::string_view text);
+
+// ASCII only, whatever the locale.
+std::string ToLower(std::string_view text);
+bool EndsWithIgnoringCase(std::string_view text, std::string_view suffix);
+
+// The ISBN that `text` holds as 13 digits, or "" when there is none whose check digit is right. An
+// ISBN of ten digits is turned into its longer form, so that one book has one ISBN. With
+// `marked` false the text may be any identifier, and only a long ISBN is told from one.
+std::string ParseIsbn(std::string_view text, bool marked);
+
+// The year at the start of a date such as 2023-03-06, or 0.
+int ParseYear(std::string_view date);
+
+// The whole part of a number such as "3" or "3.0", or 0 when it does not fit.
+int16_t ParseSeriesNumber(std::string_view text);
+
+}  // namespace corvane
+
+#endif  // PLATFORM_CORVANE_TEXT_H_
