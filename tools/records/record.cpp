@@ -1,0 +1,224 @@
+#include "tools/records/record.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <istream>
+#include <memory>
+#include <streambuf>
+
+#include "src/events/new_books_events.h"
+#include "src/stat_event/event.h"
+#include "src/stat_event/fields.h"
+#include "tools/records/catalogue.h"
+
+namespace velmora::usage_stat::records {
+
+namespace {
+
+using utilities::SerializationUtils;
+
+// A stream that reads `bytes` where they are.
+class ViewStream : private std::streambuf, public std::istream {
+ public:
+  explicit ViewStream(std::string_view bytes) : std::istream(static_cast<std::streambuf*>(this)) {
+    char* begin = const_cast<char*>(bytes.data());  // a get area is never written to
+    setg(begin, begin, begin + bytes.size());
+  }
+
+  std::size_t position() const { return static_cast<std::size_t>(gptr() - eback()); }
+};
+
+// How many bytes the value of `primitive` at the front of `bytes` needs at least, as far as these
+// tell: a text that is cut within its length needs that length first.
+std::size_t BytesNeeded(std::string_view primitive, std::string_view bytes) {
+  constexpr std::size_t kLength = 4;
+  const auto length_at = [bytes](std::size_t offset) {
+    std::size_t length = 0;
+    for (std::size_t i = kLength; i > 0; --i) {
+      length = length << 8 | static_cast<std::uint8_t>(bytes[offset + i - 1]);
+    }
+    return length;
+  };
+  if (primitive == "String") return bytes.size() < kLength ? kLength : kLength + length_at(0);
+  if (primitive == "StringVec") {
+    std::size_t end = kLength;
+    if (bytes.size() < end) return end;
+    for (std::size_t count = length_at(0); count > 0; --count) {
+      if (bytes.size() < end + kLength) return end + kLength;
+      end += kLength + length_at(end);
+      if (bytes.size() < end) return end;
+    }
+    return end;
+  }
+  if (primitive == "Char x20") return 20;
+  if (primitive == "Timestamp") return 8;
+  if (primitive == "Int32") return 4;
+  if (primitive == "Char" || primitive == "UChar") return 1;
+  return 2;  // Int16, UInt16, Language, Char x2
+}
+
+std::string Plural(std::size_t count, const char* noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// Traces one datagram; the sink of its payload.
+class Tracer : public FieldSink {
+ public:
+  explicit Tracer(std::string_view datagram) : datagram_(datagram), in_(datagram) {}
+
+  // Reads everything with the class of `type`; with the factory's class for null.
+  Trace Run(const RecordType* type) {
+    std::int16_t code = 0;
+    long long timestamp = 0;
+    Begin("type", "Int16");
+    if (SerializationUtils::DeserializeInt16(in_, &code) != 0) return Stop();
+    End(code);
+    Begin("timestamp", "Timestamp");
+    if (SerializationUtils::DeserializeTimestamp(in_, &timestamp) != 0) return Stop();
+    End(timestamp);
+
+    if (!type) type = FindType(code);
+    if (!type) {
+      Damage damage;
+      damage.reason = "unknown type code " + std::to_string(code);
+      damage.field = "type";
+      trace_.damage = std::move(damage);
+      return std::move(trace_);
+    }
+    trace_.event = type->event;
+    if (!type->trace(in_, this)) return Stop();
+    if (const std::size_t rest = datagram_.size() - in_.position(); rest != 0) {
+      Damage damage;
+      damage.offset = in_.position();
+      damage.left_over = rest;
+      damage.reason = Plural(rest, "byte") + " left over after the record";
+      trace_.damage = std::move(damage);
+    }
+    return std::move(trace_);
+  }
+
+  void Begin(const std::string& name, std::string_view primitive) override {
+    current_.offset = in_.position();
+    current_.name = name;
+    current_.primitive = primitive;
+  }
+
+  void End(Json value) override {
+    current_.size = in_.position() - current_.offset;
+    current_.value = std::move(value);
+    trace_.fields.push_back(current_);
+  }
+
+ private:
+  // The end of a trace that stopped at the current field.
+  Trace Stop() {
+    Damage damage;
+    damage.offset = current_.offset;
+    damage.field = current_.name;
+    const std::string_view rest = datagram_.substr(current_.offset);
+    const std::size_t needed = BytesNeeded(current_.primitive, rest);
+    if (needed > rest.size()) {
+      damage.missing = needed - rest.size();
+      damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
+                      std::to_string(current_.offset) + " lacks " + Plural(damage.missing, "byte");
+    } else {
+      damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
+                      std::to_string(current_.offset) + " holds a value that is out of place";
+    }
+    trace_.damage = std::move(damage);
+    return std::move(trace_);
+  }
+
+  std::string_view datagram_;
+  ViewStream in_;
+  TracedField current_;
+  Trace trace_;
+};
+
+// A batch of new books that ends, with its last field, before its count is reached: the sender met
+// a book that it could not describe. The library's reader refuses it, as it must.
+bool IsShortBatch(std::string_view datagram, NewBooksEventEx* batch) {
+  ViewStream in(datagram);
+  std::int16_t code = 0;
+  if (Int16::Read(in, &code) != 0 || code != EventFactory::kNewBooks) return false;
+  if (SerializationUtils::DeserializeTimestamp(in, &batch->timestamp_) != 0) return false;
+  if (Int32::Read(in, &batch->count_) != 0 || !batch->CarriesRecords()) return false;
+  while (datagram.size() - in.position() != sizeof(batch->application_)) {
+    if (ReadFields(in, &batch->records_.emplace_back()) != 0) return false;
+  }
+  return Int16::Read(in, &batch->application_) == 0;
+}
+
+// Tells a failed reading by what was read, field by field.
+Damage Diagnose(std::string_view datagram) {
+  Trace trace = TraceFields(datagram);
+  Damage damage = trace.damage.value_or(Damage{});
+  damage.event = trace.event;
+  for (const TracedField& field : trace.fields) {
+    if (field.name == "type") {
+      damage.type = field.value.get<int>();
+    } else {
+      damage.fields[field.name] = field.value;
+    }
+  }
+  NewBooksEventEx batch;
+  if (IsShortBatch(datagram, &batch)) {
+    damage.reason = "batch of " + std::to_string(batch.count_) + " books holds " +
+                    std::to_string(batch.records_.size());
+    damage.fields = FindType(EventFactory::kNewBooks)->fields_of(batch);
+  }
+  return damage;
+}
+
+Record RecordOf(const RecordType& type, const Event& event) {
+  return {event.type_, type.event, event.timestamp_, type.fields_of(event)};
+}
+
+// Reads `datagram` with the shorter class of its code, if there is one and it fits exactly.
+std::optional<Record> DecodeShorter(std::string_view datagram) {
+  ViewStream in(datagram);
+  std::int16_t code = 0;
+  long long timestamp = 0;
+  if (Int16::Read(in, &code) != 0) return std::nullopt;
+  const RecordType* type = FindShorterType(code);
+  if (!type || SerializationUtils::DeserializeTimestamp(in, &timestamp) != 0) return std::nullopt;
+  const std::unique_ptr<Event> event = type->read(in);
+  if (!event || in.position() != datagram.size()) return std::nullopt;
+  event->timestamp_ = timestamp;
+  return RecordOf(*type, *event);
+}
+
+}  // namespace
+
+std::variant<Record, Damage> Decode(std::string_view datagram) {
+  if (std::optional<Record> record = DecodeShorter(datagram)) return *std::move(record);
+  ViewStream in(datagram);
+  const std::unique_ptr<Event> event(Event::CreateFromStream(in));
+  if (!event || in.position() != datagram.size()) return Diagnose(datagram);
+  return RecordOf(*FindType(event->type_), *event);
+}
+
+Trace TraceFields(std::string_view datagram) {
+  ViewStream in(datagram);
+  std::int16_t code = 0;
+  if (Int16::Read(in, &code) == 0) {
+    if (const RecordType* shorter = FindShorterType(code)) {
+      Trace trace = Tracer(datagram).Run(shorter);
+      if (!trace.damage) return trace;
+    }
+  }
+  return Tracer(datagram).Run(nullptr);
+}
+
+Json ToJson(const Record& record) {
+  return {{"event", record.event},
+          {"type", record.type},
+          {"timestamp", record.timestamp},
+          {"fields", record.fields}};
+}
+
+std::string Dump(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace velmora::usage_stat::records

@@ -1,0 +1,73 @@
+// One datagram as people and databases want it: a named record, or where and why it is damaged.
+
+#ifndef TOOLS_RECORDS_RECORD_H_
+#define TOOLS_RECORDS_RECORD_H_
+
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace velmora::usage_stat::records {
+
+using Json = nlohmann::ordered_json;  // fields keep their order on the wire
+
+// A datagram that reads as exactly one record.
+struct Record {
+  int type = 0;             // type code
+  std::string_view event;   // name of the class that read it
+  long long timestamp = 0;  // milliseconds since the Unix epoch
+  Json fields;              // by name, in wire order
+};
+
+// A datagram that does not.
+struct Damage {
+  std::string reason;         // for people, one line
+  std::size_t offset = 0;     // of the field that could not be read, or of the first byte left over
+  std::string field;          // that field's name; empty when bytes are left over
+  std::size_t missing = 0;    // how many bytes the field lacks
+  std::size_t left_over = 0;  // how many bytes follow the record
+  std::optional<int> type;    // type code, if it could be read
+  std::string_view event;     // name of the class that tried; empty for an unknown type
+  Json fields = Json::object();  // what could be read
+};
+
+// Reads one datagram with the library's own classes.
+//
+// Two type codes are written by two classes each. For those the shorter class is tried first and
+// taken when it consumes the datagram exactly, because the factory would only make the longer one:
+// page turns and bare counts of new books would be lost. A batch of new books that holds fewer
+// books than its count is damaged, and reported with the books that were there.
+std::variant<Record, Damage> Decode(std::string_view datagram);
+
+// One field of a datagram, envelope included.
+struct TracedField {
+  std::size_t offset = 0;
+  std::size_t size = 0;
+  std::string name;       // such as "books[0].book_id"
+  std::string primitive;  // such as "Int32"
+  Json value;
+};
+
+struct Trace {
+  std::string_view event;  // the class that was tried; empty for an unknown type
+  std::vector<TracedField> fields;
+  std::optional<Damage> damage;
+};
+
+// Reads one datagram field by field, as far as it goes.
+Trace TraceFields(std::string_view datagram);
+
+// `record` as one object: event, type, timestamp, fields.
+Json ToJson(const Record& record);
+
+// `json` as text that is always valid UTF-8, whatever bytes the texts in it hold. One line unless
+// `indent` is given.
+std::string Dump(const Json& json, int indent = -1);
+
+}  // namespace velmora::usage_stat::records
+
+#endif  // TOOLS_RECORDS_RECORD_H_
