@@ -305,7 +305,7 @@ STAT_API int Stat_NewBooksEvent(int count);
 
 /* `application` found `count` new books. `books` has `count` elements, up to 100; a null element
  * ends the batch early, while `count` is sent as given. With a count below 1 or above 100 no book
- * is looked at, `books` may be null, and the count is sent alone. */
+ * is looked at and the count is sent alone; so it is when `books` is null. */
 STAT_API int Stat_NewBooksEventEx(int count, const Stat_BookInfo* const* books,
                                   Stat_ApplicationId application);
 

@@ -29,8 +29,7 @@ constexpr unsigned char kSerialKey[32] = {
     0x67, 0xa0, 0xc3, 0xe9, 0xd2, 0x1b, 0x54, 0xf8, 0xa6, 0xe0, 0x7c, 0x3d, 0x9b, 0x12, 0xf4, 0xa5,
 };
 
-// The partner is asked for anew for each comparison, as the platform's counters of such calls
-// expect.
+// The platform is asked once for each comparison; no answer of its is kept.
 bool PartnerReportsSerialNumber() {
   return std::any_of(std::begin(kReportingPartners), std::end(kReportingPartners),
                      [](int partner) { return GetCustomizedPartner() == partner; });
@@ -52,7 +51,7 @@ Bytes Encrypt(const std::string& plaintext, Bytes iv) {
                     static_cast<int>(plaintext.size()));
   int finished = 0;
   EVP_EncryptFinal_ex(context.get(), ciphertext.data() + updated, &finished);
-  ciphertext.resize(static_cast<std::size_t>(updated + finished));
+  ciphertext.resize(static_cast<std::size_t>(updated) + static_cast<std::size_t>(finished));
   return ciphertext;
 }
 

@@ -3,6 +3,8 @@
 #include <common_utilities/serialization_utils.h>
 #include <time.h>
 
+#include <memory>
+
 #include "src/stat_event/check.h"
 
 namespace velmora::usage_stat {
@@ -41,15 +43,11 @@ Event* Event::CreateFromStream(std::istream& in) {
   STAT_RETURN_UNLESS(0 == err, NULL);
 
   const auto type = static_cast<EventFactory::EventType>(code);
-  Event* event = EventFactory::CreateEvent(type);
-  // The factory makes an object of the type asked for or none, so there is nothing to delete here.
+  std::unique_ptr<Event> event(EventFactory::CreateEvent(type));
   STAT_RETURN_IF(!event || event->type_ != type, NULL);
   event->timestamp_ = timestamp;
-  if (event->ReadStateFromStream(in) != 0) {
-    delete event;
-    return nullptr;
-  }
-  return event;
+  if (event->ReadStateFromStream(in) != 0) return nullptr;
+  return event.release();
 }
 
 }  // namespace velmora::usage_stat

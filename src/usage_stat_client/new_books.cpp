@@ -110,7 +110,7 @@ int Stat_NewBooksEventEx(int count, const Stat_BookInfo* const* books,
   NewBooksEventEx event;
   event.application_ = static_cast<std::int16_t>(application);
   event.count_ = count;
-  if (event.CarriesRecords()) {
+  if (event.CarriesRecords() && books) {
     for (int i = 0; i < count && books[i]; ++i) event.records_.push_back(RecordOf(*books[i]));
   }
   return STAT_SEND(event);
