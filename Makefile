@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test demo clean
+.PHONY: all test test-armhf demo clean
 
 all:
 	scripts/setup build
@@ -12,6 +12,13 @@ all:
 
 test: all
 	ctest --preset $(PRESET)
+
+test-armhf:
+	scripts/setup build armhf
+	scripts/armhf-sysroot
+	cmake --preset armhf
+	cmake --build --preset armhf
+	ctest --preset armhf
 
 demo: all
 	examples/demo $(BUILD)

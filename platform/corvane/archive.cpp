@@ -1,6 +1,5 @@
 #include "corvane/archive.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,12 +36,9 @@ const char* ProblemOfDirectory(int fd) {
   constexpr size_t kEnd64Size = 20;
   constexpr size_t kMaxTail = 65535 + kEndSize + kEnd64Size;  // with the longest comment
 
-  struct stat status = {};
-  if (fstat(fd, &status) != 0) {
-    return "can't be examined";
-  }
+  const off_t size = lseek(fd, 0, SEEK_END);
   std::string tail;
-  if (lseek(fd, std::max<off_t>(status.st_size - off_t{kMaxTail}, 0), SEEK_SET) == -1 ||
+  if (size == -1 || lseek(fd, std::max<off_t>(size - off_t{kMaxTail}, 0), SEEK_SET) == -1 ||
       ReadUpTo(fd, kMaxTail, &tail) != 0) {
     return "can't be read";
   }
