@@ -1,0 +1,206 @@
+#include "tools/store/schema.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "tools/store/file.h"
+
+namespace velmora::usage_stat::store {
+
+namespace {
+
+// Ids are never used twice, also after the newest rows went to an archive: who follows the records
+// by id, or looks one up in an archive, relies on it.
+constexpr const char* kTables = R"sql(
+CREATE TABLE records(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  received_ms INTEGER NOT NULL,
+  pid INTEGER NOT NULL,
+  uid INTEGER NOT NULL,
+  type INTEGER NOT NULL,
+  event TEXT NOT NULL,
+  timestamp_ms INTEGER NOT NULL,
+  fields TEXT NOT NULL,
+  raw BLOB NOT NULL);
+CREATE INDEX records_by_time ON records(timestamp_ms);
+
+CREATE TABLE quarantine(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  run INTEGER NOT NULL,
+  received_ms INTEGER NOT NULL,
+  pid INTEGER NOT NULL,
+  uid INTEGER NOT NULL,
+  kind TEXT NOT NULL,
+  reason TEXT NOT NULL,
+  type INTEGER,
+  fields TEXT NOT NULL,
+  raw BLOB NOT NULL);
+
+CREATE TABLE runs(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  pid INTEGER NOT NULL,
+  endpoint TEXT NOT NULL,
+  started_ms INTEGER NOT NULL,
+  last_commit_ms INTEGER NOT NULL,
+  ended_ms INTEGER,
+  received INTEGER NOT NULL DEFAULT 0);
+
+CREATE TABLE tally(
+  run INTEGER NOT NULL,
+  uid INTEGER NOT NULL,
+  outcome TEXT NOT NULL,
+  reason TEXT NOT NULL,
+  count INTEGER NOT NULL,
+  last_ms INTEGER NOT NULL,
+  PRIMARY KEY(run, uid, outcome, reason)) WITHOUT ROWID;
+
+CREATE TABLE archives(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  path TEXT NOT NULL,
+  state TEXT NOT NULL,
+  created_ms INTEGER NOT NULL,
+  first_record INTEGER NOT NULL,
+  last_record INTEGER NOT NULL,
+  records INTEGER NOT NULL,
+  first_timestamp_ms INTEGER NOT NULL,
+  last_timestamp_ms INTEGER NOT NULL,
+  bytes INTEGER NOT NULL);
+)sql";
+
+// What SQLite's header says about a file, read without SQLite: opening somebody else's database
+// could already change it.
+enum class Kind { kMissing, kEmpty, kOurs };
+
+std::uint32_t BigEndian(const unsigned char* bytes) {
+  std::uint32_t value = 0;
+  for (int i = 0; i < 4; ++i) value = value << 8 | bytes[i];
+  return value;
+}
+
+Status Inspect(const std::string& path, Kind* kind) {
+  constexpr std::size_t kHeaderSize = 100;
+  constexpr std::size_t kUserVersionOffset = 60;
+  constexpr std::size_t kApplicationIdOffset = 68;
+
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    if (errno != ENOENT) return ErrnoStatus("cannot open " + path);
+    *kind = Kind::kMissing;
+    return {};
+  }
+  // Opening a FIFO would wait for its other end.
+  if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.is_open()) return ErrnoStatus("cannot open " + path);
+  std::array<unsigned char, kHeaderSize> header{};
+  const ssize_t size = pread(file.get(), header.data(), header.size(), 0);
+  if (size < 0) return ErrnoStatus("cannot read " + path);
+  if (size == 0) {
+    *kind = Kind::kEmpty;
+    return {};
+  }
+  if (static_cast<std::size_t>(size) < kHeaderSize ||
+      std::memcmp(header.data(), "SQLite format 3", 16) != 0 ||
+      BigEndian(header.data() + kApplicationIdOffset) != kApplicationId) {
+    return Status::Failed(path + " is not a database of usage-stat; it was left as it is");
+  }
+  if (const std::uint32_t version = BigEndian(header.data() + kUserVersionOffset);
+      version != kSchemaVersion) {
+    return Status::Failed(path + " has schema version " + std::to_string(version) +
+                          ", this program knows version " + std::to_string(kSchemaVersion) +
+                          "; it was left as it is");
+  }
+  *kind = Kind::kOurs;
+  return {};
+}
+
+// Makes the database under another name and gives it its own when it is complete, so that a file
+// that was only begun is never met.
+Status Create(const std::string& path) {
+  const std::string temporary = path + ".new." + std::to_string(getpid());
+  const Descriptor file(
+      open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!file.is_open()) return ErrnoStatus("cannot create " + path);
+  Status status;
+  {
+    Connection connection;
+    status = Connection::Open(temporary, Connection::Mode::kWrite, &connection);
+    if (status.ok()) status = InitializeSchema(&connection);
+  }
+  if (status.ok() && rename(temporary.c_str(), path.c_str()) != 0) {
+    status = ErrnoStatus("cannot create " + path);
+  }
+  if (!status.ok()) unlink(temporary.c_str());
+  return status;
+}
+
+}  // namespace
+
+Status InitializeSchema(Connection* connection) {
+  // The header's marks are written before the journal mode, while they still go to the file itself.
+  return connection->Execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA application_id = " +
+                             std::to_string(kApplicationId) + "; PRAGMA user_version = " +
+                             std::to_string(kSchemaVersion) + ";" + "BEGIN;" + kTables + "COMMIT;");
+}
+
+std::string DefaultDatabasePath() {
+  if (const char* path = std::getenv("USAGE_STAT_DATABASE"); path && *path) return path;
+  if (const char* folder = std::getenv("STATE_DIRECTORY"); folder && *folder) {
+    return std::string(folder) + "/records.db";
+  }
+  return "/var/lib/usage-stat/records.db";
+}
+
+std::string DefaultArchiveDirectory(const std::string& database_path) {
+  return std::filesystem::absolute(database_path).parent_path() / "archives";
+}
+
+Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
+  Kind kind{};
+  if (Status status = Inspect(path, &kind); !status.ok()) return status;
+  *created = kind != Kind::kOurs;
+  if (*created) {
+    if (Status status = Create(path); !status.ok()) return status;
+  }
+  if (Status status = Connection::Open(path, Connection::Mode::kWrite, connection); !status.ok()) {
+    return status;
+  }
+  // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
+  // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
+  return connection->Execute(
+      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = "
+      "4194304");
+}
+
+Status OpenForReading(const std::string& path, Connection* connection) {
+  Kind kind{};
+  if (Status status = Inspect(path, &kind); !status.ok()) return status;
+  if (kind != Kind::kOurs) {
+    return Status::Failed(kind == Kind::kMissing ? "there is no database " + path
+                                                 : path + " is empty");
+  }
+  if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
+    return status;
+  }
+  std::int64_t version = 0;
+  Status status = connection->Read("SELECT count(*) FROM sqlite_schema", &version);
+  // On a read-only medium SQLite can't make the files that it shares with writers. Then there are
+  // no writers either.
+  const bool unshareable =
+      (status.code & 0xff) == SQLITE_CANTOPEN || (status.code & 0xff) == SQLITE_READONLY;
+  if (unshareable && access((path + "-wal").c_str(), F_OK) != 0) {
+    status = Connection::Open(ImmutableUri(path), Connection::Mode::kRead, connection);
+  }
+  return status;
+}
+
+}  // namespace velmora::usage_stat::store

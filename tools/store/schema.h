@@ -1,0 +1,38 @@
+// The file that a collector keeps its records in: one SQLite database that any SQL tool opens.
+
+#ifndef TOOLS_STORE_SCHEMA_H_
+#define TOOLS_STORE_SCHEMA_H_
+
+#include <string>
+
+#include "tools/store/sqlite.h"
+
+namespace velmora::usage_stat::store {
+
+// Marks a database as ours, in the field of SQLite's header that is made for it ("USrd").
+constexpr int kApplicationId = 0x55537264;
+constexpr int kSchemaVersion = 1;
+
+// Where the records are when nobody says otherwise: the environment variable USAGE_STAT_DATABASE,
+// else records.db in $STATE_DIRECTORY, which systemd sets for a service, else
+// /var/lib/usage-stat/records.db.
+std::string DefaultDatabasePath();
+
+// The folder that the archives of a database go to by default: `archives`, beside it.
+std::string DefaultArchiveDirectory(const std::string& database_path);
+
+// Opens the database at `path` for writing, and creates it, readable for its owner alone, when
+// there is none or the file is empty. A file that is not ours, or of a newer version than this one
+// knows, is refused and left as it is, to the last byte.
+Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
+
+// Gives the empty database of `connection` our tables and marks.
+Status InitializeSchema(Connection* connection);
+
+// Opens the database at `path` for reading. Refuses what OpenForWriting() refuses, and a missing
+// file. Nothing is written except what SQLite itself needs beside a database that is in use.
+Status OpenForReading(const std::string& path, Connection* connection);
+
+}  // namespace velmora::usage_stat::store
+
+#endif  // TOOLS_STORE_SCHEMA_H_

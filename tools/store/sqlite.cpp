@@ -1,0 +1,170 @@
+#include "tools/store/sqlite.h"
+
+#include <sqlite3.h>
+
+#include <utility>
+
+namespace velmora::usage_stat::store {
+
+namespace {
+
+constexpr int kBusyWaitMs = 250;
+
+Status StatusOf(sqlite3* database, int result) {
+  if (result == SQLITE_OK || result == SQLITE_ROW || result == SQLITE_DONE) return {};
+  const char* text = database ? sqlite3_errmsg(database) : sqlite3_errstr(result);
+  return {database ? sqlite3_extended_errcode(database) : result, text};
+}
+
+int FlagsOf(Connection::Mode mode) {
+  switch (mode) {
+    case Connection::Mode::kRead:
+      return SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+    case Connection::Mode::kWrite:
+      return SQLITE_OPEN_READWRITE;
+    case Connection::Mode::kCreate:
+      return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  }
+  return 0;
+}
+
+}  // namespace
+
+Status Status::Failed(std::string message) { return {SQLITE_ERROR, std::move(message)}; }
+
+bool Status::is_transient() const {
+  switch (code & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_NOMEM:
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY:
+      return true;
+    default:
+      return false;
+  }
+}
+
+void Statement::Finalize::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+
+Statement& Statement::Bind(int index, std::int64_t value) {
+  sqlite3_bind_int64(statement_.get(), index, value);
+  return *this;
+}
+
+Statement& Statement::Bind(int index, std::string_view text) {
+  sqlite3_bind_text64(statement_.get(), index, text.data(), text.size(), SQLITE_STATIC,
+                      SQLITE_UTF8);
+  return *this;
+}
+
+Statement& Statement::BindBlob(int index, std::string_view bytes) {
+  // A null pointer would make a NULL of an empty blob.
+  sqlite3_bind_blob64(statement_.get(), index, bytes.empty() ? "" : bytes.data(), bytes.size(),
+                      SQLITE_STATIC);
+  return *this;
+}
+
+Statement& Statement::BindNull(int index) {
+  sqlite3_bind_null(statement_.get(), index);
+  return *this;
+}
+
+bool Statement::Step() {
+  result_ = sqlite3_step(statement_.get());
+  return result_ == SQLITE_ROW;
+}
+
+Status Statement::Run() {
+  while (Step()) {
+  }
+  Status status = this->status();
+  Reset();
+  return status;
+}
+
+void Statement::Reset() { sqlite3_reset(statement_.get()); }
+
+Status Statement::status() const { return StatusOf(sqlite3_db_handle(statement_.get()), result_); }
+
+bool Statement::IsNull(int column) const {
+  return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL;
+}
+
+std::int64_t Statement::Int(int column) const {
+  return sqlite3_column_int64(statement_.get(), column);
+}
+
+std::string_view Statement::Text(int column) const {
+  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_.get(), column));
+  return {bytes ? bytes : "",
+          static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
+}
+
+void Connection::Close::operator()(sqlite3* database) const { sqlite3_close_v2(database); }
+
+Status Connection::Open(const std::string& path, Mode mode, Connection* connection) {
+  sqlite3* database = nullptr;
+  const int result = sqlite3_open_v2(path.c_str(), &database, FlagsOf(mode), nullptr);
+  connection->database_.reset(database);
+  if (result != SQLITE_OK) return StatusOf(database, result);
+  sqlite3_extended_result_codes(database, 1);
+  sqlite3_busy_timeout(database, kBusyWaitMs);
+  // A database may come from elsewhere: its schema must not run anything.
+  sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  return {};
+}
+
+Status Connection::Execute(const std::string& sql) {
+  return StatusOf(handle(), sqlite3_exec(handle(), sql.c_str(), nullptr, nullptr, nullptr));
+}
+
+Status Connection::Prepare(std::string_view sql, Statement* statement) {
+  sqlite3_stmt* prepared = nullptr;
+  const int result =
+      sqlite3_prepare_v2(handle(), sql.data(), static_cast<int>(sql.size()), &prepared, nullptr);
+  *statement = Statement(prepared);
+  return StatusOf(handle(), result);
+}
+
+Status Connection::Read(std::string_view sql, std::int64_t* value) {
+  Statement statement;
+  if (Status status = Prepare(sql, &statement); !status.ok()) return status;
+  if (!statement.Step()) {
+    const Status status = statement.status();
+    return status.ok() ? Status::Failed("no row") : status;
+  }
+  *value = statement.Int(0);
+  return {};
+}
+
+Status Connection::Read(std::string_view sql, std::string* value) {
+  Statement statement;
+  if (Status status = Prepare(sql, &statement); !status.ok()) return status;
+  if (!statement.Step()) {
+    const Status status = statement.status();
+    return status.ok() ? Status::Failed("no row") : status;
+  }
+  *value = statement.Text(0);
+  return {};
+}
+
+std::int64_t Connection::LastId() const { return sqlite3_last_insert_rowid(handle()); }
+
+std::int64_t Connection::Changes() const { return sqlite3_changes64(handle()); }
+
+bool Connection::in_transaction() const { return sqlite3_get_autocommit(handle()) == 0; }
+
+Transaction::~Transaction() {
+  // Some failures have taken the transaction back already.
+  if (connection_->in_transaction()) (void)connection_->Execute("ROLLBACK");
+}
+
+Status Transaction::Begin() { return connection_->Execute("BEGIN IMMEDIATE"); }
+
+Status Transaction::Commit() { return connection_->Execute("COMMIT"); }
+
+}  // namespace velmora::usage_stat::store
