@@ -1,0 +1,73 @@
+#include <common_utilities/message_client.h>
+#include <common_utilities/serialization_utils.h>
+
+#include <istream>
+#include <ostream>
+
+#include "tests/support/recording/recorder.h"
+
+namespace velmora::utilities {
+
+using usage_stat_test::Recorded;
+
+namespace {
+
+constexpr int kStepError = 77;
+
+template <class Value>
+int Write(const char* primitive, const Value& value, std::ostream& out) {
+  if (++Recorded().steps == Recorded().failing_step) return kStepError;
+  out << primitive << ' ' << value << "; ";
+  return 0;
+}
+
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) joined += '[' + text + ']';
+  return joined;
+}
+
+}  // namespace
+
+MessageClient::MessageClient() : address_(), address_length_(0), capacity_(0) {
+  Recorded().calls.emplace_back("MessageClient");
+  Recorded().steps = 0;
+}
+
+MessageClient::~MessageClient() { Recorded().calls.emplace_back("~MessageClient"); }
+
+int MessageClient::Init(const char* name, unsigned int name_length, unsigned int capacity) {
+  Recorded().calls.push_back("Init " + std::string(name, name_length) + ' ' +
+                             std::to_string(capacity));
+  return Recorded().init_result;
+}
+
+int MessageClient::SendMessage(const char* data, unsigned int size) {
+  Recorded().calls.emplace_back("SendMessage");
+  Recorded().message.assign(data, size);
+  return Recorded().send_result;
+}
+
+#define RECORDED_PRIMITIVE(Primitive, Value, Text)                                      \
+  int SerializationUtils::Serialize##Primitive(Value value, std::ostream& out) {        \
+    return Write(#Primitive, Text, out);                                                \
+  }                                                                                     \
+  int SerializationUtils::Deserialize##Primitive(std::istream&, std::decay_t<Value>*) { \
+    return kStepError;                                                                  \
+  }
+
+RECORDED_PRIMITIVE(Int16, short, value)
+RECORDED_PRIMITIVE(UInt16, unsigned short, value)
+RECORDED_PRIMITIVE(Int32, int, value)
+RECORDED_PRIMITIVE(Char, char, int{static_cast<unsigned char>(value)})
+RECORDED_PRIMITIVE(UChar, unsigned char, int{value})
+RECORDED_PRIMITIVE(String, const std::string&, value)
+RECORDED_PRIMITIVE(StringVec, const std::vector<std::string>&, Joined(value))
+RECORDED_PRIMITIVE(Language, const std::string&, value)
+RECORDED_PRIMITIVE(Timestamp, long long, value > 0 ? "now" : "never")
+
+#undef RECORDED_PRIMITIVE
+
+std::string SerializationUtils::ToHex(const std::vector<unsigned char>&) { return "hex"; }
+
+}  // namespace velmora::utilities
