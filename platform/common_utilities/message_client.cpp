@@ -56,7 +56,7 @@ int SendWaiting(int descriptor, const Datagram& datagram) {
   for (;;) {
     const auto left = std::chrono::ceil<microseconds>(deadline - steady_clock::now());
     if (left <= microseconds::zero()) {
-      return EAGAIN;
+      return SendDatagram(descriptor, datagram, MSG_DONTWAIT);
     }
     timeval timeout{};
     timeout.tv_usec = static_cast<suseconds_t>(left.count());

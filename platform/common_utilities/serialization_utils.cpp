@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <istream>
@@ -21,14 +22,31 @@ constexpr std::size_t kTrustedBytes = 4096;
 
 constexpr std::size_t kLanguageSize = 2;
 
+// Opens the free room of a stream's buffer. Nearly every value fits there, and a copy into it is
+// far cheaper than a virtual call for each field.
+class PutArea : public std::streambuf {
+ public:
+  static bool Append(std::streambuf& buffer, const char* bytes, std::size_t size) {
+    char* const next = (buffer.*&PutArea::pptr)();
+    char* const end = (buffer.*&PutArea::epptr)();
+    if (static_cast<std::size_t>(end - next) < size || size > INT_MAX) {
+      return false;
+    }
+    std::copy(bytes, bytes + size, next);
+    (buffer.*&PutArea::pbump)(static_cast<int>(size));
+    return true;
+  }
+};
+
 // Bytes move between the caller and the stream's buffer directly: the ceremony of a formatted
 // operation around each field costs more than the field.
 int WriteBytes(const char* bytes, std::size_t size, std::ostream& out) {
   if (!out.good()) {
     return kFailed;
   }
+  std::streambuf& buffer = *out.rdbuf();
   const auto count = static_cast<std::streamsize>(size);
-  if (out.rdbuf()->sputn(bytes, count) != count) {
+  if (!PutArea::Append(buffer, bytes, size) && buffer.sputn(bytes, count) != count) {
     out.setstate(std::ios_base::badbit);
     return kFailed;
   }

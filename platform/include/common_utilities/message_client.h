@@ -17,6 +17,7 @@ class __attribute__((visibility("default"))) MessageClient {
   MessageClient();
 
   // Releases whatever Init acquired.
+  // NOLINTNEXTLINE(performance-trivially-destructible): another implementation may hold something
   ~MessageClient();
 
   MessageClient(const MessageClient&) = delete;
