@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf demo clean
+.PHONY: all test test-armhf demo bench bench-smoke bench-build contract clean
 
 all:
 	scripts/setup build
@@ -22,6 +22,23 @@ test-armhf:
 
 demo: all
 	examples/demo $(BUILD)
+
+# What calls cost, in tables.
+bench: bench-build
+	bench/run build/bench
+
+# Shows that the benchmarks run.
+bench-smoke: bench-build
+	bench/run build/bench --smoke
+
+# What calls may cost at most, by counting.
+contract: bench-build
+	bench/contract build/bench
+
+bench-build:
+	scripts/setup build bench
+	cmake --preset bench
+	cmake --build --preset bench
 
 clean:
 	rm -rf build

@@ -111,6 +111,7 @@ int Stat_NewBooksEventEx(int count, const Stat_BookInfo* const* books,
   event.application_ = static_cast<std::int16_t>(application);
   event.count_ = count;
   if (event.CarriesRecords() && books) {
+    event.records_.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count && books[i]; ++i) event.records_.push_back(RecordOf(*books[i]));
   }
   return STAT_SEND(event);

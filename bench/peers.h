@@ -1,0 +1,54 @@
+// The other ways to tell a local daemon that something happened, each with a receiver of its own
+// that takes what arrives and throws it away.
+
+#ifndef BENCH_PEERS_H_
+#define BENCH_PEERS_H_
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// A child process that runs `body`, which returns only on an error, until this object ends.
+class ChildProcess {
+ public:
+  // Returns once the child has called the function that it is handed.
+  using Ready = std::function<void()>;
+  explicit ChildProcess(const std::function<void(const Ready&)>& body);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+ private:
+  pid_t pid_;
+};
+
+// A child process that takes all datagrams from the address.
+std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t length);
+// The same at the abstract endpoint NUL, `endpoint`, NUL.
+std::unique_ptr<ChildProcess> DrainEndpoint(const std::string& endpoint);
+
+struct Sender {
+  std::string name;
+  std::function<void()> call;
+};
+
+// What any sender of `bytes` to `endpoint` must do at least: read the clock, and hand the bytes to
+// the kernel on a socket that is open already.
+Sender Floor(const std::string& endpoint, const std::string& bytes);
+// The same with a socket opened, connected and closed for each message.
+Sender PlainSocketContract(const std::string& endpoint, const std::string& bytes);
+
+// What applications use instead: the journal, syslog, a D-Bus signal and a statsd counter, sending
+// the fields of a page turn. Journal and syslog have fixed addresses in the file system, so their
+// receivers need /run and /dev to be this process's own; see in-private-mounts.
+std::vector<Sender> StartPeers();
+
+}  // namespace bench
+
+#endif  // BENCH_PEERS_H_
