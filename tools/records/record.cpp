@@ -80,6 +80,7 @@ class Tracer : public FieldSink {
     if (!type) type = FindType(code);
     if (!type) {
       Damage damage;
+      damage.kind = "unknown type";
       damage.reason = "unknown type code " + std::to_string(code);
       damage.field = "type";
       trace_.damage = std::move(damage);
@@ -91,6 +92,7 @@ class Tracer : public FieldSink {
       Damage damage;
       damage.offset = in_.position();
       damage.left_over = rest;
+      damage.kind = "bytes left over";
       damage.reason = Plural(rest, "byte") + " left over after the record";
       trace_.damage = std::move(damage);
     }
@@ -119,9 +121,11 @@ class Tracer : public FieldSink {
     const std::size_t needed = BytesNeeded(current_.primitive, rest);
     if (needed > rest.size()) {
       damage.missing = needed - rest.size();
+      damage.kind = "cut short";
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
                       std::to_string(current_.offset) + " lacks " + Plural(damage.missing, "byte");
     } else {
+      damage.kind = "value out of place";
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
                       std::to_string(current_.offset) + " holds a value that is out of place";
     }
@@ -154,15 +158,19 @@ Damage Diagnose(std::string_view datagram) {
   Trace trace = TraceFields(datagram);
   Damage damage = trace.damage.value_or(Damage{});
   damage.event = trace.event;
-  for (const TracedField& field : trace.fields) {
+  // The names differ by themselves. Looking for them, as the object's own operators do, would take
+  // time with the square of their number, which a stranger chooses.
+  auto& fields = damage.fields.get_ref<Json::object_t&>();
+  for (TracedField& field : trace.fields) {
     if (field.name == "type") {
       damage.type = field.value.get<int>();
     } else {
-      damage.fields[field.name] = field.value;
+      fields.Container::emplace_back(std::move(field.name), std::move(field.value));
     }
   }
   NewBooksEventEx batch;
   if (IsShortBatch(datagram, &batch)) {
+    damage.kind = "short batch";
     damage.reason = "batch of " + std::to_string(batch.count_) + " books holds " +
                     std::to_string(batch.records_.size());
     damage.fields = FindType(EventFactory::kNewBooks)->fields_of(batch);

@@ -25,6 +25,9 @@ struct Record {
 
 // A datagram that does not.
 struct Damage {
+  // Why, in a few fixed words that counts can be kept by: "cut short", "bytes left over",
+  // "unknown type", "value out of place", "short batch".
+  std::string_view kind;
   std::string reason;         // for people, one line
   std::size_t offset = 0;     // of the field that could not be read, or of the first byte left over
   std::string field;          // that field's name; empty when bytes are left over

@@ -23,7 +23,7 @@ namespace velmora::usage_stat::store {
 Status ArchiveRecords(const std::string& database_path, const std::string& directory,
                       std::optional<Archive>* archive);
 
-// Ends or takes back what a killed ArchiveRecords() left half done.
+// Ends, or takes back, what a killed ArchiveRecords() left half done.
 Status FinishArchives(const std::string& database_path);
 
 // What is kept. Zero means without limit.
@@ -40,11 +40,12 @@ Status ApplyRetention(const std::string& database_path, const Retention& retenti
 // with its archives, its place in the archive folder of `database_path`.
 std::string LocateArchive(const std::string& database_path, const Archive& archive);
 
-// Unpacks the archive at `path` into a new file. Damaged, or larger than the space left: a failure,
-// and no file.
+// Unpacks the archive at `path` into the file at `unpacked_path`. Fails when it is damaged or
+// larger than the space left.
 Status UnpackArchive(const std::string& path, const std::string& unpacked_path);
 
-// Whether the file at `path` begins as an archive does.
+// Whether `path` names an archive: by its ending, since a look into a database in use would disturb
+// the locks of this process's connections to it.
 bool IsArchive(const std::string& path);
 
 }  // namespace velmora::usage_stat::store

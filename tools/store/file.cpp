@@ -1,8 +1,12 @@
 #include "tools/store/file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 
 namespace velmora::usage_stat::store {
 
@@ -21,6 +25,25 @@ std::string ImmutableUri(const std::string& path) {
     }
   }
   return uri + "?immutable=1";
+}
+
+Status CreatePrivateFile(const std::string& path) {
+  const Descriptor file(
+      open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!file.is_open()) return ErrnoStatus("cannot create " + path);
+  return {};
+}
+
+std::string FolderOf(const std::string& path) {
+  return std::filesystem::absolute(path).parent_path();
+}
+
+Status SyncFolder(const std::string& folder) {
+  const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!descriptor.is_open() || fsync(descriptor.get()) != 0) {
+    return ErrnoStatus("cannot write the folder " + folder);
+  }
+  return {};
 }
 
 std::int64_t NowMs() {

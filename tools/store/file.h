@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -40,6 +41,15 @@ Status ErrnoStatus(const std::string& what);
 
 // The name by which SQLite opens the file at `path` without locks and without files beside it.
 std::string ImmutableUri(const std::string& path);
+
+// Makes an empty file, readable for its owner alone. One that is there already is emptied.
+Status CreatePrivateFile(const std::string& path);
+
+// The folder that holds `path`.
+std::string FolderOf(const std::string& path);
+
+// Brings the names of a folder's files to the disk.
+Status SyncFolder(const std::string& folder);
 
 // Milliseconds since the Unix epoch.
 std::int64_t NowMs();

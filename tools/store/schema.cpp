@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <map>
+#include <mutex>
+#include <utility>
 
 #include "tools/store/file.h"
 
@@ -86,23 +88,14 @@ std::uint32_t BigEndian(const unsigned char* bytes) {
   return value;
 }
 
-Status Inspect(const std::string& path, Kind* kind) {
+// Reads the header of an open file.
+Status InspectHeader(const std::string& path, int file, Kind* kind) {
   constexpr std::size_t kHeaderSize = 100;
   constexpr std::size_t kUserVersionOffset = 60;
   constexpr std::size_t kApplicationIdOffset = 68;
 
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    if (errno != ENOENT) return ErrnoStatus("cannot open " + path);
-    *kind = Kind::kMissing;
-    return {};
-  }
-  // Opening a FIFO would wait for its other end.
-  if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.is_open()) return ErrnoStatus("cannot open " + path);
   std::array<unsigned char, kHeaderSize> header{};
-  const ssize_t size = pread(file.get(), header.data(), header.size(), 0);
+  const ssize_t size = pread(file, header.data(), header.size(), 0);
   if (size < 0) return ErrnoStatus("cannot read " + path);
   if (size == 0) {
     *kind = Kind::kEmpty;
@@ -123,24 +116,58 @@ Status Inspect(const std::string& path, Kind* kind) {
   return {};
 }
 
+Status Inspect(const std::string& path, Kind* kind) {
+  // Databases stay open for the life of the process, each once: closing a descriptor would release
+  // the locks that SQLite holds for the process's other connections to the same file.
+  static std::mutex mutex;
+  static std::map<std::pair<dev_t, ino_t>, Descriptor> kept;
+  const std::lock_guard lock(mutex);
+
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    if (errno != ENOENT) return ErrnoStatus("cannot open " + path);
+    *kind = Kind::kMissing;
+    return {};
+  }
+  // Opening a FIFO would wait for its other end.
+  if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
+  const std::pair key(status.st_dev, status.st_ino);
+  if (const auto found = kept.find(key); found != kept.end()) {
+    return InspectHeader(path, found->second.get(), kind);
+  }
+  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.is_open()) return ErrnoStatus("cannot open " + path);
+  const Status result = InspectHeader(path, file.get(), kind);
+  if (result.ok() && *kind == Kind::kOurs) kept.emplace(key, std::move(file));
+  return result;
+}
+
 // Makes the database under another name and gives it its own when it is complete, so that a file
-// that was only begun is never met.
-Status Create(const std::string& path) {
+// that was only begun is never met. `kind` is what stands there now.
+Status Create(const std::string& path, Kind kind) {
+  // The log of a database that was taken away would be played into the new one.
+  unlink((path + "-wal").c_str());
+  unlink((path + "-shm").c_str());
+
   const std::string temporary = path + ".new." + std::to_string(getpid());
-  const Descriptor file(
-      open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file.is_open()) return ErrnoStatus("cannot create " + path);
-  Status status;
+  Status status = CreatePrivateFile(temporary);
+  if (!status.ok()) return status;
   {
     Connection connection;
     status = Connection::Open(temporary, Connection::Mode::kWrite, &connection);
     if (status.ok()) status = InitializeSchema(&connection);
   }
-  if (status.ok() && rename(temporary.c_str(), path.c_str()) != 0) {
+  const unsigned int flags = kind == Kind::kMissing ? RENAME_NOREPLACE : 0;
+  if (status.ok() && renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), flags) != 0) {
     status = ErrnoStatus("cannot create " + path);
   }
   if (!status.ok()) unlink(temporary.c_str());
   return status;
+}
+
+Status Missing(const std::string& path, Kind kind) {
+  return Status::Failed(kind == Kind::kMissing ? "there is no database " + path
+                                               : path + " is empty");
 }
 
 }  // namespace
@@ -161,16 +188,17 @@ std::string DefaultDatabasePath() {
 }
 
 std::string DefaultArchiveDirectory(const std::string& database_path) {
-  return std::filesystem::absolute(database_path).parent_path() / "archives";
+  return FolderOf(database_path) + "/archives";
 }
 
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
   Kind kind{};
   if (Status status = Inspect(path, &kind); !status.ok()) return status;
-  *created = kind != Kind::kOurs;
-  if (*created) {
-    if (Status status = Create(path); !status.ok()) return status;
+  if (kind != Kind::kOurs) {
+    if (!created) return Missing(path, kind);
+    if (Status status = Create(path, kind); !status.ok()) return status;
   }
+  if (created) *created = kind != Kind::kOurs;
   if (Status status = Connection::Open(path, Connection::Mode::kWrite, connection); !status.ok()) {
     return status;
   }
@@ -184,10 +212,7 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
 Status OpenForReading(const std::string& path, Connection* connection) {
   Kind kind{};
   if (Status status = Inspect(path, &kind); !status.ok()) return status;
-  if (kind != Kind::kOurs) {
-    return Status::Failed(kind == Kind::kMissing ? "there is no database " + path
-                                                 : path + " is empty");
-  }
+  if (kind != Kind::kOurs) return Missing(path, kind);
   if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
     return status;
   }

@@ -21,9 +21,10 @@ std::string DefaultDatabasePath();
 // The folder that the archives of a database go to by default: `archives`, beside it.
 std::string DefaultArchiveDirectory(const std::string& database_path);
 
-// Opens the database at `path` for writing, and creates it, readable for its owner alone, when
-// there is none or the file is empty. A file that is not ours, or of a newer version than this one
-// knows, is refused and left as it is, to the last byte.
+// Opens the database at `path` for writing. When there is none, or the file is empty, it is
+// created, readable for its owner alone, and `created` tells so; for a null `created` it is
+// refused. A file that is not ours, or of a newer version than this one knows, is refused and left
+// as it is, to the last byte.
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
 // Gives the empty database of `connection` our tables and marks.

@@ -17,9 +17,11 @@ namespace velmora::usage_stat::store {
 
 // What one transaction adds. The rows' ids and runs are given by the database.
 struct Batch {
+  using Counts = std::map<std::pair<std::int64_t, std::string>, std::int64_t>;  // by uid and reason
+
   std::vector<RecordRow> records;
   std::vector<QuarantineRow> quarantine;
-  std::map<std::pair<std::int64_t, std::string>, std::int64_t> refused;  // by uid and reason
+  Counts refused;
   std::int64_t received = 0;  // datagrams, as counted by whoever received them
 
   bool empty() const { return received == 0; }
@@ -43,6 +45,7 @@ class Writer {
 
  private:
   Writer() = default;
+  Status Add(const Batch& batch);
 
   Connection connection_;
   Statement insert_record_;
