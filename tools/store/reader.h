@@ -18,14 +18,15 @@ namespace velmora::usage_stat::store {
 
 // Which records, and in which order. What is left empty does not filter.
 struct Query {
-  std::optional<std::int64_t> since_ms;     // timestamp at or after
-  std::optional<std::int64_t> until_ms;     // timestamp before
-  std::vector<std::string> events;          // names of classes, any of them
-  std::optional<std::int64_t> application;  // the field `application`
-  std::optional<std::int64_t> book_id;      // the field `book_id`, of the record or of a book in it
-  std::optional<std::int64_t> after_id;     // records that came later than this one
-  std::optional<std::int64_t> newest;       // the last so many of what matches
-  bool reverse = false;                     // newest first
+  std::optional<std::int64_t> since_ms = {};     // timestamp at or after
+  std::optional<std::int64_t> until_ms = {};     // timestamp before
+  std::vector<std::string> events = {};          // names of classes, any of them
+  std::optional<std::int64_t> application = {};  // the field `application`
+  std::optional<std::int64_t> book_id =
+      {};  // the field `book_id`, of the record or of a book in it
+  std::optional<std::int64_t> after_id = {};  // records that came later than this one
+  std::optional<std::int64_t> newest = {};    // the last so many of what matches
+  bool reverse = false;                       // newest first
 };
 
 // Is called for each row in turn; returns false to see no more.

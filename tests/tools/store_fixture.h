@@ -1,0 +1,92 @@
+// A folder for one test, and rows to put into a database in it.
+
+#ifndef USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_
+#define USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/store/reader.h"
+#include "tools/store/writer.h"
+
+namespace usage_stat_test {
+
+namespace store = velmora::usage_stat::store;
+
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = std::filesystem::temp_directory_path() / "usage_stat_test.XXXXXX";
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempFolder() { std::filesystem::remove_all(path_); }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}
+
+inline void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream(path) << content;
+}
+
+#define ASSERT_OK(expression)                         \
+  do {                                                \
+    const store::Status ok_status = (expression);     \
+    ASSERT_TRUE(ok_status.ok()) << ok_status.message; \
+  } while (false)
+
+#define EXPECT_OK(expression) EXPECT_EQ((expression).message, "")
+
+class StoreTest : public testing::Test {
+ protected:
+  std::unique_ptr<store::Writer> OpenWriter() {
+    std::unique_ptr<store::Writer> writer;
+    const store::Status status = store::Writer::Open(database_, "test", &writer);
+    EXPECT_TRUE(status.ok()) << status.message;
+    return writer;
+  }
+
+  // The events that match, in the order in which they are read.
+  template <class Source>
+  static std::vector<std::string> Read(Source& source, const store::Query& query = {}) {
+    std::vector<std::string> found;
+    const store::Status status = source.ForEach(query, [&found](const store::RecordRow& row) {
+      found.push_back(row.event);
+      return true;
+    });
+    EXPECT_TRUE(status.ok()) << status.message;
+    return found;
+  }
+
+  static store::RecordRow Row(const std::string& event, std::int64_t timestamp_ms,
+                              const std::string& fields = "{}") {
+    return {0,     timestamp_ms + 1, {42, 7}, 2021,
+            event, timestamp_ms,     fields,  std::string("\0\xff", 2)};
+  }
+
+  const TempFolder folder_;
+  const std::string database_ = folder_ / "records.db";
+};
+
+}  // namespace usage_stat_test
+
+#endif  // USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_

@@ -1,0 +1,253 @@
+// The database of the records: what goes in comes out, counts add up, and files of others stay.
+
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+
+#include "store_fixture.h"
+#include "tools/store/archive.h"
+#include "tools/store/schema.h"
+
+namespace usage_stat_test {
+namespace {
+
+using store::Query;
+using Names = std::vector<std::string>;
+
+void Execute(const std::string& path, const std::string& sql) {
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(database);
+  sqlite3_close(database);
+}
+
+TEST_F(StoreTest, QueriesFilterAndOrder) {
+  auto writer = OpenWriter();
+  store::Batch batch;
+  batch.records = {Row("A", 100, R"({"application":7,"book_id":1})"),
+                   Row("B", 200, R"({"books":[{"book_id":2},{"book_id":1}]})"), Row("A", 150)};
+  batch.received = 3;
+  ASSERT_OK(writer->Commit(batch));
+
+  std::unique_ptr<store::Reader> reader;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  const struct {
+    Query query;
+    Names expected;
+  } cases[] = {
+      {{}, {"NewJournalFileEvent", "A", "B", "A"}},
+      {{.since_ms = 150, .until_ms = 200}, {"A"}},
+      {{.events = {"A", "C"}}, {"A", "A"}},
+      {{.application = 7}, {"A"}},
+      {{.book_id = 1}, {"A", "B"}},
+      {{.events = {"B"}, .book_id = 1}, {"B"}},
+      {{.after_id = 2}, {"B", "A"}},
+      {{.newest = 2}, {"B", "A"}},
+      {{.newest = 2, .reverse = true}, {"A", "B"}},
+      {{.newest = 0}, {}},
+  };
+  for (const auto& [query, expected] : cases) EXPECT_EQ(Read(*reader, query), expected);
+
+  store::RecordRow row;
+  ASSERT_OK(reader->ForEach({.events = {"B"}}, [&row](const store::RecordRow& found) {
+    row = found;
+    return true;
+  }));
+  EXPECT_EQ(row.sender.pid, 42);
+  EXPECT_EQ(row.received_ms, 201);
+  EXPECT_EQ(row.raw, std::string("\0\xff", 2));
+}
+
+TEST_F(StoreTest, CountsFollowTheRows) {
+  auto writer = OpenWriter();
+  store::Batch batch;
+  batch.records = {Row("A", 1)};
+  batch.quarantine.resize(2);
+  batch.quarantine[0].kind = batch.quarantine[1].kind = "cut short";
+  batch.refused[{1000, "uid"}] = 3;
+  batch.received = 6;
+  ASSERT_OK(writer->Commit(batch));
+  ASSERT_OK(writer->Commit(batch));
+
+  std::unique_ptr<store::Reader> reader;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  std::vector<store::QuarantineRow> held;
+  ASSERT_OK(reader->ForEachQuarantined([&held](const store::QuarantineRow& row) {
+    held.push_back(row);
+    return true;
+  }));
+  ASSERT_EQ(held.size(), 4U);
+  ASSERT_OK(store::Release(&writer->connection(), held[0], Row("Reread", 5)));
+  ASSERT_OK(store::Release(&writer->connection(), held[0], Row("Reread", 5)));  // once only
+  EXPECT_EQ(Read(*reader).back(), "Reread");
+  ASSERT_OK(writer->Finish());
+
+  std::vector<store::Run> runs;
+  std::vector<store::Tally> tallies;
+  ASSERT_OK(reader->ReadRuns(&runs));
+  ASSERT_OK(reader->ReadTallies(&tallies));
+  std::map<std::string, std::int64_t> by_outcome;
+  for (const store::Tally& tally : tallies) by_outcome[tally.outcome] += tally.count;
+  EXPECT_EQ(by_outcome, (std::map<std::string, std::int64_t>{
+                            {"journal", 1}, {"quarantined", 3}, {"refused", 6}, {"stored", 3}}));
+  ASSERT_EQ(runs.size(), 1U);
+  EXPECT_EQ(runs[0].received, 12);
+  EXPECT_TRUE(runs[0].ended_ms);
+}
+
+TEST_F(StoreTest, FilesOfOthersAreRefusedAndStayAsTheyAre) {
+  OpenWriter().reset();
+  struct stat status {};
+  ASSERT_EQ(stat(database_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+
+  const std::string newer = folder_ / "newer.db";
+  std::filesystem::copy(database_, newer);
+  Execute(newer, "PRAGMA user_version = 2; PRAGMA wal_checkpoint(TRUNCATE)");
+  const std::string foreign = folder_ / "foreign.db";
+  Execute(foreign, "PRAGMA journal_mode = WAL; CREATE TABLE records(id)");
+  const std::string text = folder_ / "notes.txt";
+  WriteFile(text, "a shopping list");
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+  for (const std::string& path : {newer, foreign, text, fifo, folder_.path()}) {
+    const std::string before = path == fifo ? "" : ReadFile(path);
+    std::unique_ptr<store::Writer> writer;
+    std::unique_ptr<store::Reader> reader;
+    EXPECT_FALSE(store::Writer::Open(path, "test", &writer).ok()) << path;
+    EXPECT_FALSE(store::Reader::Open(path, &reader).ok()) << path;
+    EXPECT_EQ(path == fifo ? "" : ReadFile(path), before) << path;
+    EXPECT_FALSE(std::filesystem::exists(path + "-wal")) << path;
+  }
+
+  const std::string empty = folder_ / "empty.db";
+  WriteFile(empty, "");
+  bool created = false;
+  store::Connection connection;
+  EXPECT_OK(store::OpenForWriting(empty, &connection, &created));
+  EXPECT_TRUE(created);
+}
+
+// ---- Archives ----
+
+class ArchiveTest : public StoreTest {
+ protected:
+  void Add(int count) {
+    store::Batch batch;
+    for (int i = 0; i < count; ++i) {
+      batch.records.push_back(Row(std::to_string(next_), 1000 + next_));
+      ++next_;
+    }
+    batch.received = count;
+    ASSERT_OK(writer_->Commit(batch));
+  }
+
+  Names Expected() const {
+    Names names(static_cast<std::size_t>(next_));
+    for (int i = 0; i < next_; ++i) names[static_cast<std::size_t>(i)] = std::to_string(i);
+    return names;
+  }
+
+  // Everything but what the store wrote about itself.
+  Names ReadJournal(Query query = {}) {
+    std::unique_ptr<store::Journal> journal;
+    EXPECT_TRUE(store::Journal::Open(database_, &journal).ok());
+    Names names = Read(*journal, query);
+    std::erase_if(names, [](const std::string& name) { return name.ends_with("Event"); });
+    return names;
+  }
+
+  int next_ = 0;
+  std::unique_ptr<store::Writer> writer_ = OpenWriter();
+  const std::string archives_ = folder_ / "archives";
+};
+
+TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
+  std::optional<store::Archive> archive;
+  Add(10);
+  ASSERT_OK(store::ArchiveRecords(database_, archives_, &archive));
+  ASSERT_TRUE(archive);
+  EXPECT_EQ(archive->records, 11);
+  Add(10);
+  ASSERT_OK(store::ArchiveRecords(database_, archives_, &archive));
+  Add(2);
+
+  EXPECT_EQ(ReadJournal(), Expected());
+  EXPECT_EQ(ReadJournal({.since_ms = 1008, .until_ms = 1012}), (Names{"8", "9", "10", "11"}));
+  EXPECT_EQ(ReadJournal({.newest = 6}), (Names{"17", "18", "19", "20", "21"}));
+  EXPECT_EQ(ReadJournal({.newest = 4, .reverse = true}), (Names{"21", "20", "19"}));
+
+  // A damaged archive is told and costs nothing else.
+  std::filesystem::resize_file(archive->path, 100);
+  std::unique_ptr<store::Journal> journal;
+  std::vector<std::string> problems;
+  int count = 0;
+  ASSERT_OK(store::Journal::Open(database_, &journal));
+  ASSERT_OK(journal->ForEach(
+      {}, [&count](const store::RecordRow&) { return ++count; }, &problems));
+  EXPECT_EQ(problems.size(), 1U);
+  EXPECT_EQ(count, 11 + 3);
+}
+
+TEST_F(ArchiveTest, KilledAtAnyMomentEveryRecordIsInOnePlace) {
+  std::mt19937 random(20);
+  for (int round = 0; round < 20; ++round) {
+    Add(200);
+    const pid_t child = fork();
+    if (child == 0) {
+      std::optional<store::Archive> archive;
+      (void)store::ArchiveRecords(database_, archives_, &archive);
+      _exit(0);
+    }
+    usleep(std::uniform_int_distribution<useconds_t>(0, 60'000)(random));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_OK(store::FinishArchives(database_));
+    ASSERT_EQ(ReadJournal(), Expected()) << "round " << round;
+  }
+  std::string integrity;
+  std::unique_ptr<store::Reader> reader;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  ASSERT_OK(reader->CheckIntegrity(&integrity));
+  EXPECT_EQ(integrity, "ok");
+}
+
+TEST_F(ArchiveTest, RetentionDeletesTheOldestFirst) {
+  std::optional<store::Archive> archive;
+  Add(2000);
+  ASSERT_OK(store::ArchiveRecords(database_, archives_, &archive));
+  ASSERT_TRUE(archive);
+  Add(2000);
+
+  // By size: the archive goes, then rows until the rest fits.
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = 100'000}));
+  EXPECT_FALSE(std::filesystem::exists(archive->path));
+  const Names rest = ReadJournal();
+  ASSERT_FALSE(rest.empty());
+  EXPECT_LT(rest.size(), 1501U);
+  EXPECT_EQ(rest.back(), "3999");
+
+  // By age: these rows claim to be from 1970, the store's own are of today.
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 1, .max_bytes = 0}));
+  std::unique_ptr<store::Journal> journal;
+  ASSERT_OK(store::Journal::Open(database_, &journal));
+  EXPECT_EQ(Read(*journal), (Names{"DeleteArchiveEvent"}));
+
+  std::int64_t rows = 0;
+  ASSERT_OK(writer_->connection().Read(
+      "SELECT sum(CASE WHEN outcome IN ('archived', 'deleted') THEN -count ELSE count END) "
+      "FROM tally WHERE outcome <> 'refused'",
+      &rows));
+  EXPECT_EQ(rows, 1);
+}
+
+}  // namespace
+}  // namespace usage_stat_test
