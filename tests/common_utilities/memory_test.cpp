@@ -18,7 +18,8 @@ int g_allocations = 0;
 std::size_t g_largest = 0;
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Kept out of line: seen through, GCC takes malloc and delete for a mismatched pair.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   ++g_allocations;
   g_largest = std::max(g_largest, size);
   if (void* const memory = std::malloc(size)) {
@@ -26,8 +27,8 @@ void* operator new(std::size_t size) {
   }
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
