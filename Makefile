@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf demo bench bench-smoke bench-build contract clean
+.PHONY: all test test-armhf demo bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build clean
 
 all:
 	scripts/setup build
@@ -39,6 +39,18 @@ bench-build:
 	scripts/setup build bench
 	cmake --preset bench
 	cmake --build --preset bench
+
+# Every fuzzer for ten seconds, or for ten minutes.
+fuzz: fuzz-build
+	fuzz/run build/fuzz 10
+
+fuzz-long: fuzz-build
+	fuzz/run build/fuzz 600
+
+fuzz-build:
+	scripts/setup build check
+	cmake --preset fuzz
+	cmake --build --preset fuzz --target fuzzers
 
 clean:
 	rm -rf build
