@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf demo bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build clean
+.PHONY: all test test-armhf demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build clean
 
 all:
 	scripts/setup build
@@ -51,6 +51,10 @@ fuzz-build:
 	scripts/setup build check
 	cmake --preset fuzz
 	cmake --build --preset fuzz --target fuzzers
+
+# The documentation of the records, from the lists that write them.
+records: all
+	$(BUILD)/tools/inspector/usage-stat types --format markdown > docs/records.md
 
 clean:
 	rm -rf build

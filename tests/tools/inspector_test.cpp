@@ -1,0 +1,233 @@
+// usage-stat as its users start it: the subcommands that need no database.
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tests/support/receiver.h"
+#include "tests/support/run_program.h"
+
+namespace usage_stat_test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using Json = nlohmann::ordered_json;
+using Words = std::vector<std::string>;
+
+ProgramResult UsageStat(Words words, const std::string& input = {}, Words environment = {}) {
+  words.insert(words.begin(), USAGE_STAT);
+  return RunProgram(std::move(words), input, std::move(environment));
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  return (std::ostringstream() << in.rdbuf()).str();
+}
+
+TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {
+  struct Case {
+    Words words;
+    int exit_code;
+    const char* text;
+  };
+  const Case cases[] = {
+      {{"--help"}, 0, "Subcommands"},
+      {{"--version"}, 0, "usage-stat 1."},
+      {{"send", "--help"}, 0, "null:"},
+      {{}, 2, "subcommand is required"},
+      {{"bogus"}, 2, "no subcommand bogus"},
+      {{"types", "--format", "xml"}, 2, "xml"},
+      {{"types", "--bogus"}, 2, "--bogus"},
+      {{"decode", "/nowhere"}, 1, "cannot read /nowhere"},
+      {{"decode", "--hex", "--raw"}, 2, "excludes"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const ProgramResult result = UsageStat(c.words);
+    EXPECT_EQ(result.exit_code, c.exit_code);
+    EXPECT_THAT(result.out + result.err, HasSubstr(c.text));
+  }
+}
+
+TEST(Types, AreDocumentedAsTheyAre) {
+  EXPECT_EQ(UsageStat({"types", "--format", "markdown"}).out,
+            ReadFile(SOURCE_DIR "/docs/records.md"))
+      << "run make records";
+  const Json types = Json::parse(UsageStat({"types", "--format", "json"}).out);
+  EXPECT_GT(types.size(), 40U);
+  EXPECT_THAT(UsageStat({"types"}).out, HasSubstr("2032  ChangePageEvent  kChangePage"));
+}
+
+TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
+  struct Case {
+    std::string hex;
+    const char* reason;
+    int offset;
+    const char* field;
+    int missing;
+    int left_over;
+  };
+  const std::string time = "7b6c50c4a0010000";
+  const Case cases[] = {
+      {"", "field type (Int16) at offset 0 lacks 2 bytes", 0, "type", 2, 0},
+      {"e5", "field type (Int16) at offset 0 lacks 1 byte", 0, "type", 1, 0},
+      {"e5077b6c", "field timestamp (Timestamp) at offset 2 lacks 6 bytes", 2, "timestamp", 6, 0},
+      {"f407" + time, "unknown type code 2036", 0, "type", 0, 0},
+      {"e507" + time + "05000107", "field c (Int16) at offset 13 lacks 1 byte", 13, "c", 1, 0},
+      {"f307" + time + "030005000000616263", "field b (String) at offset 12 lacks 2 bytes", 12, "b",
+       2, 0},
+      {"e707" + time + "d4feff", "1 byte left over after the record", 12, "", 0, 1},
+      {"e007" + time + "0300" + "0100", "field mappings_0.type (Int16) at offset 12 holds", 12,
+       "mappings_0.type", 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.reason);
+    const ProgramResult json = UsageStat({"decode", "-o", "json"}, c.hex);
+    EXPECT_EQ(json.exit_code, 1);
+    const Json damage = Json::parse(json.out)["damage"];
+    EXPECT_THAT(damage["reason"].get<std::string>(), HasSubstr(c.reason));
+    EXPECT_EQ(damage["offset"], c.offset);
+    EXPECT_EQ(damage["field"], c.field);
+    EXPECT_EQ(damage["missing"], c.missing);
+    EXPECT_EQ(damage["left_over"], c.left_over);
+    const ProgramResult text = UsageStat({"decode"}, c.hex);
+    EXPECT_EQ(text.exit_code, 1);
+    EXPECT_THAT(text.out, HasSubstr(c.reason));
+  }
+}
+
+TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {
+  const std::string path = SOURCE_DIR "/tests/vectors/2028-NewBooksEventEx.json";
+  const std::string hex = Json::parse(ReadFile(path))["hex"];
+  std::string raw;
+  std::string spaced;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    raw += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    spaced += hex.substr(i, 2) + (i % 32 == 0 ? "\n" : " ");
+  }
+  const ProgramResult from_hex = UsageStat({"decode", "-o", "json"}, spaced);
+  EXPECT_EQ(from_hex.exit_code, 0);
+  EXPECT_EQ(UsageStat({"decode", "-o", "json", "-"}, raw).out, from_hex.out);
+  std::string joined;
+  const Json decoded = Json::parse(from_hex.out);
+  for (const Json& field : decoded["fields"]) {
+    EXPECT_EQ(joined.size(), 2 * field["offset"].get<std::size_t>());
+    joined += field["bytes"];
+  }
+  EXPECT_EQ(joined, hex);
+  EXPECT_EQ(UsageStat({"decode", "--raw"}, hex).exit_code, 1) << "digits are not the record";
+}
+
+TEST(Decode, NeverHandsControlCharactersToTheTerminal) {
+  // GoToURLEvent with an escape sequence, a C1 control, a bidirectional override, a broken byte.
+  const std::string url =
+      "1b5b324a"
+      "c29b"
+      "e280ae"
+      "ff"
+      "0a"
+      "c3a4";
+  const ProgramResult result = UsageStat({"decode"},
+                                         "f3077b6c50c4a00100000300"
+                                         "0d000000" +
+                                             url);
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.out, HasSubstr("\"\\u001b[2J\\u009b\\u202e\xEF\xBF\xBD\\n\xC3\xA4\""));
+  for (const char* raw : {"\x1b", "\xC2\x9B", "\xE2\x80\xAE", "\xFF"}) {
+    EXPECT_THAT(result.out, Not(HasSubstr(raw)));
+  }
+}
+
+TEST(Send, KnowsEveryExportedFunction) {
+  std::set<std::string> exported;
+  const std::string map = ReadFile(SOURCE_DIR "/src/libusage_stat.map");
+  const std::regex name("Stat(Utils)?_[A-Za-z0-9]+");
+  for (std::sregex_iterator i(map.begin(), map.end(), name), end; i != end; ++i) {
+    if (i->str() != "Stat_") exported.insert(i->str());
+  }
+  std::set<std::string> listed;
+  for (const Json& row : Json::parse(UsageStat({"send", "--list", "-o", "json"}).out)) {
+    listed.insert(row["function"]);
+  }
+  EXPECT_EQ(listed, exported);
+}
+
+TEST(Send, HandsArgumentsToTheLibrary) {
+  Receiver receiver;
+  struct Case {
+    Words words;
+    std::string payload;
+  };
+  using namespace std::string_literals;
+  const Case cases[] = {
+      {{"Stat_SendOrientationEvent", "-2"}, "\xFE\xFF"},
+      {{"GoToPageEvent", "5", "7", "-9", "true"}, "\5\0\1\7\0\xF7\xFF"s},
+      {{"GoToURLEvent", "3", "list"}, "\3\0\4\0\0\0list"s},
+      {{"GoToURLEvent", "3", "--help"}, "\3\0\6\0\0\0--help"s},
+      {{"GoToURLEvent", "3", "text:null:"}, "\3\0\5\0\0\0null:"s},
+      {{"MediaExplorer3SettingsEvent", "9", "255", "257"}, "\x09\0\xFF\1"s},
+      {{"SetFontParamsEvent", "1", "2", "", "-1", "0", "6", "1,2,3,-4", "7", "1", "0"},
+       "\1\0\0\0\2\0\0\0\0\0\xFF\6\0\xFC\xFF\xFF\xFF\7\1\0"s},
+      {{"SendOpenBookEvent", "abc", "null:", "a,b", "", "[\"c,\"]", "1", "2", "3", "4", "5",
+        "null:", "", "", ""},
+       "\xB0\x3C\x8C\xD9"s + "\0\0"s + "\2\0\0\0\1\0\0\0a\1\0\0\0b"s + "\0\0\0\0"s +
+           "\1\0\0\0\2\0\0\0c,"s + "\1\0\2\0\3\0\0\0\4\0\5\0\0\0"s + "\3\0\0\0abc"s +
+           std::string(16, '\0')},
+      {{"NewBooksEventEx", "1", R"([{"book_id": 7, "language": "en", "n2": -1, "s1": "x"}])", "4"},
+       "\1\0\0\0"s + "\7\0\0\0en"s + std::string(12, '\0') + "\0\0\0\0\xFF\xFF"s + "\0\0\0\0"s +
+           "\1\0\0\0x"s + std::string(12, '\0') + "\4\0"s},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.words[0]);
+    Words words = {"send", "--endpoint", receiver.endpoint()};
+    words.insert(words.end(), c.words.begin(), c.words.end());
+    const ProgramResult result = UsageStat(words);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    const auto datagram = receiver.TryReceive();
+    ASSERT_TRUE(datagram);
+    EXPECT_EQ(datagram->substr(10), c.payload);
+  }
+}
+
+TEST(Send, ReportsResultsAndWrongArguments) {
+  struct Case {
+    Words words;
+    int exit_code;
+    const char* text;
+  };
+  const Case cases[] = {
+      {{"GetBookId", "abc"}, 0, "Stat_GetBookId(\"abc\") = -645120848\n"},
+      {{"StatUtils_GetStatList"}, 0, "StatUtils_GetStatList() = []\n"},
+      {{"GoToURLEvent", "3", "x"}, 1, "Stat_GoToURLEvent(3, \"x\") = 111 ECONNREFUSED ("},
+      {{"NewBooksEventSimple", "0", "null:", "1"}, 1, "= -2 VM_INVAL ("},
+      {{"NewBooksEventSimple", "1", ".zip", "1"}, 1, "raised an exception"},
+      {{"GoToURLEvent", "3"}, 2, "takes 2 arguments, not 1: Stat_GoToURLEvent(int16_t a, "},
+      {{"GoToURLEvent", "32768", "x"},
+       2,
+       "argument 1 (a) is 32768, not a whole number from -32768"},
+      {{"GoToURLEvent", "1.0", "x"}, 2, "argument 1 (a) is 1.0"},
+      {{"GoToURLEvent", "3", "null:"}, 2, "argument 2 (b) must not be null"},
+      {{"NewBooksEventEx", "1", "/no/book.epub", "1"}, 2, "argument 2 (books)"},
+      {{"SetFontParamsEvent", "1", "2", "", "0", "0", "6", "1,2,128,4", "7", "1", "0"},
+       2,
+       "argument 7 (margins)"},
+      {{"Bogus"}, 2, "no function Bogus"},
+      {{}, 2, "which function"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    Words words = {"send", "--endpoint", Receiver::UniqueEndpoint()};
+    words.insert(words.end(), c.words.begin(), c.words.end());
+    const ProgramResult result = UsageStat(words);
+    EXPECT_EQ(result.exit_code, c.exit_code);
+    EXPECT_THAT(result.out + result.err, HasSubstr(c.text));
+  }
+}
+
+}  // namespace
+}  // namespace usage_stat_test

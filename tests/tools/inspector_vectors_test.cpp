@@ -1,0 +1,54 @@
+// The vectors, read and written by the library's classes.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "tools/records/catalogue.h"
+#include "tools/records/record.h"
+
+namespace velmora::usage_stat::records {
+namespace {
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+TEST(Vectors, ReadAsTheyTellAndAreWrittenAgain) {
+  std::set<std::string> events;
+  for (const auto& file : std::filesystem::directory_iterator(SOURCE_DIR "/tests/vectors")) {
+    if (file.path().extension() != ".json") continue;
+    SCOPED_TRACE(file.path());
+    std::ifstream in(file.path());
+    const Json vector = Json::parse(in);
+    const std::string datagram = FromHex(vector["hex"]);
+    const auto decoded = Decode(datagram);
+    const auto* record = std::get_if<Record>(&decoded);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(Dump(ToJson(*record)), Dump(vector["record"]));
+    events.emplace(record->event);
+
+    const auto& types = Catalogue();
+    const auto type = std::find_if(types.begin(), types.end(), [record](const RecordType& row) {
+      return row.event == record->event;
+    });
+    constexpr std::size_t kEnvelope = 10;
+    std::istringstream payload(datagram.substr(kEnvelope));
+    const auto event = type->read(payload);
+    event->timestamp_ = record->timestamp;
+    std::ostringstream out;
+    EXPECT_EQ(event->WriteToStream(out), 0);
+    EXPECT_EQ(out.str(), datagram);
+  }
+  EXPECT_EQ(events.size(), Catalogue().size()) << "a type without a vector";
+}
+
+}  // namespace
+}  // namespace velmora::usage_stat::records

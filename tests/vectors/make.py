@@ -1,0 +1,208 @@
+#!/usr/bin/env python3
+"""Writes the vectors: one record of every type as bytes, beside what it says.
+
+An encoder of its own, from docs/records.md alone: it shares no code with the library, so that the
+two check each other. Usage: make.py [--check]
+"""
+import json
+import pathlib
+import struct
+import sys
+
+TIMESTAMP = 1_790_000_000_123
+
+
+def texts(values):
+    return struct.pack("<I", len(values)) + b"".join(ENCODE["String"](v) for v in values)
+
+
+def text(value):
+    return struct.pack("<I", len(value.encode())) + value.encode()
+
+
+def number(code):
+    return lambda value: struct.pack("<" + code, value)
+
+
+ENCODE = {
+    "Int16": number("h"),
+    "UInt16": number("H"),
+    "Int32": number("i"),
+    "Char": number("B"),
+    "UChar": number("B"),
+    "Timestamp": number("q"),
+    "String": text,
+    "StringVec": texts,
+    "Language": lambda value: value.encode().ljust(2, b"\0"),
+    "Chars": lambda value: value.encode(),
+    "HexChars": bytes.fromhex,
+}
+
+BOOK = ("book_id Int32, language Language, first_list StringVec, file_type String, "
+        "second_list StringVec, n1 Int32, n2 Int16, file_name String, s1 String, s2 String, "
+        "isbn String, s3 String")
+
+
+def encode(layout, fields):
+    """The bytes of `fields`, laid out as "name Primitive, name Primitive"."""
+    names = [entry.split() for entry in layout.split(", ") if entry]
+    assert [name for name, _ in names] == list(fields), (layout, fields)
+    return b"".join(ENCODE[primitive](fields[name]) for name, primitive in names)
+
+
+def keys(fields):
+    data = struct.pack("<h", fields["list_count"])
+    for number_of_list in range(3):
+        mappings = fields[f"mappings_{number_of_list}"]
+        data += struct.pack("<hh", number_of_list, len(mappings))
+        for mapping in mappings:
+            data += struct.pack("<BBh", mapping["key"], mapping["kind"], mapping["action"])
+    return data
+
+
+def batch(fields):
+    return (struct.pack("<i", fields["count"]) + b"".join(encode(BOOK, b) for b in fields["books"])
+            + struct.pack("<h", fields["application"]))
+
+
+def measured(layout):
+    """A snapshot: a reserved number before the payload of another record."""
+    payload = layout if callable(layout) else lambda fields: encode(layout, fields)
+    return lambda fields: struct.pack("<h", fields["reserved"]) + payload(fields["event"])
+
+
+LIBRARY_VIEW = "a Int16, b Char, library_view Char, library_show_memory Char"
+KEYS = {
+    "list_count": 3,
+    "mappings_0": [{"key": 0, "kind": 0, "action": 41, "action_name": "KA_pgdn"},
+                   {"key": 1, "kind": 0, "action": 42, "action_name": "KA_pgup"}],
+    "mappings_1": [],
+    "mappings_2": [{"key": 31, "kind": 1, "action": -1}],
+}
+PAGE = "a Int32, b Int16, c Int32, d Int32, e Int32"
+FULL_BOOK = {"book_id": -5, "language": "en", "first_list": ["A. Writer"], "file_type": ".epub",
+             "second_list": ["A Book", ""], "n1": 70000, "n2": -32768, "file_name": "a.epub",
+             "s1": "s1", "s2": "s2", "isbn": "978", "s3": "Ünïcode ✓"}
+BARE_BOOK = {"book_id": 0, "language": "", "first_list": [], "file_type": "", "second_list": [],
+             "n1": 0, "n2": 0, "file_name": "", "s1": "", "s2": "", "isbn": "", "s3": ""}
+
+# Code, name, layout (or function that encodes), fields.
+RECORDS = [
+    (1, "OrientationMeasurement", measured("orientation Int16"),
+     {"reserved": 0, "event": {"orientation": 3}}),
+    (3, "KeyboradMappingMeasurement", measured(keys), {"reserved": -1, "event": KEYS}),
+    (4, "LanguageMeasurement", measured("language Chars"),
+     {"reserved": 0, "event": {"language": "de"}}),
+    (5, "DeviceInfoMeasurement",
+     measured("device_id HexChars, model_code Int16, partner_name String, encrypted_serial String"),
+     {"reserved": 0, "event": {"device_id": "000102030405060708090a0b0c0d0e0f80ff0000",
+                               "model_code": 21, "partner_name": "varsk",
+                               "encrypted_serial": "00ff", "model_name": "Velmora Yew"}}),
+    (6, "VersionMeasurement", measured("version String"),
+     {"reserved": 0, "event": {"version": "6.8.2441"}}),
+    (2001, "TurnOnEvent", "", {}),
+    (2002, "TurnOffEvent", "", {}),
+    (2004, "StartApplicationEvent",
+     "process_id Int16, application Int16, c Int16, arguments String",
+     {"process_id": 1234, "application": -1, "c": 7, "arguments": " -v /mnt"}),
+    (2008, "OrientationEvent", "orientation Int16", {"orientation": -2}),
+    (2009, "StartOpenBookEvent", "book_id Int32, application UInt16, a UChar, b String",
+     {"book_id": -645120848, "application": 65535, "a": 255, "b": "b"}),
+    (2010, "OpenBookEvent",
+     "book_id Int32, language Language, first_list StringVec, c String, second_list StringVec, "
+     "d Int16, e Int16, f Int32, g Int16, h Int32, file_name String, i String, j String, k String, "
+     "l String",
+     {"book_id": 943781977, "language": "en", "first_list": ["x"], "c": "c",
+      "second_list": ["p", ""], "d": True, "e": 4464, "f": 100000, "g": -1, "h": -2147483648,
+      "file_name": "a.epub", "i": "i", "j": "", "k": "k", "l": "l"}),
+    (2012, "NewJournalFileEvent", "", {}),
+    (2013, "OpenJournalFileEvent", "", {}),
+    (2014, "SendArchiveEvent", "archive String", {"archive": "journal-1"}),
+    (2015, "DeleteArchiveEvent", "archive String", {"archive": ""}),
+    (2016, "KeyboardSettingsEvent", keys, KEYS),
+    (2017, "LanguageChangeEvent", "language Chars", {"language": "??"}),
+    (2018, "LibrarySettingsEvent",
+     "a Int16, b Char, library_mode Char, library_filter Char, library_group_by Char, "
+     "library_sort_by Char, library_view Char, library_show_memory Char",
+     {"a": -1, "b": 128, "library_mode": 2, "library_filter": 255, "library_group_by": 0,
+      "library_sort_by": 1, "library_view": 127, "library_show_memory": 1}),
+    (2019, "MediaExplorerSettingsEvent", LIBRARY_VIEW,
+     {"a": 9, "b": 98, "library_view": 1, "library_show_memory": 2}),
+    (2020, "ApplicationExplorerSettingsEvent", LIBRARY_VIEW,
+     {"a": 10, "b": 99, "library_view": 2, "library_show_memory": 0}),
+    (2021, "GoToPageEvent", "a Int16, b Char, c Int16, d Int16",
+     {"a": 5, "b": True, "c": 7, "d": -9}),
+    (2022, "StartTtsEvent", "a Int16, b Int32, c String, d String, e Int16, f Int16",
+     {"a": -1, "b": -2, "c": "voice", "d": "", "e": 3, "f": -4}),
+    (2023, "StopTtsEvent", "a Int16", {"a": -300}),
+    (2024, "AddNoteEvent", "a Int32, b Int16", {"a": -100000, "b": 32767}),
+    (2025, "UseDictionaryEvent", "a Int32, b String", {"a": 7, "b": "déjà vu"}),
+    (2026, "SetReadingModeEvent",
+     "a Int32, b Int16, reading_mode Char, scale_type Char, e Int16, crop_type Char, g Char, h Char",
+     {"a": -1, "b": 2, "reading_mode": 3, "scale_type": 44, "e": -5, "crop_type": 6, "g": 7,
+      "h": 128}),
+    (2027, "SetFontParamsEvent",
+     "a Int32, b Int16, font String, d Char, f Int16, packed_margins Int32, g Char, "
+     "line_break Char, update_mode Char",
+     {"a": 1, "b": -2, "font": "Serif", "d": 100, "f": 6, "packed_margins": -256,
+      "g": 103, "line_break": 1, "update_mode": 255}),
+    (2028, "NewBooksEvent", "count Int32", {"count": 5}),
+    (2028, "NewBooksEventEx", batch,
+     {"count": 2, "books": [FULL_BOOK, BARE_BOOK], "application": -1}),
+    (2029, "UsingTextToolsEvent", "a Int32, b Int16", {"a": 1, "b": 4464}),
+    (2030, "NotesAndBookmarksEvent", "a Int32, b Int16, c Int16, d Int16, e Int16, f Int16",
+     {"a": -1, "b": 2, "c": 3, "d": 4, "e": 5, "f": -6}),
+    (2031, "GoToPageEventNew", "b Int16, f Char, c Int32, d Int32, e Int32, a Int32",
+     {"b": 2, "f": False, "c": 3, "d": 4, "e": 5, "a": 100}),
+    (2032, "ChangePageEvent", PAGE, {"a": 70000, "b": -1, "c": 2, "d": -2147483648, "e": -4}),
+    (2032, "ChangePageEventEx", PAGE + ", f Char, g Char, h Int16, i Int32",
+     {"a": 1, "b": -2, "c": 3, "d": 4, "e": 5, "f": 102, "g": 128, "h": 8, "i": -9}),
+    (2033, "Explorer3SettingsEvent",
+     "a Int16, b Char, explorer3_mode Char, explorer3_group_by Char, explorer3_sort_by Char, "
+     "explorer3_direction Char, explorer3_view Char",
+     {"a": 9, "b": 98, "explorer3_mode": 1, "explorer3_group_by": 2, "explorer3_sort_by": 3,
+      "explorer3_direction": 1, "explorer3_view": 200}),
+    (2034, "MediaExplorer3SettingsEvent", "a Int16, b Char, explorer3_view Char",
+     {"a": 9, "b": 98, "explorer3_view": 1}),
+    (2035, "GoToURLEvent", "a Int16, b String", {"a": 3, "b": "https://example.org/ä"}),
+    (2037, "SetFontParamsEventEx",
+     "a Int32, b Int16, font String, d Char, f Char, g Int16, h String, i Char, "
+     + ", ".join(f"margin_{i} String" for i in range(1, 9)) + ", j Char, k Char, l Char, m Char",
+     {"a": -1, "b": 2, "font": "Sans", "d": 100, "f": 102, "g": -7, "h": "h", "i": 105,
+      "margin_1": "m1", "margin_2": "m2", "margin_3": "", "margin_4": "m4", "margin_5": "m5",
+      "margin_6": "m6", "margin_7": "m7", "margin_8": "a margin of thirty-one bytes ..", "j": 1,
+      "k": 2, "l": 3, "m": 128}),
+    (2038, "StartOutsideApplicationEvent", "path String, arguments String",
+     {"path": "/opt/apps/own.app", "arguments": " -a b"}),
+    (4001, "ForceRotationEvent", "", {}),
+    (4002, "StatisticsSettingsChangedEvent", "", {}),
+]
+
+
+def without_names(fields):
+    """Leaves out what decoders add for people: the names of codes."""
+    if isinstance(fields, dict):
+        return {k: without_names(v) for k, v in fields.items()
+                if k not in ("action_name", "model_name")}
+    return [without_names(v) for v in fields] if isinstance(fields, list) else fields
+
+
+def main():
+    folder = pathlib.Path(__file__).parent
+    wrong = []
+    for code, name, layout, fields in RECORDS:
+        plain = without_names(fields)
+        payload = layout(plain) if callable(layout) else encode(layout, plain)
+        data = struct.pack("<hq", code, TIMESTAMP) + payload
+        record = {"event": name, "type": code, "timestamp": TIMESTAMP, "fields": fields}
+        vector = json.dumps({"hex": data.hex(), "record": record}, indent=2, ensure_ascii=False)
+        path = folder / f"{code:04}-{name}.json"
+        if "--check" not in sys.argv:
+            path.write_text(vector + "\n")
+        elif not path.exists() or path.read_text() != vector + "\n":
+            wrong.append(path.name)
+    if wrong:
+        sys.exit("not as make.py writes them: " + ", ".join(wrong))
+
+
+main()

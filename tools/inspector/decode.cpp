@@ -1,0 +1,176 @@
+// usage-stat decode: one record, byte by byte.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "tools/inspector/commands.h"
+#include "tools/inspector/terminal.h"
+#include "tools/records/record.h"
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+using records::Damage;
+using records::Json;
+using records::Trace;
+using records::TracedField;
+
+struct Options {
+  std::string file = "-";
+  bool hex = false;
+  bool raw = false;
+  std::string output = "text";
+};
+
+// Far more than the largest record, also as hexadecimal digits with blanks between them.
+constexpr std::size_t kLargestInput = 1 << 20;
+
+// The bytes that hexadecimal digits with white space between them stand for; nothing when `text`
+// is something else.
+std::optional<std::string> FromHex(std::string_view text) {
+  std::string digits;
+  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+               [](unsigned char c) { return std::isspace(c) == 0; });
+  const bool all_hex = std::all_of(digits.begin(), digits.end(),
+                                   [](unsigned char c) { return std::isxdigit(c) != 0; });
+  if (!all_hex || digits.size() % 2 != 0 || digits.empty()) return std::nullopt;
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+std::string ReadUpTo(std::istream& in, std::size_t limit) {
+  std::string bytes(limit, '\0');
+  in.read(bytes.data(), static_cast<std::streamsize>(limit));
+  bytes.resize(static_cast<std::size_t>(in.gcount()));
+  return bytes;
+}
+
+// ---- As text ----
+
+constexpr std::size_t kBytesPerLine = 8;
+
+void PrintHead() {
+  Write(Coloured(Colour::kBold, fmt::format("{:>6}  {:<23}  {:<24} {:<9}  {}", "offset", "bytes",
+                                            "field", "primitive", "value")) +
+        "\n");
+}
+
+// All `bytes` from `offset` on; the first line says what they are.
+void PrintBytes(std::string_view bytes, std::size_t offset, const std::string& meaning) {
+  std::size_t begin = 0;
+  do {
+    std::string column;
+    for (const char byte : bytes.substr(begin, kBytesPerLine)) {
+      if (!column.empty()) column += ' ';
+      column += Hex({&byte, 1});
+    }
+    if (begin == 0) {
+      Print("{:>6}  {:<23}  {}\n", offset, column, meaning);
+    } else {
+      Print("{:>6}  {}\n", offset + begin, column);
+    }
+    begin += kBytesPerLine;
+  } while (begin < bytes.size());
+}
+
+std::string Explained(const TracedField& field, const Trace& trace) {
+  std::string value = PrintableJson(field.value);
+  if (field.name == "type") {
+    value += fmt::format(" ({})", trace.event.empty() ? "unknown" : trace.event);
+  } else if (field.name == "timestamp") {
+    value += fmt::format(" ({})", LocalTime(field.value.get<std::int64_t>()));
+  }
+  return fmt::format("{:<24} {:<9}  {}", Printable(field.name), field.primitive, value);
+}
+
+void PrintText(std::string_view datagram, const Trace& trace, const Damage* damage) {
+  PrintHead();
+  std::size_t end = 0;
+  for (const TracedField& field : trace.fields) {
+    PrintBytes(datagram.substr(field.offset, field.size), field.offset, Explained(field, trace));
+    end = field.offset + field.size;
+  }
+  if (!damage) return;
+  if (end < datagram.size()) {
+    const std::string meaning =
+        damage->field.empty() || trace.event.empty() ? "left over" : damage->field + ", unread";
+    PrintBytes(datagram.substr(end), end, Coloured(Colour::kRed, meaning));
+  }
+  Print("{} {}\n", Coloured(Colour::kRed, "damaged:"), damage->reason);
+  const Damage where = trace.damage.value_or(*damage);
+  if (where.reason != damage->reason) Print("         {}\n", where.reason);
+}
+
+// ---- As JSON ----
+
+Json ToJson(const Damage& damage, const Damage& where) {
+  return {{"reason", damage.reason},
+          {"offset", where.offset},
+          {"field", where.field},
+          {"missing", where.missing},
+          {"left_over", where.left_over}};
+}
+
+void PrintJson(std::string_view datagram, const Trace& trace, const Damage* damage) {
+  Json json = {{"event", trace.event}, {"size", datagram.size()}, {"fields", Json::array()}};
+  for (const TracedField& field : trace.fields) {
+    json["fields"].push_back({{"offset", field.offset},
+                              {"bytes", Hex(datagram.substr(field.offset, field.size))},
+                              {"name", field.name},
+                              {"primitive", field.primitive},
+                              {"value", field.value}});
+  }
+  json["damage"] = damage ? ToJson(*damage, trace.damage.value_or(*damage)) : Json();
+  Print("{}\n", records::Dump(json, 2));
+}
+
+int Run(const Options& options) {
+  std::ifstream file;
+  if (options.file != "-") {
+    file.open(options.file, std::ios::binary);
+    if (!file) return Complain(kFailed, "cannot read " + options.file);
+  }
+  std::string input = ReadUpTo(options.file == "-" ? std::cin : file, kLargestInput + 1);
+  if (input.size() > kLargestInput) return Complain(kFailed, "too large for a record");
+  // No record consists of hexadecimal digits alone: its type code would be an unknown one.
+  if (!options.raw) {
+    if (auto bytes = FromHex(input)) {
+      input = *std::move(bytes);
+    } else if (options.hex) {
+      return Complain(kFailed, "not an even number of hexadecimal digits");
+    }
+  }
+
+  const auto decoded = records::Decode(input);
+  const auto* damage = std::get_if<Damage>(&decoded);
+  (options.output == "json" ? PrintJson : PrintText)(input, records::TraceFields(input), damage);
+  return damage ? kFailed : kOk;
+}
+
+}  // namespace
+
+void AddDecode(CLI::App* app, int* exit_code) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app->add_subcommand("decode", "Show one record byte by byte");
+  command->add_option("FILE", options->file, "What to read; - for standard input")
+      ->capture_default_str();
+  CLI::Option* hex = command->add_flag("--hex", options->hex, "It holds hexadecimal digits");
+  command->add_flag("--raw", options->raw, "It holds the bytes themselves")->excludes(hex);
+  command->add_option("-o,--output", options->output, "text or json")
+      ->check(CLI::IsMember({"text", "json"}))
+      ->capture_default_str();
+  command->footer("Exit code 1 when the record is damaged; the output says where and why.");
+  command->callback([options, exit_code] { *exit_code = Run(*options); });
+}
+
+}  // namespace velmora::usage_stat::inspector

@@ -1,0 +1,25 @@
+// The endpoint that collectors listen on.
+
+#ifndef TOOLS_INSPECTOR_ENDPOINT_H_
+#define TOOLS_INSPECTOR_ENDPOINT_H_
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace velmora::usage_stat::inspector {
+
+void AddEndpointOption(CLI::App* command, std::string* endpoint);
+
+// Leads everything that this process sends to `endpoint`; leaves things as they are when it is
+// empty.
+void UseEndpoint(const std::string& endpoint);
+
+// The text between the two NULs of the name to which this process sends.
+std::string EndpointInUse();
+
+}  // namespace velmora::usage_stat::inspector
+
+#endif  // TOOLS_INSPECTOR_ENDPOINT_H_

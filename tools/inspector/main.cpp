@@ -1,0 +1,41 @@
+// usage-stat: a window into the records of usage statistics.
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "tools/inspector/commands.h"
+#include "tools/inspector/terminal.h"
+
+using namespace velmora::usage_stat::inspector;
+
+int main(int argc, char** argv) {
+  // A reader that has seen enough, such as head, is noticed where the output is written.
+  std::signal(SIGPIPE, SIG_IGN);
+  // The library's log lines repeat what the subcommands report in their own words.
+  setenv("CORVANE_LOG_LEVEL", "0", 0);
+
+  CLI::App app("Looks into the records of usage statistics, and sends some.", "usage-stat");
+  app.set_version_flag("--version", "usage-stat " USAGE_STAT_VERSION);
+  app.require_subcommand(1);
+  app.footer("Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
+  int exit_code = kOk;
+  for (const auto add : {AddDecode, AddSend, AddTypes}) {
+    add(&app, &exit_code);
+  }
+
+  const std::string first = argc > 1 ? argv[1] : "--help";
+  const auto is_first = [&first](const CLI::App* command) { return command->check_name(first); };
+  if (!first.starts_with('-') && app.get_subcommands(is_first).empty()) {
+    return Complain(kUsage, fmt::format("there is no subcommand {}; see usage-stat --help", first));
+  }
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (app.exit(error) != 0) return kUsage;
+  }
+  Flush();
+  return exit_code;
+}
