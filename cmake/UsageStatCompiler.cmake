@@ -36,6 +36,10 @@ if(USAGE_STAT_SANITIZE)
   if(USAGE_STAT_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=all)
   endif()
+  if(USAGE_STAT_SANITIZE MATCHES "implicit-conversion")
+    add_compile_options(
+      "-fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizer-ignorelist.txt")
+  endif()
 endif()
 
 # A fuzzer sees which branches its input reaches in every library that it links.
