@@ -107,16 +107,16 @@ std::optional<Acceleration> ReadKernelSensor() {
 }
 
 // Parses "x,y,z".
-std::optional<Acceleration> ParseAcceleration(std::string_view text) {
+std::optional<Acceleration> ParseAcceleration(std::string text) {
+  std::erase(text, ' ');
   const size_t first = text.find(',');
   const size_t second = first == text.npos ? text.npos : text.find(',', first + 1);
   if (second == text.npos) {
     return std::nullopt;
   }
-  const auto x = ParseInt(text.substr(0, first));
-  const auto y = ParseInt(text.substr(first + 1, second - first - 1));
-  const auto z = ParseInt(text.substr(second + 1));
-  return OfAxes(x, y, z);
+  return OfAxes(ParseInt(text.substr(0, first)),
+                ParseInt(text.substr(first + 1, second - first - 1)),
+                ParseInt(text.substr(second + 1)));
 }
 
 // What device.cfg says wins over the kernel, so that a profile can stand for another device.
