@@ -1,0 +1,297 @@
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <zip.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "corvane/corvane.h"
+#include "tests/support/device_root.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using usage_stat_test::DeviceRoot;
+using usage_stat_test::StderrCapture;
+
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+void MakeZip(const std::string& path, const Entries& entries, int method = ZIP_CM_DEFLATE) {
+  zip_t* zip = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
+  ASSERT_NE(zip, nullptr);
+  for (const auto& [name, content] : entries) {
+    zip_source_t* source = zip_source_buffer(zip, content.data(), content.size(), 0);
+    const zip_int64_t index = zip_file_add(zip, name.c_str(), source, ZIP_FL_OVERWRITE);
+    ASSERT_GE(index, 0);
+    ASSERT_EQ(zip_set_file_compression(zip, static_cast<zip_uint64_t>(index), method, 0), 0);
+  }
+  ASSERT_EQ(zip_close(zip), 0);
+}
+
+const char kContainer[] =
+    "<container><rootfiles><rootfile full-path='p/book.opf'"
+    " media-type='application/oebps-package+xml'/></rootfiles></container>";
+
+Entries Epub(const std::string& package) {
+  return {{"META-INF/container.xml", kContainer}, {"p/book.opf", package}};
+}
+
+std::string Package(const std::string& metadata) {
+  return "<?xml version='1.0'?><package xmlns:dc='d' xmlns:opf='o'><metadata>" + metadata +
+         "</metadata><manifest/></package>";
+}
+
+std::string Fb2(const std::string& description, const std::string& encoding = "utf-8") {
+  return "<?xml version=\"1.0\" encoding=\"" + encoding + "\"?><FictionBook><description>" +
+         description + "</description><body><p>text</p></body></FictionBook>";
+}
+
+// All that GetBookInfo says but the path, with "-" for null.
+std::string Describe(const BookInfo* book) {
+  if (book == nullptr) {
+    return "null";
+  }
+  const auto text = [](const char* field) { return std::string(field == nullptr ? "-" : field); };
+  std::string names;
+  for (const char* name : book->names) {
+    if (name != nullptr) {
+      names.append("+").append(name);
+    }
+  }
+  return std::to_string(book->file_type) + "|" + text(book->language) + "|" +
+         text(book->primary_name) + names + "|" + std::to_string(book->n1) + "|" +
+         std::to_string(book->n2) + "|" + text(book->s1) + "|" + text(book->s2) + "|" +
+         text(book->s3) + "|" + text(book->isbn);
+}
+
+TEST(Books, EpubMetadataFillsTheFields) {
+  struct Case {
+    std::string metadata;
+    std::string description;
+  };
+  std::string crowd;
+  for (int i = 0; i < 10'000; ++i) {
+    crowd += "<dc:creator id='c" + std::to_string(i) + "'>" + std::to_string(i) + "</dc:creator>";
+  }
+  const Case cases[] = {
+      {"", "1|-|-|0|0|-|-|-|-"},
+      // EPUB 2
+      {"<dc:language>de-AT</dc:language><dc:title>T &amp; t</dc:title><dc:title>U</dc:title>"
+       "<dc:contributor opf:role='trl'>C</dc:contributor><dc:creator opf:role='ill'>I</dc:creator>"
+       "<dc:creator opf:role='aut' opf:file-as='X'>A</dc:creator><dc:creator>B</dc:creator>"
+       "<dc:date opf:event='modification'>2020</dc:date><dc:date>2001-02-03</dc:date>"
+       "<dc:date opf:event='publication'>1999</dc:date><dc:publisher>P</dc:publisher>"
+       "<dc:identifier opf:scheme='uuid'>9780306406157x</dc:identifier>"
+       "<dc:identifier opf:scheme='ISBN'>0-306-40615-2</dc:identifier>"
+       "<meta name='calibre:series' content='S'/><meta name='calibre:series_index' content='3.0'/>",
+       "1|de-AT|A+B+I+C|1999|3|T & t|S|P|9780306406157"},
+      // EPUB 3
+      {"<dc:title>Short</dc:title><dc:title id='t'>Main</dc:title>"
+       "<meta refines='#t' property='title-type'>main</meta>"
+       "<dc:creator id='e'>E</dc:creator><meta refines='#e' property='role'>edt</meta>"
+       "<dc:creator id='a'>A</dc:creator><meta refines='#a' property='role'>aut</meta>"
+       "<meta property='belongs-to-collection' id='x'>Set</meta>"
+       "<meta refines='#x' property='collection-type'>set</meta>"
+       "<meta property='belongs-to-collection' id='s'>Series</meta>"
+       "<meta refines='#s' property='group-position'>12</meta>"
+       "<dc:identifier id='i'>080442957X</dc:identifier>"
+       "<meta refines='#i' "
+       "property='identifier-type'>02</meta><dc:date>2011-05-06T07:08:09Z</dc:date>",
+       "1|-|A+E|2011|12|Main|Series|-|9780804429573"},
+      {"<x:title>Other prefix</x:title><x:identifier>urn:isbn:978-0-306-40615-7</x:identifier>",
+       "1|-|-|0|0|Other prefix|-|-|9780306406157"},
+      {"<dc:identifier>0306406152</dc:identifier><dc:identifier>9780306406158</dc:identifier>"
+       "<dc:identifier>isbn:030640615X</dc:identifier><dc:date>20111</dc:date>"
+       "<meta property='belongs-to-collection' id='s'>S</meta>"
+       "<meta refines='#s' property='group-position'>40000</meta>",
+       "1|-|-|0|0|-|S|-|-"},
+      {crowd, "1|-|0+1+2+3+4+5+6+7+8+9+10|0|0|-|-|-|-"},
+      {"<dc:title> a\n\t b&#7;\xFF\xC0\xAF\xED\xA0\x80 \xD0\x96 <!-- c -->d<![CDATA[ "
+       "<e>]]></dc:title>",
+       "1|-|-|0|0|a b \xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD "
+       "\xD0\x96 d <e>|-|-|-"},
+  };
+  const DeviceRoot root;
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.metadata.substr(0, 500));
+    MakeZip(root.HostPath("/b.EPUB"), Epub(Package(each.metadata)));
+    const BookInfo* book = GetBookInfo("/b.EPUB");
+    EXPECT_EQ(Describe(book), each.description);
+    ASSERT_NE(book, nullptr);
+    EXPECT_STREQ(book->path, "/b.EPUB");
+    const char* isbn = GetBookISBN(book->path);
+    EXPECT_EQ(isbn == nullptr ? "-" : std::string(isbn),
+              each.description.substr(each.description.rfind('|') + 1));
+  }
+}
+
+TEST(Books, LongTextsAreCutBetweenCharacters) {
+  const DeviceRoot root;
+  for (const size_t kept : {997U, 998U, 999U, 1000U}) {
+    const std::string start(kept, 'y');
+    root.Write("/b.fb2", Fb2("<title-info><book-title>" + start +
+                             "\xE2\x82\xAC more</book-title></title-info>"));
+    EXPECT_EQ(GetBookInfo("/b.fb2")->s1, kept == 997 ? start + "\xE2\x82\xAC" : start);
+  }
+}
+
+TEST(Books, Fb2MetadataFillsTheFields) {
+  const std::string russian =
+      "<title-info><author><nickname>\xC6</nickname></author></title-info>";  // windows-1251
+  struct Case {
+    std::string file;
+    std::string description;
+  };
+  const std::string full =
+      Fb2("<title-info><author><first-name>A</first-name><last-name>B</last-name></author>"
+          "<translator><nickname>N</nickname></translator><author><last-name>C</last-name></author>"
+          "<book-title>T</book-title><date value='1998-01-02'>January</date><lang>ru</lang>"
+          "<sequence name='S' number='4'/></title-info><publish-info><publisher>P</publisher>"
+          "<year>2003</year><isbn>none, 978-0-306-40615-7</isbn></publish-info>");
+  const Case cases[] = {
+      {full, "1|ru|A B+C+N|2003|4|T|S|P|9780306406157"},
+      {full.substr(0, full.size() - 30), "1|ru|A B+C+N|2003|4|T|S|P|9780306406157"},
+      {full.substr(0, full.find("</description>")), "null"},
+      {Fb2("<title-info><date value='1998-01-02'>2</date></title-info><publish-info>"
+           "<sequence name='S'/></publish-info>"),
+       "1|-|-|1998|0|-|S|-|-"},
+      {Fb2(russian, "windows-1251"), "1|-|\xD0\x96|0|0|-|-|-|-"},
+      {Fb2(russian, "UNKNOWN-8"), "1|-|\xEF\xBF\xBD|0|0|-|-|-|-"},
+      {std::string("\xFF\xFE<\0F\0i\0c\0t\0i\0o\0n\0B\0o\0o\0k\0/\0>\0", 30), "null"},
+      {"<FictionBook><description/></FictionBook>", "null"},
+      {"<!DOCTYPE f [<!ENTITY a 'ha'><!ENTITY b "
+       "'&a;&a;&a;'>]><FictionBook><description><title-info>"
+       "<book-title>&b;</book-title></title-info></description></FictionBook>",
+       "1|-|-|0|0|&b;|-|-|-"},
+  };
+  const DeviceRoot root;
+  const StderrCapture quiet;
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.file);
+    root.Write("/b.fb2", each.file);
+    EXPECT_EQ(Describe(GetBookInfo("/b.fb2")), each.description);
+    MakeZip(root.HostPath("/b.fb2.zip"), {{"cover.png", "x"}, {"B.FB2", each.file}});
+    EXPECT_EQ(Describe(GetBookInfo("/b.fb2.zip")), each.description);
+  }
+}
+
+// The end of an archive that claims `size` bytes of directory.
+std::string EndOfArchive(const std::string& size) {
+  return "PK\5\6" + std::string(8, '\0') + size + std::string(6, '\0');
+}
+
+TEST(Books, HostileFilesGiveNullAndOneLine) {
+  const DeviceRoot root;
+  const std::string good = Package("<dc:title>T</dc:title>");
+  const std::string many_blanks(9 << 20, ' ');
+  const std::string deep = [] {
+    std::string nested;
+    for (int i = 0; i < 300'000; ++i) {
+      nested += "<a>";
+    }
+    return nested;
+  }();
+  MakeZip(root.HostPath("/bomb.epub"), Epub(good + many_blanks));
+  MakeZip(root.HostPath("/deep.epub"), Epub(Package(deep)));
+  MakeZip(root.HostPath("/bzip2.epub"), Epub(good), ZIP_CM_BZIP2);
+  MakeZip(root.HostPath("/no-package.epub"), {{"META-INF/container.xml", kContainer}});
+  MakeZip(root.HostPath("/no-container.epub"), {{"mimetype", "application/epub+zip"}});
+  MakeZip(root.HostPath("/bomb.fb2.zip"), {{"b.fb2", many_blanks + Fb2("<title-info/>")}});
+  MakeZip(root.HostPath("/cut.epub"), Epub(good));
+  std::filesystem::resize_file(root.HostPath("/cut.epub"), 200);
+  root.Write("/empty.epub", "");
+  root.Write("/deep.fb2", Fb2(deep));
+  root.Write("/directory.epub", EndOfArchive("\xFF\xFF\xFF\x7F"));
+  // A 64-bit archive of 56 bytes that claims 2^28 entries.
+  root.Write("/64-bit.epub", "PK\6\6" + std::string("\x2C", 1) + std::string(19, '\0') +
+                                 std::string("\0\0\0\x10\0\0\0\0\0\0\0\x10\0\0\0\0", 16) +
+                                 std::string(16, '\0') + "PK\6\7" + std::string(12, '\0') +
+                                 std::string("\1\0\0\0", 4) + EndOfArchive("\xFF\xFF\xFF\xFF"));
+  for (const char* zeros : {"/zeros.epub", "/zeros.fb2", "/zeros.fb2.zip"}) {
+    root.Write(zeros, "");
+    std::filesystem::resize_file(root.HostPath(zeros), uintmax_t{2} << 30);
+  }
+  std::filesystem::create_directories(root.HostPath("/folder.epub/x"));
+  ASSERT_EQ(mkfifo(root.HostPath("/fifo.fb2").c_str(), 0600), 0);
+  std::filesystem::create_symlink("/dev/zero", root.HostPath("/device.fb2"));
+
+  struct Case {
+    const char* path;
+    const char* logged;
+  };
+  for (const auto& [path, logged] :
+       {Case{"/bomb.epub", "more than 4 MiB"}, Case{"/deep.epub", "no well-formed XML"},
+        Case{"/bzip2.epub", "compressed in a way"}, Case{"/no-package.epub", "missing"},
+        Case{"/no-container.epub", "missing"}, Case{"/bomb.fb2.zip", "no whole FB2 description"},
+        Case{"/cut.epub", "no readable archive"}, Case{"/empty.epub", "no readable archive"},
+        Case{"/deep.fb2", "no whole FB2 description"},
+        Case{"/directory.epub", "directory is too large"}, Case{"/64-bit.epub", "64-bit"},
+        Case{"/zeros.epub", "no readable archive"}, Case{"/zeros.fb2", "no whole FB2 description"},
+        Case{"/zeros.fb2.zip", "no readable archive"}, Case{"/folder.epub", "Is a directory"},
+        Case{"/fifo.fb2", "not supported"}, Case{"/device.fb2", "not supported"},
+        Case{"/missing.fb2", "No such file"}}) {
+    SCOPED_TRACE(path);
+    StderrCapture capture;
+    EXPECT_EQ(GetBookInfo(path), nullptr);
+    EXPECT_THAT(capture.Writes(), ElementsAre(HasSubstr(logged)));
+    EXPECT_EQ(GetBookISBN(path), nullptr);
+  }
+  StderrCapture capture;
+  for (const char* no_book : {"/text.txt", "/text.zip", "/epub", ""}) {
+    EXPECT_EQ(GetBookInfo(no_book), nullptr);
+  }
+  EXPECT_EQ(GetBookInfo(nullptr), nullptr);
+  EXPECT_EQ(GetBookISBN(nullptr), nullptr);
+  EXPECT_THAT(capture.Writes(), IsEmpty());
+}
+
+TEST(Books, EveryDamagedByteIsSurvived) {
+  const DeviceRoot root;
+  const StderrCapture quiet;
+  const std::string path = root.HostPath("/b.epub");
+  MakeZip(path, Epub(Package("<dc:title>T</dc:title>")));
+  std::ifstream file(path, std::ios::binary);
+  const std::string good((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  for (size_t at = 0; at < good.size(); ++at) {
+    root.Write("/b.epub", good.substr(0, at));
+    EXPECT_EQ(GetBookInfo("/b.epub"), nullptr) << "cut at byte " << at;
+    std::string damaged = good;
+    damaged[at] = static_cast<char>(~damaged[at]);
+    root.Write("/b.epub", damaged);
+    GetBookInfo("/b.epub");
+  }
+}
+
+TEST(Books, BooksOfOthersAreRead) {
+  struct Case {
+    const char* path;
+    const char* description;
+  };
+  int found = 0;
+  for (const auto& [path, description] :
+       {Case{"/usr/share/developers-reference/developers-reference.epub",
+             "1|en|Developer's Reference Team+unknown|2023|0|developers-reference|-|"
+             "Developer's Reference Team|-"},
+        Case{"/usr/share/doc/debian-policy/policy.epub",
+             "1|en|The Debian Policy Mailing List+unknown|2022|0|Debian Policy Manual|-|"
+             "The Debian Policy Mailing List|-"},
+        Case{"/usr/share/doc/ubuntu-packaging-guide-epub-pt-br/ubuntu-packaging-guide.epub",
+             "1|pt_BR|Ubuntu Developers+unknown|2021|0|Ubuntu Packaging Guide|-|"
+             "Ubuntu Developers|-"}}) {
+    if (std::filesystem::exists(path)) {
+      EXPECT_EQ(Describe(GetBookInfo(path)), description);
+      ++found;
+    }
+  }
+  if (found == 0) {
+    GTEST_SKIP() << "none of the packages with books is installed";
+  }
+}
+
+}  // namespace
