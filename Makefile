@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build clean
+.PHONY: all test test-armhf demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
 
 all:
 	scripts/setup build
@@ -55,6 +55,10 @@ fuzz-build:
 # The documentation of the records, from the lists that write them.
 records: all
 	$(BUILD)/tools/inspector/usage-stat types --format markdown > docs/records.md
+
+# What becomes of calls when memory, system calls and the collector fail.
+faults: all
+	scripts/faults $(BUILD)
 
 clean:
 	rm -rf build

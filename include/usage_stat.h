@@ -246,7 +246,7 @@ STAT_API int Stat_StartApplicationByPathEvent(int process_id, const char* path, 
 /* ---- Opening books ---- */
 
 /* The id that stands for the book at `path` (not null): a digest of the path's bytes, the same on
- * every device. Sends and logs nothing. */
+ * every device; 0 when memory runs out. Sends and logs nothing. */
 STAT_API int Stat_GetBookId(const char* path);
 
 /* `application` begins to open the book at `path` (not null). `b` may be null, which is sent as the

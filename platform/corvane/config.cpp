@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <memory>
 #include <mutex>
 #include <new>
 
@@ -114,9 +115,9 @@ CorvaneConfig* OpenConfig(const char* path, int flags) {
   if (path == nullptr || flags != 0) {
     return nullptr;
   }
-  auto* config = new (std::nothrow) CorvaneConfig(path);
-  RefreshConfig(config);
-  return config;
+  auto config = std::unique_ptr<CorvaneConfig>(new (std::nothrow) CorvaneConfig(path));
+  RefreshConfig(config.get());
+  return config.release();
 }
 
 const char* ReadString(CorvaneConfig* config, const char* key, const char* default_value) {

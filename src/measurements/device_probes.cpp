@@ -10,15 +10,25 @@ namespace velmora::usage_stat {
 
 namespace {
 
-constexpr char kGlobalConfig[] = "/mnt/ext1/system/config/global.cfg";
+// The device's global configuration, closed again whatever leaves the scope.
+class GlobalConfig {
+ public:
+  GlobalConfig() : handle_(OpenConfig("/mnt/ext1/system/config/global.cfg", 0)) {}
+  ~GlobalConfig() { CloseConfigNoSave(handle_); }
+  GlobalConfig(const GlobalConfig&) = delete;
+  GlobalConfig& operator=(const GlobalConfig&) = delete;
+
+  CorvaneConfig* handle() const { return handle_; }
+
+ private:
+  CorvaneConfig* handle_;
+};
 
 }  // namespace
 
 int LanguageMeasurement::Measure() {
-  CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
-  const std::string language = ReadString(config, "language", "??");
-  event_.language_ = language;
-  CloseConfigNoSave(config);
+  const GlobalConfig config;
+  event_.language_ = std::string(ReadString(config.handle(), "language", "??"));
   return 0;
 }
 
@@ -35,10 +45,8 @@ int VersionMeasurement::Measure() {
 }
 
 bool IsStatisticsEnabled() {
-  CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
-  const int enabled = ReadInt(config, "statistics_enabled", 1);
-  CloseConfigNoSave(config);
-  return enabled != 0;
+  const GlobalConfig config;
+  return ReadInt(config.handle(), "statistics_enabled", 1) != 0;
 }
 
 }  // namespace velmora::usage_stat

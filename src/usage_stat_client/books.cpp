@@ -18,7 +18,7 @@ namespace {
 // one of 0x80 or more subtracts from the bytes above it. Ids in stored records follow this rule;
 // plain little-endian words would not match them.
 std::int32_t BookId(const std::string& path) {
-  unsigned char digest[SHA_DIGEST_LENGTH];
+  unsigned char digest[SHA_DIGEST_LENGTH] = {};  // what it stays when libcrypto has no memory
   SHA1(reinterpret_cast<const unsigned char*>(path.data()), path.size(), digest);
 
   const auto widened = [](unsigned char byte) {

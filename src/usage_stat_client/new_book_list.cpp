@@ -55,11 +55,15 @@ using RecordPtr = std::unique_ptr<Stat_BookInfo, RecordDeleter>;
 
 const char* Copy(const char* text) { return text ? strdup(text) : nullptr; }
 
-// A null-terminated list of `count` copies, null texts as empty ones.
+// A null-terminated list of `count` copies, null texts as empty ones. It ends early where memory
+// does.
 const char* const* CopyList(const char* const* texts, std::size_t count) {
   const auto list = static_cast<const char**>(std::calloc(count + 1, sizeof(const char*)));
   if (!list) return nullptr;
-  for (std::size_t i = 0; i < count; ++i) list[i] = strdup(texts[i] ? texts[i] : "");
+  for (std::size_t i = 0; i < count; ++i) {
+    list[i] = strdup(texts[i] ? texts[i] : "");
+    if (!list[i]) break;
+  }
   return list;
 }
 
