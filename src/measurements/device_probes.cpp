@@ -10,25 +10,15 @@ namespace velmora::usage_stat {
 
 namespace {
 
-// The device's global configuration, closed again whatever leaves the scope.
-class GlobalConfig {
- public:
-  GlobalConfig() : handle_(OpenConfig("/mnt/ext1/system/config/global.cfg", 0)) {}
-  ~GlobalConfig() { CloseConfigNoSave(handle_); }
-  GlobalConfig(const GlobalConfig&) = delete;
-  GlobalConfig& operator=(const GlobalConfig&) = delete;
-
-  CorvaneConfig* handle() const { return handle_; }
-
- private:
-  CorvaneConfig* handle_;
-};
+constexpr char kGlobalConfig[] = "/mnt/ext1/system/config/global.cfg";
 
 }  // namespace
 
 int LanguageMeasurement::Measure() {
-  const GlobalConfig config;
-  event_.language_ = std::string(ReadString(config.handle(), "language", "??"));
+  CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
+  const std::string language = ReadString(config, "language", "??");
+  event_.language_ = language;
+  CloseConfigNoSave(config);
   return 0;
 }
 
@@ -45,8 +35,10 @@ int VersionMeasurement::Measure() {
 }
 
 bool IsStatisticsEnabled() {
-  const GlobalConfig config;
-  return ReadInt(config.handle(), "statistics_enabled", 1) != 0;
+  CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
+  const int enabled = ReadInt(config, "statistics_enabled", 1);
+  CloseConfigNoSave(config);
+  return enabled != 0;
 }
 
 }  // namespace velmora::usage_stat
