@@ -111,7 +111,7 @@ const char* GetSerialNumber(void) {
 
 // The default has the family's prefix and no model number: an unknown model.
 const char* GetDeviceModel(void) {
-  returned.model = corvane::TextFact("model", "VelmoraPad-Host");
+  returned.model = corvane::TextFact("model", "Velmora VR-Host");
   return returned.model.c_str();
 }
 

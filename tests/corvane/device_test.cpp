@@ -27,7 +27,7 @@ TEST(DeviceFacts, HaveDefaultsWithoutAnyFile) {
   StderrCapture capture;
   EXPECT_EQ(FirstBytesOfId(), std::string(16, '\0'));
   EXPECT_STREQ(GetSerialNumber(), "");
-  EXPECT_STREQ(GetDeviceModel(), "VelmoraPad-Host");
+  EXPECT_STREQ(GetDeviceModel(), "Velmora VR-Host");
   EXPECT_STREQ(GetSoftwareVersion(), "0.0.0");
   EXPECT_EQ(GetCustomizedPartner(), 0);
   EXPECT_STREQ(GetCustomizedPartnerName(), "");
