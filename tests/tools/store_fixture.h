@@ -1,52 +1,22 @@
-// A folder for one test, and rows to put into a database in it.
+// A database for one test, and rows to put into it.
 
 #ifndef USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_
 #define USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/files.h"
 #include "tools/store/reader.h"
 #include "tools/store/writer.h"
 
 namespace usage_stat_test {
 
 namespace store = velmora::usage_stat::store;
-
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "usage_stat_test.XXXXXX";
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempFolder() { std::filesystem::remove_all(path_); }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-inline std::string ReadFile(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
-}
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream(path) << content;
-}
 
 #define ASSERT_OK(expression)                         \
   do {                                                \

@@ -7,7 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <numeric>
+#include <filesystem>
+#include <map>
 #include <random>
 
 #include "store_fixture.h"

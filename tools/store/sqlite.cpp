@@ -8,7 +8,7 @@ namespace velmora::usage_stat::store {
 
 namespace {
 
-constexpr int kBusyWaitMs = 250;
+constexpr int kBusyWaitMs = 1000;
 
 Status StatusOf(sqlite3* database, int result) {
   if (result == SQLITE_OK || result == SQLITE_ROW || result == SQLITE_DONE) return {};

@@ -63,7 +63,7 @@ class Connection {
  public:
   enum class Mode { kRead, kWrite, kCreate };
 
-  // A connection that waits for other writers for a quarter of a second before it gives up.
+  // A connection that waits a second for other writers before it gives up.
   static Status Open(const std::string& path, Mode mode, Connection* connection);
 
   // Runs one or more statements without parameters or rows.

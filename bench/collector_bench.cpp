@@ -1,0 +1,120 @@
+// What the collector takes in, and how much memory it needs for it, beside a bare receiving loop:
+// several processes send page turns as fast as they can. Afterwards every page turn that was
+// accepted must be in the database once, each process's in order.
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "tests/tools/collector_process.h"
+#include "tools/collector/endpoint.h"
+#include "tools/store/reader.h"
+
+namespace {
+
+using namespace usage_stat_test;
+namespace collector = velmora::usage_stat::collector;
+namespace store = velmora::usage_stat::store;
+using Clock = std::chrono::steady_clock;
+
+struct Load {
+  int senders = 8;
+  int count = 100'000;  // for each sender
+};
+
+void Report(const char* receiver, const Load& load, Clock::duration time, long peak_kib) {
+  const double seconds = std::chrono::duration<double>(time).count();
+  fmt::print("| {} | {} | {:.2f} | {:.0f} | {:.1f} |\n", receiver, load.senders * load.count,
+             seconds, load.senders * load.count / seconds, static_cast<double>(peak_kib) / 1024);
+  std::fflush(stdout);
+}
+
+void SendAll(const std::string& endpoint, const Load& load) {
+  std::vector<Sender> senders;
+  for (int i = 0; i < load.senders; ++i) senders.emplace_back(endpoint, i, load.count);
+  for (Sender& sender : senders) sender.Wait();
+}
+
+// Receives as many datagrams as will be sent, and does nothing with them.
+void ReceiveBare(const Load& load, const std::string& endpoint) {
+  Receiver receiver(endpoint);
+  std::vector<char> buffer(collector::kKeptBytes);
+  for (int left = load.senders * load.count; left > 0;) {
+    if (recv(receiver.descriptor(), buffer.data(), buffer.size(), 0) > 0) --left;
+  }
+}
+
+bool RunBare(const Load& load) {
+  const std::string endpoint = Receiver::UniqueEndpoint();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    ReceiveBare(load, endpoint);
+    _exit(0);
+  }
+  if (!Eventually([&] { return ReadFile("/proc/net/unix").find(endpoint) != std::string::npos; })) {
+    return false;
+  }
+  const auto start = Clock::now();
+  SendAll(endpoint, load);
+  rusage usage{};
+  wait4(pid, nullptr, 0, &usage);
+  Report("bare loop", load, Clock::now() - start, usage.ru_maxrss);
+  return true;
+}
+
+// Whether the database holds each sender's page turns once and in order.
+bool IsComplete(const std::string& database, const Load& load) {
+  std::unique_ptr<store::Reader> reader;
+  std::vector<int> next(static_cast<std::size_t>(load.senders));
+  bool is_ordered = true;
+  const auto visit = [&](const store::RecordRow& row) {
+    const auto fields = nlohmann::json::parse(row.fields);
+    int& expected = next.at(fields.at("b").get<std::size_t>());
+    is_ordered = fields.at("a") == expected++;
+    return is_ordered;
+  };
+  return store::Reader::Open(database, &reader).ok() &&
+         reader->ForEach({.events = {"ChangePageEvent"}}, visit).ok() && is_ordered &&
+         next == std::vector<int>(next.size(), load.count);
+}
+
+bool RunCollector(const std::string& command, const Load& load) {
+  const TempFolder folder;
+  const std::string database = folder / "records.db";
+  CollectorProcess process(command, folder.path(), {"--database", database});
+  if (!process.IsUp()) return false;
+  const auto start = Clock::now();
+  SendAll(process.endpoint(), load);
+  const bool is_clean = process.End() == 0;
+  Report("collector", load, Clock::now() - start, process.peak_kib());
+  std::fputs(process.Err().c_str(), stderr);
+  return is_clean && IsComplete(database, load);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Load load;
+  int rounds = 3;
+  std::string command;
+  CLI::App app("Measures the collector beside a bare receiving loop.");
+  app.add_option("collector", command, "The program")->required();
+  app.add_option("--senders", load.senders, "Processes that send");
+  app.add_option("--count", load.count, "Page turns for each of them");
+  app.add_option("--rounds", rounds, "How often both are measured, in turn");
+  CLI11_PARSE(app, argc, argv);
+
+  fmt::print(
+      "| receiver | page turns | seconds | per second | peak MiB |\n|---|---|---|---|---|\n");
+  for (int round = 0; round < rounds; ++round) {
+    if (!RunBare(load) || !RunCollector(command, load)) {
+      std::fputs("collector_bench: a page turn is missing, doubled or out of order\n", stderr);
+      return EXIT_FAILURE;
+    }
+  }
+  return EXIT_SUCCESS;
+}

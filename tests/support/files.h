@@ -1,0 +1,45 @@
+// Files and folders for one test.
+
+#ifndef USAGE_STAT_TESTS_SUPPORT_FILES_H_
+#define USAGE_STAT_TESTS_SUPPORT_FILES_H_
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace usage_stat_test {
+
+// A new folder that goes with its owner.
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = std::filesystem::temp_directory_path() / "usage_stat_test.XXXXXX";
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempFolder() { std::filesystem::remove_all(path_); }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}
+
+inline void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream(path) << content;
+}
+
+}  // namespace usage_stat_test
+
+#endif  // USAGE_STAT_TESTS_SUPPORT_FILES_H_

@@ -1,0 +1,447 @@
+// The collector as it is started on a device: real processes, sockets, signals, disks.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <random>
+
+#include "collector_process.h"
+#include "src/events/device_events.h"
+#include "src/events/new_books_events.h"
+#include "tests/support/sample_records.h"
+#include "tools/store/reader.h"
+#include "tools/store/schema.h"
+
+namespace usage_stat_test {
+namespace {
+
+namespace store = velmora::usage_stat::store;
+namespace usage_stat = velmora::usage_stat;
+using nlohmann::json;
+using testing::HasSubstr;
+
+// The suite is quick; with this variable set it is as thorough as before a release.
+int Times(int quick, int thorough) {
+  return std::getenv("USAGE_STAT_THOROUGH_TESTS") ? thorough : quick;
+}
+
+template <class EventClass>
+std::string Bytes(EventClass event) {
+  std::ostringstream out;
+  event.WriteToStream(out);
+  return out.str();
+}
+
+class CollectorTest : public testing::Test {
+ protected:
+  ~CollectorTest() override {
+    if (HasFailure() && collector_) std::cerr << collector_->Err();
+    close(socket_);
+  }
+
+  void Start(std::vector<std::string> arguments = {}) {
+    const bool keeps = std::ranges::count(arguments, "--no-store") == 0;
+    if (keeps) {
+      arguments.insert(arguments.end(), {"--database", database_});
+    }
+    collector_.emplace(COLLECTOR_COMMAND, folder_.path(), std::move(arguments));
+    ASSERT_TRUE(collector_->IsUp()) << collector_->Err();
+    // The first record is the collector's own.
+    ASSERT_TRUE(!keeps || Eventually([this] {
+      store::Connection connection;
+      std::int64_t runs = 0;
+      return store::OpenForReading(database_, &connection).ok() &&
+             connection.Read("SELECT count(*) FROM runs WHERE ended_ms IS NULL", &runs).ok() &&
+             runs > 0;
+    }));
+    address_.sun_family = AF_UNIX;
+    std::copy(collector_->endpoint().begin(), collector_->endpoint().end(), address_.sun_path + 1);
+    length_ =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + collector_->endpoint().size() + 2);
+  }
+
+  // 0 or the errno value. A full collector is waited for for a moment.
+  int Send(const std::string& bytes) const {
+    return sendto(socket_, bytes.data(), bytes.size(), 0, address(), length_) < 0 ? errno : 0;
+  }
+
+  const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&address_); }
+
+  void SendSurely(const std::string& bytes) const {
+    ASSERT_TRUE(Eventually([&] { return Send(bytes) == 0; }));
+  }
+
+  bool Says(const std::string& text) const {
+    return Eventually([&] { return collector_->Err().find(text) != std::string::npos; });
+  }
+
+  std::int64_t Number(const std::string& sql) const {
+    store::Connection connection;
+    std::int64_t number = -1;
+    store::Status status = store::OpenForReading(database_, &connection);
+    if (status.ok()) status = connection.Read(sql, &number);
+    EXPECT_TRUE(status.ok()) << status.message;
+    return number;
+  }
+
+  // The numbers of the page turns of one sender, in the order in which they were received.
+  std::vector<int> PageTurns(int sender) const {
+    std::vector<int> numbers;
+    std::unique_ptr<store::Reader> reader;
+    EXPECT_TRUE(store::Reader::Open(database_, &reader).ok());
+    const store::Query query = {.events = {"ChangePageEvent"}};
+    EXPECT_TRUE(reader
+                    ->ForEach(query,
+                              [&](const store::RecordRow& row) {
+                                const json fields = json::parse(row.fields);
+                                if (fields["b"] == sender) numbers.push_back(fields["a"]);
+                                return true;
+                              })
+                    .ok());
+    return numbers;
+  }
+
+  int CountWithArchives(const std::string& event) const {
+    std::unique_ptr<store::Journal> journal;
+    int number = 0;
+    EXPECT_TRUE(store::Journal::Open(database_, &journal).ok());
+    const auto count = [&number](const store::RecordRow&) { return ++number > 0; };
+    EXPECT_TRUE(journal->ForEach({.events = {event}}, count).ok());
+    return number;
+  }
+
+  // Page turns 0, 1, 2 up to at least `least`, and possibly more.
+  void ExpectPageTurns(int sender, int least, int most) const {
+    const std::vector<int> numbers = PageTurns(sender);
+    EXPECT_GE(static_cast<int>(numbers.size()), least);
+    EXPECT_LE(static_cast<int>(numbers.size()), most);
+    int expected = 0;
+    for (const int number : numbers) ASSERT_EQ(number, expected++);
+  }
+
+  void ExpectBalance() const {
+    EXPECT_EQ(Number("SELECT sum(received) FROM runs"),
+              Number("SELECT coalesce(sum(count), 0) FROM tally "
+                     "WHERE outcome IN ('stored', 'quarantined', 'refused')"));
+    EXPECT_EQ(Number("SELECT (SELECT count(*) FROM records) + (SELECT count(*) FROM quarantine)"),
+              Number("SELECT sum(CASE WHEN outcome IN ('archived', 'deleted') THEN -count "
+                     "ELSE count END) FROM tally WHERE outcome <> 'refused'"));
+    store::Connection connection;
+    std::string integrity;
+    ASSERT_TRUE(store::OpenForReading(database_, &connection).ok());
+    ASSERT_TRUE(connection.Read("PRAGMA integrity_check", &integrity).ok());
+    EXPECT_EQ(integrity, "ok");
+  }
+
+  static int OpenSocket() {
+    const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const timeval patience{0, 200'000};
+    setsockopt(opened, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    const int room = 1024 * 1024;
+    setsockopt(opened, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    return opened;
+  }
+
+  const TempFolder folder_;
+  std::string database_ = folder_ / "records.db";
+  std::optional<CollectorProcess> collector_;
+  const int socket_ = OpenSocket();
+  sockaddr_un address_{};
+  socklen_t length_ = 0;
+};
+
+TEST_F(CollectorTest, ShowsKeepsAndSumsUp) {
+  Start({"--print", "json"});
+  usage_stat::OrientationEvent turn;
+  turn.timestamp_ = 1'700'000'000'123;
+  turn.orientation_ = 4464;
+  usage_stat::NewBooksEvent books;
+  books.count_ = 3;
+  for (const std::string& bytes : {Bytes(turn), PageTurn(1, 2), Bytes(books), Bytes(turn) + "x",
+                                   std::string("\xd8"), std::string(150'000, 'x')}) {
+    SendSurely(bytes);
+  }
+  EXPECT_EQ(collector_->End(), 0);
+
+  std::vector<json> shown;
+  std::istringstream lines(collector_->Out());
+  for (std::string line; std::getline(lines, line);) shown.push_back(json::parse(line));
+  ASSERT_EQ(shown.size(), 3U);
+  EXPECT_EQ(shown[0],
+            json::parse(R"({"event":"OrientationEvent","type":2008,
+      "timestamp":1700000000123,"fields":{"orientation":4464}})")
+                .patch(json::array({{{"op", "add"}, {"path", "/pid"}, {"value", getpid()}},
+                                    {{"op", "add"}, {"path", "/uid"}, {"value", getuid()}}})));
+  EXPECT_EQ(shown[1]["event"], "ChangePageEvent");
+  EXPECT_EQ(shown[2]["event"], "NewBooksEvent");
+
+  const std::string from =
+      " bytes from pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid()) + ": ";
+  EXPECT_THAT(collector_->Err(), HasSubstr("undecodable: 13" + from + "1 byte left over"));
+  EXPECT_THAT(collector_->Err(), HasSubstr("undecodable: 1" + from + "field type"));
+  EXPECT_THAT(collector_->Err(), HasSubstr("undecodable: 150000" + from + "longer than any"));
+  EXPECT_THAT(collector_->Err(), HasSubstr("6 received, 3 decoded, 3 rejected, 0 refused"));
+  // Nothing but those lines: the library's own readers are quiet.
+  EXPECT_EQ(std::ranges::count(collector_->Err(), '\n'), 4);
+
+  ExpectBalance();
+  EXPECT_EQ(
+      Number("SELECT count(*) FROM records WHERE json_extract(fields, '$.orientation') = 4464"), 1);
+  EXPECT_EQ(Number("SELECT length(raw) FROM quarantine WHERE kind = 'too long'"), 150'000);
+  EXPECT_EQ(Number("SELECT count(*) FROM records WHERE event = 'NewJournalFileEvent' AND uid = " +
+                   std::to_string(getuid())),
+            1);
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(Number("SELECT count(*) FROM records WHERE event = 'OpenJournalFileEvent'"), 1);
+  EXPECT_EQ(Number("SELECT count(*) FROM runs WHERE ended_ms >= started_ms"), 2);
+}
+
+TEST_F(CollectorTest, ShowsTextWithoutKeeping) {
+  Start({"--print", "text", "--no-store"});
+  usage_stat::SendArchiveEvent event;
+  event.archive_ = "\x1b[31m\xc2\x9b";
+  SendSurely(Bytes(event));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_THAT(collector_->Out(), HasSubstr(R"( SendArchiveEvent archive="\u001b[31m\u009b")"));
+  EXPECT_FALSE(std::filesystem::exists(database_));
+}
+
+TEST_F(CollectorTest, MistakesAreTold) {
+  Start();
+  CollectorProcess second(COLLECTOR_COMMAND, folder_.path(),
+                          {"--endpoint", collector_->endpoint(), "--no-store"});
+  EXPECT_EQ(second.Wait(), 2);  // an option given twice
+
+  const TempFolder other;
+  setenv(kEndpointVariable, collector_->endpoint().c_str(), 1);
+  const std::string command =
+      std::string(COLLECTOR_COMMAND) + " --database " + (other / "r.db") + " 2>" + (other / "err");
+  EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1);
+  unsetenv(kEndpointVariable);
+  EXPECT_THAT(ReadFile(other / "err"), HasSubstr("another process listens on the endpoint"));
+  EXPECT_FALSE(std::filesystem::exists(other / "r.db"));
+
+  WriteFile(other / "notes", "a shopping list");
+  CollectorProcess foreign(COLLECTOR_COMMAND, other.path(), {"--database", other / "notes"});
+  EXPECT_EQ(foreign.Wait(), 1);
+  EXPECT_THAT(foreign.Err(), HasSubstr("is not a database of usage-stat"));
+  EXPECT_EQ(ReadFile(other / "notes"), "a shopping list");
+}
+
+TEST_F(CollectorTest, KeepsEverythingThatManyProcessesSend) {
+  constexpr int kSenders = 8;
+  const int count = Times(500, 100'000);
+  Start();
+  std::vector<Sender> senders;
+  for (int i = 0; i < kSenders; ++i) senders.emplace_back(collector_->endpoint(), i, count);
+  for (Sender& sender : senders) sender.Wait();
+  EXPECT_EQ(collector_->End(), 0);
+  for (int i = 0; i < kSenders; ++i) ExpectPageTurns(i, count, count);
+  ExpectBalance();
+}
+
+TEST_F(CollectorTest, EndsWithEverythingThatWasAccepted) {
+  Start();
+  std::vector<Sender> senders;
+  for (int i = 0; i < 3; ++i) senders.emplace_back(collector_->endpoint(), i, INT_MAX);
+  ASSERT_TRUE(Eventually([&] { return senders[2].count() > 100; }));
+  EXPECT_EQ(collector_->End(), 0);
+  for (int i = 0; i < 3; ++i) {
+    Sender& sender = senders[static_cast<std::size_t>(i)];
+    sender.Wait();
+    ExpectPageTurns(i, sender.count(), sender.count());
+  }
+}
+
+TEST_F(CollectorTest, KilledItLosesOnlyTheLastMoment) {
+  constexpr int kSenders = 3;
+  const int rounds = Times(3, 50);
+  // The stated time, and what a record may wait in the socket before it is received. The quick
+  // rounds run beside other tests and are not about time.
+  const auto moment = std::chrono::milliseconds(Times(1000, 100));
+  std::mt19937 random(static_cast<unsigned>(rounds));
+  for (int round = 0; round < rounds; ++round) {
+    std::filesystem::remove(database_);
+    Start({"--commit-interval", "50"});
+    std::vector<Sender> senders;
+    std::vector<int> kept(kSenders);
+    for (int i = 0; i < kSenders; ++i) senders.emplace_back(collector_->endpoint(), i, INT_MAX);
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 200));
+    for (std::size_t i = 0; i < kSenders; ++i) kept[i] = senders[i].count();
+    std::this_thread::sleep_for(moment);
+    collector_->Signal(SIGKILL);
+    EXPECT_EQ(collector_->Wait(), -SIGKILL);
+    for (std::size_t i = 0; i < kSenders; ++i) {
+      senders[i].Wait();
+      // One more may have arrived before its sender could count it.
+      ExpectPageTurns(static_cast<int>(i), kept[i], senders[i].count() + 1);
+    }
+    ExpectBalance();
+  }
+}
+
+TEST_F(CollectorTest, WaitsForALockedDatabase) {
+  Start();
+  store::Connection other;
+  ASSERT_TRUE(store::Connection::Open(database_, store::Connection::Mode::kWrite, &other).ok());
+  ASSERT_TRUE(other.Execute("BEGIN IMMEDIATE").ok());
+  SendSurely(PageTurn(0, 0));
+  ASSERT_TRUE(Says("cannot write the database"));
+  SendSurely(PageTurn(0, 1));
+  ASSERT_TRUE(other.Execute("COMMIT").ok());
+  ASSERT_TRUE(Says("can be written again"));
+  ExpectPageTurns(0, 1, 2);
+
+  // A second signal does not wait for the lock.
+  ASSERT_TRUE(other.Execute("BEGIN IMMEDIATE").ok());
+  SendSurely(PageTurn(0, 2));
+  collector_->Signal(SIGTERM);
+  ASSERT_TRUE(Eventually([this] { return Send("") != 0; }));
+  collector_->Signal(SIGTERM);
+  EXPECT_EQ(collector_->Wait(), -SIGTERM);
+}
+
+TEST_F(CollectorTest, WaitsForAFullDisk) {
+  const std::string disk = folder_ / "disk";
+  std::filesystem::create_directory(disk);
+  if (mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=2m") != 0) {
+    GTEST_SKIP() << "no right to mount a small file system";
+  }
+  database_ = disk + "/records.db";
+  WriteFile(disk + "/ballast", std::string(1'500'000, 'x'));
+  Start();
+  int count = 0;
+  while (collector_->Err().empty()) {
+    for (int i = 0; i < 100 && Send(PageTurn(0, count)) == 0; ++i) ++count;
+  }
+  EXPECT_THAT(collector_->Err(), HasSubstr("cannot write the database: database or disk is full"));
+  ASSERT_TRUE(Eventually([&] { return Send(PageTurn(0, count)) != 0 || ++count == 0; }));
+
+  std::filesystem::remove(disk + "/ballast");
+  ASSERT_TRUE(Says("can be written again"));
+  SendSurely(PageTurn(0, count++));
+  EXPECT_EQ(collector_->End(), 0);
+  ExpectPageTurns(0, count, count);
+  ExpectBalance();
+  umount2(disk.c_str(), MNT_DETACH);
+}
+
+TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
+  const int count = Times(3000, 100'000);
+  Start();
+  std::vector<std::string> seeds = {PageTurn(0, 1), Bytes(usage_stat::NewBooksEvent())};
+  for (const SampleRecord& record : SampleRecords()) seeds.push_back(record.bytes);
+  std::mt19937 random(6);
+  const auto below = [&random](std::size_t end) { return random() % end; };
+  for (int i = 0; i < count; ++i) {
+    std::string bytes = seeds[below(seeds.size())];
+    switch (below(5)) {
+      case 0:
+        bytes.resize(below(bytes.size() + 1));
+        break;
+      case 1:
+        bytes += seeds[below(seeds.size())];
+        break;
+      case 2:
+        break;  // as it is
+      default:
+        for (auto flips = below(4) + 1; flips > 0; --flips) {
+          bytes[below(bytes.size())] ^= static_cast<char>(1U << below(8));
+        }
+    }
+    SendSurely(bytes);
+  }
+  // Descriptors that come along do not stay open.
+  constexpr int kDescriptors = 100;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_name = &address_;
+  message.msg_namelen = length_;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+  std::copy_n(reinterpret_cast<const char*>(&socket_), sizeof(int),
+              reinterpret_cast<char*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
+  for (int i = 0; i < kDescriptors; ++i) {
+    ASSERT_TRUE(Eventually([&] { return sendmsg(socket_, &message, 0) == 0; }));
+  }
+  const int sent = count + kDescriptors;
+  ASSERT_TRUE(Eventually([&] { return Number("SELECT received FROM runs") == sent; }));
+  const std::string open_files = "/proc/" + std::to_string(collector_->pid()) + "/fd";
+  EXPECT_LT(std::distance(std::filesystem::directory_iterator(open_files), {}), kDescriptors);
+
+  EXPECT_EQ(collector_->End(), 0);
+  ExpectBalance();
+  EXPECT_EQ(Number("SELECT sum(count) FROM tally WHERE outcome IN ('stored', 'quarantined')"),
+            sent);
+  EXPECT_GT(CountWithArchives("ChangePageEvent"), 0);
+  EXPECT_GT(CountWithArchives("NewBooksEvent"), 0);
+  EXPECT_EQ(Number("SELECT count(*) FROM records WHERE NOT json_valid(fields)"), 0);
+}
+
+TEST_F(CollectorTest, RefusesOtherUsers) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can send as another user";
+  constexpr uid_t kStranger = 12345;
+  constexpr uid_t kFriend = 12346;
+  Start({"--allow-uid", std::to_string(kFriend)});
+  for (const uid_t uid : {kStranger, kFriend}) {
+    const pid_t child = fork();
+    if (child == 0) _exit(setuid(uid) == 0 ? Send(PageTurn(0, static_cast<int>(uid))) : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(PageTurns(0), std::vector<int>{kFriend});
+  EXPECT_EQ(Number("SELECT count FROM tally WHERE outcome = 'refused' AND uid = 12345"), 1);
+  ExpectBalance();
+}
+
+TEST_F(CollectorTest, NobodyHasToReadItsOutput) {
+  // A pipe that is never read, and one that is closed.
+  for (const bool is_closed : {false, true}) {
+    const std::string fifo = folder_ / (is_closed ? "closed" : "full");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const std::string script = folder_ / "script";
+    WriteFile(script, "#!/bin/sh\nexec \"" COLLECTOR_COMMAND "\" \"$@\" >" + fifo + "\n");
+    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    collector_.emplace(script, folder_.path(),
+                       std::vector<std::string>{"--print", "json", "--database", database_});
+    ASSERT_TRUE(collector_->IsUp());
+    if (is_closed) close(reader);
+    Sender sender(collector_->endpoint(), is_closed, 2000);
+    sender.Wait();
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_THAT(collector_->Err(), HasSubstr("were not shown"));
+    ExpectPageTurns(is_closed, 2000, 2000);
+    if (!is_closed) close(reader);
+  }
+}
+
+TEST_F(CollectorTest, RotatesWhenAskedTo) {
+  Start();
+  SendSurely(PageTurn(0, 0));
+  SendSurely(Bytes(usage_stat::ForceRotationEvent()));
+  ASSERT_TRUE(Eventually(
+      [this] { return Number("SELECT count(*) FROM archives WHERE state = 'complete'") == 1; }));
+  SendSurely(PageTurn(0, 1));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(PageTurns(0), std::vector<int>{1});
+  EXPECT_EQ(Number("SELECT count(*) FROM records r, archives a WHERE r.event = 'SendArchiveEvent' "
+                   "AND json_extract(r.fields, '$.archive') = a.path"),
+            1);
+  ExpectBalance();
+  EXPECT_EQ(CountWithArchives("ChangePageEvent"), 2);
+}
+
+}  // namespace
+}  // namespace usage_stat_test

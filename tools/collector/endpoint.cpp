@@ -1,0 +1,89 @@
+#include "tools/collector/endpoint.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace velmora::usage_stat::collector {
+
+namespace {
+
+// The kernel's word on who sent a message. Without one it is nobody.
+store::Sender SenderOf(msghdr* message) {
+  constexpr std::int64_t kNobody = 65534;
+  for (cmsghdr* part = CMSG_FIRSTHDR(message); part; part = CMSG_NXTHDR(message, part)) {
+    if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_CREDENTIALS) {
+      ucred credentials{};
+      std::memcpy(&credentials, CMSG_DATA(part), sizeof(credentials));
+      return {credentials.pid, credentials.uid};
+    }
+  }
+  return {0, kNobody};
+}
+
+}  // namespace
+
+store::Status Endpoint::Bind(const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = '\0' + name + '\0';
+  if (name.empty() || path.size() > sizeof(address.sun_path)) {
+    return store::Status::Failed("the endpoint's name must have 1 to " +
+                                 std::to_string(sizeof(address.sun_path) - 2) + " bytes");
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+
+  socket_ = store::Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket_.is_open()) return store::ErrnoStatus("cannot create a socket");
+  // Before the address is known to anybody, so that no datagram comes without its sender.
+  const int on = 1;
+  if (setsockopt(socket_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0) {
+    return store::ErrnoStatus("cannot ask for the senders' credentials");
+  }
+  if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+    if (errno == EADDRINUSE) {
+      return store::Status::Failed("another process listens on the endpoint " + name);
+    }
+    return store::ErrnoStatus("cannot bind the endpoint " + name);
+  }
+  return {};
+}
+
+Endpoint::Result Endpoint::Receive(Datagram* datagram) {
+  // Room for the credentials and nothing more: descriptors that a stranger sends along do not fit,
+  // so the kernel closes them instead of opening them here.
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+  iovec part{buffer_.data(), buffer_.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+
+  ssize_t size = 0;
+  do {
+    size = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+  } while (size < 0 && errno == EINTR);
+  if (size < 0) return errno == EAGAIN ? Result::kEmpty : Result::kFailed;
+
+  datagram->size = static_cast<std::size_t>(size);
+  datagram->bytes.assign(buffer_.data(), std::min(datagram->size, buffer_.size()));
+  datagram->sender = SenderOf(&message);
+  datagram->received_ms = store::NowMs();
+  return Result::kDatagram;
+}
+
+void Endpoint::Wait() const {
+  pollfd waiting{socket_.get(), POLLIN, 0};
+  (void)poll(&waiting, 1, -1);
+}
+
+void Endpoint::Shut() { (void)shutdown(socket_.get(), SHUT_RD); }
+
+}  // namespace velmora::usage_stat::collector

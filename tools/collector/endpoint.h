@@ -1,0 +1,38 @@
+// The collector's end of the channel: an abstract datagram socket.
+
+#ifndef TOOLS_COLLECTOR_ENDPOINT_H_
+#define TOOLS_COLLECTOR_ENDPOINT_H_
+
+#include <string>
+#include <vector>
+
+#include "tools/collector/datagram.h"
+#include "tools/store/file.h"
+
+namespace velmora::usage_stat::collector {
+
+class Endpoint {
+ public:
+  enum class Result { kDatagram, kEmpty, kFailed };
+
+  // Takes the address NUL, `name`, NUL. Fails when another process has it.
+  store::Status Bind(const std::string& name);
+
+  // Takes the next datagram, if there is one. kFailed: errno tells.
+  Result Receive(Datagram* datagram);
+
+  // Waits until there is a datagram, or nothing more can come.
+  void Wait() const;
+
+  // Refuses what is sent from now on. Every datagram whose sender was told that it arrived can
+  // still be received. From any thread.
+  void Shut();
+
+ private:
+  store::Descriptor socket_;
+  std::vector<char> buffer_ = std::vector<char>(kKeptBytes);
+};
+
+}  // namespace velmora::usage_stat::collector
+
+#endif  // TOOLS_COLLECTOR_ENDPOINT_H_

@@ -1,0 +1,59 @@
+// usage-stat-collector: receives the records of the device's applications and keeps them.
+
+#include <fmt/format.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdlib>
+
+#include "tools/collector/collector.h"
+#include "tools/collector/notices.h"
+#include "tools/collector/options.h"
+#include "tools/collector/readiness.h"
+
+namespace collector = velmora::usage_stat::collector;
+
+namespace {
+
+// Holds back the signals that end the collector, in this thread and those that it starts.
+sigset_t HoldEndingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+// Returns at the first ending signal; another one ends the process at once.
+void WaitForEnd(const sigset_t& signals) {
+  int signal = 0;
+  sigwait(&signals, &signal);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int exit_code = EXIT_SUCCESS;
+  const auto options = collector::ParseOptions(argc, argv, &exit_code);
+  if (!options) return exit_code;
+
+  // The library's readers log each field that a stranger's datagram lacks; the collector tells what
+  // is worth telling.
+  setenv("CORVANE_LOG_LEVEL", "0", 0);
+  signal(SIGPIPE, SIG_IGN);
+  const sigset_t signals = HoldEndingSignals();
+
+  collector::Collector collecting(*options);
+  if (const auto status = collecting.Start(); !status.ok()) {
+    collector::Tell(status.message);
+    return EXIT_FAILURE;
+  }
+  collector::AnnounceReadiness();
+  WaitForEnd(signals);
+  const collector::Summary summary = collecting.Stop();
+  collector::Tell(fmt::format("{} received, {} decoded, {} rejected, {} refused", summary.received,
+                              summary.decoded, summary.rejected, summary.refused));
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,45 @@
+#include "tools/collector/notices.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace velmora::usage_stat::collector {
+
+void Tell(const std::string& line) {
+  const std::string text = "usage-stat-collector: " + line + "\n";
+  pollfd waiting{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&waiting, 1, 0) != 1 || !(waiting.revents & POLLOUT)) return;
+  if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;
+}
+
+void Flood::Tell(const std::string& line) {
+  const auto now = std::chrono::steady_clock::now();
+  if (now - second_ >= std::chrono::seconds(1)) {
+    Flush();
+    second_ = now;
+    told_ = 0;
+  }
+  if (told_ == kLinesPerSecond) {
+    ++left_out_;
+    return;
+  }
+  ++told_;
+  collector::Tell(line);
+}
+
+void Flood::Flush() {
+  if (left_out_ > 0) collector::Tell(std::to_string(left_out_) + " more like this");
+  left_out_ = 0;
+}
+
+void Trouble::Met(const std::string& line) {
+  if (!is_on_) Tell(line);
+  is_on_ = true;
+}
+
+void Trouble::Over() {
+  if (is_on_) Tell(over_);
+  is_on_ = false;
+}
+
+}  // namespace velmora::usage_stat::collector

@@ -1,0 +1,90 @@
+#include "tools/collector/options.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <map>
+#include <vector>
+
+#include "tools/store/schema.h"
+
+namespace velmora::usage_stat::collector {
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+// The library's own endpoint, unless its environment names another.
+std::string DefaultEndpoint() {
+  const char* name = std::getenv("VELMORA_MESSAGE_ENDPOINT");
+  return name && *name ? name : "usage_stat_event1";
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
+  Options options;
+  std::int64_t interval_ms = options.commit_interval.count();
+  std::vector<std::int64_t> uids;
+  std::uint64_t max_bytes = 0;
+  bool no_store = false;
+  const std::map<std::string, Format> formats = {{"text", Format::kText}, {"json", Format::kJson}};
+  constexpr std::int64_t kLargestUid = 4294967294;
+
+  CLI::App app("Collects usage records from the applications of this device.",
+               "usage-stat-collector");
+  app.set_version_flag("--version", "usage-stat-collector " USAGE_STAT_VERSION);
+  app.add_option("--endpoint", options.endpoint,
+                 "Listen on the abstract socket of this name (default: the environment variable "
+                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)");
+  auto* database = app.add_option(
+      "--database", options.database_path,
+      "Keep the records in this file (default: the environment variable USAGE_STAT_DATABASE, else "
+      "records.db in $STATE_DIRECTORY, else /var/lib/usage-stat/records.db)");
+  app.add_flag("--no-store", no_store, "Keep nothing")->excludes(database);
+  app.add_option("--print", options.print, "Show each record on standard output, as text or json")
+      ->transform(CLI::CheckedTransformer(formats));
+  app.add_option("--commit-interval", interval_ms,
+                 "Milliseconds after which a received record is in the database at the latest, as "
+                 "long as the disk keeps up (default: 50)")
+      ->check(CLI::Range(1, 60'000));
+  app.add_option("--allow-uid", uids,
+                 "Take records from this user too, beside root and the collector's own; may be "
+                 "given again")
+      ->allow_extra_args(false)
+      ->check(CLI::Range(std::int64_t{0}, kLargestUid));
+  app.add_flag("--allow-any", options.allow_any, "Take records from every user");
+  app.add_option("--archive-dir", options.archive_directory,
+                 "Put archives into this folder (default: archives, beside the database)");
+  app.add_option("--keep-days", options.retention.keep_days,
+                 "Delete what was received more days ago than this (default: 0, keep)")
+      ->check(CLI::Range(0, 36'500));
+  app.add_option("--max-size", max_bytes,
+                 "Delete the oldest once database and archives exceed this many bytes; K, M and G "
+                 "may follow the number (default: 0, no limit)")
+      ->transform(CLI::AsSizeValue(false));
+  app.footer(
+      "SIGTERM and SIGINT end it when everything received is kept; a second one ends it at once.");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    *exit_code = app.exit(error) == 0 ? EXIT_SUCCESS : kUsageError;
+    return std::nullopt;
+  }
+
+  options.store = !no_store;
+  options.commit_interval = std::chrono::milliseconds(interval_ms);
+  options.allowed_uids = {0, geteuid()};
+  options.allowed_uids.insert(uids.begin(), uids.end());
+  options.retention.max_bytes = static_cast<std::int64_t>(max_bytes);
+  if (options.endpoint.empty()) options.endpoint = DefaultEndpoint();
+  if (options.database_path.empty()) options.database_path = store::DefaultDatabasePath();
+  if (options.archive_directory.empty()) {
+    options.archive_directory = store::DefaultArchiveDirectory(options.database_path);
+  }
+  return options;
+}
+
+}  // namespace velmora::usage_stat::collector

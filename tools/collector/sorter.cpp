@@ -1,0 +1,85 @@
+#include "tools/collector/sorter.h"
+
+#include <fmt/format.h>
+
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "src/stat_event/event_factory.h"
+#include "tools/records/text.h"
+
+namespace velmora::usage_stat::collector {
+
+namespace {
+
+// A datagram that no sender of ours can have sent, whatever it holds.
+records::Damage TooLong(std::size_t size) {
+  records::Damage damage;
+  damage.kind = "too long";
+  damage.reason = fmt::format("longer than any message ({} bytes)", kLargestMessage);
+  if (size > kKeptBytes) damage.reason += fmt::format(", the first {} are kept", kKeptBytes);
+  return damage;
+}
+
+}  // namespace
+
+store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
+  store::Batch batch;
+  batch.records.reserve(datagrams->size());
+  for (Datagram& datagram : *datagrams) {
+    ++summary_.received;
+    ++batch.received;
+    if (datagram.is_refused) {
+      Refuse(datagram, &batch);
+    } else if (datagram.size > kLargestMessage) {
+      Quarantine(&datagram, TooLong(datagram.size), &batch);
+    } else if (const auto decoded = records::Decode(datagram.bytes);
+               const auto* record = std::get_if<records::Record>(&decoded)) {
+      Keep(&datagram, *record, &batch);
+    } else {
+      Quarantine(&datagram, std::get<records::Damage>(decoded), &batch);
+    }
+  }
+  return batch;
+}
+
+bool Sorter::TakeRotationRequest() { return std::exchange(is_rotation_requested_, false); }
+
+void Sorter::Refuse(const Datagram& datagram, store::Batch* batch) {
+  ++summary_.refused;
+  ++batch->refused[{datagram.sender.uid, "user not allowed"}];
+  flood_.Tell(fmt::format("refused: {} bytes from pid {} uid {}: this user may not send",
+                          datagram.size, datagram.sender.pid, datagram.sender.uid));
+}
+
+void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batch* batch) {
+  ++summary_.decoded;
+  if (record.type == EventFactory::kForceRotation) is_rotation_requested_ = true;
+  if (view_) Show(record, datagram->sender);
+  batch->records.push_back({0, datagram->received_ms, datagram->sender, record.type,
+                            std::string(record.event), record.timestamp,
+                            records::Dump(record.fields), std::move(datagram->bytes)});
+}
+
+void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch) {
+  ++summary_.rejected;
+  flood_.Tell(fmt::format("undecodable: {} bytes from pid {} uid {}: {}", datagram->size,
+                          datagram->sender.pid, datagram->sender.uid, damage.reason));
+  batch->quarantine.push_back({0, 0, datagram->received_ms, datagram->sender,
+                               std::string(damage.kind), damage.reason, damage.type,
+                               records::Dump(damage.fields), std::move(datagram->bytes)});
+}
+
+void Sorter::Show(const records::Record& record, const store::Sender& sender) {
+  if (format_ == Format::kText) {
+    view_->Show(records::ToText(record.event, record.timestamp, record.fields));
+    return;
+  }
+  records::Json json = records::ToJson(record);
+  json["pid"] = sender.pid;
+  json["uid"] = sender.uid;
+  view_->Show(records::Dump(json));
+}
+
+}  // namespace velmora::usage_stat::collector

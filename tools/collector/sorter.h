@@ -1,0 +1,57 @@
+// Turns datagrams into what the database keeps, shows them, and counts them.
+
+#ifndef TOOLS_COLLECTOR_SORTER_H_
+#define TOOLS_COLLECTOR_SORTER_H_
+
+#include <cstdint>
+#include <vector>
+
+#include "tools/collector/datagram.h"
+#include "tools/collector/live_view.h"
+#include "tools/collector/notices.h"
+#include "tools/collector/options.h"
+#include "tools/records/record.h"
+#include "tools/store/writer.h"
+
+namespace velmora::usage_stat::collector {
+
+// What the collector has seen since it started.
+struct Summary {
+  std::int64_t received = 0;
+  std::int64_t decoded = 0;
+  std::int64_t rejected = 0;  // undecodable
+  std::int64_t refused = 0;   // from senders that may not send
+};
+
+class Sorter {
+ public:
+  // `view` may be null; otherwise it outlives the sorter.
+  Sorter(Format format, LiveView* view) : format_(format), view_(view) {}
+  ~Sorter() { flood_.Flush(); }
+  Sorter(const Sorter&) = delete;
+  Sorter& operator=(const Sorter&) = delete;
+
+  // Takes the datagrams' bytes.
+  store::Batch Sort(std::vector<Datagram>* datagrams);
+
+  const Summary& summary() const { return summary_; }
+
+  // Whether a request to rotate the journal came in since the last call.
+  bool TakeRotationRequest();
+
+ private:
+  void Refuse(const Datagram& datagram, store::Batch* batch);
+  void Keep(Datagram* datagram, const records::Record& record, store::Batch* batch);
+  void Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch);
+  void Show(const records::Record& record, const store::Sender& sender);
+
+  const Format format_;
+  LiveView* const view_;
+  Flood flood_;
+  Summary summary_;
+  bool is_rotation_requested_ = false;
+};
+
+}  // namespace velmora::usage_stat::collector
+
+#endif  // TOOLS_COLLECTOR_SORTER_H_
