@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <stdexcept>
-#include <thread>
 
 #include "tests/library/golden_records.h"
 #include "tests/support/recording/recorder.h"
@@ -15,7 +14,6 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::ExitedWithCode;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -62,7 +60,7 @@ TEST_F(PlatformTest, TheSameLibraryRunsOnAnotherPair) {
   Dl_info library{};
   for (const char* symbol : {"vm_print_log2", "_ZN7velmora9utilities13MessageClientC1Ev"}) {
     ASSERT_NE(dladdr(dlsym(RTLD_DEFAULT, symbol), &library), 0);
-    EXPECT_THAT(library.dli_fname, HasSubstr("/recording/"));
+    EXPECT_THAT(library.dli_fname, HasSubstr("/recording_"));
   }
   EXPECT_EQ(Stat_SendOrientationEvent(1), 0);
   EXPECT_EQ(Recorded().message, "Int16 2008; Timestamp now; Int16 1; ");
@@ -195,117 +193,7 @@ TEST_F(PlatformTest, KeyMappingAsksForEachSetAndForSetZero) {
                           "SendMessage", "~MessageClient"));
 }
 
-// ---- Applications. The first look-up of a process decides on the store, so each scenario runs in
-// a process of its own. ----
-
-class ApplicationIdTest : public PlatformTest {
- protected:
-  ApplicationIdTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }  // a new process
-};
-
-[[noreturn]] void ExitWith(bool passed) { _exit(passed ? 0 : 1); }
-
-[[noreturn]] void LookUpStores(const char* partner, int id) {
-  Recorded().partner_name = partner;
-  bool passed = true;
-  for (const char* store : {"BookStore.app", "bookstore.app", "zundelstore.app"}) {
-    passed = passed && Stat_GetApplicationId(store) == id;
-    Recorded().partner_name = "dollin";  // too late
-  }
-  ExitWith(passed && Stat_GetApplicationId("/BookStore.app") == -1);
-}
-
-TEST_F(ApplicationIdTest, StoresDependOnThePartner) {
-  for (const auto& [partner, id] : std::vector<std::pair<const char*, int>>{{"norvik", 32},
-                                                                            {"tellhaus", 33},
-                                                                            {"varsk", 34},
-                                                                            {"falkner", 35},
-                                                                            {"dollin", 38},
-                                                                            {"quellmedia", 39},
-                                                                            {"", 4},
-                                                                            {"Norvik", 4}}) {
-    EXPECT_EXIT(LookUpStores(partner, id), ExitedWithCode(0), "") << partner;
-  }
-}
-
-[[noreturn]] void LookUpWithoutPartner() {
-  int thrown = 0;
-  for (const char* path : {static_cast<const char*>(nullptr), "explorer.app"}) {
-    Recorded().partner_name = nullptr;
-    try {
-      Stat_GetApplicationId(path);
-    } catch (const std::logic_error&) {
-      ++thrown;
-    }
-  }
-  Recorded().partner_name = "varsk";
-  ExitWith(thrown == 2 && Stat_GetApplicationId("bookstore.app") == 34);
-}
-
-TEST_F(ApplicationIdTest, NullPartnerNameLeavesTheNextCallToTryAgain) {
-  EXPECT_EXIT(LookUpWithoutPartner(), ExitedWithCode(0), "");
-}
-
-[[noreturn]] void LookUpFromManyThreads() {
-  Recorded().partner_name = "tellhaus";
-  std::atomic<int> right{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&right] {
-      right += Stat_GetApplicationId("bookstore.app") == 33;
-      right += Stat_GetApplicationId("ocr.app") == 28;
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  ExitWith(right == 16);
-}
-
-TEST_F(ApplicationIdTest, ManyThreadsMayLookUpFirst) {
-  for (int i = 0; i < 20; ++i) EXPECT_EXIT(LookUpFromManyThreads(), ExitedWithCode(0), "");
-}
-
-TEST_F(ApplicationIdTest, NamesAreExactAndPathsAreUnknown) {
-  const std::map<std::string, int> ids = {{"explorer.app", 1},
-                                          {"acontent.app", 5},
-                                          {"audio_player.app", 6},
-                                          {"Dictionary.app", 7},
-                                          {"settings.app", 9},
-                                          {"browser.app", 10},
-                                          {"browser_social.app", 10},
-                                          {"calc.app", 11},
-                                          {"calendar.app", 12},
-                                          {"chess.app", 13},
-                                          {"kosynka.app", 14},
-                                          {"UniversalSync.app", 15},
-                                          {"velmnews.app", 16},
-                                          {"scribble.app", 17},
-                                          {"painter.app", 18},
-                                          {"sudoku.app", 19},
-                                          {"snake.app", 20},
-                                          {"dropboxctl.app", 21},
-                                          {"SendToVelmora.app", 22},
-                                          {"taskmgr.app", 25},
-                                          {"photo_scanner.app", 28},
-                                          {"PhotoScanner.app", 28},
-                                          {"barcode.app", 28},
-                                          {"camera.app", 28},
-                                          {"ocr.app", 28},
-                                          {"notes.app", 5},
-                                          {"bookshelf.app", 37},
-                                          {"music_player.app", 40},
-                                          {"audio_books.app", 41},
-                                          {"Explorer.app", -1},
-                                          {"explorer", -1},
-                                          {"explorer.appx", -1},
-                                          {"", -1},
-                                          {"/explorer.app", -1},
-                                          {"x/notes.app", -1},
-                                          {"explorer.app/", -1}};
-  for (const auto& [name, id] : ids) EXPECT_EQ(Stat_GetApplicationId(name.c_str()), id) << name;
-  EXPECT_EQ(Stat_GetApplicationId(nullptr), -1);
-}
-
-TEST_F(ApplicationIdTest, LaunchByPathLogsADiagnosticLine) {
+TEST_F(PlatformTest, LaunchByPathLogsADiagnosticLine) {
   LaunchByPath(7, "/a/fbreader.app", {});
   EXPECT_THAT(
       Recorded().log,
@@ -313,124 +201,6 @@ TEST_F(ApplicationIdTest, LaunchByPathLogsADiagnosticLine) {
           3, "src/usage_stat_client",
           "int Stat_StartApplicationByPathEvent(int, const char *, int, const char **)",
           "[pid:%d]pid = [%d], path = [%s]", "[pid:4711]pid = [7], path = [/a/fbreader.app]"}));
-}
-
-// ---- New books ----
-
-class NewBooksTest : public PlatformTest {};
-
-constexpr BookInfo kBookA = {
-    1, "/card/A.epub", "en_US", "Ann", {"n0", nullptr, "n2"}, 7, -7, "1", "2", "3", "isbn a"};
-constexpr BookInfo kBookB = {1, "/card/B", nullptr, nullptr, {nullptr, "m1"}, -8,
-                             8, nullptr,   nullptr, nullptr, nullptr};
-constexpr BookInfo OfType(int file_type) {
-  BookInfo info{};
-  info.file_type = file_type;
-  return info;
-}
-constexpr BookInfo kPicture = OfType(2);
-constexpr BookInfo kNowhere = OfType(1);  // a book without a path
-
-constexpr char kListB[] = "StringVec []; ";
-constexpr char kNamesB[] = "StringVec [][m1][][][][][][][][]; ";
-
-std::string Id(const char* path) { return "Int32 " + std::to_string(Stat_GetBookId(path)) + "; "; }
-
-TEST_F(NewBooksTest, BooksOfASimpleBatchShareTheListsOfTheLastOne) {
-  Recorded().books = {{"/x/a.epub", kBookA}, {"/x/b.epub.zip", kBookB}};
-  Recorded().isbns = {{"/x/a.epub", "not asked"}, {"/x/b.epub.zip", "asked"}};
-  const char* paths[] = {"/x/a.epub", "/x/b.epub.zip", nullptr};
-  EXPECT_EQ(Stat_NewBooksEventSimple(2, paths, 3), 0);
-  EXPECT_EQ(Recorded().message,
-            "Int16 2028; Timestamp now; Int32 2; " + Id("/x/a.epub") + "Language en; " + kListB +
-                "String .epub; " + kNamesB + "Int32 7; Int16 -7; String a.epub; String 1; " +
-                "String 2; String isbn a; String 3; " + Id("/x/b.epub.zip") + "Language ; " +
-                kListB + "String .epub.zip; " + kNamesB +
-                "Int32 -8; Int16 8; String b.epub.zip; String ; String ; String asked; String ; "
-                "Int16 3; ");
-}
-
-TEST_F(NewBooksTest, FileTypesFollowTwoRules) {
-  struct Row {
-    const char* path;
-    const char* in_batch;  // null: an exception
-    const char* in_list;
-    const char* file_name;
-  };
-  for (const Row& row : {Row{"/b/a.epub", ".epub", ".epub", "a.epub"},
-                         {"a.fb2.zip", ".fb2.zip", ".fb2.zip", ""},
-                         {"/b/a.epub.zip", ".epub.zip", ".zip", "a.epub.zip"},
-                         {"/b/a.ZIP", ".ZIP", ".ZIP", "a.ZIP"},
-                         {"/b/book", "", "", "book"},
-                         {"/dir.d/book", ".d/book", ".d/book", "book"},
-                         {"a.", ".", ".", ""},
-                         {"a.zip", nullptr, ".zip", ""},
-                         {".zip", nullptr, ".zip", ""}}) {
-    SCOPED_TRACE(row.path);
-    Forget();
-    Recorded().books = {{"/b/first.epub", kBookA}, {row.path, kBookA}};
-    const char* paths[] = {"/b/first.epub", row.path};
-    if (row.in_batch) {
-      EXPECT_EQ(Stat_NewBooksEventSimple(2, paths, 1), 0);
-      EXPECT_THAT(Recorded().message,
-                  HasSubstr("String " + std::string(row.in_batch) + "; StringVec [n0]"));
-    } else {
-      EXPECT_THROW(Stat_NewBooksEventSimple(2, paths, 1), std::out_of_range);
-      EXPECT_THAT(Recorded().calls, IsEmpty());
-    }
-    StatUtils_AddNewBookToStatList(row.path);
-    ASSERT_EQ(StatUtils_StatListSize(), 1);
-    EXPECT_STREQ(StatUtils_GetStatList()[0]->file_type, row.in_list);
-    EXPECT_STREQ(StatUtils_GetStatList()[0]->file_name, row.file_name);
-    StatUtils_FreeStatList();
-  }
-}
-
-TEST_F(NewBooksTest, TheListOwnsItsRecords) {
-  Recorded().books = {{"/x/a.epub", kBookA}, {"/x/b", kBookB}, {"/x/pic.png", kPicture}};
-  Recorded().isbns = {{"/x/b", "asked"}};
-  StatUtils_AddNewBookToStatList("/x/a.epub");
-  const std::string function = "void StatUtils_AddNewBookToStatList(const char *)";
-  EXPECT_THAT(Recorded().log,
-              ElementsAre(LogLine{4, "src/usage_stat_client", function,
-                                  "[pid:%d]StatUtils_AddNewBookToStatList path [%s]",
-                                  "[pid:4711]StatUtils_AddNewBookToStatList path [/x/a.epub]"},
-                          LogLine{4, "src/usage_stat_client", function,
-                                  "[pid:%d]StatUtils_AddNewBookToStatList FTYPE_BOOK",
-                                  "[pid:4711]StatUtils_AddNewBookToStatList FTYPE_BOOK"}));
-  for (const char* path : {"/x/unknown", "/x/pic.png", "/x/b"})
-    StatUtils_AddNewBookToStatList(path);
-  EXPECT_EQ(Recorded().log.size(), 6U);  // no second line for what is no book
-  ASSERT_EQ(StatUtils_StatListSize(), 2);
-
-  Recorded().books.clear();
-  const Stat_BookInfo* const* books = StatUtils_GetStatList();
-  EXPECT_NE(books[0]->language, kBookA.language);
-  EXPECT_EQ(books[1]->language, nullptr);
-  EXPECT_EQ(books[1]->s3, nullptr);
-  EXPECT_EQ(Stat_NewBooksEventEx(2, books, 3), 0);
-  EXPECT_EQ(Recorded().message,
-            "Int16 2028; Timestamp now; Int32 2; " + Id("/card/A.epub") +
-                "Language en; StringVec [Ann]; String .epub; StringVec [n0][][n2][][][][][][][]; " +
-                "Int32 7; Int16 -7; String a.epub; String 1; String 2; String isbn a; String 3; " +
-                Id("/card/B") + "Language ; " + kListB + "String ; " + kNamesB +
-                "Int32 -8; Int16 8; String b; String ; String ; String asked; String ; Int16 3; ");
-  StatUtils_FreeStatList();
-  EXPECT_EQ(StatUtils_StatListSize(), 0);
-  StatUtils_FreeStatList();
-}
-
-TEST_F(NewBooksTest, TheListTakes101BooksAndLosesNoneToAnException) {
-  Recorded().books = {{"/x/a.epub", kBookA}, {"/x/nowhere", kNowhere}};
-  for (int i = 0; i < 105; ++i) {
-    if (i == 50) {
-      EXPECT_THROW(StatUtils_AddNewBookToStatList("/x/nowhere"), std::logic_error);
-    }
-    StatUtils_AddNewBookToStatList("/x/a.epub");
-    EXPECT_EQ(StatUtils_StatListSize(), std::min(i + 1, 101));
-  }
-  EXPECT_EQ(Recorded().log.size(), 2U * 101 + 2);  // a full list does not even ask
-  StatUtils_FreeStatList();
 }
 
 }  // namespace
