@@ -1,8 +1,10 @@
 // What reaches the collector's socket, through the real platform libraries.
 
 #include <gtest/gtest.h>
+#include <openssl/sha.h>
 
 #include <chrono>
+#include <random>
 
 #include "tests/library/golden_records.h"
 #include "tests/support/receiver.h"
@@ -53,6 +55,32 @@ TEST(WireTest, SomeCallsSendNothing) {
     EXPECT_EQ(LaunchByPath(1, reader, {}), -1) << reader;
   }
   EXPECT_EQ(receiver.TryReceive(), std::nullopt);
+}
+
+// The rule in plain signed arithmetic.
+int BookIdOf(const std::string& path) {
+  unsigned char digest[20];
+  SHA1(reinterpret_cast<const unsigned char*>(path.data()), path.size(), digest);
+  std::int64_t id = 0;
+  for (const unsigned char* b = digest; b < digest + 20; b += 4) {
+    std::int64_t word = b[3] * 0x1000000LL;
+    for (int i = 0; i < 3; ++i) word += (b[i] < 128 ? b[i] : b[i] - 256) * (1LL << 8 * i);
+    id ^= word & 0xFFFFFFFF;
+  }
+  return static_cast<int>(id < 0x80000000 ? id : id - 0x100000000);
+}
+
+TEST(WireTest, BookIdsCountLowBytesAsSigned) {
+  EXPECT_EQ(Stat_GetBookId("abc"), -645120848);
+  EXPECT_EQ(Stat_GetBookId(""), -1756787060);
+  std::mt19937 random(7);
+  for (int i = 0; i < 5000; ++i) {
+    std::string path;
+    while (path.size() < static_cast<std::size_t>(i) % 70) {
+      path += static_cast<char>(static_cast<std::uint8_t>(1 + random() % 255));
+    }
+    ASSERT_EQ(Stat_GetBookId(path.c_str()), BookIdOf(path)) << path;
+  }
 }
 
 }  // namespace
