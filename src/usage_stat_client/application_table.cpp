@@ -14,45 +14,19 @@ struct Row {
   std::int8_t id;
 };
 
-// Several names share an id on purpose: to the collector they are one application.
 constexpr Row kApplications[] = {
-    {"explorer.app", 1},
-    {"acontent.app", 5},
-    {"audio_player.app", 6},
-    {"Dictionary.app", 7},
-    {"settings.app", 9},
-    {"browser.app", 10},
-    {"browser_social.app", 10},
-    {"calc.app", 11},
-    {"calendar.app", 12},
-    {"chess.app", 13},
-    {"kosynka.app", 14},
-    {"UniversalSync.app", 15},
-    {"velmnews.app", 16},
-    {"scribble.app", 17},
-    {"painter.app", 18},
-    {"sudoku.app", 19},
-    {"snake.app", 20},
-    {"dropboxctl.app", 21},
-    {"SendToVelmora.app", 22},
-    {"taskmgr.app", 25},
-    {"photo_scanner.app", 28},
-    {"PhotoScanner.app", 28},
-    {"barcode.app", 28},
-    {"camera.app", 28},
-    {"ocr.app", 28},
-    {"notes.app", 5},
-    {"bookshelf.app", 37},
-    {"music_player.app", 40},
-    {"audio_books.app", 41},
+#define STAT_APPLICATION(name, id) {name, id},
+#include "src/usage_stat_client/application_table.inc"
 };
 
-constexpr char kStoreNames[][20] = {"BookStore.app", "bookstore.app", "zundelstore.app"};
+constexpr char kStoreNames[][20] = {
+#define STAT_STORE_NAME(name) name,
+#include "src/usage_stat_client/application_table.inc"
+};
 
-constexpr Stat_ApplicationId kDefaultStoreId = 4;
 constexpr Row kPartnerStores[] = {
-    {"norvik", 32},  {"tellhaus", 33}, {"varsk", 34},
-    {"falkner", 35}, {"dollin", 38},   {"quellmedia", 39},
+#define STAT_PARTNER_STORE(partner, id) {partner, id},
+#include "src/usage_stat_client/application_table.inc"
 };
 
 constexpr char kReaderNames[][28] = {

@@ -10,6 +10,9 @@
 
 namespace velmora::usage_stat {
 
+// The id of the store on devices of no known partner.
+constexpr Stat_ApplicationId kDefaultStoreId = 4;
+
 // The id of the application called `name`, stores apart. Exact and case-sensitive.
 std::optional<Stat_ApplicationId> KnownApplicationId(std::string_view name);
 
