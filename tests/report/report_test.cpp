@@ -1,0 +1,213 @@
+// From a database to a page.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "src/stat_event/event_factory.h"
+#include "tests/tools/store_fixture.h"
+#include "tools/report/collect.h"
+#include "tools/report/names.h"
+#include "tools/report/page.h"
+#include "tools/report/series.h"
+#include "tools/store/archive.h"
+
+namespace velmora::usage_stat::report {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::SizeIs;
+
+constexpr std::int64_t kMinute = 60000;
+constexpr std::int64_t kDay = 24 * 60 * kMinute;
+constexpr std::int64_t kBegin = std::int64_t{20000} * kDay;
+constexpr Range kTwoDays{kBegin, kBegin + 2 * kDay};
+
+class ReportTest : public usage_stat_test::StoreTest {
+ protected:
+  ReportTest() { setenv("TZ", "UTC", 1); }
+
+  void Keep(int type, const std::string& event, std::int64_t at_ms, const std::string& fields) {
+    store::RecordRow row = Row(event, at_ms, fields);
+    row.type = type;
+    batch_.records.push_back(row);
+    ++batch_.received;
+  }
+
+  void Commit() {
+    EXPECT_OK(writer_->Commit(batch_));
+    batch_ = {};
+  }
+
+  store::Status Read(Range range, Summary* summary) {
+    std::unique_ptr<store::Journal> journal;
+    if (auto status = store::Journal::Open(database_, &journal); !status.ok()) return status;
+    return Summarize(journal.get(), range, summary);
+  }
+
+  // A book with a title, one with a file name and one with neither, two of them read.
+  void KeepReading() {
+    Keep(
+        2028, "NewBooksEventEx", kBegin - 40 * kDay,
+        R"({"count":1,"books":[{"book_id":1,"file_name":"one.epub","s1":"One"}],"application":1})");
+    Keep(2010, "OpenBookEvent", kBegin - kMinute, R"({"book_id":1,"file_name":"one.epub"})");
+    Keep(2032, "ChangePageEvent", kBegin + 4 * kMinute, "{}");
+    Keep(2010, "OpenBookEvent", kBegin + kDay, R"({"book_id":2,"file_name":"two.pdf"})");
+    Keep(2032, "ChangePageEvent", kBegin + kDay + kMinute, "{}");
+    Keep(2010, "OpenBookEvent", kBegin + kDay + 2 * kMinute, R"({"book_id":-3,"file_name":""})");
+    Keep(2032, "ChangePageEvent", kBegin + 2 * kDay, "{}");  // beyond
+  }
+
+  std::unique_ptr<store::Writer> writer_ = OpenWriter();
+  store::Batch batch_;
+};
+
+TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
+  KeepReading();
+  Commit();
+  // Closed records count as those in the database do.
+  std::optional<store::Archive> archive;
+  EXPECT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
+  ASSERT_TRUE(archive);
+  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":28})");
+  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":33})");
+  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":28})");
+  Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":"/mnt/ext1/clock.app"})");
+  Keep(2018, "LibrarySettingsEvent", kBegin + 9, R"({"a":1,"library_view":2})");
+  Keep(2018, "LibrarySettingsEvent", kBegin + 8, R"({"a":1,"library_view":0})");
+  Keep(2010, "OpenBookEvent", kBegin + kDay - 1, "[]");  // not what it should be
+  batch_.quarantine.push_back({0, 0, kBegin, {1, 1000}, "truncated", "why", {}, "{}", "x"});
+  batch_.quarantine.push_back({0, 0, kBegin - 1, {1, 1000}, "truncated", "early", {}, "{}", "x"});
+  batch_.refused[{33, "user not allowed"}] = 4;
+  Commit();
+
+  Summary summary;
+  ASSERT_OK(Read(kTwoDays, &summary));
+  EXPECT_EQ(summary.reading, (Reading{5 * kMinute, 2}));
+  EXPECT_EQ(summary.sessions, 2);
+  ASSERT_THAT(summary.books, SizeIs(4));
+  EXPECT_EQ(summary.books[0].title, "One");
+  EXPECT_EQ(summary.books[0].reading, (Reading{4 * kMinute, 1}));
+  EXPECT_EQ(summary.books[1].file_name, "two.pdf");
+  ASSERT_THAT(summary.applications, SizeIs(3));
+  EXPECT_THAT(summary.applications[0].name, HasSubstr("camera.app"));
+  EXPECT_EQ(summary.applications[0].count, 2);
+  ASSERT_THAT(summary.settings, SizeIs(1));
+  ASSERT_THAT(summary.settings[0].settings, SizeIs(1));  // fields without a name are left out
+  EXPECT_EQ(summary.settings[0].settings[0].latest, "covers");
+  ASSERT_THAT(summary.undecodable, SizeIs(1));
+  EXPECT_EQ(summary.undecodable[0].example, "why");
+  EXPECT_EQ(summary.errors, 1);  // refused today, long after the range
+
+  const std::string page = RenderPage(summary);
+  for (const char* text : {"<bdi>One</bdi>", "<bdi>two.pdf</bdi>", "<bdi>Book -3</bdi>",
+                           "<bdi>clock.app</bdi>", "<bdi>covers</bdi>", "of tellhaus"}) {
+    EXPECT_THAT(page, HasSubstr(text));
+  }
+}
+
+TEST_F(ReportTest, EmptyAndMissingDatabases) {
+  Summary summary;
+  ASSERT_OK(Read(kTwoDays, &summary));
+  const std::string page = RenderPage(summary);
+  EXPECT_THAT(page, HasSubstr("There are no records in this range"));
+  EXPECT_THAT(page, Not(HasSubstr("<canvas")));
+  std::unique_ptr<store::Journal> journal;
+  EXPECT_FALSE(store::Journal::Open(folder_ / "none.db", &journal).ok());
+}
+
+TEST_F(ReportTest, RefusesRangesThatNoPageCanShow) {
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+  Summary summary;
+  for (const Range& range : {Range{kBegin, kBegin}, Range{kBegin, kBegin - 1}, Range{-kMost, kMost},
+                             Range{kBegin, kMost}, Range{0, kLongestRangeMs + 1}}) {
+    EXPECT_FALSE(Read(range, &summary).ok()) << range.since_ms << " " << range.until_ms;
+  }
+}
+
+TEST_F(ReportTest, HostileTextsStayTexts) {
+  const std::string evil = R"(</script><img src=x onerror=\"alert(1)\"><!--{{data}}'&)";
+  Keep(2028, "NewBooksEventEx", kBegin,
+       R"({"books":[{"book_id":1,"s1":")" + evil + R"(","file_name":"\u0000\u001b"}]})");
+  Keep(2010, "OpenBookEvent", kBegin, R"({"book_id":1,"file_name":")" + evil + "\"}");
+  Keep(2032, "ChangePageEvent", kBegin + kMinute, "{}");
+  Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":")" + evil + "\"}");
+  Keep(2027, "SetFontParamsEvent", kBegin, R"({")" + evil + R"(":1,"font":")" + evil + "\"}");
+  Keep(9999, "</script><b>", kBegin, "not even JSON");
+  batch_.quarantine.push_back({0, 0, kBegin, {1, 1}, "<b>", "</script><b>", {}, "{}", "x"});
+  Commit();
+  Summary summary;
+  ASSERT_OK(Read(kTwoDays, &summary));
+  const std::string page = RenderPage(summary);
+  for (const char* text : {"<img", "<b>", "onerror=\""}) {
+    const std::size_t body = page.find("<body>");
+    const std::size_t library = page.find("<script>", body);
+    EXPECT_EQ(page.substr(body, library - body).find(text), std::string::npos) << text;
+  }
+  EXPECT_THAT(page, HasSubstr("{{data}}"));  // and not what that slot holds
+  std::size_t ends = 0;
+  for (std::size_t at = 0; (at = page.find("</script", at)) != std::string::npos; ++at) ++ends;
+  EXPECT_EQ(ends, 3U);
+  EXPECT_EQ(EscapeHtml("a<b>&\"'\x01"), "a&lt;b&gt;&amp;&quot;&#39;\uFFFD");
+}
+
+TEST_F(ReportTest, FloodsOfNamesAreToldAsSums) {
+  constexpr int kBooks = 150;
+  for (int i = 0; i < kBooks; ++i) {
+    const std::string number = std::to_string(i);
+    Keep(2010, "OpenBookEvent", kBegin + i * kMinute, R"({"book_id":)" + number + "}");
+    Keep(2032, "ChangePageEvent", kBegin + i * kMinute + 1000 + i, "{}");
+    Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":"/)" + number + "\"}");
+    Keep(2027, "SetFontParamsEvent", kBegin,
+         R"({"font":")" + std::string(5000, 'x') + number + "\"}");
+  }
+  Commit();
+  Summary summary;
+  ASSERT_OK(Read(kTwoDays, &summary));
+  EXPECT_EQ(summary.books.size(), kMostBooks);
+  EXPECT_EQ(summary.all_books, kBooks);
+  EXPECT_EQ(summary.other_books.turns, kBooks - static_cast<std::int64_t>(kMostBooks));
+  EXPECT_EQ(summary.books[0].id, kBooks - 1);
+  EXPECT_LT(RenderPage(summary).size(), 400'000U);
+  Counts counts(2);
+  for (const char* name : {"a", "b", "c", "b"}) counts.Add(name);
+  EXPECT_EQ(counts.Sorted()[0].name, "b");
+  EXPECT_EQ(counts.uncounted(), 1);
+}
+
+TEST(ReportPage, GathersDaysToBars) {
+  setenv("TZ", "UTC", 1);
+  struct Case {
+    int days;
+    const char* step;
+    std::size_t bars;
+  };
+  for (const Case& c : {Case{1, "day", 1}, Case{92, "day", 92}, Case{93, "week", 14},
+                        Case{800, "month", 27}, Case{4000, "year", 12}}) {
+    Summary summary;
+    summary.range = {kBegin, kBegin + c.days * kDay};
+    summary.days[20000] = {1, 2};
+    const Series series = SeriesOf(summary);
+    EXPECT_EQ(series.step, c.step);
+    EXPECT_EQ(series.buckets.size(), c.bars) << c.days;
+    EXPECT_EQ(series.buckets[0].reading, (Reading{1, 2}));
+  }
+}
+
+TEST(ReportPage, WritesNumbersForPeople) {
+  EXPECT_EQ(FormatNumber(-1234567), "-1,234,567");
+  EXPECT_EQ(FormatNumber(999), "999");
+  EXPECT_EQ(FormatDuration(59999), "1 min");
+  EXPECT_EQ(FormatDuration(59499), "59 s");
+  EXPECT_EQ(FormatDuration(3599999), "1 h 00 min");
+  EXPECT_EQ(FormatDuration(std::int64_t{1234} * 3600000 + 65000), "1,234 h 01 min");
+  EXPECT_EQ(ApplicationName(99), "application 99");
+}
+
+}  // namespace
+}  // namespace velmora::usage_stat::report

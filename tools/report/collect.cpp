@@ -1,0 +1,170 @@
+#include "tools/report/collect.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+
+#include "tools/report/sessions.h"
+#include "tools/report/survey.h"
+
+namespace velmora::usage_stat::report {
+
+namespace {
+
+using store::Journal;
+using store::Query;
+using store::RecordRow;
+using store::Status;
+
+constexpr const char* kOpening = "OpenBookEvent";
+constexpr const char* kNewBooks = "NewBooksEventEx";
+
+Status CheckRange(const Range& range) {
+  if (range.since_ms >= range.until_ms) return Status::Failed("the range of time is empty");
+  if (!IsOnCalendar(range.since_ms) || !IsOnCalendar(range.until_ms)) {
+    return Status::Failed("the range of time leaves the calendar");
+  }
+  if (range.until_ms - range.since_ms > kLongestRangeMs) {
+    return Status::Failed("the range of time is longer than 100 years");
+  }
+  return {};
+}
+
+// The last opening before the range, whose session may reach into it; the begin of the range when
+// there is none.
+Status FindFirstOpening(Journal* journal, const Range& range, std::int64_t* first_ms,
+                        std::vector<std::string>* problems) {
+  Query query;
+  query.until_ms = range.since_ms;
+  query.events = {kOpening};
+  std::optional<std::int64_t> last_ms;
+  Status status = journal->ForEach(
+      query,
+      [&](const RecordRow& row) {
+        last_ms = std::max(last_ms.value_or(row.timestamp_ms), row.timestamp_ms);
+        return true;
+      },
+      problems);
+  *first_ms = last_ms.value_or(range.since_ms);
+  return status;
+}
+
+Status NameBooks(Journal* journal, const Range& range, std::vector<BookReading>* books) {
+  if (books->empty()) return {};
+  Query query;
+  query.until_ms = range.until_ms;
+  query.events = {kOpening, kNewBooks};
+  BookNames names(books);
+  return journal->ForEach(query, [&](const RecordRow& row) {
+    names.Add(row);
+    return true;
+  });
+}
+
+constexpr std::size_t kMostSenders = 5;
+
+// Errors of one kind as they come in.
+struct ErrorTally {
+  std::int64_t count = 0;
+  std::set<std::int64_t> senders;  // one more than is told, at most
+  std::string example;
+};
+
+void AddSender(std::int64_t uid, ErrorTally* tally) {
+  if (tally->senders.size() <= kMostSenders) tally->senders.insert(uid);
+}
+
+std::vector<SenderError> MostFrequentFirst(const std::map<std::string, ErrorTally>& tallies) {
+  std::vector<SenderError> errors;
+  for (const auto& [kind, tally] : tallies) {
+    SenderError error{kind, tally.count, "", tally.example};
+    std::size_t told = 0;
+    for (const std::int64_t uid : tally.senders) {
+      if (!error.senders.empty()) error.senders += ", ";
+      error.senders += told++ < kMostSenders ? std::to_string(uid) : "…";
+    }
+    errors.push_back(std::move(error));
+  }
+  std::stable_sort(errors.begin(), errors.end(),
+                   [](const SenderError& a, const SenderError& b) { return a.count > b.count; });
+  return errors;
+}
+
+Status CountUndecodable(store::Reader* reader, Summary* summary) {
+  std::map<std::string, ErrorTally> tallies;
+  Status status = reader->ForEachQuarantined([&](const store::QuarantineRow& row) {
+    if (!summary->range.Holds(row.received_ms)) return true;
+    ErrorTally& tally = tallies[row.kind];
+    ++tally.count;
+    ++summary->errors;
+    AddSender(row.sender.uid, &tally);
+    tally.example = row.reason;
+    return true;
+  });
+  summary->undecodable = MostFrequentFirst(tallies);
+  return status;
+}
+
+// Refusals are counted, not kept: a count belongs to the range when its run has met the range and
+// the last refusal did not come before it.
+Status CountRefused(store::Reader* reader, Summary* summary) {
+  std::vector<store::Run> runs;
+  if (Status status = reader->ReadRuns(&runs); !status.ok()) return status;
+  std::map<std::int64_t, std::int64_t> started_ms;
+  for (const store::Run& run : runs) started_ms[run.id] = run.started_ms;
+
+  std::vector<store::Tally> rows;
+  if (Status status = reader->ReadTallies(&rows); !status.ok()) return status;
+  std::map<std::string, ErrorTally> tallies;
+  for (const store::Tally& row : rows) {
+    if (row.outcome != "refused" || row.last_ms < summary->range.since_ms ||
+        started_ms[row.run] >= summary->range.until_ms) {
+      continue;
+    }
+    ErrorTally& tally = tallies[row.reason];
+    tally.count += row.count;
+    summary->errors += row.count;
+    AddSender(row.uid, &tally);
+  }
+  summary->refused = MostFrequentFirst(tallies);
+  return {};
+}
+
+}  // namespace
+
+Status Summarize(Journal* journal, Range range, Summary* summary) {
+  if (Status status = CheckRange(range); !status.ok()) return status;
+
+  std::vector<std::string> problems;
+  Query query;
+  std::int64_t first_ms = 0;
+  if (Status status = FindFirstOpening(journal, range, &first_ms, &problems); !status.ok()) {
+    return status;
+  }
+  query.since_ms = first_ms;
+  query.until_ms = range.until_ms + kLongestPauseMs;
+  Survey survey(range);
+  Status status = journal->ForEach(
+      query,
+      [&](const RecordRow& row) {
+        survey.Add(row);
+        return true;
+      },
+      &problems);
+  if (!status.ok()) return status;
+
+  *summary = survey.Finish();
+  std::sort(problems.begin(), problems.end());
+  problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
+  summary->problems = std::move(problems);
+  if (status = NameBooks(journal, range, &summary->books); !status.ok()) return status;
+
+  store::Reader& live = journal->live();
+  std::int64_t quarantined = 0;
+  if (status = live.CountRows(&summary->all_records, &quarantined); !status.ok()) return status;
+  if (status = CountUndecodable(&live, summary); !status.ok()) return status;
+  return CountRefused(&live, summary);
+}
+
+}  // namespace velmora::usage_stat::report

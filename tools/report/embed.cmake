@@ -1,0 +1,16 @@
+# Writes a C++ source with the contents of files as texts:
+#   cmake -DOUTPUT=assets.cpp "-DASSETS=kPage=page.html;kStyle=page.css" -P embed.cmake
+set(source "#include \"tools/report/assets.h\"\n\n")
+string(APPEND source "namespace velmora::usage_stat::report::assets {\n\n")
+foreach(asset ${ASSETS})
+  string(REGEX MATCH "^([^=]+)=(.*)$" asset "${asset}")
+  set(name ${CMAKE_MATCH_1})
+  file(READ "${CMAKE_MATCH_2}" bytes HEX)
+  string(LENGTH "${bytes}" digits)
+  math(EXPR size "${digits} / 2")
+  string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")
+  string(APPEND source "static const char ${name}Bytes[] = {${bytes}};\n")
+  string(APPEND source "const std::string_view ${name}(${name}Bytes, ${size});\n\n")
+endforeach()
+string(APPEND source "}  // namespace velmora::usage_stat::report::assets\n")
+file(WRITE "${OUTPUT}" "${source}")

@@ -1,0 +1,100 @@
+// What a report says: aggregates of a range of time, small however many records they come from.
+
+#ifndef TOOLS_REPORT_SUMMARY_H_
+#define TOOLS_REPORT_SUMMARY_H_
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/report/calendar.h"
+#include "tools/report/counts.h"
+
+namespace velmora::usage_stat::report {
+
+// Moments from `since_ms` up to, but not including, `until_ms`.
+struct Range {
+  std::int64_t since_ms = 0;
+  std::int64_t until_ms = 0;
+
+  bool Holds(std::int64_t ms) const { return ms >= since_ms && ms < until_ms; }
+};
+
+struct Reading {
+  std::int64_t time_ms = 0;
+  std::int64_t turns = 0;  // page events: turns and jumps
+
+  Reading& operator+=(const Reading& other) {
+    time_ms += other.time_ms;
+    turns += other.turns;
+    return *this;
+  }
+  bool operator==(const Reading&) const = default;
+};
+
+struct BookReading {
+  std::int32_t id = 0;
+  Reading reading;
+  std::int64_t openings = 0;
+  std::string title;      // empty when no record tells it
+  std::string file_name;  // likewise
+};
+
+// A named field of a settings record.
+struct Setting {
+  std::string field;
+  std::string latest;         // its value in the latest record
+  std::vector<Count> values;  // how many records carry which value
+  std::int64_t other_values = 0;
+};
+
+struct SettingsGroup {
+  std::string event;
+  std::int64_t records = 0;
+  std::vector<Setting> settings;
+};
+
+struct SenderError {
+  std::string kind;
+  std::int64_t count = 0;
+  std::string senders;  // user ids, joined with commas
+  std::string example;  // reason of the latest one
+};
+
+struct Summary {
+  Range range;
+  std::int64_t generated_ms = 0;
+
+  std::int64_t records = 0;      // in the range
+  std::int64_t all_records = 0;  // in the database, archives apart
+
+  Reading reading;                 // all of it
+  std::int64_t turns_outside = 0;  // of these turns, those outside any session
+  std::int64_t sessions = 0;       // with at least one page event in the range
+  std::int64_t openings = 0;
+  std::map<Day, Reading> days;                    // those with any reading
+  std::array<std::array<Reading, 24>, 7> week{};  // by weekday, from Monday, and hour
+
+  std::vector<BookReading> books;  // most read first, kMostBooks at most
+  std::int64_t all_books = 0;      // opened or read in the range
+  Reading other_books;             // what `books` leaves out
+
+  std::vector<Count> applications;
+  std::int64_t launches = 0;
+  std::vector<SettingsGroup> settings;
+  std::vector<Count> events;
+
+  std::vector<SenderError> undecodable;
+  std::vector<SenderError> refused;
+  std::int64_t errors = 0;            // the sum of both
+  std::vector<std::string> problems;  // archives that could not be read
+};
+
+// More books than these are told as a sum.
+constexpr std::size_t kMostBooks = 100;
+
+}  // namespace velmora::usage_stat::report
+
+#endif  // TOOLS_REPORT_SUMMARY_H_
