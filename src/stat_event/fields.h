@@ -119,6 +119,11 @@ struct Section {
 template <class Codec>
 Section(const char*, Codec) -> Section<Codec>;
 
+// The fields of an event class as a constant, so that each step of the runners below has its member
+// built in and no list is made at run time.
+template <class Owner>
+inline constexpr auto kFields = Owner::Fields();
+
 // Writes or reads the fields of `owner` in order. Stops at the first step that fails and returns
 // its result.
 template <class Owner>
@@ -128,7 +133,7 @@ int WriteFields([[maybe_unused]] const Owner& owner, [[maybe_unused]] std::ostre
       [&](const auto&... field) {
         static_cast<void>((... && ((err = field.Write(owner, out)) == 0)));
       },
-      Owner::Fields());
+      kFields<Owner>);
   return err;
 }
 
@@ -139,7 +144,7 @@ int ReadFields([[maybe_unused]] std::istream& in, [[maybe_unused]] Owner* owner)
       [&](const auto&... field) {
         static_cast<void>((... && ((err = field.Read(in, owner)) == 0)));
       },
-      Owner::Fields());
+      kFields<Owner>);
   return err;
 }
 
