@@ -71,6 +71,8 @@ RecordPtr Describe(const std::string& path, const BookInfo& info) {
   RecordPtr book(static_cast<Stat_BookInfo*>(std::malloc(sizeof(Stat_BookInfo))));
   if (!book) return book;
   *book = {};  // nothing to release yet, should an exception leave
+  // The id names the file that the platform found, which may stand at another path.
+  book->book_id = Stat_GetBookId(info.path);
   book->language = Copy(info.language);
   book->first_list = CopyList(&info.primary_name, 1);
   book->file_type = Copy(velmora::usage_stat::ListFileType(path).c_str());
@@ -82,8 +84,6 @@ RecordPtr Describe(const std::string& path, const BookInfo& info) {
   book->s2 = Copy(info.s2);
   book->s3 = Copy(info.s3);
   book->isbn = Copy(info.isbn ? info.isbn : GetBookISBN(path.c_str()));
-  // The id names the file that the platform found, which may stand at another path.
-  book->book_id = Stat_GetBookId(info.path);
   return book;
 }
 

@@ -2,6 +2,8 @@
 
 #include <common_utilities/message_client.h>
 
+#include <algorithm>
+#include <climits>
 #include <ostream>
 
 #include "src/usage_stat_client/record_buffer.h"
@@ -31,7 +33,9 @@ int StaticsticsClient::SendEvent(Event* event) {
     STAT_LOG(1, "[pid:%d] err:[%d] ", err);
     return err;
   }
-  return client.SendMessage(record.data(), static_cast<unsigned int>(record.size()));
+  // A size beyond the type is one beyond the limit as well; it must not wrap around to a small one.
+  const std::size_t size = std::min<std::size_t>(record.size(), UINT_MAX);
+  return client.SendMessage(record.data(), static_cast<unsigned int>(size));
 }
 
 int SendOrLog(Event* event, int line, const char* signature) {

@@ -234,7 +234,9 @@ TEST(RecordsTest, RandomDatagramsDoNoHarm) {
   const int datagrams = count ? std::atoi(count) : 20'000;
   const std::vector<GoldenRecord> goldens = GoldenRecords();
   std::mt19937_64 random(20'311);
-  const auto below = [&random](std::size_t bound) { return random() % bound; };
+  const auto below = [&random](std::size_t bound) {
+    return static_cast<std::size_t>(random() % bound);
+  };
   int read = 0;
   for (int i = 0; i < datagrams; ++i) {
     const GoldenRecord& golden = goldens[below(goldens.size())];
