@@ -16,8 +16,12 @@ constexpr int kUsage = 2;   // it was called wrongly
 
 // Each adds one subcommand to `app`: its options, its help, and the callback that runs it and
 // leaves its exit code in `exit_code`, which outlives `app`.
+void AddArchive(CLI::App* app, int* exit_code);
 void AddDecode(CLI::App* app, int* exit_code);
+void AddFollow(CLI::App* app, int* exit_code);
+void AddList(CLI::App* app, int* exit_code);
 void AddSend(CLI::App* app, int* exit_code);
+void AddStatus(CLI::App* app, int* exit_code);
 void AddTypes(CLI::App* app, int* exit_code);
 
 }  // namespace velmora::usage_stat::inspector

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "tools/inspector/commands.h"
+#include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/records/record.h"
 
@@ -26,7 +27,7 @@ struct Options {
   std::string file = "-";
   bool hex = false;
   bool raw = false;
-  std::string output = "text";
+  std::string output;
 };
 
 // Far more than the largest record, also as hexadecimal digits with blanks between them.
@@ -114,11 +115,8 @@ void PrintText(std::string_view datagram, const Trace& trace, const Damage* dama
 // ---- As JSON ----
 
 Json ToJson(const Damage& damage, const Damage& where) {
-  return {{"reason", damage.reason},
-          {"offset", where.offset},
-          {"field", where.field},
-          {"missing", where.missing},
-          {"left_over", where.left_over}};
+  return {{"kind", damage.kind},  {"reason", damage.reason},  {"offset", where.offset},
+          {"field", where.field}, {"missing", where.missing}, {"left_over", where.left_over}};
 }
 
 void PrintJson(std::string_view datagram, const Trace& trace, const Damage* damage) {
@@ -166,9 +164,7 @@ void AddDecode(CLI::App* app, int* exit_code) {
       ->capture_default_str();
   CLI::Option* hex = command->add_flag("--hex", options->hex, "It holds hexadecimal digits");
   command->add_flag("--raw", options->raw, "It holds the bytes themselves")->excludes(hex);
-  command->add_option("-o,--output", options->output, "text or json")
-      ->check(CLI::IsMember({"text", "json"}))
-      ->capture_default_str();
+  AddOutputOption(command, &options->output, {"text", "json"});
   command->footer("Exit code 1 when the record is damaged; the output says where and why.");
   command->callback([options, exit_code] { *exit_code = Run(*options); });
 }

@@ -10,6 +10,7 @@
 #include "tools/inspector/commands.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/functions.h"
+#include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 
 namespace velmora::usage_stat::inspector {
@@ -21,7 +22,7 @@ using records::Json;
 struct Options {
   bool list = false;
   std::string endpoint;
-  std::string output = "text";
+  std::string output;
 };
 
 std::string Signature(const Function& function) {
@@ -167,9 +168,7 @@ void AddSend(CLI::App* app, int* exit_code) {
   CLI::App* command = app->add_subcommand("send", "Call any exported function of the library");
   command->add_flag("--list", options->list, "Show all functions and their parameters");
   AddEndpointOption(command, &options->endpoint);
-  command->add_option("-o,--output", options->output, "text or json")
-      ->check(CLI::IsMember({"text", "json"}))
-      ->capture_default_str();
+  AddOutputOption(command, &options->output, {"text", "json"});
   command->prefix_command();
   command->footer(
       "usage-stat send [OPTIONS] FUNCTION [ARGUMENT...]\n\n"

@@ -1,0 +1,98 @@
+#include "tools/inspector/balance.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+using store::Status;
+
+std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
+  return std::accumulate(counts.begin(), counts.end(), std::int64_t{0},
+                         [](std::int64_t sum, const auto& entry) { return sum + entry.second; });
+}
+
+void Count(const store::Tally& tally, Outcomes* outcomes) {
+  if (tally.outcome == "stored") outcomes->stored += tally.count;
+  if (tally.outcome == "quarantined") outcomes->quarantined[tally.reason] += tally.count;
+  if (tally.outcome == "refused") outcomes->refused[tally.reason] += tally.count;
+}
+
+void Count(const store::Tally& tally, Balance* balance) {
+  if (tally.outcome == "journal") balance->journal += tally.count;
+  if (tally.outcome == "archived") balance->archived += tally.count;
+  if (tally.outcome == "deleted") balance->deleted += tally.count;
+  Outcomes outcomes;
+  Count(tally, &outcomes);
+  if (outcomes.Sum() == 0) return;  // no datagrams, or all of them were released
+  Count(tally, &balance->total);
+  Count(tally, &balance->senders[tally.uid]);
+  for (RunBalance& run : balance->runs) {
+    if (run.run.id == tally.run) Count(tally, &run.outcomes);
+  }
+}
+
+Status ReadCounts(store::Reader* reader, Balance* balance) {
+  std::vector<store::Run> runs;
+  std::vector<store::Tally> tallies;
+  if (Status status = reader->ReadRuns(&runs); !status.ok()) return status;
+  if (Status status = reader->ReadTallies(&tallies); !status.ok()) return status;
+  for (const store::Run& run : runs) {
+    balance->runs.push_back({run, {}});
+    balance->received += run.received;
+  }
+  for (const store::Tally& tally : tallies) Count(tally, balance);
+  return reader->CountRows(&balance->records, &balance->in_quarantine);
+}
+
+Status ReadRates(store::Reader* reader, std::int64_t now_ms, Balance* balance) {
+  Status status = reader->ForEach({.newest = 1}, [balance](const store::RecordRow& row) {
+    balance->last = row;
+    return true;
+  });
+  struct Rate {
+    std::int64_t span_ms;
+    std::int64_t* count;
+  };
+  for (const Rate& rate :
+       {Rate{60'000, &balance->last_minute}, Rate{3'600'000, &balance->last_hour},
+        Rate{86'400'000, &balance->last_day}}) {
+    if (!status.ok()) break;
+    status = reader->connection().Read(
+        "SELECT count(*) FROM records WHERE received_ms > " + std::to_string(now_ms - rate.span_ms),
+        rate.count);
+  }
+  return status;
+}
+
+}  // namespace
+
+std::int64_t Outcomes::Sum() const { return stored + SumOf(quarantined) + SumOf(refused); }
+
+std::int64_t Balance::expected_rows() const {
+  return total.stored + SumOf(total.quarantined) + journal - archived - deleted;
+}
+
+bool Balance::adds_up() const {
+  return std::all_of(runs.begin(), runs.end(),
+                     [](const RunBalance& run) { return run.adds_up(); }) &&
+         total.Sum() == received && records + in_quarantine == expected_rows();
+}
+
+Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance) {
+  store::Connection& connection = reader->connection();
+  if (Status status = connection.Execute("BEGIN"); !status.ok()) return status;
+  Status status = ReadCounts(reader, balance);
+  if (status.ok()) status = ReadRates(reader, now_ms, balance);
+  const Status end = connection.Execute("COMMIT");
+  return status.ok() ? end : status;
+}
+
+std::int64_t GapMs(const store::Run& before, const store::Run& after) {
+  return std::max<std::int64_t>(0,
+                                after.started_ms - before.ended_ms.value_or(before.last_commit_ms));
+}
+
+}  // namespace velmora::usage_stat::inspector

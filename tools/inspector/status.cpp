@@ -1,0 +1,211 @@
+// usage-stat status: what was received and what became of it, as a balance sheet that adds up.
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "tools/inspector/balance.h"
+#include "tools/inspector/commands.h"
+#include "tools/inspector/selection.h"
+#include "tools/inspector/terminal.h"
+#include "tools/store/archive.h"
+#include "tools/store/file.h"
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+using records::Json;
+
+struct Options {
+  std::string database;
+  std::string output;
+};
+
+struct Sizes {
+  std::int64_t database = 0;  // with the files that SQLite keeps beside it
+  std::int64_t archives = 0;
+  std::size_t archive_count = 0;
+};
+
+store::Status ReadSizes(const std::string& path, store::Reader* reader, Sizes* sizes) {
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path + suffix, error);
+    if (!error) sizes->database += static_cast<std::int64_t>(size);
+  }
+  std::vector<store::Archive> archives;
+  store::Status status = reader->ReadArchives(&archives);
+  for (const store::Archive& archive : archives) {
+    if (archive.state != "complete") continue;
+    sizes->archives += archive.bytes;
+    ++sizes->archive_count;
+  }
+  return status;
+}
+
+// How a run stands or ended.
+const char* StateOf(const store::Run& run) {
+  if (run.ended_ms) return "ended";
+  const bool lives = kill(static_cast<pid_t>(run.pid), 0) == 0 || errno == EPERM;
+  return lives ? "running" : "killed";
+}
+
+// ---- As text ----
+
+std::string Reasons(const std::map<std::string, std::int64_t>& counts) {
+  std::string text;
+  for (const auto& [reason, count] : counts) {
+    if (count != 0) text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count, reason);
+  }
+  return text.empty() ? "" : Printable("  (" + text + ")");
+}
+
+std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
+  return Outcomes{0, counts, {}}.Sum();
+}
+
+std::string Verdict(bool adds_up) {
+  return adds_up ? Coloured(Colour::kGreen, "adds up") : Coloured(Colour::kRed, "does not add up");
+}
+
+std::string Span(std::int64_t ms) {
+  const std::int64_t s = ms / 1000;
+  if (s < 60) return fmt::format("{}.{:03} s", s, ms % 1000);
+  if (s < 86400) return fmt::format("{}:{:02}:{:02} h", s / 3600, s / 60 % 60, s % 60);
+  return fmt::format("{} days {} h", s / 86400, s / 3600 % 24);
+}
+
+void PrintOutcomes(std::string_view title, const Outcomes& outcomes) {
+  Print("{:<14} {:>10} stored  {:>8} quarantined  {:>8} refused{}{}\n", title, outcomes.stored,
+        SumOf(outcomes.quarantined), SumOf(outcomes.refused), Reasons(outcomes.quarantined),
+        Reasons(outcomes.refused));
+}
+
+void PrintRuns(const Balance& balance) {
+  Print("\n{}\n", Coloured(Colour::kBold, "Runs of the collector"));
+  const store::Run* before = nullptr;
+  for (const auto& [run, outcomes] : balance.runs) {
+    if (before) {
+      Print("  {}\n", Coloured(Colour::kYellow,
+                               fmt::format("gap of {} in which nobody is known to have listened",
+                                           Span(GapMs(*before, run)))));
+    }
+    Print("  {} to {}  pid {}, {}: {} received, {}\n", LocalTime(run.started_ms),
+          LocalTime(run.ended_ms.value_or(run.last_commit_ms)), run.pid, StateOf(run), run.received,
+          Verdict(outcomes.Sum() == run.received));
+    before = &run;
+  }
+}
+
+void PrintText(const Options& options, const Balance& balance, const Sizes& sizes) {
+  Print("{} {}\n", Coloured(Colour::kBold, "Database"), Printable(options.database));
+  Print("  {} bytes, and {} bytes in {} archives\n", sizes.database, sizes.archives,
+        sizes.archive_count);
+  if (balance.last) {
+    Print("  last record {}, {}\n", LocalTime(balance.last->received_ms),
+          Printable(balance.last->event));
+  }
+  Print("  {} records in the last minute, {} in the last hour, {} in the last day\n",
+        balance.last_minute, balance.last_hour, balance.last_day);
+
+  Print("\n{}\n", Coloured(Colour::kBold, "Received and what became of it"));
+  Print("{:<14} {:>10}\n", "received", balance.received);
+  PrintOutcomes("became", balance.total);
+  for (const auto& [uid, outcomes] : balance.senders) {
+    PrintOutcomes(fmt::format("  from uid {}", uid), outcomes);
+  }
+  Print("{:<14} {:>10}  {}\n", "sum", balance.total.Sum(),
+        Verdict(balance.total.Sum() == balance.received));
+
+  Print("\n{}\n", Coloured(Colour::kBold, "Kept"));
+  Print(
+      "  {} records and {} in quarantine = {} stored + {} quarantined + {} by the collector "
+      "itself - {} archived - {} deleted: {}\n",
+      balance.records, balance.in_quarantine, balance.total.stored,
+      SumOf(balance.total.quarantined), balance.journal, balance.archived, balance.deleted,
+      Verdict(balance.records + balance.in_quarantine == balance.expected_rows()));
+  PrintRuns(balance);
+}
+
+// ---- As JSON ----
+
+Json ToJson(const Outcomes& outcomes) {
+  return {{"stored", outcomes.stored},
+          {"quarantined", SumOf(outcomes.quarantined)},
+          {"refused", SumOf(outcomes.refused)},
+          {"quarantined_by_kind", outcomes.quarantined},
+          {"refused_by_reason", outcomes.refused}};
+}
+
+void PrintJson(const Options& options, const Balance& balance, const Sizes& sizes) {
+  Json senders = Json::array();
+  for (const auto& [uid, outcomes] : balance.senders) {
+    senders.push_back(ToJson(outcomes));
+    senders.back()["uid"] = uid;
+  }
+  Json runs = Json::array();
+  const store::Run* before = nullptr;
+  for (const auto& [run, outcomes] : balance.runs) {
+    Json json = ToJson(outcomes);
+    json["pid"] = run.pid;
+    json["endpoint"] = run.endpoint;
+    json["state"] = StateOf(run);
+    json["started"] = run.started_ms;
+    json["last_commit"] = run.last_commit_ms;
+    json["ended"] = run.ended_ms ? Json(*run.ended_ms) : Json();
+    json["gap_before"] = before ? Json(GapMs(*before, run)) : Json();
+    json["received"] = run.received;
+    runs.push_back(json);
+    before = &run;
+  }
+  Json json = {{"database", options.database},
+               {"database_bytes", sizes.database},
+               {"archives", sizes.archive_count},
+               {"archive_bytes", sizes.archives},
+               {"received", balance.received}};
+  json.update(ToJson(balance.total));
+  json["senders"] = senders;
+  json["runs"] = runs;
+  json["records"] = balance.records;
+  json["in_quarantine"] = balance.in_quarantine;
+  json["journal"] = balance.journal;
+  json["archived"] = balance.archived;
+  json["deleted"] = balance.deleted;
+  json["adds_up"] = balance.adds_up();
+  json["last_received"] = balance.last ? Json(balance.last->received_ms) : Json();
+  json["last_event"] = balance.last ? Json(balance.last->event) : Json();
+  json["last_minute"] = balance.last_minute;
+  json["last_hour"] = balance.last_hour;
+  json["last_day"] = balance.last_day;
+  Print("{}\n", records::Dump(json, 2));
+}
+
+int Run(const Options& options) {
+  std::unique_ptr<store::Reader> reader;
+  Balance balance;
+  Sizes sizes;
+  store::Status status = store::Reader::Open(options.database, &reader);
+  if (status.ok()) status = ReadBalance(reader.get(), store::NowMs(), &balance);
+  if (status.ok()) status = ReadSizes(options.database, reader.get(), &sizes);
+  if (!status.ok()) return Complain(kFailed, status.message);
+  (options.output == "json" ? PrintJson : PrintText)(options, balance, sizes);
+  return balance.adds_up() ? kOk : kFailed;
+}
+
+}  // namespace
+
+void AddStatus(CLI::App* app, int* exit_code) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app->add_subcommand("status", "Show what was received and what became of it");
+  AddDatabaseOption(command, &options->database);
+  AddOutputOption(command, &options->output, {"text", "json"});
+  command->footer("Exit code 1 when the numbers do not add up.");
+  command->callback([options, exit_code] { *exit_code = Run(*options); });
+}
+
+}  // namespace velmora::usage_stat::inspector
