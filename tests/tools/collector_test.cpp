@@ -334,6 +334,19 @@ TEST_F(CollectorTest, WaitsForAFullDisk) {
   umount2(disk.c_str(), MNT_DETACH);
 }
 
+TEST_F(CollectorTest, BeginsAnewBesideADamagedDatabase) {
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  const std::string before = ReadFile(database_);
+  WriteFile(database_, before.substr(0, 4096) + std::string(before.size() - 4096, 'x'));
+  Start();
+  SendSurely(PageTurn(0, 0));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(PageTurns(0), std::vector<int>{0});
+  EXPECT_THAT(collector_->Err(), HasSubstr("is kept as " + database_ + ".damaged-"));
+  ExpectBalance();
+}
+
 TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
   const int count = Times(3000, 100'000);
   Start();

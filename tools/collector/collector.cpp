@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "tools/store/schema.h"
+
 namespace velmora::usage_stat::collector {
 
 // A record waits for others for half of the interval; the other half is the commit's own.
@@ -16,11 +18,7 @@ Collector::Collector(const Options& options)
 store::Status Collector::Start() {
   if (store::Status status = endpoint_.Bind(options_.endpoint); !status.ok()) return status;
   if (options_.store) {
-    if (store::Status status =
-            store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
-        !status.ok()) {
-      return status;
-    }
+    if (store::Status status = OpenDatabase(); !status.ok()) return status;
     housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention);
   }
   if (options_.print != Format::kNone) view_.emplace();
@@ -47,6 +45,19 @@ Summary Collector::Stop() {
   sorter_.reset();
   view_.reset();
   return summary;
+}
+
+store::Status Collector::OpenDatabase() {
+  writer_.reset();
+  store::Status status = store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
+  if (!status.is_damage()) return status;
+  std::string moved_path;
+  const std::string damage = status.message;
+  status = store::SetAside(options_.database_path, &moved_path);
+  if (!status.ok()) return status;
+  Tell("the database is damaged (" + damage + "): it is kept as " + moved_path +
+       ", and a new one is begun");
+  return store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
 }
 
 void Collector::ReceiveAll() {
@@ -79,7 +90,7 @@ void Collector::KeepAll() {
   std::vector<Datagram> datagrams;
   while (intake_.Take(&datagrams)) {
     const store::Batch batch = sorter_->Sort(&datagrams);
-    if (!writer_) continue;
+    if (!options_.store) continue;
     Commit(batch);
     if (sorter_->TakeRotationRequest()) housekeeper_->RequestRotation();
   }
@@ -88,8 +99,11 @@ void Collector::KeepAll() {
 void Collector::Commit(const store::Batch& batch) {
   constexpr std::chrono::milliseconds kLongestPause{1000};
   for (std::chrono::milliseconds pause{20};; pause = std::min(2 * pause, kLongestPause)) {
-    const store::Status status = writer_->Commit(batch);
+    store::Status status;
+    if (!writer_) status = OpenDatabase();
+    if (status.ok()) status = writer_->Commit(batch);
     if (status.ok()) break;
+    if (status.is_damage()) writer_.reset();
     trouble_.Met("cannot write the database: " + status.message +
                  "; nothing more is received until it can be written");
     std::this_thread::sleep_for(pause);

@@ -28,6 +28,9 @@ class Collector {
   Summary Stop();
 
  private:
+  // Opens the database. A damaged one is moved out of the way: a device that stopped collecting for
+  // ever would lose more.
+  store::Status OpenDatabase();
   void ReceiveAll();
   void KeepAll();
   // Tries until it succeeds.

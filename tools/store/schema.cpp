@@ -145,6 +145,10 @@ Status Inspect(const std::string& path, Kind* kind) {
 // Makes the database under another name and gives it its own when it is complete, so that a file
 // that was only begun is never met. `kind` is what stands there now.
 Status Create(const std::string& path, Kind kind) {
+  const std::string folder = FolderOf(path);
+  if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    return ErrnoStatus("cannot create the folder " + folder);
+  }
   // The log of a database that was taken away would be played into the new one.
   unlink((path + "-wal").c_str());
   unlink((path + "-shm").c_str());
@@ -207,6 +211,17 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   return connection->Execute(
       "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = "
       "4194304");
+}
+
+Status SetAside(const std::string& path, std::string* moved_path) {
+  *moved_path = path + ".damaged-" + std::to_string(NowMs());
+  if (rename(path.c_str(), moved_path->c_str()) != 0) return ErrnoStatus("cannot move " + path);
+  for (const char* beside : {"-wal", "-shm"}) {
+    if (rename((path + beside).c_str(), (*moved_path + beside).c_str()) != 0 && errno != ENOENT) {
+      return ErrnoStatus("cannot move " + path + beside);
+    }
+  }
+  return {};
 }
 
 Status OpenForReading(const std::string& path, Connection* connection) {

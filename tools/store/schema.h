@@ -27,6 +27,10 @@ std::string DefaultArchiveDirectory(const std::string& database_path);
 // as it is, to the last byte.
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
+// Moves a damaged database, with the files beside it, out of the way. `moved_path` tells where to:
+// it still holds what can be rescued.
+Status SetAside(const std::string& path, std::string* moved_path);
+
 // Gives the empty database of `connection` our tables and marks.
 Status InitializeSchema(Connection* connection);
 

@@ -32,19 +32,8 @@ int FlagsOf(Connection::Mode mode) {
 
 Status Status::Failed(std::string message) { return {SQLITE_ERROR, std::move(message)}; }
 
-bool Status::is_transient() const {
-  switch (code & 0xff) {
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-    case SQLITE_FULL:
-    case SQLITE_IOERR:
-    case SQLITE_NOMEM:
-    case SQLITE_CANTOPEN:
-    case SQLITE_READONLY:
-      return true;
-    default:
-      return false;
-  }
+bool Status::is_damage() const {
+  return (code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB;
 }
 
 void Statement::Finalize::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }

@@ -19,8 +19,9 @@ struct [[nodiscard]] Status {
   std::string message;
 
   bool ok() const { return code == 0; }
-  // Whether it may well succeed later: a full disk, a locked database, an input or output error.
-  bool is_transient() const;
+  // Whether the file itself is broken. Other failures, such as a full disk or a locked database,
+  // may pass.
+  bool is_damage() const;
 
   static Status Failed(std::string message);
 };
