@@ -1,0 +1,167 @@
+// The collector killed at every one of its system calls that write. What its database showed as
+// committed before is there afterwards, in the database or in an archive.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "src/events/device_events.h"
+#include "src/events/reading_events.h"
+#include "tests/faults/killed_at_write.h"
+#include "tests/support/files.h"
+#include "tests/support/receiver.h"
+#include "tools/store/reader.h"
+#include "tools/store/schema.h"
+
+namespace usage_stat_test {
+namespace {
+
+namespace store = velmora::usage_stat::store;
+namespace usage_stat = velmora::usage_stat;
+
+template <class EventClass>
+std::string Bytes(EventClass event) {
+  std::ostringstream out;
+  event.WriteToStream(out);
+  return out.str();
+}
+
+std::string Note(int number) {
+  usage_stat::AddNoteEvent event;
+  event.a_ = number;
+  return Bytes(event);
+}
+
+class CollectorKillTest : public testing::Test {
+ protected:
+  std::vector<std::string> Words() const {
+    return {COLLECTOR_COMMAND, "--endpoint",        endpoint_, "--database",
+            database_,         "--commit-interval", "1"};
+  }
+
+  // Whether the living collector has taken `bytes`.
+  bool Send(const KilledAtWrite& collector, const std::string& bytes) const {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    endpoint_.copy(address.sun_path + 1, endpoint_.size());
+    const auto length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + endpoint_.size() + 2);
+    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool is_sent = false;
+    while (!is_sent && collector.is_alive()) {
+      is_sent = sendto(descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT,
+                       reinterpret_cast<const sockaddr*>(&address), length) >= 0;
+      if (!is_sent) usleep(100);
+    }
+    close(descriptor);
+    return is_sent;
+  }
+
+  // Counts rows without a wait for a lock; -1 when the database can't be read yet.
+  std::int64_t Number(const std::string& query) const {
+    store::Connection connection;
+    std::int64_t number = -1;
+    return store::OpenForReading(database_, &connection).ok() &&
+                   connection.Read(query, &number).ok()
+               ? number
+               : -1;
+  }
+  bool Await(const KilledAtWrite& collector, const std::string& query, std::int64_t number) const {
+    while (Number(query) < number) {
+      if (!collector.is_alive()) return false;
+      usleep(500);
+    }
+    return true;
+  }
+
+  // Sends notes, one after the other committed, and has some of them archived. Returns how many
+  // were seen committed.
+  int Use(const KilledAtWrite& collector) const {
+    const std::string notes = "SELECT count(*) FROM records WHERE event = 'AddNoteEvent'";
+    int committed = 0;
+    for (int i = 0; i < kNotes; ++i) {
+      if (!Send(collector, Note(committed)) || !Await(collector, notes, i + 1)) return committed;
+      ++committed;
+    }
+    Send(collector, Bytes(usage_stat::ForceRotationEvent()));
+    Await(collector, "SELECT count(*) FROM archives WHERE state = 'complete'", 1);
+    if (Send(collector, Note(committed)) && Await(collector, notes, 1)) ++committed;
+    return committed;
+  }
+
+  // The numbers of all notes, from archives and database.
+  std::vector<int> Notes() const {
+    std::vector<int> numbers;
+    std::unique_ptr<store::Journal> journal;
+    if (!store::Journal::Open(database_, &journal).ok()) return numbers;
+    store::Query query;
+    query.events = {"AddNoteEvent"};
+    std::vector<std::string> problems;
+    const auto visit = [&numbers](const store::RecordRow& row) {
+      std::istringstream in(row.raw);
+      const std::unique_ptr<usage_stat::Event> event(usage_stat::Event::CreateFromStream(in));
+      numbers.push_back(dynamic_cast<usage_stat::AddNoteEvent&>(*event).a_);
+      return true;
+    };
+    EXPECT_TRUE(journal->ForEach(query, visit, &problems).ok());
+    EXPECT_TRUE(problems.empty()) << problems.front();
+    std::string integrity;
+    EXPECT_TRUE(journal->live().CheckIntegrity(&integrity).ok());
+    EXPECT_EQ(integrity, "ok");
+    return numbers;
+  }
+
+  void ExpectNotes(int committed) const {
+    const std::vector<int> notes = Notes();
+    ASSERT_GE(notes.size(), static_cast<std::size_t>(committed));
+    // The one under way when the collector died may be there too.
+    ASSERT_LE(notes.size(), static_cast<std::size_t>(committed) + 1);
+    for (std::size_t i = 0; i < notes.size(); ++i) EXPECT_EQ(notes[i], static_cast<int>(i));
+  }
+
+  static constexpr int kNotes = 2;
+
+  TempFolder folder_;
+  const std::string endpoint_ = Receiver::UniqueEndpoint();
+  const std::string database_ = folder_ / "records.db";
+};
+
+TEST_F(CollectorKillTest, NothingCommittedIsLostWhereverItDies) {
+  // With this variable set the suite is as thorough as before a release.
+  const int step = std::getenv("USAGE_STAT_THOROUGH_TESTS") ? 1 : 9;
+  int deaths = 0;
+  bool was_killed = true;
+  for (long kill_at = 1; was_killed && !HasFailure(); kill_at += step) {
+    SCOPED_TRACE("killed at write " + std::to_string(kill_at));
+    std::filesystem::remove_all(folder_.path());
+    std::filesystem::create_directory(folder_.path());
+    int committed = 0;
+    {
+      KilledAtWrite collector(Words(), kill_at);
+      committed = Use(collector);
+      const int end = collector.End();
+      was_killed = end == -SIGKILL;
+      ASSERT_TRUE(was_killed || end == 0) << end;
+      deaths += was_killed ? 1 : 0;
+    }
+    ExpectNotes(committed);
+
+    // The next collector goes on where this one was stopped.
+    const auto kept = static_cast<int>(Notes().size());
+    KilledAtWrite next(Words(), 0);
+    ASSERT_TRUE(Send(next, Note(kept)));
+    ASSERT_EQ(next.End(), 0);
+    ExpectNotes(kept + 1);
+  }
+  EXPECT_GT(deaths, 10);
+  std::printf("| %d | %s |\n", deaths, step == 1 ? "each" : "some");
+}
+
+}  // namespace
+}  // namespace usage_stat_test
