@@ -2,12 +2,11 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
-#include <sstream>
 
+#include "tests/support/files.h"
 #include "tests/support/receiver.h"
 #include "tests/support/run_program.h"
 
@@ -22,11 +21,6 @@ using Words = std::vector<std::string>;
 ProgramResult UsageStat(Words words, const std::string& input = {}, Words environment = {}) {
   words.insert(words.begin(), USAGE_STAT);
   return RunProgram(std::move(words), input, std::move(environment));
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  return (std::ostringstream() << in.rdbuf()).str();
 }
 
 TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {

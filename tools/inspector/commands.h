@@ -18,8 +18,10 @@ constexpr int kUsage = 2;   // it was called wrongly
 // leaves its exit code in `exit_code`, which outlives `app`.
 void AddArchive(CLI::App* app, int* exit_code);
 void AddDecode(CLI::App* app, int* exit_code);
+void AddDoctor(CLI::App* app, int* exit_code);
 void AddFollow(CLI::App* app, int* exit_code);
 void AddList(CLI::App* app, int* exit_code);
+void AddReplay(CLI::App* app, int* exit_code);
 void AddSend(CLI::App* app, int* exit_code);
 void AddStatus(CLI::App* app, int* exit_code);
 void AddTypes(CLI::App* app, int* exit_code);

@@ -1,14 +1,11 @@
 // usage-stat decode: one record, byte by byte.
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cctype>
-#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <optional>
 
+#include "tools/inspector/captured.h"
 #include "tools/inspector/commands.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -32,22 +29,6 @@ struct Options {
 
 // Far more than the largest record, also as hexadecimal digits with blanks between them.
 constexpr std::size_t kLargestInput = 1 << 20;
-
-// The bytes that hexadecimal digits with white space between them stand for; nothing when `text`
-// is something else.
-std::optional<std::string> FromHex(std::string_view text) {
-  std::string digits;
-  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
-               [](unsigned char c) { return std::isspace(c) == 0; });
-  const bool all_hex = std::all_of(digits.begin(), digits.end(),
-                                   [](unsigned char c) { return std::isxdigit(c) != 0; });
-  if (!all_hex || digits.size() % 2 != 0 || digits.empty()) return std::nullopt;
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
 
 std::string ReadUpTo(std::istream& in, std::size_t limit) {
   std::string bytes(limit, '\0');

@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer("Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
   int exit_code = kOk;
-  for (const auto add : {AddList, AddFollow, AddStatus, AddArchive, AddDecode, AddSend, AddTypes}) {
+  for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
+                         AddReplay, AddArchive}) {
     add(&app, &exit_code);
   }
 

@@ -1,0 +1,377 @@
+// usage-stat as its users start it: the subcommands around a database.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+
+#include "tests/support/run_program.h"
+#include "tests/tools/collector_process.h"
+#include "tests/tools/store_fixture.h"
+#include "tools/inspector/moment.h"
+#include "tools/records/record.h"
+#include "tools/store/archive.h"
+
+namespace usage_stat_test {
+namespace {
+
+using testing::HasSubstr;
+using velmora::usage_stat::records::Json;
+using Words = std::vector<std::string>;
+
+class InspectorTest : public StoreTest {
+ protected:
+  ProgramResult UsageStat(Words words, const std::string& input = {}) {
+    return RunProgram(Started(std::move(words)), input, environment_);
+  }
+  Words Started(Words words) const {
+    words.insert(words.begin(), USAGE_STAT);
+    return words;
+  }
+  Json Status(int exit_code = 0) {
+    const ProgramResult result = UsageStat({"status", "-o", "json"});
+    EXPECT_EQ(result.exit_code, exit_code) << result.err;
+    return Json::parse(result.out);
+  }
+
+  // A database with records of a first run that was killed, and a second run.
+  void Fill() {
+    auto first = OpenWriter();
+    store::Batch batch;
+    batch.records = {
+        Row("GoToURLEvent", 1000, R"({"a":3,"b":"x\u001b[31m\"é"})"),
+        Row("OpenBookEvent", 2000, R"({"book_id":-645120848,"application":4})"),
+        Row("NewBooksEventEx", 3000, R"({"count":1,"books":[{"book_id":7}],"application":1})"),
+    };
+    batch.quarantine = {{0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, "{}", "ab"}};
+    batch.refused = {{{1000, "uid"}, 2}};
+    batch.received = 6;
+    ASSERT_OK(first->Commit(batch));
+    first.reset();
+    auto second = OpenWriter();
+    ASSERT_OK(second->Commit({{Row("GoToPageEvent", 5000, R"({"a":5})")}, {}, {}, 1}));
+    ASSERT_OK(second->Finish());
+  }
+
+  Words environment_ = {"USAGE_STAT_DATABASE=" + database_, "TZ=UTC"};
+};
+
+std::string EventsOf(const std::string& json_lines) {
+  std::string events;
+  std::istringstream in(json_lines);
+  for (std::string line; std::getline(in, line);) {
+    if (!events.empty()) events += ' ';
+    events += Json::parse(line)["event"].get<std::string>();
+  }
+  return events;
+}
+
+TEST_F(InspectorTest, ListsWhatIsAskedFor) {
+  Fill();
+  std::optional<store::Archive> archive;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
+  auto writer = OpenWriter();
+  ASSERT_OK(writer->Commit({{Row("ChangePageEvent", 6000)}, {}, {}, 1}));
+
+  struct Case {
+    Words words;
+    const char* events;
+  };
+  const Case cases[] = {
+      {{"--event", "GoToURL", "--event", "gotopageevent"}, "GoToURLEvent GoToPageEvent"},
+      {{"--event", "2032", "--event", "kOpenBook"}, "OpenBookEvent ChangePageEvent"},
+      {{"--app", "4"}, "OpenBookEvent"},
+      {{"--app", "explorer.app"}, "NewBooksEventEx"},
+      {{"--book", "abc"}, "OpenBookEvent"},
+      {{"--book", "7"}, "NewBooksEventEx"},
+      {{"--since", "1970-01-01 00:00:02", "--until", "@5"}, "OpenBookEvent NewBooksEventEx"},
+      {{"--until", "@6", "-n", "2"}, "NewBooksEventEx GoToPageEvent"},
+      {{"--until", "@6", "-n", "2", "-r"}, "GoToPageEvent NewBooksEventEx"},
+      {{"--since", "tomorrow"}, ""},
+      {{"--file", archive->path, "--app", "4"}, "OpenBookEvent"},
+      {{"--file", database_, "--event", "2032"}, "ChangePageEvent"},
+  };
+  for (const Case& c : cases) {
+    Words words = {"list", "-o", "json"};
+    words.insert(words.end(), c.words.begin(), c.words.end());
+    const ProgramResult result = UsageStat(words);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    EXPECT_EQ(EventsOf(result.out), c.events);
+  }
+  for (const Words& wrong : {Words{"--event", "nope"}, Words{"--app", "no.app"},
+                             Words{"--since", "2026-02-30"}, Words{"-n", "-1"}}) {
+    EXPECT_EQ(UsageStat({"list", wrong[0], wrong[1]}).exit_code, 2) << wrong[1];
+  }
+  WriteFile(folder_ / "foreign", "hello");
+  for (const char* file : {"foreign", "missing"}) {
+    const ProgramResult result = UsageStat({"list", "--file", folder_ / file});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.err, HasSubstr(folder_ / file));
+  }
+}
+
+TEST_F(InspectorTest, WritesRecordsInEveryForm) {
+  Fill();
+  const std::map<std::string, std::string> expected = {
+      {"short", "1970-01-01 00:00:01.000 GoToURLEvent[42] a=3 b=\"x\\u001b[31m\\\"é\"\n"},
+      {"json", R"({"id":2,"received":1001,"pid":42,"uid":7,"event":"GoToURLEvent","type":2021,)"
+               R"("timestamp":1000,"fields":{"a":3,"b":"x\u001b[31m\"é"},"raw":"00ff"})"
+               "\n"},
+      {"csv",
+       "id,received,pid,uid,event,type,timestamp,fields,raw\r\n"
+       R"(2,1001,42,7,GoToURLEvent,2021,1000,"{""a"":3,""b"":""x\u001b[31m\""é""}",00ff)"
+       "\r\n"},
+      {"raw", "00ff\n"},
+  };
+  for (const auto& [format, text] : expected) {
+    EXPECT_EQ(UsageStat({"list", "--event", "2035", "-o", format}).out, text);
+  }
+  const std::string pretty = UsageStat({"list", "--event", "2035", "-o", "json-pretty"}).out;
+  EXPECT_EQ(Json::parse(pretty), Json::parse(expected.at("json")));
+}
+
+TEST_F(InspectorTest, EndsWhenItsOutputEnds) {
+  Fill();
+  const std::string list = std::string(USAGE_STAT) + " list";
+  EXPECT_EQ(RunProgram({"/bin/sh", "-c", list + " > /dev/full"}, "", environment_).exit_code, 1);
+  // The reader is gone before the first byte comes.
+  const std::string piped = "{ sleep 0.2; " + list + "; echo $? >&2; } | :";
+  EXPECT_EQ(RunProgram({"/bin/sh", "-c", piped}, "", environment_).err, "0\n");
+}
+
+TEST_F(InspectorTest, FollowsRecordsThroughRotationAndReplacement) {
+  auto writer = OpenWriter();
+  ASSERT_OK(writer->Commit({{Row("GoToURLEvent", 1)}, {}, {}, 1}));
+  Program follow(Started({"follow", "-n", "1"}), "", environment_);
+  ASSERT_TRUE(follow.AwaitOutput("GoToURLEvent")) << follow.err();
+
+  ASSERT_OK(writer->Commit({{Row("StartTtsEvent", 2)}, {}, {}, 1}));
+  std::optional<store::Archive> archive;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
+  ASSERT_OK(writer->Commit({{Row("StopTtsEvent", 3)}, {}, {}, 1}));
+  ASSERT_TRUE(follow.AwaitOutput("StopTtsEvent"));
+
+  writer.reset();
+  for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(database_ + suffix);
+  writer = OpenWriter();
+  ASSERT_OK(writer->Commit({{Row("AddNoteEvent", 4)}, {}, {}, 1}));
+  ASSERT_TRUE(follow.AwaitOutput("AddNoteEvent"));
+
+  follow.Signal(SIGINT);
+  const ProgramResult result = follow.Wait();
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  for (const char* event : {"GoToURLEvent", "StartTtsEvent", "StopTtsEvent", "AddNoteEvent"}) {
+    const std::size_t first = result.out.find(event);
+    EXPECT_NE(first, std::string::npos) << event;
+    EXPECT_EQ(result.out.find(event, first + 1), std::string::npos) << event << " came twice";
+  }
+}
+
+TEST_F(InspectorTest, BalancesWhatWasReceived) {
+  Fill();
+  const Json status = Status();
+  EXPECT_EQ(status["received"], 7);
+  EXPECT_EQ(status["stored"], 4);
+  EXPECT_EQ(status["quarantined_by_kind"], Json({{"cut short", 1}}));
+  EXPECT_EQ(status["refused_by_reason"], Json({{"uid", 2}}));
+  EXPECT_EQ(status["senders"].size(), 2U);
+  EXPECT_EQ(status["runs"][0]["ended"], Json());
+  EXPECT_EQ(status["runs"][1]["state"], "ended");
+  EXPECT_GE(status["runs"][1]["gap_before"], 0);
+  EXPECT_THAT(UsageStat({"status"}).out, HasSubstr("gap of "));
+
+  EXPECT_EQ(UsageStat({"archive"}).exit_code, 0);
+  EXPECT_TRUE(Status()["adds_up"]);
+
+  store::Connection connection;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &connection));
+  ASSERT_OK(connection.Execute("DELETE FROM quarantine"));
+  EXPECT_FALSE(Status(1)["adds_up"]);
+}
+
+// The state that doctor finds for each check, the worst where there are several.
+std::map<std::string, std::string> StatesOf(const ProgramResult& doctor) {
+  std::map<std::string, std::string> states;
+  for (const Json& finding : Json::parse(doctor.out)) {
+    std::string& state = states[finding["check"]];
+    if (state != "fail" && finding["state"] != "ok") state = finding["state"];
+    if (state.empty()) state = "ok";
+    EXPECT_EQ(finding["state"] == "ok", finding["advice"] == "");
+  }
+  return states;
+}
+
+TEST_F(InspectorTest, FindsWhatIsWrong) {
+  const Words doctor = {"doctor", "-o", "json"};
+  const auto examine = [&](const Words& more, int exit_code) {
+    Words words = doctor;
+    words.insert(words.end(), more.begin(), more.end());
+    const ProgramResult result = UsageStat(words);
+    EXPECT_EQ(result.exit_code, exit_code);
+    return StatesOf(result);
+  };
+  CollectorProcess collector(COLLECTOR_COMMAND, folder_.path(), {"--database", database_});
+  ASSERT_TRUE(collector.IsUp());
+  ASSERT_TRUE(Eventually([this] { return std::filesystem::exists(database_); }));
+  // Under an emulator the program that listens is the emulator.
+  const auto program =
+      std::filesystem::read_symlink("/proc/" + std::to_string(collector.pid()) + "/exe").filename();
+  auto states = examine({"--endpoint", collector.endpoint()}, 0);
+  EXPECT_EQ(states["endpoint"], program == "usage-stat-collector" ? "ok" : "warn");
+  EXPECT_EQ(states["database"], "ok");
+  EXPECT_EQ(states["balance"], "ok");
+  EXPECT_EQ(states["clock"], "ok");
+  EXPECT_EQ(collector.End(), 0);
+
+  const Receiver squatter;
+  environment_.push_back("CORVANE_ROOT=" + folder_.path());
+  states = examine({"--endpoint", squatter.endpoint()}, 0);
+  EXPECT_EQ(states["endpoint"], "warn");
+  EXPECT_EQ(states["root"], "warn");
+
+  auto writer = OpenWriter();
+  store::RecordRow late = Row("GoToURLEvent", 1000);
+  late.received_ms += 100'000;
+  ASSERT_OK(writer->Commit({{late}, {}, {}, 1}));
+  chmod(database_.c_str(), 0644);
+  environment_.back() = "CORVANE_ROOT=" + folder_.path() + "/nowhere";
+  states = examine({"--endpoint", Receiver::UniqueEndpoint()}, 1);
+  EXPECT_EQ(states["endpoint"], "fail");
+  EXPECT_EQ(states["root"], "fail");
+  EXPECT_EQ(states["clock"], "warn");
+  EXPECT_EQ(states["database"], "warn");
+
+  writer.reset();
+  environment_.pop_back();
+  WriteFile(database_, ReadFile(database_).substr(0, 6000));
+  EXPECT_EQ(examine({"--endpoint", squatter.endpoint()}, 1)["database"], "fail");
+}
+
+// The vectors as lines of hexadecimal digits.
+std::string VectorLines() {
+  std::string lines;
+  for (const auto& file : std::filesystem::directory_iterator(SOURCE_DIR "/tests/vectors")) {
+    if (file.path().extension() != ".json") continue;
+    lines += Json::parse(ReadFile(file.path()))["hex"].get<std::string>() + "\n";
+  }
+  return lines;
+}
+
+TEST_F(InspectorTest, ReplaysEveryRecordAsItWas) {
+  CollectorProcess collector(COLLECTOR_COMMAND, folder_.path(), {"--database", database_});
+  ASSERT_TRUE(collector.IsUp());
+  const std::string vectors = VectorLines();
+  const auto replay = [&](const Words& more, const std::string& input) {
+    Words words = {"replay", "--endpoint", collector.endpoint(), "--speed", "max"};
+    words.insert(words.end(), more.begin(), more.end());
+    const ProgramResult result = UsageStat(words, input);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    return result.out;
+  };
+  EXPECT_EQ(replay({"--raw", "-"}, vectors),
+            "0 sent through exported functions, 41 as bytes, 0 left out, 0 failed\n");
+  EXPECT_EQ(replay({"-"}, vectors),
+            "24 sent through exported functions, 13 as bytes, 4 left out, 0 failed\n");
+  // A damaged record is sent as it is, or not at all.
+  EXPECT_EQ(replay({"-"}, "f407\n"),
+            "0 sent through exported functions, 0 as bytes, 1 left out, 0 failed\n");
+  EXPECT_EQ(collector.End(), 0);
+
+  // Everything arrived twice, the second time with another timestamp and nothing else. What a
+  // collector writes about itself is left aside here.
+  const auto payloads = [](const std::string& lines, int times) {
+    std::vector<std::string> found;
+    std::istringstream in(lines);
+    for (std::string hex; std::getline(in, hex);) {
+      const int code = std::stoi(hex.substr(2, 2) + hex.substr(0, 2), nullptr, 16);
+      if (code >= 2012 && code <= 2015) continue;
+      for (int i = 0; i < times; ++i) found.push_back(hex.substr(0, 4) + hex.substr(20));
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  };
+  EXPECT_EQ(payloads(UsageStat({"list", "-o", "raw"}).out, 1), payloads(vectors, 2));
+
+  // What was captured is read from a database, its JSON and its bytes alike.
+  WriteFile(folder_ / "session.json", UsageStat({"list", "-o", "json", "-n", "5"}).out);
+  Receiver receiver;
+  for (const Words& source : {Words{database_}, Words{folder_ / "session.json"}}) {
+    Program program(Started({"replay", "--raw", "--speed", "max", "--endpoint", receiver.endpoint(),
+                             source[0]}),
+                    "", environment_);
+    const auto first = receiver.Receive();
+    EXPECT_TRUE(first);
+    while (program.out().empty() && receiver.Receive(100)) {
+    }
+  }
+  receiver.Stop();
+  EXPECT_EQ(UsageStat({"replay", "-"}, "00ff\nnonsense\n").exit_code, 1);
+  EXPECT_EQ(UsageStat({"replay", "--speed", "0", "-"}, "").exit_code, 2);
+  EXPECT_THAT(UsageStat({"replay", "--raw", "--endpoint", receiver.endpoint(), "-"}, "00ff\n").err,
+              HasSubstr("no collector"));
+}
+
+TEST_F(InspectorTest, ReleasesFromTheQuarantineWhatNowReads) {
+  const std::string datagram = PageTurn(1, 2);
+  auto writer = OpenWriter();
+  store::Batch batch;
+  batch.quarantine = {
+      {0, 0, 4000, {42, 7}, "unknown type", "unknown type code 2032", 2032, "{}", datagram},
+      {0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, "{}", "ab"}};
+  batch.received = 2;
+  ASSERT_OK(writer->Commit(batch));
+  EXPECT_EQ(UsageStat({"replay", "--quarantine"}).out,
+            "1 of 2 moved from the quarantine to the records\n");
+  const Json row = Json::parse(UsageStat({"list", "-n", "1", "-o", "json"}).out);
+  EXPECT_EQ(row["event"], "ChangePageEvent");
+  EXPECT_EQ(row["received"], 4000);
+  EXPECT_EQ(row["pid"], 42);
+  EXPECT_EQ(row["fields"]["a"], 2);
+  const Json status = Status();
+  EXPECT_EQ(status["stored"], 1);
+  EXPECT_EQ(status["in_quarantine"], 1);
+}
+
+TEST(Moment, IsReadInTheFormsThatPeopleWrite) {
+  using velmora::usage_stat::inspector::ParseMoment;
+  setenv("TZ", "Europe/Berlin", 1);
+  tzset();
+  constexpr std::int64_t kNow =
+      1'774'778'400'500;  // 2026-03-29 12:00:00.5, 9 hours into summer time
+  constexpr std::int64_t kHour = 3'600'000;
+  constexpr std::int64_t kMidnight = kNow - 500 - 11 * kHour;
+  struct Case {
+    const char* text;
+    std::optional<std::int64_t> moment;
+  };
+  const Case cases[] = {
+      {"now", kNow},
+      {"today", kMidnight},
+      {"yesterday", kMidnight - 24 * kHour},
+      {"tomorrow", kMidnight + 23 * kHour},
+      {"2 hours ago", kNow - 2 * kHour},
+      {"1h 30min ago", kNow - kHour * 3 / 2},
+      {"-1d2h", kNow - 26 * kHour},
+      {"+3s", kNow + 3000},
+      {"@12", 12'000},
+      {"2026-03-29", kMidnight},
+      {"2026-03-29 12:00", kNow - 500},
+      {"2026-03-29T10:00:00Z", kNow - 500},
+      {"2026-03-29 10:00 UTC", kNow - 500},
+      {"11:59:59", kNow - 1500},
+      {"2026-02-30", std::nullopt},
+      {"2026-13-01", std::nullopt},
+      {"-1fortnight", std::nullopt},
+      {"-1", std::nullopt},
+      {"--1h", std::nullopt},
+      {"@", std::nullopt},
+      {"@99999999999999999999", std::nullopt},
+      {"-99999999999999w", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const Case& c : cases) EXPECT_EQ(ParseMoment(c.text, kNow), c.moment) << c.text;
+}
+
+}  // namespace
+}  // namespace usage_stat_test

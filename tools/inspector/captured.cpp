@@ -1,0 +1,93 @@
+#include "tools/inspector/captured.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+
+#include "tools/records/record.h"
+#include "tools/store/archive.h"
+#include "tools/store/reader.h"
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+using store::Status;
+
+bool IsDatabase(std::istream& file) {
+  std::string head(15, '\0');
+  file.read(head.data(), static_cast<std::streamsize>(head.size()));
+  file.clear();
+  file.seekg(0);
+  return head == "SQLite format 3";
+}
+
+template <class Source>
+Status ReadRows(const std::string& path, std::vector<std::string>* datagrams) {
+  std::unique_ptr<Source> source;
+  if (Status status = Source::Open(path, &source); !status.ok()) return status;
+  return source->ForEach({}, [datagrams](const store::RecordRow& row) {
+    datagrams->push_back(row.raw);
+    return true;
+  });
+}
+
+// The datagram of one line: digits, or a JSON object that has them.
+std::optional<std::string> DatagramOf(const std::string& line) {
+  if (!line.starts_with('{')) return FromHex(line);
+  const auto json = records::Json::parse(line, nullptr, false);
+  if (!json.is_object() || !json.contains("raw") || !json["raw"].is_string()) return std::nullopt;
+  return FromHex(json["raw"].get<std::string>());
+}
+
+Status ReadLines(std::istream& in, const std::string& path, std::vector<std::string>* datagrams) {
+  std::size_t number = 0;
+  for (std::string line; std::getline(in, line);) {
+    ++number;
+    if (std::all_of(line.begin(), line.end(), [](unsigned char c) { return std::isspace(c); })) {
+      continue;
+    }
+    auto datagram = DatagramOf(line);
+    if (!datagram) {
+      return Status::Failed(
+          fmt::format("line {} of {} holds no record: neither hexadecimal digits "
+                      "nor JSON with \"raw\"",
+                      number, path));
+    }
+    datagrams->push_back(*std::move(datagram));
+  }
+  return in.bad() ? Status::Failed("cannot read " + path) : Status();
+}
+
+}  // namespace
+
+std::optional<std::string> FromHex(std::string_view text) {
+  std::string digits;
+  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+               [](unsigned char c) { return std::isspace(c) == 0; });
+  const bool all_hex = std::all_of(digits.begin(), digits.end(),
+                                   [](unsigned char c) { return std::isxdigit(c) != 0; });
+  if (!all_hex || digits.size() % 2 != 0 || digits.empty()) return std::nullopt;
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams) {
+  if (path == "-") return ReadLines(std::cin, "standard input", datagrams);
+  if (store::IsArchive(path)) return ReadRows<store::Reader>(path, datagrams);
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return Status::Failed("cannot read " + path);
+  if (!IsDatabase(file)) return ReadLines(file, path, datagrams);
+  file.close();
+  return ReadRows<store::Journal>(path, datagrams);
+}
+
+}  // namespace velmora::usage_stat::inspector

@@ -1,0 +1,25 @@
+// Captured records, from whatever they were kept in.
+
+#ifndef TOOLS_INSPECTOR_CAPTURED_H_
+#define TOOLS_INSPECTOR_CAPTURED_H_
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/store/sqlite.h"
+
+namespace velmora::usage_stat::inspector {
+
+// The bytes that hexadecimal digits with white space between them stand for; nothing when `text`
+// is something else, or nothing.
+std::optional<std::string> FromHex(std::string_view text);
+
+// Reads the datagrams of a database, of an archive, or of lines as usage-stat list writes them with
+// -o json or -o raw; - is standard input, which holds lines.
+store::Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams);
+
+}  // namespace velmora::usage_stat::inspector
+
+#endif  // TOOLS_INSPECTOR_CAPTURED_H_
