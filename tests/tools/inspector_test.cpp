@@ -48,6 +48,23 @@ TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {
   }
 }
 
+TEST(UsageStat, CompletesWhatItKnows) {
+  const std::string script = "source " SOURCE_DIR
+                             "/packaging/completion/usage-stat\n"
+                             R"(
+    complete_words() {
+      COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _usage_stat )" USAGE_STAT R"(
+      echo "${COMPREPLY[*]}"
+    }
+    complete_words usage-stat de
+    complete_words usage-stat list --re
+    complete_words usage-stat decode -o ''
+    complete_words usage-stat list --event ChangePageEventE
+    complete_words usage-stat send Stat_GoToU)";
+  EXPECT_EQ(RunProgram({"/bin/bash", "-c", script}).out,
+            "decode\n--reverse\ntext json\nChangePageEventEx\nStat_GoToURLEvent\n");
+}
+
 TEST(Types, AreDocumentedAsTheyAre) {
   EXPECT_EQ(UsageStat({"types", "--format", "markdown"}).out,
             ReadFile(SOURCE_DIR "/docs/records.md"))
