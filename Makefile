@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
+.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
 
 all:
 	scripts/setup build
@@ -13,12 +13,44 @@ all:
 test: all
 	ctest --preset $(PRESET)
 
-test-armhf:
+# The same tests on emulated 32-bit ARM, a device build, and ARM and workstation side by side.
+test-armhf: build-armhf
+	cmake --preset release
+	cmake --build --preset release --target usage_stat_collector
+	scripts/test-device
+	ctest --preset armhf
+
+build-armhf:
 	scripts/setup build armhf
 	scripts/armhf-sysroot
 	cmake --preset armhf
 	cmake --build --preset armhf
-	ctest --preset armhf
+
+# What the library costs a device, and whether that is within its ceilings.
+size:
+	scripts/setup build armhf
+	scripts/armhf-sysroot
+	cmake --preset release
+	cmake --build --preset release --target usage_stat
+	cmake --preset armhf
+	cmake --build --preset armhf --target usage_stat
+	bench/size --check
+
+# Debian packages, in build/package/packages.
+package:
+	scripts/setup build package
+	cmake --preset package
+	cmake --build --preset package
+	cd build/package && cpack
+
+test-package: package
+	packaging/test build/package/packages
+
+abi-check abi-update: abi-%:
+	scripts/setup build package
+	cmake --preset abi
+	cmake --build --preset abi
+	scripts/abi $* build/abi
 
 demo: all
 	examples/demo $(BUILD)

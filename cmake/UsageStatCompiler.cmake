@@ -17,6 +17,12 @@ endif()
 # Programs and tests find the libraries of this build wherever the tree lies.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
+# So do installed ones, except where the system's own search path leads to them.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  file(RELATIVE_PATH libdir_from_bindir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+  set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/${libdir_from_bindir}")
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-psabi)
 if(USAGE_STAT_WERROR)
   add_compile_options(-Werror)
@@ -26,6 +32,15 @@ endif()
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_TIME_BITS=64)
+  include(CheckTypeSize)
+  set(CMAKE_REQUIRED_DEFINITIONS -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+  set(CMAKE_EXTRA_INCLUDE_FILES time.h)
+  check_type_size(time_t USAGE_STAT_TIME_T)
+  unset(CMAKE_REQUIRED_DEFINITIONS)
+  unset(CMAKE_EXTRA_INCLUDE_FILES)
+  if(USAGE_STAT_TIME_T LESS 8)
+    message(WARNING "This C library has no 64-bit time_t: events after 2038-01-19 will carry wrong times")
+  endif()
 endif()
 
 # Presets set USAGE_STAT_SANITIZE to "address,undefined" or "thread".
