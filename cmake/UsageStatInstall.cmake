@@ -40,7 +40,7 @@ if(USAGE_STAT_BUILD_PLATFORM)
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT platform NAMELINK_SKIP)
 endif()
 
-# ---- Programs, their manual pages, and the collector as a service ----
+# ---- Programs, their manual pages and completions, and the collector as a service ----
 
 if(USAGE_STAT_BUILD_TOOLS)
   install(TARGETS usage_stat_collector usage_stat_inspector
@@ -66,7 +66,9 @@ if(USAGE_STAT_BUILD_TOOLS)
   add_custom_target(man ALL DEPENDS ${installed_pages})
 
   install(FILES packaging/usage-stat-collector.service
-    DESTINATION lib/systemd/system COMPONENT tools OPTIONAL)
+    DESTINATION lib/systemd/system COMPONENT tools)
+  install(FILES packaging/completion/usage-stat
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tools)
 endif()
 
 if(PROJECT_IS_TOP_LEVEL)
