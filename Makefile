@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
+.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
 
 all:
 	scripts/setup build
@@ -51,6 +51,11 @@ abi-check abi-update: abi-%:
 	cmake --preset abi
 	cmake --build --preset abi
 	scripts/abi $* build/abi
+
+# The report in a real browser.
+test-browser: all
+	scripts/setup browser
+	scripts/browser-test $(BUILD)
 
 demo: all
 	examples/demo $(BUILD)

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "src/stat_event/event_factory.h"
+#include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
 #include "tools/report/collect.h"
 #include "tools/report/names.h"
@@ -128,6 +129,35 @@ TEST_F(ReportTest, RefusesRangesThatNoPageCanShow) {
                              Range{kBegin, kMost}, Range{0, kLongestRangeMs + 1}}) {
     EXPECT_FALSE(Read(range, &summary).ok()) << range.since_ms << " " << range.until_ms;
   }
+}
+
+TEST_F(ReportTest, CommandWritesAPageOrSaysWhyNot) {
+  using usage_stat_test::ReadFile;
+  using usage_stat_test::RunProgram;
+  const std::string page = folder_ / "page.html";
+  struct Case {
+    std::vector<std::string> options;
+    int exit_code;
+    const char* text;
+  };
+  const Case cases[] = {
+      {{"--output", page}, 0, ""},
+      {{"--since", "2024-10-04", "--until", "2024-10-05"}, 0, "4 Oct 2024"},
+      {{"--since", "today", "--until", "yesterday"}, 1, "range of time is empty"},
+      {{"--since", "never"}, 2, "never"},
+      {{"--output", "/dev/full"}, 1, "cannot write /dev/full: No space left"},
+      {{"--database", folder_ / "none.db"}, 1, "none.db"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.options));
+    std::vector<std::string> words = {USAGE_STAT, "report", "--database", database_};
+    if (c.options[0] == "--database") words.resize(2);
+    words.insert(words.end(), c.options.begin(), c.options.end());
+    const auto result = RunProgram(words);
+    EXPECT_EQ(result.exit_code, c.exit_code) << result.err;
+    EXPECT_THAT(result.out + result.err, HasSubstr(c.text));
+  }
+  EXPECT_THAT(ReadFile(page), HasSubstr("<title>Usage report"));
 }
 
 TEST_F(ReportTest, HostileTextsStayTexts) {

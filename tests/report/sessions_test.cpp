@@ -13,6 +13,7 @@
 
 #include "src/stat_event/event_factory.h"
 #include "tools/report/calendar.h"
+#include "tools/report/series.h"
 #include "tools/report/survey.h"
 
 namespace velmora::usage_stat::report {
@@ -176,6 +177,16 @@ TEST(ReportClock, TellsLocalHours) {
     EXPECT_EQ(hour.hour, c.hour);
     EXPECT_EQ(hour.end_ms - c.second * kSecond, c.left_s * kSecond);
   }
+}
+
+TEST(ReportClock, CompletesRangesByWholeDays) {
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  constexpr std::int64_t kApril = std::int64_t{1775340000} * kSecond;  // 5 April 2026, 00:00 CEST
+  const Range range = CompleteRange({}, {}, kApril - 1);
+  EXPECT_EQ(range.until_ms, kApril);
+  EXPECT_EQ(range.since_ms, kApril - 30 * kDay + kHour);  // the clock was changed in between
+  EXPECT_EQ(CompleteRange(5, 7, kApril).since_ms, 5);
+  EXPECT_EQ(CompleteRange(5, 7, kApril).until_ms, 7);
 }
 
 TEST(ReportClock, SpreadsReadingOverHoursAndDays) {

@@ -22,6 +22,7 @@ void AddDoctor(CLI::App* app, int* exit_code);
 void AddFollow(CLI::App* app, int* exit_code);
 void AddList(CLI::App* app, int* exit_code);
 void AddReplay(CLI::App* app, int* exit_code);
+void AddReport(CLI::App* app, int* exit_code);
 void AddSend(CLI::App* app, int* exit_code);
 void AddStatus(CLI::App* app, int* exit_code);
 void AddTypes(CLI::App* app, int* exit_code);

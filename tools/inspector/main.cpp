@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   app.footer("Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
   int exit_code = kOk;
   for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
-                         AddReplay, AddArchive}) {
+                         AddReplay, AddReport, AddArchive}) {
     add(&app, &exit_code);
   }
 

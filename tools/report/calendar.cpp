@@ -71,6 +71,16 @@ LocalHour LocalClock::At(std::int64_t ms) {
   return current_;
 }
 
+std::int64_t BeginOf(Day day) {
+  const chrono::year_month_day date = DateOf(day);
+  std::tm local{};
+  local.tm_year = static_cast<int>(date.year()) - 1900;
+  local.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
+  local.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
+  local.tm_isdst = -1;
+  return std::int64_t{std::mktime(&local)} * kMsPerSecond;
+}
+
 bool IsOnCalendar(std::int64_t ms) {
   const std::int64_t second = SecondOf(ms);
   return second >= kFirstSecond && second <= kLastSecond;

@@ -33,6 +33,9 @@ class LocalClock {
   LocalHour current_;
 };
 
+// The first moment of a local day.
+std::int64_t BeginOf(Day day);
+
 // Whether At() can tell the hour of `ms`.
 bool IsOnCalendar(std::int64_t ms);
 

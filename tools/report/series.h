@@ -3,6 +3,8 @@
 #ifndef TOOLS_REPORT_SERIES_H_
 #define TOOLS_REPORT_SERIES_H_
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +24,10 @@ struct Series {
   std::string_view step;  // "day", "week", "month" or "year"
   std::vector<Bucket> buckets;
 };
+
+// What to report when no begin or no end is given: up to the end of today, and 30 days of it.
+Range CompleteRange(std::optional<std::int64_t> since_ms, std::optional<std::int64_t> until_ms,
+                    std::int64_t now_ms);
 
 // The local days that a range begins and ends in.
 Day FirstDay(const Range& range);

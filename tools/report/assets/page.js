@@ -203,7 +203,10 @@
 
   const draw = (canvas) => {
     const chart = data.charts[canvas.dataset.chart];
-    if (chart.kind === 'rows') canvas.parentNode.style.height = 16 + 28 * chart.values.length + 'px';
+    if (chart.kind === 'rows') {
+      const bar = root.classList.contains('printing') ? 20 : 28;
+      canvas.parentNode.style.height = 16 + bar * chart.values.length + 'px';
+    }
     drawn.push(new Chart(canvas, kinds[chart.kind](chart)));
   };
   const drawAll = () => {

@@ -1,0 +1,77 @@
+// usage-stat report: what the records of a range of time tell, as one HTML page.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "tools/inspector/commands.h"
+#include "tools/inspector/selection.h"
+#include "tools/inspector/terminal.h"
+#include "tools/report/collect.h"
+#include "tools/report/page.h"
+#include "tools/report/series.h"
+#include "tools/store/file.h"
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+struct Options {
+  std::string database;
+  store::Query range;
+  std::string file;
+};
+
+int Keep(const std::string& page, const std::string& path) {
+  std::ofstream file(path, std::ios::binary);
+  file << page;
+  file.close();
+  if (file) return kOk;
+  return Complain(kFailed, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
+}
+
+int Report(const Options& options) {
+  if (options.file.empty() && isatty(STDOUT_FILENO) != 0) {
+    return Complain(kUsage, "a page is not for a terminal; give --output FILE");
+  }
+  std::unique_ptr<store::Journal> journal;
+  if (auto status = store::Journal::Open(options.database, &journal); !status.ok()) {
+    return Complain(kFailed, status.message);
+  }
+  const std::int64_t now_ms = store::NowMs();
+  const report::Range range =
+      report::CompleteRange(options.range.since_ms, options.range.until_ms, now_ms);
+  report::Summary summary;
+  if (auto status = report::Summarize(journal.get(), range, &summary); !status.ok()) {
+    return Complain(kFailed, status.message);
+  }
+  summary.generated_ms = now_ms;
+  for (const std::string& problem : summary.problems) Complain(kFailed, "not counted: " + problem);
+  const std::string page = report::RenderPage(summary);
+  if (!options.file.empty()) return Keep(page, options.file);
+  Write(page);
+  return kOk;
+}
+
+}  // namespace
+
+void AddReport(CLI::App* app, int* exit_code) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app->add_subcommand(
+      "report",
+      "Sums up reading, books, applications, settings and errors as one HTML page.\n"
+      "Without --since and --until: the last 30 days, today included.");
+  AddDatabaseOption(command, &options->database);
+  AddRangeOptions(command, &options->range);
+  command->add_option("-o,--output", options->file, "File to write (default: standard output)")
+      ->type_name("FILE");
+  command->callback([options, exit_code] { *exit_code = Report(*options); });
+}
+
+}  // namespace velmora::usage_stat::inspector
