@@ -375,16 +375,20 @@ TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
   // Descriptors that come along do not stay open.
   constexpr int kDescriptors = 100;
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  char byte = 'x';
+  iovec part{&byte, 1};
   msghdr message{};
   message.msg_name = &address_;
   message.msg_namelen = length_;
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof(control);
   *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
   std::copy_n(reinterpret_cast<const char*>(&socket_), sizeof(int),
               reinterpret_cast<char*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
   for (int i = 0; i < kDescriptors; ++i) {
-    ASSERT_TRUE(Eventually([&] { return sendmsg(socket_, &message, 0) == 0; }));
+    ASSERT_TRUE(Eventually([&] { return sendmsg(socket_, &message, 0) == 1; }));
   }
   const int sent = count + kDescriptors;
   ASSERT_TRUE(Eventually([&] { return Number("SELECT received FROM runs") == sent; }));

@@ -23,7 +23,7 @@ struct Datagram {
 constexpr std::size_t kLargestMessage = 102400;
 
 // How much of a datagram is kept at most, as evidence.
-constexpr std::size_t kKeptBytes = 256 * 1024;
+constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;
 
 }  // namespace velmora::usage_stat::collector
 

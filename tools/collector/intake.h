@@ -33,7 +33,7 @@ class Intake {
   // What may wait: enough for a burst, little enough for a short commit. Together with the batch
   // that was given out, twice as much is held.
   static constexpr std::size_t kMostCount = 1024;
-  static constexpr std::size_t kMostBytes = 1024 * 1024;
+  static constexpr std::size_t kMostBytes = std::size_t{1024} * 1024;
 
   bool is_full() const { return waiting_.size() >= kMostCount || waiting_bytes_ >= kMostBytes; }
 

@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   // The library's readers log each field that a stranger's datagram lacks; the collector tells what
   // is worth telling.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
-  signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGPIPE, SIG_IGN);
   const sigset_t signals = HoldEndingSignals();
 
   collector::Collector collecting(*options);

@@ -21,6 +21,19 @@ std::string DefaultEndpoint() {
   return name && *name ? name : "usage_stat_event1";
 }
 
+// An empty database takes some pages already; a limit below them would delete everything.
+CLI::Validator SizeLimit() {
+  constexpr std::uint64_t kLeast = 1024 * 1024;
+  const auto check = [](const std::string& text) {
+    std::uint64_t bytes = 0;
+    const bool is_number = CLI::detail::lexical_cast(text, bytes);
+    return is_number && (bytes == 0 || (bytes >= kLeast && bytes <= INT64_MAX))
+               ? std::string()
+               : "the size must be 0 or at least 1M";
+  };
+  return CLI::Validator(check, "SIZE");
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
@@ -37,33 +50,42 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
   app.set_version_flag("--version", "usage-stat-collector " USAGE_STAT_VERSION);
   app.add_option("--endpoint", options.endpoint,
                  "Listen on the abstract socket of this name (default: the environment variable "
-                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)");
-  auto* database = app.add_option(
-      "--database", options.database_path,
-      "Keep the records in this file (default: the environment variable USAGE_STAT_DATABASE, else "
-      "records.db in $STATE_DIRECTORY, else /var/lib/usage-stat/records.db)");
-  app.add_flag("--no-store", no_store, "Keep nothing")->excludes(database);
-  app.add_option("--print", options.print, "Show each record on standard output, as text or json")
-      ->transform(CLI::CheckedTransformer(formats));
+                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)")
+      ->option_text("NAME");
+  auto* database = app.add_option("--database", options.database_path,
+                                  "Keep the records in this file (default: the environment "
+                                  "variable USAGE_STAT_DATABASE, else records.db in "
+                                  "$STATE_DIRECTORY, else /var/lib/usage-stat/records.db)")
+                       ->option_text("PATH");
+  app.add_flag("--no-store", no_store, "Keep nothing")->excludes(database)->option_text(" ");
+  app.add_option("--print", options.print, "Show each record on standard output")
+      ->transform(CLI::CheckedTransformer(formats))
+      ->option_text("text|json");
   app.add_option("--commit-interval", interval_ms,
                  "Milliseconds after which a received record is in the database at the latest, as "
                  "long as the disk keeps up (default: 50)")
-      ->check(CLI::Range(1, 60'000));
+      ->check(CLI::Range(1, 60'000))
+      ->option_text("MS");
   app.add_option("--allow-uid", uids,
                  "Take records from this user too, beside root and the collector's own; may be "
                  "given again")
       ->allow_extra_args(false)
-      ->check(CLI::Range(std::int64_t{0}, kLargestUid));
+      ->check(CLI::Range(std::int64_t{0}, kLargestUid))
+      ->option_text("UID");
   app.add_flag("--allow-any", options.allow_any, "Take records from every user");
   app.add_option("--archive-dir", options.archive_directory,
-                 "Put archives into this folder (default: archives, beside the database)");
+                 "Put archives into this folder (default: archives, beside the database)")
+      ->option_text("FOLDER");
   app.add_option("--keep-days", options.retention.keep_days,
                  "Delete what was received more days ago than this (default: 0, keep)")
-      ->check(CLI::Range(0, 36'500));
+      ->check(CLI::Range(0, 36'500))
+      ->option_text("DAYS");
   app.add_option("--max-size", max_bytes,
-                 "Delete the oldest once database and archives exceed this many bytes; K, M and G "
-                 "may follow the number (default: 0, no limit)")
-      ->transform(CLI::AsSizeValue(false));
+                 "Delete the oldest once database and archives exceed this size, such as 64M; at "
+                 "least 1M (default: 0, no limit)")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(SizeLimit())
+      ->option_text("SIZE");
   app.footer(
       "SIGTERM and SIGINT end it when everything received is kept; a second one ends it at once.");
 

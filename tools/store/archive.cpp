@@ -224,7 +224,7 @@ Status Finish(Keeper* keeper) {
 
 // ---- Retention ----
 
-constexpr int kRowsAtOnce = 500;
+constexpr int kRowsAtOnce = 100;
 constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
 
 Status DeleteArchive(Keeper* keeper, const std::string& database_path, const Archive& archive) {

@@ -137,7 +137,7 @@ Status Inspect(const std::string& path, Kind* kind) {
   }
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.is_open()) return ErrnoStatus("cannot open " + path);
-  const Status result = InspectHeader(path, file.get(), kind);
+  Status result = InspectHeader(path, file.get(), kind);
   if (result.ok() && *kind == Kind::kOurs) kept.emplace(key, std::move(file));
   return result;
 }

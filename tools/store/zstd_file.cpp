@@ -19,7 +19,7 @@ namespace {
 // memory its reading takes.
 constexpr int kLargestWindowLog = 23;
 
-constexpr std::size_t kBufferSize = 256 * 1024;
+constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
 
 // Reads up to `buffer->size()` bytes; -1 and errno on failure.
 ssize_t ReadSome(int file, std::vector<char>* buffer) {
