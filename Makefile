@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults clean
+.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults soak clean
 
 all:
 	scripts/setup build
@@ -92,6 +92,10 @@ fuzz-build:
 # The documentation of the records, from the lists that write them.
 records: all
 	$(BUILD)/tools/inspector/usage-stat types --format markdown > docs/records.md
+
+# Two minutes of applications and collectors that come and go; descriptors and memory stay flat.
+soak: all
+	scripts/soak $(BUILD) 120
 
 # What becomes of calls when memory, system calls and the collector fail.
 faults: all

@@ -23,11 +23,6 @@ void RequireValidJson(const records::Json& json) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("CORVANE_LOG_LEVEL", "0", 1);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view datagram(reinterpret_cast<const char*>(data), size);
   const auto decoded = records::Decode(datagram);

@@ -25,7 +25,6 @@ bool IsTrick(char c) { return static_cast<unsigned char>(c) < ' ' && c != '\n'; 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("CORVANE_LOG_LEVEL", "0", 1);
   setenv("TZ", "UTC", 1);
   stdout = open_memstream(&g_printed, &g_size);
   return 0;

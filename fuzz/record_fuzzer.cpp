@@ -53,11 +53,6 @@ std::string Write(Event* event) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("CORVANE_LOG_LEVEL", "0", 1);  // damage is what this is about
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string record(reinterpret_cast<const char*>(data), size);
   std::size_t consumed = 0;

@@ -109,7 +109,7 @@ std::string Hex(std::string_view bytes) {
 
 std::string LocalTime(std::int64_t ms) {
   const std::int64_t rest = (ms % 1000 + 1000) % 1000;
-  const std::int64_t seconds = (ms - rest) / 1000;
+  const std::int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
   const auto time = static_cast<std::time_t>(seconds);
   std::tm local{};
   // A record may carry any time at all, also one whose year is not to be counted.
