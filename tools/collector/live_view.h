@@ -26,7 +26,8 @@ class LiveView {
   void Show(std::string line);
 
  private:
-  static constexpr std::size_t kMostBytes = std::size_t{4} * 1024 * 1024;  // waiting for a slow reader
+  static constexpr std::size_t kMostBytes =
+      std::size_t{4} * 1024 * 1024;  // waiting for a slow reader
 
   void Run();
   // Takes the next line; false at the end.
