@@ -125,9 +125,27 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
          "</author></title-info></description></FictionBook>";
   setenv("CORVANE_ROOT", root.c_str(), 1);
   setenv("CORVANE_LOG_LEVEL", "0", 1);
+  Receiver receiver;
+  receiver.Announce();
   const auto no_check = [](int) {};
+  const auto arrived_once = [&receiver](int result) {
+    const std::optional<std::string> message = receiver.TryReceive();
+    if (result == 0) {
+      EXPECT_TRUE(message.has_value());
+    }
+    EXPECT_EQ(receiver.TryReceive(), std::nullopt);
+  };
   Tallies tallies;
 
+  static const char* const paths[] = {"/a.fb2", "/none.epub"};
+  FailEachAllocation(
+      "Stat_NewBooksEventSimple", [] { return Stat_NewBooksEventSimple(2, paths, 1); },
+      arrived_once, &tallies);
+  static const char* arguments[] = {"--of-some-length", "/mnt/ext1/a.fb2", nullptr};
+  FailEachAllocation(
+      "Stat_StartApplicationByPathEvent",
+      [] { return Stat_StartApplicationByPathEvent(1, "/mnt/ext1/a.app", 2, arguments); },
+      arrived_once, &tallies);
   const int id = Stat_GetBookId("/mnt/ext1/book.epub");
   FailEachAllocation(
       "Stat_GetBookId", [id] { return Stat_GetBookId("/mnt/ext1/book.epub") - id; }, no_check,
