@@ -25,7 +25,8 @@
  *             and mean what the application and the analyst agree on.
  *   Enums     Any int may be passed; its low byte is sent.
  *   Memory    A call allocates for its event's text and the like, and keeps nothing. When memory
- *             runs out, a C++ exception (std::bad_alloc) leaves the call.
+ *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
+ *             sent as 0 when it can't be computed.
  */
 
 #ifndef USAGE_STAT_H_
@@ -324,8 +325,8 @@ STAT_API int Stat_NewBooksEventSimple(int count, const char* const* paths,
  *
  * It is one list for the whole process, without a lock: use it from one thread. */
 
-/* Adds the book at `path`. Does nothing when the platform knows no such book, or when the list
- * already holds more than 100 books. */
+/* Adds the book at `path`. Does nothing when the platform knows no such book (nor one at null),
+ * when the list already holds more than 100 books, or when memory runs out. */
 STAT_API void StatUtils_AddNewBookToStatList(const char* path);
 
 /* Releases all books of the list. */

@@ -2,11 +2,17 @@
 
 #include "src/usage_stat_client/applications.h"
 
+#include <corvane/corvane.h>
+
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "include/usage_stat.h"
 #include "src/events/application_events.h"
 #include "src/usage_stat_client/application_table.h"
+#include "src/usage_stat_client/arguments.h"
+#include "src/usage_stat_client/book_path.h"
 #include "src/usage_stat_client/statistics_client.h"
 
 using namespace velmora::usage_stat;
@@ -16,7 +22,7 @@ namespace {
 // Read at the first look-up and never again, even if the partner changes. An exception, from a null
 // partner name, leaves it unset, and the next look-up tries again.
 Stat_ApplicationId StoreId() {
-  static const Stat_ApplicationId id = StoreIdOfPartner(std::string(GetCustomizedPartnerName()));
+  static const Stat_ApplicationId id = StoreIdOfPartner(RequiredText(GetCustomizedPartnerName()));
   return id;
 }
 
@@ -27,9 +33,6 @@ std::string_view LookUpKey(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash);
 }
-
-// The text after the last slash; the whole path without one.
-std::string_view FileName(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
 // Every element with a blank before it, the first one too.
 std::string JoinArguments(const char** arguments) {
@@ -54,19 +57,18 @@ Stat_ApplicationId Stat_GetApplicationId(const char* path) {
 
 int Stat_StartApplicationEvent(int process_id, Stat_ApplicationId application, int c,
                                const char* arguments) {
-  std::string arguments_text(arguments);
   StartApplicationEvent event;
   event.process_id_ = static_cast<std::int16_t>(process_id);
   event.application_ = static_cast<std::int16_t>(application);
   event.c_ = c;
-  event.arguments_ = std::move(arguments_text);
+  event.arguments_ = RequiredText(arguments);
   return STAT_SEND(event);
 }
 
 int Stat_StartOutsideApplicationEvent(const char* path, const char* arguments) {
   StartOutsideApplicationEvent event;
-  event.path_ = std::string(path);
-  event.arguments_ = std::string(arguments);
+  event.path_ = RequiredText(path);
+  event.arguments_ = RequiredText(arguments);
   return STAT_SEND(event);
 }
 
@@ -80,7 +82,8 @@ int Stat_StartApplicationByPathEvent(int process_id, const char* path, int c,
     Stat_StartApplicationEvent(process_id, id, c, joined.c_str());
     return 0;
   }
-  if (IsReaderName(FileName(std::string(path)))) return -1;
+  const std::string outside_path = RequiredText(path);
+  if (IsReaderName(FileName(outside_path))) return -1;
   Stat_StartOutsideApplicationEvent(path, joined.c_str());
   return 0;
 }

@@ -14,9 +14,10 @@ std::size_t DotBefore(const std::string& path, std::size_t end) {
 
 }  // namespace
 
-std::string FileNameOr(const std::string& path, const std::string& without_slash) {
-  const std::size_t slash = path.rfind('/');
-  return slash == kNone ? without_slash : path.substr(slash + 1);
+std::string_view FileName(std::string_view path) { return path.substr(path.rfind('/') + 1); }
+
+std::string NewBookFileName(const std::string& path) {
+  return path.find('/') == kNone ? std::string() : std::string(FileName(path));
 }
 
 std::string BatchFileType(const std::string& path) {

@@ -1,14 +1,18 @@
-// What a book's path says: its file name and its file type.
+// What a path says: its file name and the type of the book.
 
 #ifndef USAGE_STAT_CLIENT_BOOK_PATH_H_
 #define USAGE_STAT_CLIENT_BOOK_PATH_H_
 
 #include <string>
+#include <string_view>
 
 namespace velmora::usage_stat {
 
-// The text after the last slash; `without_slash` when there is none.
-std::string FileNameOr(const std::string& path, const std::string& without_slash);
+// The text after the last slash; the whole path when there is none.
+std::string_view FileName(std::string_view path);
+
+// The file name of a new book: the same, but empty when there is no slash.
+std::string NewBookFileName(const std::string& path);
 
 // The file type of a book in a batch: the text from the last dot of the whole path on; from the dot
 // before that when it is ".zip", so that "book.epub.zip" has ".epub.zip". Empty without a dot.

@@ -7,6 +7,7 @@
 #include "include/usage_stat.h"
 #include "src/events/book_events.h"
 #include "src/events/book_texts.h"
+#include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/book_path.h"
 #include "src/usage_stat_client/statistics_client.h"
 
@@ -22,13 +23,13 @@ std::int32_t BookId(const std::string& path) {
   SHA1(reinterpret_cast<const unsigned char*>(path.data()), path.size(), digest);
 
   const auto widened = [](unsigned char byte) {
-    return static_cast<std::uint32_t>(std::int32_t{static_cast<std::int8_t>(byte)});
+    return std::uint64_t{WidenedWithSign(static_cast<std::int8_t>(byte))};
   };
   std::uint32_t id = 0;
   for (const unsigned char* b = digest; b != digest + SHA_DIGEST_LENGTH; b += 4) {
     // Modulo 2^32 by intent, hence 64 bits: a checked build objects to a sum that wraps.
-    const std::uint64_t word = std::uint64_t{widened(b[0])} + (std::uint64_t{widened(b[1])} << 8) +
-                               (std::uint64_t{widened(b[2])} << 16) + (std::uint64_t{b[3]} << 24);
+    const std::uint64_t word =
+        widened(b[0]) + (widened(b[1]) << 8) + (widened(b[2]) << 16) + (std::uint64_t{b[3]} << 24);
     id ^= static_cast<std::uint32_t>(word);
   }
   return static_cast<std::int32_t>(id);
@@ -36,11 +37,11 @@ std::int32_t BookId(const std::string& path) {
 
 }  // namespace
 
-int Stat_GetBookId(const char* path) { return BookId(path); }
+int Stat_GetBookId(const char* path) { return BookId(RequiredText(path)); }
 
 int Stat_SendStartOpenBookEvent(const char* path, Stat_ApplicationId application, uint8_t a,
                                 const char* b) {
-  const std::int32_t book_id = BookId(path);
+  const std::int32_t book_id = BookId(RequiredText(path));
   StartOpenBookEvent event;
   event.book_id_ = book_id;
   event.application_ = static_cast<std::uint16_t>(application);
@@ -53,9 +54,9 @@ int Stat_SendOpenBookEvent(const char* path, const char* language, const char* c
                            const char* c, const char* const* second_list, int d, int e, int f,
                            int g, int h, const char* i, const char* j, const char* k,
                            const char* l) {
-  const std::string full_path(path);
+  const std::string full_path = RequiredText(path);
   OpenBookEvent event(BookId(full_path), language, c, d != 0, static_cast<std::int16_t>(e), f,
-                      static_cast<std::int16_t>(g), h, FileNameOr(full_path, full_path), i, j, k,
+                      static_cast<std::int16_t>(g), h, std::string(FileName(full_path)), i, j, k,
                       l);
   event.AppendFirstList(first_list);
   event.AppendSecondList(second_list);

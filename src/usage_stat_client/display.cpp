@@ -4,7 +4,7 @@
 
 #include "include/usage_stat.h"
 #include "src/events/display_events.h"
-#include "src/usage_stat_client/low_byte.h"
+#include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/statistics_client.h"
 
 using namespace velmora::usage_stat;
@@ -13,14 +13,11 @@ namespace {
 
 // The four margins in one number, the first in the highest byte. Each is widened with its sign
 // first, so a negative one deliberately sets every bit above its own byte: collectors compare the
-// packed number as a whole. Shifting happens on unsigned numbers, where it is defined for all.
+// packed number as a whole.
 std::int32_t PackMargins(const Margins& margins) {
-  const auto widened = [](std::int8_t margin) {
-    return static_cast<std::uint32_t>(std::int32_t{margin});
-  };
-  return static_cast<std::int32_t>(widened(margins.margin_1) << 24 |
-                                   widened(margins.margin_2) << 16 |
-                                   widened(margins.margin_3) << 8 | widened(margins.margin_4));
+  return static_cast<std::int32_t>(
+      WidenedWithSign(margins.margin_1) << 24 | WidenedWithSign(margins.margin_2) << 16 |
+      WidenedWithSign(margins.margin_3) << 8 | WidenedWithSign(margins.margin_4));
 }
 
 }  // namespace
@@ -42,11 +39,10 @@ int Stat_SetReadingModeEvent(int a, int16_t b, Stat_ReadingMode mode, Stat_Scale
 int Stat_SetFontParamsEvent(int a, int16_t b, const char* font, char d, char e, int16_t f,
                             struct Margins margins, char g, Stat_LineBreak line_break,
                             Stat_UpdateMode update_mode) {
-  std::string font_text(font);
   SetFontParamsEvent event;
   event.a_ = a;
   event.b_ = b;
-  event.font_ = std::move(font_text);
+  event.font_ = RequiredText(font);
   event.d_ = d;
   event.e_ = e;
   event.f_ = f;
@@ -60,8 +56,28 @@ int Stat_SetFontParamsEvent(int a, int16_t b, const char* font, char d, char e, 
 int Stat_SetFontParamsEventEx(int a, int16_t b, const char* font, char d, char e, char f, int16_t g,
                               const char* h, char i, struct MarginsEx margins, char j, char k,
                               char l, char m) {
-  SetFontParamsEventEx event(a, b, font, d, e, f, g, h, i, margins.margin_1, margins.margin_2,
-                             margins.margin_3, margins.margin_4, margins.margin_5, margins.margin_6,
-                             margins.margin_7, margins.margin_8, j, k, l, m);
+  // In braces, which have the texts copied in this order: a null one raises before the next is
+  // read.
+  SetFontParamsEventEx event{a,
+                             b,
+                             font,
+                             d,
+                             e,
+                             f,
+                             g,
+                             h,
+                             i,
+                             margins.margin_1,
+                             margins.margin_2,
+                             margins.margin_3,
+                             margins.margin_4,
+                             margins.margin_5,
+                             margins.margin_6,
+                             margins.margin_7,
+                             margins.margin_8,
+                             j,
+                             k,
+                             l,
+                             m};
   return STAT_SEND(event);
 }

@@ -1,7 +1,7 @@
 // The new-book list: described books that an application collects one by one.
 //
-// Its records are plain C memory, as other code of the device may release them with free(): each
-// owns its texts and its two lists.
+// Its records are plain C memory, like all that they point to; each owns its texts and its two
+// lists.
 
 #include <corvane/corvane.h>
 
@@ -9,11 +9,15 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/usage_stat.h"
 #include "src/stat_event/check.h"
+#include "src/usage_stat_client/book_description.h"
 #include "src/usage_stat_client/book_path.h"
+
+using namespace velmora::usage_stat;
 
 namespace {
 
@@ -51,40 +55,48 @@ struct RecordDeleter {
 };
 using RecordPtr = std::unique_ptr<Stat_BookInfo, RecordDeleter>;
 
-// ---- Copying. Where memory runs out the copy is null, like the copy of a null text. ----
+// ---- Describing ----
 
-const char* Copy(const char* text) { return text ? strdup(text) : nullptr; }
+// Copies into C memory, and remembers whether there was enough of it.
+class Copier {
+ public:
+  const char* Text(const char* text) { return text ? Got(strdup(text)) : nullptr; }
 
-// A null-terminated list of `count` copies, null texts as empty ones. It ends early where memory
-// does.
-const char* const* CopyList(const char* const* texts, std::size_t count) {
-  const auto list = static_cast<const char**>(std::calloc(count + 1, sizeof(const char*)));
-  if (!list) return nullptr;
-  for (std::size_t i = 0; i < count; ++i) {
-    list[i] = strdup(texts[i] ? texts[i] : "");
-    if (!list[i]) break;
+  // A null-terminated list of `count` copies, null texts as empty ones.
+  const char* const* List(const char* const* texts, std::size_t count) {
+    const auto list = static_cast<const char**>(Got(std::calloc(count + 1, sizeof(const char*))));
+    for (std::size_t i = 0; is_complete_ && i < count; ++i) {
+      list[i] = Text(texts[i] ? texts[i] : "");
+    }
+    return list;
   }
-  return list;
-}
 
+  bool is_complete() const { return is_complete_; }
+
+ private:
+  template <class Memory>
+  Memory* Got(Memory* memory) {
+    is_complete_ = is_complete_ && memory;
+    return memory;
+  }
+
+  bool is_complete_ = true;
+};
+
+// Null when memory runs out: a record is whole or not there.
 RecordPtr Describe(const std::string& path, const BookInfo& info) {
   RecordPtr book(static_cast<Stat_BookInfo*>(std::malloc(sizeof(Stat_BookInfo))));
   if (!book) return book;
   *book = {};  // nothing to release yet, should an exception leave
+  Copier copier;
   // The id names the file that the platform found, which may stand at another path.
   book->book_id = Stat_GetBookId(info.path);
-  book->language = Copy(info.language);
-  book->first_list = CopyList(&info.primary_name, 1);
-  book->file_type = Copy(velmora::usage_stat::ListFileType(path).c_str());
-  book->second_list = CopyList(info.names, std::size(info.names));
-  book->n1 = info.n1;
-  book->n2 = info.n2;
-  book->file_name = Copy(velmora::usage_stat::FileNameOr(path, "").c_str());
-  book->s1 = Copy(info.s1);
-  book->s2 = Copy(info.s2);
-  book->s3 = Copy(info.s3);
-  book->isbn = Copy(info.isbn ? info.isbn : GetBookISBN(path.c_str()));
-  return book;
+  book->first_list = copier.List(&info.primary_name, 1);
+  book->file_type = copier.Text(ListFileType(path).c_str());
+  book->second_list = copier.List(info.names, std::size(info.names));
+  DescribeBook(
+      path, info, [&copier](const char* text) { return copier.Text(text); }, book.get());
+  return copier.is_complete() ? std::move(book) : nullptr;
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include "include/usage_stat.h"
 #include "src/events/book_texts.h"
 #include "src/events/new_books_events.h"
+#include "src/usage_stat_client/arguments.h"
+#include "src/usage_stat_client/book_description.h"
 #include "src/usage_stat_client/book_path.h"
 #include "src/usage_stat_client/statistics_client.h"
 
@@ -48,22 +50,16 @@ class DescribedBooks {
     static constexpr BookInfo kUnknown = {};
     const BookInfo* found = GetBookInfo(path);
     const BookInfo& info = found ? *found : kUnknown;
-    const std::string full_path(path);
+    const std::string full_path = RequiredText(path);
 
     Stat_BookInfo book = {};
     book.book_id = Stat_GetBookId(path);
-    book.language = Copy(info.language);
     ShareLists(info);
     book.first_list = first_list_;
     book.file_type = Copy(BatchFileType(full_path).c_str());
     book.second_list = second_list_;
-    book.n1 = info.n1;
-    book.n2 = info.n2;
-    book.file_name = Copy(FileNameOr(full_path, "").c_str());
-    book.s1 = Copy(info.s1);
-    book.s2 = Copy(info.s2);
-    book.s3 = Copy(info.s3);
-    book.isbn = Copy(info.isbn ? info.isbn : GetBookISBN(path));
+    DescribeBook(
+        full_path, info, [this](const char* text) { return Copy(text); }, &book);
     books_.push_back(book);
   }
 
@@ -117,6 +113,7 @@ int Stat_NewBooksEventEx(int count, const Stat_BookInfo* const* books,
   return STAT_SEND(event);
 }
 
+// Two of the parameters are named as the log line spells its condition.
 int Stat_NewBooksEventSimple(int books_quantity, const char* const* bookPaths,
                              Stat_ApplicationId application) {
   STAT_RETURN_IF(books_quantity <= 0 || !bookPaths, VM_INVAL);

@@ -1,9 +1,8 @@
 // Exported functions that report what the user does inside a book.
 
-#include <string>
-
 #include "include/usage_stat.h"
 #include "src/events/reading_events.h"
+#include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/statistics_client.h"
 
 using namespace velmora::usage_stat;
@@ -39,13 +38,12 @@ int Stat_ChangePageEvent(int a, int16_t b, int c, int d, int e) {
   return STAT_SEND(event);
 }
 
-// Deliberately does nothing: applications link against it, and no collector expects its record.
+// Deliberately does nothing: applications link against it, and collectors know page turns from
+// Stat_ChangePageEvent alone.
 int Stat_ChangePageEventEx(int, int16_t, int, int, int, char, char, int16_t, int) { return 0; }
 
 int Stat_StartTtsEvent(int16_t a, int b, const char* c, const char* d, int16_t e, int16_t f) {
-  const std::string first(c);
-  const std::string second(d);
-  StartTtsEvent event(a, b, first, second, e, f);
+  StartTtsEvent event(a, b, RequiredText(c), RequiredText(d), e, f);
   return STAT_SEND(event);
 }
 
@@ -63,10 +61,9 @@ int Stat_AddNoteEvent(int a, int16_t b) {
 }
 
 int Stat_UseDictionaryEvent(int a, const char* b) {
-  const std::string text(b);
   UseDictionaryEvent event;
   event.a_ = a;
-  event.b_ = text;
+  event.b_ = RequiredText(b);
   return STAT_SEND(event);
 }
 
@@ -92,6 +89,6 @@ int Stat_UsingTextToolsEvent(int a, int b) {
 int Stat_GoToURLEvent(int16_t a, const char* b) {
   GoToURLEvent event;
   event.a_ = a;
-  event.b_ = std::string(b);
+  event.b_ = RequiredText(b);
   return STAT_SEND(event);
 }

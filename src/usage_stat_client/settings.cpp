@@ -2,7 +2,7 @@
 
 #include "include/usage_stat.h"
 #include "src/events/settings_events.h"
-#include "src/usage_stat_client/low_byte.h"
+#include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/statistics_client.h"
 
 using namespace velmora::usage_stat;

@@ -158,7 +158,11 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
       ~Release() { StatUtils_FreeStatList(); }
     } release;
     StatUtils_AddNewBookToStatList("/a.fb2");
-    return StatUtils_StatListSize() - 1;
+    if (StatUtils_StatListSize() == 0) return -1;
+    const Stat_BookInfo& book = *StatUtils_GetStatList()[0];
+    EXPECT_STREQ(book.s1, "A title of some length");
+    EXPECT_TRUE(book.file_name && book.file_type && book.first_list[0] && book.second_list[9]);
+    return 0;
   };
   FailEachAllocation("StatUtils_AddNewBookToStatList", collect_a_book, no_check, &tallies);
   Print(tallies);
