@@ -79,7 +79,9 @@ class NewBooksEventEx : public Event {
 };
 
 // A bare count of new books. It carries the type code of NewBooksEventEx on purpose: deployed
-// collectors know new books by that code. The factory never makes this class.
+// collectors know new books by that code. The factory never makes this class, so
+// Event::CreateFromStream deliberately fails on what it writes; a collector tries the shorter class
+// first.
 class NewBooksEvent : public Event {
  public:
   NewBooksEvent() : Event(EventFactory::kNewBooks) {}

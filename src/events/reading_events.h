@@ -56,7 +56,8 @@ class GoToPageEventNew : public Event {
 
 // A page turn as applications send it. It carries the type code of ChangePageEventEx on purpose,
 // whose payload it is a prefix of: deployed collectors know page turns by that code. The factory
-// never makes this class.
+// never makes this class, so Event::CreateFromStream deliberately fails on what it writes; a
+// collector tries the shorter class first.
 class ChangePageEvent : public Event {
  public:
   ChangePageEvent() : Event(EventFactory::kChangePage) {}

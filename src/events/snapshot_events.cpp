@@ -44,11 +44,7 @@ int LanguageChangeEvent::WriteStateToStream(std::ostream& out) {
   return 0;
 }
 
-int LanguageChangeEvent::ReadStateFromStream(std::istream& in) {
-  const int err = ReadFields(in, this);
-  STAT_RETURN_UNLESS(0 == err, VM_FAILED);
-  return 0;
-}
+STAT_DEFINE_READER(LanguageChangeEvent)
 
 int VersionEvent::WriteStateToStream(std::ostream& out) { return WriteFields(*this, out); }
 

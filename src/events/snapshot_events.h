@@ -11,7 +11,7 @@
 
 namespace velmora::usage_stat {
 
-// A text of exactly two Chars, without a length.
+// A text of two Chars, without a length. Write needs a text of exactly two: its event looks.
 struct TwoChars {
   static constexpr const char* kPrimitive = "Char x2";
   static int Write(const std::string& text, std::ostream& out);

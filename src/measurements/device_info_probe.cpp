@@ -2,10 +2,10 @@
 #include <corvane/corvane.h>
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "src/measurements/device_models.h"
 #include "src/measurements/initialization_vector.h"
@@ -29,22 +29,24 @@ constexpr unsigned char kSerialKey[32] = {
     0x67, 0xa0, 0xc3, 0xe9, 0xd2, 0x1b, 0x54, 0xf8, 0xa6, 0xe0, 0x7c, 0x3d, 0x9b, 0x12, 0xf4, 0xa5,
 };
 
-// The platform is asked once for each comparison; no answer of its is kept.
+// Asks the platform anew for each comparison: no device fact is kept between two looks at it.
 bool PartnerReportsSerialNumber() {
-  return std::any_of(std::begin(kReportingPartners), std::end(kReportingPartners),
-                     [](int partner) { return GetCustomizedPartner() == partner; });
+  for (const int partner : kReportingPartners) {
+    if (GetCustomizedPartner() == partner) return true;
+  }
+  return false;
 }
 
 // AES-256-CBC with the usual padding, so the result is a whole number of blocks and at least one.
 // An `iv` shorter than a block is filled up with zeros; the cipher always reads a whole one.
+// Nothing when memory runs out; with a context at hand, no step can fail.
 Bytes Encrypt(const std::string& plaintext, Bytes iv) {
   iv.resize(kBlockLength);
-  Bytes key(std::begin(kSerialKey), std::end(kSerialKey));
   Bytes ciphertext(plaintext.size() + kBlockLength);
   const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(
       EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
   if (!context) return {};
-  EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data());
+  EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, kSerialKey, iv.data());
   int updated = 0;
   EVP_EncryptUpdate(context.get(), ciphertext.data(), &updated,
                     reinterpret_cast<const unsigned char*>(plaintext.data()),
@@ -61,13 +63,16 @@ int DeviceInfoMeasurement::Measure() {
   event_.device_id_.fill(0);
   std::memcpy(event_.device_id_.data(), GetDeviceID(), kDeviceIdLength);
   event_.model_code_ = DeviceModelCode(GetDeviceModel());
-  event_.partner_name_ = GetCustomizedPartnerName();
+  event_.partner_name_ = std::string(GetCustomizedPartnerName());  // null raises
   if (!PartnerReportsSerialNumber()) return 0;
 
   const std::string serial_number = GetSerialNumber();
   const Bytes iv = GenerateIV();
-  event_.encrypted_serial_ = utilities::SerializationUtils::ToHex(iv) +
-                             utilities::SerializationUtils::ToHex(Encrypt(serial_number, iv));
+  const Bytes ciphertext = Encrypt(serial_number, iv);
+  // A vector alone would pass for a serial number that was encrypted without one.
+  if (ciphertext.empty()) return 0;
+  event_.encrypted_serial_ =
+      utilities::SerializationUtils::ToHex(iv) + utilities::SerializationUtils::ToHex(ciphertext);
   return 0;
 }
 

@@ -24,7 +24,7 @@ std::int16_t DeviceModelCode(const char* name) {
   for (const DeviceModel& model : kDeviceModels) {
     if (std::strcmp(model.name, name) == 0) return model.code;
   }
-  constexpr std::size_t kPrefixLength = 11;  // "Velmora VR-"
+  constexpr std::size_t kPrefixLength = 11;  // of "Velmora VR-", which is not compared
   if (std::strlen(name) <= kPrefixLength) return 0;
   return static_cast<std::int16_t>(std::strtol(name + kPrefixLength, nullptr, 10));
 }

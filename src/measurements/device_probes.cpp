@@ -16,6 +16,8 @@ constexpr char kGlobalConfig[] = "/mnt/ext1/system/config/global.cfg";
 
 int LanguageMeasurement::Measure() {
   CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
+  // A null text raises and leaves the handle open; a platform that gives one has broken its
+  // promise.
   const std::string language = ReadString(config, "language", "??");
   event_.language_ = language;
   CloseConfigNoSave(config);

@@ -8,8 +8,8 @@
 std::vector<unsigned char> GenerateIV() {
   constexpr std::size_t kLength = 16;
   std::vector<unsigned char> iv(kLength);
-  // The descriptor is deliberately left open: snapshots are rare, and what watches the process's
-  // descriptors expects one more for each.
+  // The descriptor is deliberately left open, one for each call: so this routine has always
+  // behaved, and snapshots are few in the life of a process.
   const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
   STAT_RETURN_IF(-1 == fd, std::vector<unsigned char>());
   const ssize_t len = read(fd, iv.data(), iv.size());

@@ -12,9 +12,8 @@ namespace velmora::usage_stat {
 template <class EventClass>
 struct WrappedPayload {
   template <class Owner>
-  static int Write(const Owner& owner, std::ostream& out) {
-    // Stream operations of events are not const, yet writing changes nothing.
-    return const_cast<EventClass&>(owner.event_).EventClass::WriteStateToStream(out);
+  static int Write(Owner& owner, std::ostream& out) {
+    return owner.event_.EventClass::WriteStateToStream(out);
   }
   template <class Owner>
   static int Read(std::istream& in, Owner* owner) {

@@ -22,23 +22,20 @@ enum StatResult : int {
   vm_print_log2(level, STAT_UNIT, __LINE__, STAT_SIGNATURE, format, \
                 g_process_pid __VA_OPT__(, ) __VA_ARGS__)
 
-// Leaves the enclosing function with `result` when `condition` holds, logging both as they are
-// written. The unmatched bracket at the end belongs to the line: log filters look for it.
-#define STAT_RETURN_IF(condition, result)                                             \
-  do {                                                                                \
-    if (condition) {                                                                  \
-      STAT_LOG(1, "[pid:%d]Condition: \"" #condition "\", return(\"" #result "\")]"); \
-      return result;                                                                  \
-    }                                                                                 \
-  } while (false)
+// Leaves the enclosing function with `result` when `condition` holds, or does not hold, logging
+// both as they are written.
+#define STAT_RETURN_IF(condition, result) \
+  STAT_RETURN_LOGGING(condition, #condition, result, #result)
+#define STAT_RETURN_UNLESS(condition, result) \
+  STAT_RETURN_LOGGING(!(condition), #condition, result, #result)
 
-// The same when `condition` does not hold.
-#define STAT_RETURN_UNLESS(condition, result)                                         \
-  do {                                                                                \
-    if (!(condition)) {                                                               \
-      STAT_LOG(1, "[pid:%d]Condition: \"" #condition "\", return(\"" #result "\")]"); \
-      return result;                                                                  \
-    }                                                                                 \
+// The unmatched bracket at the end belongs to the line: log filters look for it.
+#define STAT_RETURN_LOGGING(fails, condition_text, result, result_text)                       \
+  do {                                                                                        \
+    if (fails) {                                                                              \
+      STAT_LOG(1, "[pid:%d]Condition: \"" condition_text "\", return(\"" result_text "\")]"); \
+      return result;                                                                          \
+    }                                                                                         \
   } while (false)
 
 #endif  // STAT_EVENT_CHECK_H_

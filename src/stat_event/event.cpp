@@ -3,6 +3,7 @@
 #include <common_utilities/serialization_utils.h>
 #include <time.h>
 
+#include <cstddef>
 #include <memory>
 
 #include "src/stat_event/check.h"

@@ -17,8 +17,9 @@ class Event {
   // An event of `type` that happened now.
   explicit Event(EventFactory::EventType type);
 
-  // Writes or reads the class's payload, without the envelope. 0 on success; on failure VM_FAILED
-  // (a few classes pass the primitive's own non-zero result through), logged by the class.
+  // Writes or reads the class's payload, without the envelope. 0 on success; on failure VM_FAILED,
+  // logged by the class. Measurements and VersionEvent instead pass the non-zero result of the step
+  // that failed through, unlogged.
   virtual int WriteStateToStream(std::ostream& out) = 0;
   virtual int ReadStateFromStream(std::istream& in) = 0;
 
@@ -30,7 +31,8 @@ class Event {
   int WriteToStream(std::ostream& out);
 
   // Reads one record and returns it, with the timestamp that it carries; null when it can't be
-  // read, which is logged. The caller owns the result. Bytes after the record stay in `in`.
+  // read, which is logged as by ReadStateFromStream. The caller owns the result. Bytes after the
+  // record stay in `in`.
   static Event* CreateFromStream(std::istream& in);
 
   EventFactory::EventType type_;

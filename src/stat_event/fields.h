@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "src/stat_event/check.h"
@@ -105,7 +106,7 @@ struct Section {
   constexpr Section(const char* section_name, Codec) : name(section_name) {}
 
   template <class Owner>
-  int Write(const Owner& owner, std::ostream& out) const {
+  int Write(Owner& owner, std::ostream& out) const {
     return Codec::Write(owner, out);
   }
   template <class Owner>
@@ -127,13 +128,13 @@ inline constexpr auto kFields = Owner::Fields();
 // Writes or reads the fields of `owner` in order. Stops at the first step that fails and returns
 // its result.
 template <class Owner>
-int WriteFields([[maybe_unused]] const Owner& owner, [[maybe_unused]] std::ostream& out) {
+int WriteFields([[maybe_unused]] Owner& owner, [[maybe_unused]] std::ostream& out) {
   int err = 0;
   std::apply(
       [&](const auto&... field) {
         static_cast<void>((... && ((err = field.Write(owner, out)) == 0)));
       },
-      kFields<Owner>);
+      kFields<std::remove_const_t<Owner>>);
   return err;
 }
 
@@ -150,14 +151,20 @@ int ReadFields([[maybe_unused]] std::istream& in, [[maybe_unused]] Owner* owner)
 
 }  // namespace velmora::usage_stat
 
-// Defines both stream operations of an event class from its Fields(). It stands in the class's
+// Define the stream operations of an event class from its Fields(). They stand in the class's
 // source file, so that each signature text exists once.
-#define STAT_DEFINE_STREAM_OPERATIONS(Class)         \
+#define STAT_DEFINE_STREAM_OPERATIONS(Class) \
+  STAT_DEFINE_WRITER(Class)                  \
+  STAT_DEFINE_READER(Class)
+
+#define STAT_DEFINE_WRITER(Class)                    \
   int Class::WriteStateToStream(std::ostream& out) { \
     const int err = WriteFields(*this, out);         \
     STAT_RETURN_UNLESS(0 == err, VM_FAILED);         \
     return 0;                                        \
-  }                                                  \
+  }
+
+#define STAT_DEFINE_READER(Class)                    \
   int Class::ReadStateFromStream(std::istream& in) { \
     const int err = ReadFields(in, this);            \
     STAT_RETURN_UNLESS(0 == err, VM_FAILED);         \

@@ -231,6 +231,8 @@ TEST_F(ProbesTest, OnlyTwoPartnersReportSerialNumbers) {
   Recorded().serial_number = nullptr;
   Recorded().partner = 6;
   EXPECT_THROW(EncryptedSerial(), std::logic_error);
+  Recorded().partner_name = nullptr;
+  EXPECT_THROW(EncryptedSerial(), std::logic_error);
 }
 
 TEST_F(ProbesTest, ModelCodesComeFromTheTableOrTheNumberInTheName) {
