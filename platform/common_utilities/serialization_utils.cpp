@@ -23,7 +23,8 @@ constexpr std::size_t kTrustedBytes = 4096;
 constexpr std::size_t kLanguageSize = 2;
 
 // Opens the free room of a stream's buffer. Nearly every value fits there, and a copy into it is
-// far cheaper than a virtual call for each field.
+// far cheaper than a virtual call for each field. (A derived class may name the protected functions
+// of its base, and the pointers so gained work on every stream buffer.)
 class PutArea : public std::streambuf {
  public:
   static bool Append(std::streambuf& buffer, const char* bytes, std::size_t size) {

@@ -8,7 +8,6 @@
 #include <charconv>
 #include <memory>
 #include <mutex>
-#include <new>
 
 #include "corvane/corvane.h"
 #include "corvane/device_files.h"
@@ -23,7 +22,7 @@ struct CorvaneConfig {
 };
 
 // Lives as long as the process, since other libraries may log or send while it ends.
-CorvaneState g_corvane = {new (std::nothrow) CorvaneConfig("/mnt/ext1/system/config/global.cfg")};
+CorvaneState g_corvane = {new CorvaneConfig("/mnt/ext1/system/config/global.cfg")};
 
 namespace corvane {
 namespace {
@@ -115,7 +114,7 @@ CorvaneConfig* OpenConfig(const char* path, int flags) {
   if (path == nullptr || flags != 0) {
     return nullptr;
   }
-  auto config = std::unique_ptr<CorvaneConfig>(new (std::nothrow) CorvaneConfig(path));
+  auto config = std::make_unique<CorvaneConfig>(path);
   RefreshConfig(config.get());
   return config.release();
 }

@@ -217,13 +217,9 @@ int GetOrientation(void) { return corvane::ScreenOrientation(corvane::ReadDevice
 void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** second_actions,
                      int count) {
   constexpr size_t kButtons = 32;
-  // A caller compares the mappings of two sets, so the names of the last calls stay.
-  constexpr size_t kCallsKept = 4;
-  thread_local std::array<corvane::ActionNames, kCallsKept> kept;
-  thread_local size_t next = 0;
+  thread_local corvane::ActionNames names;
 
   const size_t wanted = count > 0 ? static_cast<size_t>(count) : 0;
-  corvane::ActionNames& names = kept[next++ % kCallsKept];
   names = corvane::ReadActionNames(mapping_set, std::min(wanted, kButtons));
   corvane::Publish(names[0], first_actions, wanted);
   corvane::Publish(names[1], second_actions, wanted);

@@ -143,23 +143,23 @@ TEST(Keys, MaskIsDecimalOrHex) {
   }
 }
 
-TEST(Keys, NamesStayWhileSetsAreCompared) {
+TEST(Keys, NamesAreThoseOfTheSet) {
   const DeviceRoot root;
   root.Write(kDeviceConfig,
              "key.0.first.0=@KA_a\nkey.0.second.31=@KA_b\nkey.1.first.0=@KA_c\n"
              "key.2.second.0=\nkey.0.first.32=@KA_none\n");
   std::array<const char*, 40> first;
-  Actions second;
   GetKeyMappingEx(0, first.data(), nullptr, 40);
-  GetKeyMappingEx(0, nullptr, second.data(), 32);
-  Actions other;
-  GetKeyMappingEx(1, other.data(), nullptr, 32);
-  GetKeyMappingEx(2, nullptr, nullptr, -1);
   EXPECT_THAT(first[0], StrEq("@KA_a"));
   EXPECT_THAT(first[32], IsNull());
+  Actions second;
+  GetKeyMappingEx(0, nullptr, second.data(), 32);
   EXPECT_THAT(second[0], IsNull());
   EXPECT_THAT(second[31], StrEq("@KA_b"));
+  Actions other;
+  GetKeyMappingEx(1, other.data(), nullptr, 32);
   EXPECT_THAT(other[0], StrEq("@KA_c"));
+  GetKeyMappingEx(2, nullptr, nullptr, -1);
   for (const int no_set : {-1, 2, 3}) {
     GetKeyMappingEx(no_set, other.data(), second.data(), 32);
     EXPECT_THAT(other, Each(IsNull()));

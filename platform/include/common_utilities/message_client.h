@@ -27,7 +27,8 @@ class __attribute__((visibility("default"))) MessageClient {
   // included; the name is copied. Messages of up to `capacity` bytes can then be sent.
   //
   // The host implementation lets the environment variable VELMORA_MESSAGE_ENDPOINT, when it is set
-  // and not empty, name another endpoint: a NUL, its text, a NUL.
+  // and not empty, name another endpoint: a NUL, its text, a NUL. Programs that run with more
+  // rights than their user (set-user-id) take no notice of it.
   //
   // EINVAL: `name` is null or empty. ENAMETOOLONG: the name does not fit a socket address. A failed
   // Init leaves the client as it was.

@@ -24,7 +24,8 @@ namespace velmora::utilities {
 // Every operation returns 0 on success and non-zero on failure. All are safe to call from several
 // threads on different streams.
 //
-// Writers fail when the stream is, or goes, into a failed state. Readers fail when the stream ends
+// Writers only append: the stream of a record can't be positioned. They fail when the stream is, or
+// goes, into a failed state. Readers fail when the stream ends
 // early; they never trust a length they read, so memory stays bounded by what the stream really
 // holds. A destination must not be null; after a failed read of a number it holds what it held
 // before, after a failed read of a text or list it holds the part that was read (the last text of

@@ -5,7 +5,8 @@
  *
  * Texts and records that a function returns belong to the platform: read them, never free them, and
  * copy what you keep, since the next call of the same kind on the same thread may overwrite them.
- * All functions may be called from any thread. None of them throws.
+ * All functions may be called from any thread. When memory runs out a C++ exception
+ * (std::bad_alloc) may leave; nothing else is thrown.
  */
 
 #ifndef CORVANE_CORVANE_H_
@@ -47,7 +48,7 @@ typedef struct CorvaneConfig CorvaneConfig;
 
 typedef struct CorvaneState {
   /* /mnt/ext1/system/config/global.cfg, read when it is first used. Owned by the platform: not to
-   * be closed. Null only when memory ran out. */
+   * be closed. */
   CorvaneConfig* global_config;
 } CorvaneState;
 
@@ -55,9 +56,9 @@ typedef struct CorvaneState {
 extern CORVANE_API CorvaneState g_corvane;
 
 /* Opens and reads the file at `path`, an absolute path of the device. A file that is missing, is
- * larger than 1 MiB or can't be read counts as empty. Returns null for a null path, for `flags`
- * other than 0 or when memory runs out; every function below accepts that null and answers with its
- * default. Release with CloseConfigNoSave. */
+ * larger than 1 MiB or can't be read counts as empty. Returns null for a null path or for `flags`
+ * other than 0; every function below accepts that null and answers with its default. Release with
+ * CloseConfigNoSave. */
 CORVANE_API CorvaneConfig* OpenConfig(const char* path, int flags);
 
 /* The text stored under `key`, or `default_value` when there is none; `key=` stores the empty text.
@@ -100,8 +101,7 @@ CORVANE_API int GetOrientation(void);
 
 /* Fills the first `count` entries of both arrays (either may be null) with the action names of
  * mapping set `mapping_set` (0 to 2), one entry for each button index from 0 to 31; null means that
- * none is assigned. A name is one leading character and then the action, as in "@KA_next". Names
- * stay valid during the next three calls on the same thread, so that sets can be compared. */
+ * none is assigned. A name is one leading character and then the action, as in "@KA_next". */
 CORVANE_API void GetKeyMappingEx(int mapping_set, const char** first_actions,
                                  const char** second_actions, int count);
 
