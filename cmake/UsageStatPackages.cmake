@@ -49,6 +49,11 @@ if(USAGE_STAT_BUILD_TOOLS)
   usage_stat_package(tools usage-stat-tools utils "${library}, ${platform}"
 "usage-stat-collector receives and stores records; usage-stat shows, queries
 and reports them.")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+    "${CMAKE_CURRENT_SOURCE_DIR}/packaging/maintainer/postinst"
+    "${CMAKE_CURRENT_SOURCE_DIR}/packaging/maintainer/prerm"
+    "${CMAKE_CURRENT_SOURCE_DIR}/packaging/maintainer/postrm")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 endif()
 
 include(CPack)
