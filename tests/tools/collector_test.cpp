@@ -334,17 +334,65 @@ TEST_F(CollectorTest, WaitsForAFullDisk) {
   umount2(disk.c_str(), MNT_DETACH);
 }
 
-TEST_F(CollectorTest, BeginsAnewBesideADamagedDatabase) {
-  Start();
-  EXPECT_EQ(collector_->End(), 0);
-  const std::string before = ReadFile(database_);
-  WriteFile(database_, before.substr(0, 4096) + std::string(before.size() - 4096, 'x'));
-  Start();
-  SendSurely(PageTurn(0, 0));
-  EXPECT_EQ(collector_->End(), 0);
-  EXPECT_EQ(PageTurns(0), std::vector<int>{0});
-  EXPECT_THAT(collector_->Err(), HasSubstr("is kept as " + database_ + ".damaged-"));
-  ExpectBalance();
+TEST_F(CollectorTest, GoesOnWhenItsDatabaseBreaks) {
+  const std::string aside = folder_ / "aside";
+  const auto spoil = [this](std::uintmax_t from) {
+    const std::string before = ReadFile(database_);
+    WriteFile(database_, before.substr(0, from) + std::string(before.size() - from, 'x'));
+  };
+  struct Case {
+    std::function<void()> harm;
+    const char* notice;
+  };
+  const Case cases[] = {
+      {[&] { std::filesystem::remove(database_); }, "was removed or replaced"},
+      {[&] { std::filesystem::rename(database_, aside); }, "was removed or replaced"},
+      {[&] { std::filesystem::resize_file(database_, 0); }, "(it was overwritten while in use)"},
+      {[&] { spoil(0); }, "(it was overwritten while in use)"},
+      {[&] {
+         // The collector would go on with what it remembers if nobody else had written.
+         store::Connection other;
+         ASSERT_TRUE(
+             store::Connection::Open(database_, store::Connection::Mode::kWrite, &other).ok());
+         ASSERT_TRUE(
+             other.Execute("PRAGMA user_version = 1; PRAGMA wal_checkpoint(TRUNCATE)").ok());
+         spoil(4096);
+       },
+       "is kept as"},
+      {[&] {
+         EXPECT_EQ(collector_->End(), 0);
+         spoil(4096);
+         Start();
+       },
+       "is kept as"},
+      {[&] {
+         WriteFile(aside, "a shopping list");
+         std::filesystem::rename(aside, database_);
+         SendSurely(PageTurn(1, 0));
+         ASSERT_TRUE(Says("is not a database of usage-stat"));
+         EXPECT_EQ(ReadFile(database_), "a shopping list");
+         std::filesystem::remove(database_);
+       },
+       "can be written again"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    Start();
+    SendSurely(PageTurn(0, 0));
+    ASSERT_TRUE(Eventually([this] { return PageTurns(0).size() == 1; }));
+    c.harm();
+    SendSurely(PageTurn(0, 1));
+    EXPECT_TRUE(Says(c.notice));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(PageTurns(0), std::vector<int>{1});
+    ExpectBalance();
+    if (std::filesystem::exists(aside)) {
+      // What was moved away holds all that was committed.
+      std::filesystem::rename(aside, database_);
+      EXPECT_EQ(PageTurns(0), std::vector<int>{0});
+    }
+    std::filesystem::remove(database_);
+  }
 }
 
 TEST_F(CollectorTest, AccountsForMutatedDatagrams) {

@@ -48,16 +48,24 @@ Summary Collector::Stop() {
 }
 
 store::Status Collector::OpenDatabase() {
-  writer_.reset();
-  store::Status status = store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
+  const auto open = [this] {
+    return store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
+  };
+  store::Status status = open();
   if (!status.is_damage()) return status;
+  status = SetAside(status.message);
+  return status.ok() ? open() : status;
+}
+
+store::Status Collector::SetAside(const std::string& damage) {
+  writer_.reset();
   std::string moved_path;
-  const std::string damage = status.message;
-  status = store::SetAside(options_.database_path, &moved_path);
-  if (!status.ok()) return status;
-  Tell("the database is damaged (" + damage + "): it is kept as " + moved_path +
-       ", and a new one is begun");
-  return store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
+  store::Status status = store::SetAside(options_.database_path, &moved_path);
+  if (status.ok()) {
+    Tell("the database is damaged (" + damage + "): it is kept as " + moved_path +
+         ", and a new one is begun");
+  }
+  return status;
 }
 
 void Collector::ReceiveAll() {
@@ -103,9 +111,17 @@ void Collector::Commit(const store::Batch& batch) {
     if (!writer_) status = OpenDatabase();
     if (status.ok()) status = writer_->Commit(batch);
     if (status.ok()) break;
-    if (status.is_damage()) writer_.reset();
-    trouble_.Met("cannot write the database: " + status.message +
-                 "; nothing more is received until it can be written");
+    if (status.is_moved()) {
+      Tell(status.message + ": what stands there now is used, or a new one is begun");
+      writer_.reset();
+      status = {};
+    } else if (status.is_damage()) {
+      status = SetAside(status.message);
+    }
+    if (!status.ok()) {
+      trouble_.Met("cannot write the database: " + status.message +
+                   "; nothing more is received until it can be written");
+    }
     std::this_thread::sleep_for(pause);
   }
   trouble_.Over();

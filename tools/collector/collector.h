@@ -28,12 +28,14 @@ class Collector {
   Summary Stop();
 
  private:
-  // Opens the database. A damaged one is moved out of the way: a device that stopped collecting for
-  // ever would lose more.
+  // Opens the database, or begins a new one beside a damaged one.
   store::Status OpenDatabase();
+  // Moves the damaged database out of the way: a device that stopped collecting for ever would lose
+  // more.
+  store::Status SetAside(const std::string& damage);
   void ReceiveAll();
   void KeepAll();
-  // Tries until it succeeds.
+  // Tries until it succeeds, whatever becomes of the database meanwhile.
   void Commit(const store::Batch& batch);
 
   const Options options_;

@@ -80,7 +80,12 @@ CREATE TABLE archives(
 
 // What SQLite's header says about a file, read without SQLite: opening somebody else's database
 // could already change it.
-enum class Kind { kMissing, kEmpty, kOurs };
+enum class Kind { kMissing, kEmpty, kForeign, kOtherVersion, kOurs };
+
+struct Finding {
+  Kind kind = Kind::kMissing;
+  std::uint32_t version = 0;
+};
 
 std::uint32_t BigEndian(const unsigned char* bytes) {
   std::uint32_t value = 0;
@@ -89,7 +94,7 @@ std::uint32_t BigEndian(const unsigned char* bytes) {
 }
 
 // Reads the header of an open file.
-Status InspectHeader(const std::string& path, int file, Kind* kind) {
+Status InspectHeader(const std::string& path, int file, Finding* finding) {
   constexpr std::size_t kHeaderSize = 100;
   constexpr std::size_t kUserVersionOffset = 60;
   constexpr std::size_t kApplicationIdOffset = 68;
@@ -97,49 +102,64 @@ Status InspectHeader(const std::string& path, int file, Kind* kind) {
   std::array<unsigned char, kHeaderSize> header{};
   const ssize_t size = pread(file, header.data(), header.size(), 0);
   if (size < 0) return ErrnoStatus("cannot read " + path);
+  finding->version = BigEndian(header.data() + kUserVersionOffset);
   if (size == 0) {
-    *kind = Kind::kEmpty;
-    return {};
+    finding->kind = Kind::kEmpty;
+  } else if (static_cast<std::size_t>(size) < kHeaderSize ||
+             std::memcmp(header.data(), "SQLite format 3", 16) != 0 ||
+             BigEndian(header.data() + kApplicationIdOffset) != kApplicationId) {
+    finding->kind = Kind::kForeign;
+  } else {
+    finding->kind = finding->version == kSchemaVersion ? Kind::kOurs : Kind::kOtherVersion;
   }
-  if (static_cast<std::size_t>(size) < kHeaderSize ||
-      std::memcmp(header.data(), "SQLite format 3", 16) != 0 ||
-      BigEndian(header.data() + kApplicationIdOffset) != kApplicationId) {
-    return Status::Failed(path + " is not a database of usage-stat; it was left as it is");
-  }
-  if (const std::uint32_t version = BigEndian(header.data() + kUserVersionOffset);
-      version != kSchemaVersion) {
-    return Status::Failed(path + " has schema version " + std::to_string(version) +
-                          ", this program knows version " + std::to_string(kSchemaVersion) +
-                          "; it was left as it is");
-  }
-  *kind = Kind::kOurs;
   return {};
 }
 
-Status Inspect(const std::string& path, Kind* kind) {
-  // Databases stay open for the life of the process, each once: closing a descriptor would release
-  // the locks that SQLite holds for the process's other connections to the same file.
+Status Inspect(const std::string& path, Finding* finding) {
+  // Databases stay open as long as they exist, each once: closing a descriptor would release the
+  // locks that SQLite holds for the process's other connections to the same file.
   static std::mutex mutex;
   static std::map<std::pair<dev_t, ino_t>, Descriptor> kept;
   const std::lock_guard lock(mutex);
+  std::erase_if(kept, [](const auto& entry) {
+    struct stat status {};
+    return fstat(entry.second.get(), &status) == 0 && status.st_nlink == 0;
+  });
 
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
-    if (errno != ENOENT) return ErrnoStatus("cannot open " + path);
-    *kind = Kind::kMissing;
-    return {};
+    return errno == ENOENT ? Status() : ErrnoStatus("cannot open " + path);
   }
   // Opening a FIFO would wait for its other end.
   if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
   const std::pair key(status.st_dev, status.st_ino);
   if (const auto found = kept.find(key); found != kept.end()) {
-    return InspectHeader(path, found->second.get(), kind);
+    return InspectHeader(path, found->second.get(), finding);
   }
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.is_open()) return ErrnoStatus("cannot open " + path);
-  Status result = InspectHeader(path, file.get(), kind);
-  if (result.ok() && *kind == Kind::kOurs) kept.emplace(key, std::move(file));
+  Status result = InspectHeader(path, file.get(), finding);
+  if (result.ok() && finding->kind == Kind::kOurs) kept.emplace(key, std::move(file));
   return result;
+}
+
+// Why a file is not opened; success for a database of ours.
+Status Judge(const std::string& path, const Finding& finding) {
+  switch (finding.kind) {
+    case Kind::kMissing:
+      return Status::Failed("there is no database " + path);
+    case Kind::kEmpty:
+      return Status::Failed(path + " is empty");
+    case Kind::kForeign:
+      return Status::Failed(path + " is not a database of usage-stat; it was left as it is");
+    case Kind::kOtherVersion:
+      return Status::Failed(path + " has schema version " + std::to_string(finding.version) +
+                            ", this program knows version " + std::to_string(kSchemaVersion) +
+                            "; it was left as it is");
+    case Kind::kOurs:
+      break;
+  }
+  return {};
 }
 
 // Makes the database under another name and gives it its own when it is complete, so that a file
@@ -169,11 +189,6 @@ Status Create(const std::string& path, Kind kind) {
   return status;
 }
 
-Status Missing(const std::string& path, Kind kind) {
-  return Status::Failed(kind == Kind::kMissing ? "there is no database " + path
-                                               : path + " is empty");
-}
-
 }  // namespace
 
 Status InitializeSchema(Connection* connection) {
@@ -196,13 +211,13 @@ std::string DefaultArchiveDirectory(const std::string& database_path) {
 }
 
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
-  Kind kind{};
-  if (Status status = Inspect(path, &kind); !status.ok()) return status;
-  if (kind != Kind::kOurs) {
-    if (!created) return Missing(path, kind);
-    if (Status status = Create(path, kind); !status.ok()) return status;
+  Finding finding;
+  if (Status status = Inspect(path, &finding); !status.ok()) return status;
+  const bool is_new = created && (finding.kind == Kind::kMissing || finding.kind == Kind::kEmpty);
+  if (Status status = is_new ? Create(path, finding.kind) : Judge(path, finding); !status.ok()) {
+    return status;
   }
-  if (created) *created = kind != Kind::kOurs;
+  if (created) *created = is_new;
   if (Status status = Connection::Open(path, Connection::Mode::kWrite, connection); !status.ok()) {
     return status;
   }
@@ -211,6 +226,18 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   return connection->Execute(
       "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = "
       "4194304");
+}
+
+Status CheckInUse(const std::string& path, const Connection& connection) {
+  if (!connection.is_in_place()) {
+    return {SQLITE_READONLY_DBMOVED, path + " was removed or replaced while in use"};
+  }
+  Finding finding;
+  if (Status status = Inspect(path, &finding); !status.ok()) return status;
+  if (finding.kind == Kind::kEmpty || finding.kind == Kind::kForeign) {
+    return {SQLITE_NOTADB, "it was overwritten while in use"};
+  }
+  return Judge(path, finding);
 }
 
 Status SetAside(const std::string& path, std::string* moved_path) {
@@ -225,9 +252,9 @@ Status SetAside(const std::string& path, std::string* moved_path) {
 }
 
 Status OpenForReading(const std::string& path, Connection* connection) {
-  Kind kind{};
-  if (Status status = Inspect(path, &kind); !status.ok()) return status;
-  if (kind != Kind::kOurs) return Missing(path, kind);
+  Finding finding;
+  if (Status status = Inspect(path, &finding); !status.ok()) return status;
+  if (Status status = Judge(path, finding); !status.ok()) return status;
   if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
     return status;
   }

@@ -27,6 +27,11 @@ std::string DefaultArchiveDirectory(const std::string& database_path);
 // as it is, to the last byte.
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
+// Looks whether the database at `path`, to which `connection` writes, is still what it was: SQLite
+// would go on writing to a file that nobody finds again. The status is_moved() when the file was
+// removed or replaced, and is_damage() when its head was overwritten.
+Status CheckInUse(const std::string& path, const Connection& connection);
+
 // Moves a damaged database, with the files beside it, out of the way. `moved_path` tells where to:
 // it still holds what can be rescued.
 Status SetAside(const std::string& path, std::string* moved_path);

@@ -28,6 +28,14 @@ int FlagsOf(Connection::Mode mode) {
   return 0;
 }
 
+// Steps to the first row of a query that has one.
+Status ReadRow(Connection* connection, std::string_view sql, Statement* statement) {
+  if (Status status = connection->Prepare(sql, statement); !status.ok()) return status;
+  if (statement->Step()) return {};
+  Status status = statement->status();
+  return status.ok() ? Status::Failed("no row") : status;
+}
+
 }  // namespace
 
 Status Status::Failed(std::string message) { return {SQLITE_ERROR, std::move(message)}; }
@@ -35,6 +43,8 @@ Status Status::Failed(std::string message) { return {SQLITE_ERROR, std::move(mes
 bool Status::is_damage() const {
   return (code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB;
 }
+
+bool Status::is_moved() const { return code == SQLITE_READONLY_DBMOVED; }
 
 void Statement::Finalize::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 
@@ -121,24 +131,22 @@ Status Connection::Prepare(std::string_view sql, Statement* statement) {
 
 Status Connection::Read(std::string_view sql, std::int64_t* value) {
   Statement statement;
-  if (Status status = Prepare(sql, &statement); !status.ok()) return status;
-  if (!statement.Step()) {
-    const Status status = statement.status();
-    return status.ok() ? Status::Failed("no row") : status;
-  }
-  *value = statement.Int(0);
-  return {};
+  Status status = ReadRow(this, sql, &statement);
+  if (status.ok()) *value = statement.Int(0);
+  return status;
 }
 
 Status Connection::Read(std::string_view sql, std::string* value) {
   Statement statement;
-  if (Status status = Prepare(sql, &statement); !status.ok()) return status;
-  if (!statement.Step()) {
-    const Status status = statement.status();
-    return status.ok() ? Status::Failed("no row") : status;
-  }
-  *value = statement.Text(0);
-  return {};
+  Status status = ReadRow(this, sql, &statement);
+  if (status.ok()) *value = statement.Text(0);
+  return status;
+}
+
+bool Connection::is_in_place() const {
+  int has_moved = 0;
+  (void)sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_HAS_MOVED, &has_moved);
+  return has_moved == 0;
 }
 
 std::int64_t Connection::LastId() const { return sqlite3_last_insert_rowid(handle()); }

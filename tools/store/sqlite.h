@@ -22,6 +22,8 @@ struct [[nodiscard]] Status {
   // Whether the file itself is broken. Other failures, such as a full disk or a locked database,
   // may pass.
   bool is_damage() const;
+  // Whether the file that was opened is no longer at its path.
+  bool is_moved() const;
 
   static Status Failed(std::string message);
 };
@@ -73,6 +75,9 @@ class Connection {
   // The first column of the first row of a query.
   Status Read(std::string_view sql, std::int64_t* value);
   Status Read(std::string_view sql, std::string* value);
+
+  // Whether the file that was opened is still at its path.
+  bool is_in_place() const;
 
   std::int64_t LastId() const;
   std::int64_t Changes() const;  // rows that the last statement inserted, changed or deleted

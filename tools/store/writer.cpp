@@ -56,6 +56,7 @@ Status JournalOpening(Connection* connection, std::int64_t run, bool created) {
 Status Writer::Open(const std::string& path, const std::string& endpoint,
                     std::unique_ptr<Writer>* writer) {
   auto opened = std::unique_ptr<Writer>(new Writer);
+  opened->path_ = path;
   Connection& connection = opened->connection_;
   if (Status status = OpenForWriting(path, &connection, &opened->created_); !status.ok()) {
     return status;
@@ -74,8 +75,14 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
 }
 
 Status Writer::Commit(const Batch& batch) {
+  Status status = CheckInUse(path_, connection_);
+  if (status.is_moved()) {
+    // What was committed goes along with the file, wherever that is now: its log stays behind.
+    (void)connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
+  }
+  if (!status.ok()) return status;
   Transaction transaction(&connection_);
-  Status status = transaction.Begin();
+  status = transaction.Begin();
   if (status.ok()) status = Add(batch);
   if (status.ok()) status = transaction.Commit();
   return status;

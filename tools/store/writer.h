@@ -34,7 +34,8 @@ class Writer {
   static Status Open(const std::string& path, const std::string& endpoint,
                      std::unique_ptr<Writer>* writer);
 
-  // Commits all of `batch` or nothing. After a failure the same batch can be tried again.
+  // Commits all of `batch` or nothing. After a failure the same batch can be tried again; when the
+  // status is_moved() or is_damage(), with a new writer.
   Status Commit(const Batch& batch);
 
   // Ends the run cleanly.
@@ -47,6 +48,7 @@ class Writer {
   Writer() = default;
   Status Add(const Batch& batch);
 
+  std::string path_;
   Connection connection_;
   Statement insert_record_;
   Statement insert_quarantine_;
