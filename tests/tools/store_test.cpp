@@ -85,8 +85,10 @@ TEST_F(StoreTest, CountsFollowTheRows) {
     return true;
   }));
   ASSERT_EQ(held.size(), 4U);
-  ASSERT_OK(store::Release(&writer->connection(), held[0], Row("Reread", 5)));
-  ASSERT_OK(store::Release(&writer->connection(), held[0], Row("Reread", 5)));  // once only
+  const store::Reread reread{held[0], Row("Reread", 5)};
+  std::int64_t released = 0;
+  ASSERT_OK(store::Release(&writer->connection(), {reread, reread}, &released));  // once only
+  EXPECT_EQ(released, 1);
   EXPECT_EQ(Read(*reader).back(), "Reread");
   ASSERT_OK(writer->Finish());
 

@@ -163,44 +163,50 @@ int Replay(const Options& options, double speed) {
 
 // ---- The quarantine ----
 
-// Releases one row. A collector that is just committing is waited for.
-Status Release(store::Connection* connection, const store::QuarantineRow& row,
-               const Record& record) {
-  store::RecordRow released;
-  released.type = record.type;
-  released.event = record.event;
-  released.timestamp_ms = record.timestamp;
-  released.fields = records::Dump(record.fields);
-  constexpr int kTries = 40;  // of a quarter of a second each
+// Moves `rows` to the records and empties it. A collector that is just committing is waited for.
+Status Release(store::Connection* connection, std::vector<store::Reread>* rows,
+               std::int64_t* released) {
+  constexpr int kTries = 10;  // each waits for a second
   Status status;
+  std::int64_t now_released = 0;
   for (int i = 0; i < kTries; ++i) {
-    status = store::Release(connection, row, released);
+    status = store::Release(connection, *rows, &now_released);
     if ((status.code & 0xff) != SQLITE_BUSY) break;
   }
+  if (status.ok()) *released += now_released;
+  rows->clear();
   return status;
 }
 
 int ReplayQuarantine(const Options& options) {
+  constexpr std::size_t kRowsAtOnce = 100;  // between which a collector gets its turn
   std::unique_ptr<store::Reader> reader;
-  std::vector<store::QuarantineRow> rows;
-  Status status = store::Reader::Open(options.database, &reader);
-  if (status.ok()) {
-    status = reader->ForEachQuarantined([&rows](const store::QuarantineRow& row) {
-      rows.push_back(row);
-      return true;
-    });
-  }
   store::Connection connection;
+  Status status = store::Reader::Open(options.database, &reader);
   if (status.ok()) status = store::OpenForWriting(options.database, &connection, nullptr);
-  std::size_t released = 0;
-  for (const store::QuarantineRow& row : rows) {
+  if (!status.ok()) return Complain(kFailed, status.message);
+
+  std::int64_t held = 0;
+  std::int64_t released = 0;
+  std::vector<store::Reread> readable;
+  const auto reread = [&](const store::QuarantineRow& row) {
+    ++held;
     const auto decoded = records::Decode(row.raw);
-    const auto* record = std::get_if<Record>(&decoded);
-    if (!record) continue;
-    if (status.ok()) status = Release(&connection, row, *record);
-    if (status.ok()) ++released;
-  }
-  Print("{} of {} moved from the quarantine to the records\n", released, rows.size());
+    if (const auto* record = std::get_if<Record>(&decoded)) {
+      store::Reread& found = readable.emplace_back();
+      found.row = row;
+      found.record.type = record->type;
+      found.record.event = record->event;
+      found.record.timestamp_ms = record->timestamp;
+      found.record.fields = records::Dump(record->fields);
+    }
+    if (readable.size() == kRowsAtOnce) status = Release(&connection, &readable, &released);
+    return status.ok();
+  };
+  const Status reading = reader->ForEachQuarantined(reread);
+  if (status.ok()) status = Release(&connection, &readable, &released);
+  if (status.ok()) status = reading;
+  Print("{} of {} moved from the quarantine to the records\n", released, held);
   return status.ok() ? kOk : Complain(kFailed, status.message);
 }
 
@@ -229,12 +235,13 @@ void AddReplay(CLI::App* app, int* exit_code) {
   CLI::Option* file = command->add_option(
       "FILE", options->file,
       "A database, an archive, or lines from list -o json or -o raw; - for standard input");
+  file->option_text(" ");
   command->add_flag("--raw", options->raw,
                     "Send the very bytes, timestamps included, also of damaged records");
   command
       ->add_option("--speed", options->speed,
-                   "Pace: a factor of the original one, or max for no waiting")
-      ->capture_default_str();
+                   "Pace: a factor of the original one, or max for no waiting (default: 1)")
+      ->type_name("FACTOR");
   AddEndpointOption(command, &options->endpoint);
   command
       ->add_flag("--quarantine", options->quarantine,

@@ -51,6 +51,21 @@ Status JournalOpening(Connection* connection, std::int64_t run, bool created) {
   return AddJournalEvent(connection, run, &event);
 }
 
+// The record that a reread row becomes.
+RecordRow RecordOf(const Reread& reread) {
+  RecordRow record = reread.record;
+  record.received_ms = reread.row.received_ms;
+  record.sender = reread.row.sender;
+  record.raw = reread.row.raw;
+  return record;
+}
+
+Status CountReleased(Statement* count, const QuarantineRow& row) {
+  const std::int64_t now = NowMs();
+  Status status = Count(count, {row.run, row.sender.uid, "quarantined", row.kind, -1, now});
+  return status.ok() ? Count(count, {row.run, row.sender.uid, "stored", "", 1, now}) : status;
+}
+
 }  // namespace
 
 Status Writer::Open(const std::string& path, const std::string& endpoint,
@@ -123,28 +138,24 @@ Status Writer::Finish() {
                              " WHERE id = " + std::to_string(run_));
 }
 
-Status Release(Connection* connection, const QuarantineRow& row, const RecordRow& record) {
-  RecordRow released = record;
-  released.received_ms = row.received_ms;
-  released.sender = row.sender;
-  released.raw = row.raw;
-
+Status Release(Connection* connection, const std::vector<Reread>& rows, std::int64_t* released) {
   Statement remove;
   Statement insert;
   Statement count;
+  *released = 0;
   Transaction transaction(connection);
   Status status = transaction.Begin();
   if (status.ok()) status = connection->Prepare("DELETE FROM quarantine WHERE id = ?", &remove);
-  if (status.ok()) status = remove.Bind(1, row.id).Run();
-  if (!status.ok() || connection->Changes() == 0) return status;
-  status = connection->Prepare(kInsertRecord, &insert);
-  if (status.ok()) status = InsertRecord(&insert, released);
+  if (status.ok()) status = connection->Prepare(kInsertRecord, &insert);
   if (status.ok()) status = connection->Prepare(kCount, &count);
-  const std::int64_t now = NowMs();
-  if (status.ok()) {
-    status = Count(&count, {row.run, row.sender.uid, "quarantined", row.kind, -1, now});
+  for (const Reread& reread : rows) {
+    if (status.ok()) status = remove.Bind(1, reread.row.id).Run();
+    if (!status.ok()) return status;
+    if (connection->Changes() == 0) continue;
+    status = InsertRecord(&insert, RecordOf(reread));
+    if (status.ok()) status = CountReleased(&count, reread.row);
+    ++*released;
   }
-  if (status.ok()) status = Count(&count, {row.run, row.sender.uid, "stored", "", 1, now});
   if (status.ok()) status = transaction.Commit();
   return status;
 }

@@ -58,10 +58,17 @@ class Writer {
   bool created_ = false;
 };
 
-// Moves a row out of the quarantine after it has been decoded as `record`, of which only type,
-// event, timestamp and fields count: receive time, sender and bytes stay those of the row. The
-// counts follow. Does nothing, successfully, when the row is no longer there.
-Status Release(Connection* connection, const QuarantineRow& row, const RecordRow& record);
+// A row of the quarantine that now reads as a record, of which only type, event, timestamp and
+// fields count.
+struct Reread {
+  QuarantineRow row;
+  RecordRow record;
+};
+
+// Moves `rows` out of the quarantine into the records, all or none; their receive times, senders
+// and bytes stay, and the counts follow. Rows that are no longer there are passed over; `released`
+// tells how many were.
+Status Release(Connection* connection, const std::vector<Reread>& rows, std::int64_t* released);
 
 }  // namespace velmora::usage_stat::store
 
