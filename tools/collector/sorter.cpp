@@ -73,7 +73,11 @@ void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store
 
 void Sorter::Show(const records::Record& record, const store::Sender& sender) {
   if (format_ == Format::kText) {
-    view_->Show(records::ToText(record.event, record.timestamp, record.fields));
+    std::string line = fmt::format("{} {}", records::LocalTime(record.timestamp), record.event);
+    for (const auto& field : record.fields.items()) {
+      line += fmt::format(" {}={}", field.key(), records::PrintableJson(field.value()));
+    }
+    view_->Show(std::move(line));
     return;
   }
   records::Json json = records::ToJson(record);

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 #include "tools/inspector/commands.h"
 
@@ -19,37 +18,6 @@ namespace {
   if (errno == EPIPE) std::_Exit(kOk);
   std::perror("usage-stat: cannot write");
   std::_Exit(kFailed);
-}
-
-struct Character {
-  char32_t code = 0;
-  std::size_t size = 0;  // in bytes; 0 when the bytes are no UTF-8
-};
-
-// The character that `text`, which is not empty, begins with.
-Character FirstCharacter(std::string_view text) {
-  const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  if (byte(0) < 0x80) return {byte(0), 1};
-  const std::size_t size = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
-  constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
-  if (byte(0) < 0xC0 || byte(0) > 0xF7 || text.size() < size) return {};
-  char32_t code = byte(0) & (0xFFU >> (size + 1));
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return {};
-    code = code << 6 | (byte(i) & 0x3FU);
-  }
-  const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
-  if (code < kSmallest[size] || code > 0x10FFFF || is_surrogate) return {};
-  return {code, size};
-}
-
-bool IsObeyed(char32_t code) {
-  const bool is_control = code < 0x20 || (code >= 0x7F && code <= 0x9F);
-  const bool turns_writing = code == 0x061C || code == 0x200E || code == 0x200F ||
-                             (code >= 0x202A && code <= 0x202E) ||
-                             (code >= 0x2066 && code <= 0x2069);
-  const bool breaks_line = code == 0x2028 || code == 0x2029;
-  return is_control || turns_writing || breaks_line;
 }
 
 bool IsColourful() {
@@ -76,24 +44,6 @@ int Complain(int exit_code, std::string_view message) {
   return exit_code;
 }
 
-std::string Printable(std::string_view text) {
-  std::string printable;
-  while (!text.empty()) {
-    const Character first = FirstCharacter(text);
-    if (first.size == 0 || (first.size == 1 && IsObeyed(first.code))) {
-      printable += fmt::format("\\x{:02x}", static_cast<std::uint8_t>(text[0]));
-    } else if (IsObeyed(first.code)) {
-      printable += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(first.code));
-    } else {
-      printable += text.substr(0, first.size);
-    }
-    text.remove_prefix(first.size == 0 ? 1 : first.size);
-  }
-  return printable;
-}
-
-std::string PrintableJson(const records::Json& json) { return Printable(records::Dump(json)); }
-
 std::string Coloured(Colour colour, std::string_view text) {
   if (!IsColourful()) return std::string(text);
   constexpr std::array<int, 5> kCodes = {1, 2, 31, 32, 33};
@@ -105,19 +55,6 @@ std::string Hex(std::string_view bytes) {
   hex.reserve(2 * bytes.size());
   for (const char byte : bytes) hex += fmt::format("{:02x}", static_cast<std::uint8_t>(byte));
   return hex;
-}
-
-std::string LocalTime(std::int64_t ms) {
-  const std::int64_t rest = (ms % 1000 + 1000) % 1000;
-  const std::int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  // A record may carry any time at all, also one whose year is not to be counted.
-  if (time != seconds || !localtime_r(&time, &local))
-    return fmt::format("@{}.{:03}", seconds, rest);
-  std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "%F %T", &local);
-  return fmt::format("{}.{:03}", text.data(), rest);
 }
 
 }  // namespace velmora::usage_stat::inspector

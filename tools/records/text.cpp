@@ -1,58 +1,76 @@
 #include "tools/records/text.h"
 
-#include <cstdint>
-#include <cstdio>
+#include <fmt/format.h>
+
+#include <array>
 #include <ctime>
-#include <limits>
 
 namespace velmora::usage_stat::records {
 
 namespace {
 
-// JSON escapes the control characters of ASCII except DEL, and none of those beyond it, which some
-// terminals obey as well.
-std::string WithoutControls(const std::string& json) {
-  std::string text;
-  for (std::size_t i = 0; i < json.size(); ++i) {
-    const auto byte = static_cast<std::uint8_t>(json[i]);
-    const auto next = static_cast<std::uint8_t>(i + 1 < json.size() ? json[i + 1] : '\0');
-    const bool is_delete = byte == 0x7f;
-    const bool is_c1 = byte == 0xc2 && next >= 0x80 && next <= 0x9f;
-    if (!is_delete && !is_c1) {
-      text += json[i];
-      continue;
-    }
-    char escape[sizeof("\\u0000")];
-    (void)std::snprintf(escape, sizeof(escape), "\\u%04x", is_c1 ? next : byte);
-    text += escape;
-    if (is_c1) ++i;
+struct Character {
+  char32_t code = 0;
+  std::size_t size = 0;  // in bytes; 0 when the bytes are no UTF-8
+};
+
+// The character that `text`, which is not empty, begins with.
+Character FirstCharacter(std::string_view text) {
+  const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+  if (byte(0) < 0x80) return {byte(0), 1};
+  const std::size_t size = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
+  constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
+  if (byte(0) < 0xC0 || byte(0) > 0xF7 || text.size() < size) return {};
+  char32_t code = byte(0) & (0xFFU >> (size + 1));
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return {};
+    code = code << 6 | (byte(i) & 0x3FU);
   }
-  return text;
+  const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
+  if (code < kSmallest[size] || code > 0x10FFFF || is_surrogate) return {};
+  return {code, size};
+}
+
+bool IsObeyed(char32_t code) {
+  const bool is_control = code < 0x20 || (code >= 0x7F && code <= 0x9F);
+  const bool turns_writing = code == 0x061C || code == 0x200E || code == 0x200F ||
+                             (code >= 0x202A && code <= 0x202E) ||
+                             (code >= 0x2066 && code <= 0x2069);
+  const bool breaks_line = code == 0x2028 || code == 0x2029;
+  return is_control || turns_writing || breaks_line;
 }
 
 }  // namespace
 
-std::string FormatTime(long long timestamp_ms) {
-  const long long ms = ((timestamp_ms % 1000) + 1000) % 1000;
-  const long long seconds = (timestamp_ms - ms) / 1000;
-  std::tm local{};
-  const auto time = static_cast<std::time_t>(seconds);
-  if (timestamp_ms < std::numeric_limits<long long>::min() + 1000 || !localtime_r(&time, &local)) {
-    return std::to_string(timestamp_ms);
+std::string Printable(std::string_view text) {
+  std::string printable;
+  while (!text.empty()) {
+    const Character first = FirstCharacter(text);
+    if (first.size == 0 || (first.size == 1 && IsObeyed(first.code))) {
+      printable += fmt::format("\\x{:02x}", static_cast<std::uint8_t>(text[0]));
+    } else if (IsObeyed(first.code)) {
+      printable += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(first.code));
+    } else {
+      printable += text.substr(0, first.size);
+    }
+    text.remove_prefix(first.size == 0 ? 1 : first.size);
   }
-  char text[64];
-  const std::size_t size = std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
-  char fraction[8];
-  (void)std::snprintf(fraction, sizeof(fraction), ".%03d", static_cast<int>(ms));
-  return std::string(text, size) + fraction;
+  return printable;
 }
 
-std::string ToText(std::string_view event, long long timestamp_ms, const Json& fields) {
-  std::string text = FormatTime(timestamp_ms) + " " + std::string(event);
-  for (const auto& [name, value] : fields.items()) {
-    text += " " + name + "=" + WithoutControls(Dump(value));
-  }
-  return text;
+std::string PrintableJson(const Json& json) { return Printable(Dump(json)); }
+
+std::string LocalTime(std::int64_t ms) {
+  const std::int64_t rest = (ms % 1000 + 1000) % 1000;
+  const std::int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm local{};
+  // A record may carry any time at all, also one whose year is not to be counted.
+  if (time != seconds || !localtime_r(&time, &local))
+    return fmt::format("@{}.{:03}", seconds, rest);
+  std::array<char, 64> text{};
+  std::strftime(text.data(), text.size(), "%F %T", &local);
+  return fmt::format("{}.{:03}", text.data(), rest);
 }
 
 }  // namespace velmora::usage_stat::records

@@ -1,8 +1,9 @@
-// A record as one line for people.
+// Records as text for people.
 
 #ifndef TOOLS_RECORDS_TEXT_H_
 #define TOOLS_RECORDS_TEXT_H_
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -10,13 +11,16 @@
 
 namespace velmora::usage_stat::records {
 
-// Local time with milliseconds, such as "2026-03-01 18:04:05.678"; the bare number when the year is
-// beyond what the calendar of this machine knows.
-std::string FormatTime(long long timestamp_ms);
+// `text` with every character that a terminal could obey, and every byte that is no UTF-8, written
+// as an escape: control characters, and those that change the direction of writing.
+std::string Printable(std::string_view text);
 
-// Time, name and fields, such as `2026-03-01 18:04:05.678 OrientationEvent orientation=1`. Texts
-// stand in quotes, and nothing in them can move the cursor of a terminal.
-std::string ToText(std::string_view event, long long timestamp_ms, const Json& fields);
+// `json` on one line, printable.
+std::string PrintableJson(const Json& json);
+
+// A moment, in local time: "2026-11-24 19:00:49.123"; seconds since the epoch,
+// "@99999999999999.000", when its year is beyond what the calendar of this machine knows.
+std::string LocalTime(std::int64_t ms);
 
 }  // namespace velmora::usage_stat::records
 
