@@ -91,7 +91,7 @@ fuzz-build:
 
 # The documentation of the records, from the lists that write them.
 records: all
-	$(BUILD)/tools/inspector/usage-stat types --format markdown > docs/records.md
+	$(BUILD)/tools/inspector/usage-stat types -o markdown > docs/records.md
 
 # Two minutes of applications and collectors that come and go; descriptors and memory stay flat.
 soak: all

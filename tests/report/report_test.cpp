@@ -143,7 +143,7 @@ TEST_F(ReportTest, CommandWritesAPageOrSaysWhyNot) {
   const Case cases[] = {
       {{"--output", page}, 0, ""},
       {{"--since", "2024-10-04", "--until", "2024-10-05"}, 0, "4 Oct 2024"},
-      {{"--since", "today", "--until", "yesterday"}, 1, "range of time is empty"},
+      {{"--since", "today", "--until", "yesterday"}, 2, "--until: it is not after"},
       {{"--since", "never"}, 2, "never"},
       {{"--output", "/dev/full"}, 1, "cannot write /dev/full: No space left"},
       {{"--database", folder_ / "none.db"}, 1, "none.db"},

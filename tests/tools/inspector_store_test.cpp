@@ -177,6 +177,7 @@ TEST_F(InspectorTest, BalancesWhatWasReceived) {
   EXPECT_EQ(status["refused_by_reason"], Json({{"uid", 2}}));
   EXPECT_EQ(status["senders"].size(), 2U);
   EXPECT_EQ(status["runs"][0]["ended"], Json());
+  EXPECT_EQ(status["runs"][0]["state"], "killed") << "its process lives, but does not listen";
   EXPECT_EQ(status["runs"][1]["state"], "ended");
   EXPECT_GE(status["runs"][1]["gap_before"], 0);
   EXPECT_THAT(UsageStat({"status"}).out, HasSubstr("gap of "));
@@ -222,6 +223,7 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   EXPECT_EQ(states["database"], "ok");
   EXPECT_EQ(states["balance"], "ok");
   EXPECT_EQ(states["clock"], "ok");
+  EXPECT_EQ(Status()["runs"][0]["state"], "running");
   EXPECT_EQ(collector.End(), 0);
 
   const Receiver squatter;
@@ -316,20 +318,22 @@ TEST_F(InspectorTest, ReleasesFromTheQuarantineWhatNowReads) {
   const std::string datagram = PageTurn(1, 2);
   auto writer = OpenWriter();
   store::Batch batch;
-  batch.quarantine = {
-      {0, 0, 4000, {42, 7}, "unknown type", "unknown type code 2032", 2032, "{}", datagram},
-      {0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, "{}", "ab"}};
-  batch.received = 2;
+  constexpr int kReadable = 150;
+  batch.quarantine.assign(
+      kReadable, {0, 0, 4000, {42, 7}, "unknown type", "unknown type", 2032, "{}", datagram});
+  batch.quarantine[7].raw = "ab";
+  batch.quarantine.push_back(batch.quarantine[0]);
+  batch.received = kReadable + 1;
   ASSERT_OK(writer->Commit(batch));
   EXPECT_EQ(UsageStat({"replay", "--quarantine"}).out,
-            "1 of 2 moved from the quarantine to the records\n");
+            "150 of 151 moved from the quarantine to the records\n");
   const Json row = Json::parse(UsageStat({"list", "-n", "1", "-o", "json"}).out);
   EXPECT_EQ(row["event"], "ChangePageEvent");
   EXPECT_EQ(row["received"], 4000);
   EXPECT_EQ(row["pid"], 42);
   EXPECT_EQ(row["fields"]["a"], 2);
   const Json status = Status();
-  EXPECT_EQ(status["stored"], 1);
+  EXPECT_EQ(status["stored"], kReadable);
   EXPECT_EQ(status["in_quarantine"], 1);
 }
 
@@ -359,13 +363,23 @@ TEST(Moment, IsReadInTheFormsThatPeopleWrite) {
       {"2026-03-29 12:00", kNow - 500},
       {"2026-03-29T10:00:00Z", kNow - 500},
       {"2026-03-29 10:00 UTC", kNow - 500},
+      {"2026-03-29T10:00:00.5Z", kNow},
+      {"2026-03-29 12:00:00.500999", kNow},
+      {"2026-03-29T05:30:00.5-04:30", kNow},
+      {"2026-03-29+02:00", kMidnight - kHour},
       {"11:59:59", kNow - 1500},
+      {"@12.0625", 12'062},
+      {"1 month ago", kNow - 2'629'800'000},
+      {"2y ago", kNow - 2 * 12 * 2'629'800'000},
       {"2026-02-30", std::nullopt},
       {"2026-13-01", std::nullopt},
       {"-1fortnight", std::nullopt},
       {"-1", std::nullopt},
       {"--1h", std::nullopt},
       {"@", std::nullopt},
+      {"@1.x", std::nullopt},
+      {"12:00.5", std::nullopt},
+      {"12:00:00.", std::nullopt},
       {"@99999999999999999999", std::nullopt},
       {"-99999999999999w", std::nullopt},
       {"", std::nullopt},

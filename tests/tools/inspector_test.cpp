@@ -35,9 +35,13 @@ TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {
       {{"send", "--help"}, 0, "null:"},
       {{}, 2, "subcommand is required"},
       {{"bogus"}, 2, "no subcommand bogus"},
-      {{"types", "--format", "xml"}, 2, "xml"},
+      {{"types", "-o", "xml"}, 2, "xml"},
       {{"types", "--bogus"}, 2, "--bogus"},
       {{"decode", "/nowhere"}, 1, "cannot read /nowhere"},
+      {{"decode", "/"}, 1, "cannot read /"},
+      {{"list", "-n", "x"}, 2, "-n: \"x\" is no count; see usage-stat list --help"},
+      {{"list", "--since", "@5", "--until", "@5"}, 2, "--until: it is not after"},
+      {{"send", "--list", "x"}, 2, "takes no function"},
       {{"decode", "--hex", "--raw"}, 2, "excludes"},
   };
   for (const Case& c : cases) {
@@ -66,10 +70,9 @@ TEST(UsageStat, CompletesWhatItKnows) {
 }
 
 TEST(Types, AreDocumentedAsTheyAre) {
-  EXPECT_EQ(UsageStat({"types", "--format", "markdown"}).out,
-            ReadFile(SOURCE_DIR "/docs/records.md"))
+  EXPECT_EQ(UsageStat({"types", "-o", "markdown"}).out, ReadFile(SOURCE_DIR "/docs/records.md"))
       << "run make records";
-  const Json types = Json::parse(UsageStat({"types", "--format", "json"}).out);
+  const Json types = Json::parse(UsageStat({"types", "-o", "json"}).out);
   EXPECT_GT(types.size(), 40U);
   EXPECT_THAT(UsageStat({"types"}).out, HasSubstr("2032  ChangePageEvent  kChangePage"));
 }

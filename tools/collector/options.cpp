@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <map>
 #include <vector>
 
 #include "tools/store/schema.h"
@@ -42,7 +41,7 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
   std::vector<std::int64_t> uids;
   std::uint64_t max_bytes = 0;
   bool no_store = false;
-  const std::map<std::string, Format> formats = {{"text", Format::kText}, {"json", Format::kJson}};
+  std::string format;
   constexpr std::int64_t kLargestUid = 4294967294;
 
   CLI::App app("Collects usage records from the applications of this device.",
@@ -58,8 +57,8 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
                                   "$STATE_DIRECTORY, else /var/lib/usage-stat/records.db)")
                        ->option_text("PATH");
   app.add_flag("--no-store", no_store, "Keep nothing")->excludes(database)->option_text(" ");
-  app.add_option("--print", options.print, "Show each record on standard output")
-      ->transform(CLI::CheckedTransformer(formats))
+  app.add_option("--print", format, "Show each record on standard output")
+      ->check(CLI::IsMember({"text", "json"}))
       ->option_text("text|json");
   app.add_option("--commit-interval", interval_ms,
                  "Milliseconds after which a received record is in the database at the latest, as "
@@ -89,6 +88,10 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
   app.footer(
       "SIGTERM and SIGINT end it when everything received is kept; a second one ends it at once.");
 
+  app.failure_message([](const CLI::App* program, const CLI::Error& error) {
+    return program->get_name() + ": " + error.what() + "; see " + program->get_name() + " --help\n";
+  });
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -96,6 +99,7 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
     return std::nullopt;
   }
 
+  if (!format.empty()) options.print = format == "json" ? Format::kJson : Format::kText;
   options.store = !no_store;
   options.commit_interval = std::chrono::milliseconds(interval_ms);
   options.allowed_uids = {0, geteuid()};

@@ -51,8 +51,10 @@ void AddArchive(CLI::App* app, int* exit_code) {
   CLI::App* command =
       app->add_subcommand("archive", "Move all closed records to a compressed archive file");
   AddDatabaseOption(command, &options->database);
-  command->add_option("--directory", options->directory,
-                      "Where the archive goes (default: archives, beside the database)");
+  command
+      ->add_option("--directory", options->directory,
+                   "Where the archive goes (default: archives, beside the database)")
+      ->type_name("FOLDER");
   AddOutputOption(command, &options->output, {"text", "json"});
   command->footer("Safe beside a running collector. list and replay read archives as well.");
   command->callback([options, exit_code] { *exit_code = Run(*options); });

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <set>
 
 namespace velmora::usage_stat::inspector {
 
@@ -29,8 +30,26 @@ void Count(const store::Tally& tally, Balance* balance) {
   if (outcomes.Sum() == 0) return;  // no datagrams, or all of them were released
   Count(tally, &balance->total);
   Count(tally, &balance->senders[tally.uid]);
-  for (RunBalance& run : balance->runs) {
-    if (run.run.id == tally.run) Count(tally, &run.outcomes);
+  const auto run = std::ranges::lower_bound(balance->runs, tally.run, {},
+                                            [](const RunBalance& r) { return r.run.id; });
+  if (run != balance->runs.end() && run->run.id == tally.run) Count(tally, &run->outcomes);
+}
+
+// Takes the runs and tells how they follow one another.
+void AddRuns(const std::vector<store::Run>& runs, Balance* balance) {
+  for (const store::Run& run : runs) {
+    std::optional<std::int64_t> gap_ms;
+    if (!balance->runs.empty()) {
+      const store::Run& before = balance->runs.back().run;
+      const std::int64_t end_ms = before.ended_ms.value_or(before.last_commit_ms);
+      gap_ms = std::max<std::int64_t>(0, run.started_ms - end_ms);
+    }
+    balance->runs.push_back({run, {}, gap_ms});
+    balance->received += run.received;
+  }
+  std::set<std::string> endpoints;
+  for (auto run = balance->runs.rbegin(); run != balance->runs.rend(); ++run) {
+    run->is_latest = endpoints.insert(run->run.endpoint).second;
   }
 }
 
@@ -39,10 +58,7 @@ Status ReadCounts(store::Reader* reader, Balance* balance) {
   std::vector<store::Tally> tallies;
   if (Status status = reader->ReadRuns(&runs); !status.ok()) return status;
   if (Status status = reader->ReadTallies(&tallies); !status.ok()) return status;
-  for (const store::Run& run : runs) {
-    balance->runs.push_back({run, {}});
-    balance->received += run.received;
-  }
+  AddRuns(runs, balance);
   for (const store::Tally& tally : tallies) Count(tally, balance);
   return reader->CountRows(&balance->records, &balance->in_quarantine);
 }
@@ -88,11 +104,6 @@ Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance)
   if (status.ok()) status = ReadRates(reader, now_ms, balance);
   const Status end = connection.Execute("COMMIT");
   return status.ok() ? end : status;
-}
-
-std::int64_t GapMs(const store::Run& before, const store::Run& after) {
-  return std::max<std::int64_t>(0,
-                                after.started_ms - before.ended_ms.value_or(before.last_commit_ms));
 }
 
 }  // namespace velmora::usage_stat::inspector

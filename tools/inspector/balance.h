@@ -25,6 +25,9 @@ struct Outcomes {
 struct RunBalance {
   store::Run run;
   Outcomes outcomes;
+  // The time before it in which no collector is known to have listened; absent for the first run.
+  std::optional<std::int64_t> gap_ms;
+  bool is_latest = false;  // of those on its endpoint
 
   bool adds_up() const { return outcomes.Sum() == run.received; }
 };
@@ -53,9 +56,6 @@ struct Balance {
 
 // Reads everything from one state of the database, whatever its collector does meanwhile.
 store::Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance);
-
-// The time between two runs in which no collector is known to have listened.
-std::int64_t GapMs(const store::Run& before, const store::Run& after);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -119,7 +119,9 @@ int Run(const Options& options) {
     file.open(options.file, std::ios::binary);
     if (!file) return Complain(kFailed, "cannot read " + options.file);
   }
-  std::string input = ReadUpTo(options.file == "-" ? std::cin : file, kLargestInput + 1);
+  std::istream& in = options.file == "-" ? std::cin : file;
+  std::string input = ReadUpTo(in, kLargestInput + 1);
+  if (in.bad()) return Complain(kFailed, "cannot read " + options.file);
   if (input.size() > kLargestInput) return Complain(kFailed, "too large for a record");
   // No record consists of hexadecimal digits alone: its type code would be an unknown one.
   if (!options.raw) {
@@ -141,8 +143,8 @@ int Run(const Options& options) {
 void AddDecode(CLI::App* app, int* exit_code) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app->add_subcommand("decode", "Show one record byte by byte");
-  command->add_option("FILE", options->file, "What to read; - for standard input")
-      ->capture_default_str();
+  command->add_option("FILE", options->file, "What to read; - for standard input (default)")
+      ->option_text(" ");
   CLI::Option* hex = command->add_flag("--hex", options->hex, "It holds hexadecimal digits");
   command->add_flag("--raw", options->raw, "It holds the bytes themselves")->excludes(hex);
   AddOutputOption(command, &options->output, {"text", "json"});

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -197,32 +199,43 @@ void CheckBalance(store::Reader* reader, Findings* findings) {
   }
 }
 
-void CheckDatabase(const std::string& path, Findings* findings) {
-  const auto fail = [&](const std::string& message) {
-    findings->push_back({"database", State::kFail, message,
-                         "put a broken file aside and restart the collector, which makes a new "
-                         "one; sqlite3's .recover may save what the old one holds"});
+// Opens the database when it is there, ours and sound; tells otherwise what to do.
+std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* findings) {
+  const auto add = [&](State state, const std::string& message, const char* advice) {
+    findings->push_back({"database", state, message, advice});
+    return nullptr;
   };
-  struct stat file {};
-  if (stat(path.c_str(), &file) != 0) {
-    findings->push_back({"database", State::kWarn, "there is no database " + path,
-                         "start usage-stat-collector, or name its database with --database"});
-    return;
+  if (access(path.c_str(), R_OK) != 0) {
+    if (errno == ENOENT) {
+      return add(State::kWarn, "there is no database " + path,
+                 "start usage-stat-collector, or name its database with --database");
+    }
+    return add(State::kWarn, fmt::format("cannot look into {}: {}", path, std::strerror(errno)),
+               "run doctor as root, or as the collector's user");
   }
   std::unique_ptr<store::Reader> reader;
   std::string verdict;
   store::Status status = store::Reader::Open(path, &reader);
   if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
-  if (!status.ok()) return fail(status.message);
-  if (verdict != "ok") return fail(verdict);
-  if ((file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    findings->push_back({"database", State::kWarn, path + " is sound, and open to other users",
-                         "chmod 600 it: it tells what its owner reads"});
-  } else {
-    findings->push_back({"database", State::kOk, path + " is sound"});
+  if (!status.ok() && !status.is_damage()) {
+    return add(State::kFail, status.message,
+               "name the collector's own database, or use the version of usage-stat that made it");
   }
-  CheckBalance(reader.get(), findings);
-  CheckClocks(reader.get(), findings);
+  if (!status.ok() || verdict != "ok") {
+    return add(
+        State::kFail,
+        fmt::format("{} is damaged: {}", path, status.ok() ? verdict : status.message),
+        "restart the collector, which puts it aside and begins a new one; sqlite3's .recover "
+        "may save what the old one holds");
+  }
+  struct stat file {};
+  if (stat(path.c_str(), &file) == 0 && (file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    add(State::kWarn, path + " is sound, and open to other users",
+        "chmod 600 it: it tells what its owner reads");
+  } else {
+    add(State::kOk, path + " is sound", "");
+  }
+  return reader;
 }
 
 // ---- Output ----
@@ -265,7 +278,10 @@ int Run(const Options& options) {
   CheckRoot(&findings);
   CheckSetting(&findings);
   CheckDisk(options.database, &findings);
-  CheckDatabase(options.database, &findings);
+  if (const auto reader = CheckDatabase(options.database, &findings)) {
+    CheckBalance(reader.get(), &findings);
+    CheckClocks(reader.get(), &findings);
+  }
   (options.output == "json" ? PrintJson : PrintText)(findings);
   for (const Finding& finding : findings) {
     if (finding.state == State::kFail) return kFailed;

@@ -14,9 +14,11 @@ constexpr const char* kDefault = "usage_stat_event1";
 }  // namespace
 
 void AddEndpointOption(CLI::App* command, std::string* endpoint) {
-  command->add_option("--endpoint", *endpoint,
-                      std::string("Name of the collector's endpoint (default: $") + kVariable +
-                          ", else " + kDefault + ")");
+  command
+      ->add_option("--endpoint", *endpoint,
+                   std::string("Name of the collector's endpoint (default: $") + kVariable +
+                       ", else " + kDefault + ")")
+      ->type_name("NAME");
 }
 
 void UseEndpoint(const std::string& endpoint) {

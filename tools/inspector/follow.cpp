@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tools/inspector/commands.h"
@@ -26,7 +27,7 @@ using store::Status;
 struct Options {
   std::string database;
   std::string output;
-  std::int64_t newest = 10;
+  std::optional<std::int64_t> newest = 10;
   store::Query query;
 };
 
@@ -128,7 +129,7 @@ int Run(const Options& options) {
   Tail tail(options.database);
   const RowPrinter printer(options.output);
   Status status = tail.Open();
-  if (status.ok()) status = tail.ShowLast(options.newest, options.query, printer);
+  if (status.ok()) status = tail.ShowLast(*options.newest, options.query, printer);
   while (status.ok() && Wait()) {
     status = tail.ShowNew(options.query, printer);
     if ((status.code & 0xff) == SQLITE_BUSY) status = {};  // the next look sees more
@@ -143,10 +144,7 @@ void AddFollow(CLI::App* app, int* exit_code) {
   CLI::App* command = app->add_subcommand("follow", "Show records as they come in");
   AddDatabaseOption(command, &options->database);
   AddFilterOptions(command, &options->query);
-  command->add_option("-n", options->newest, "Begin with the last so many records")
-      ->check(CLI::NonNegativeNumber)
-      ->type_name("COUNT")
-      ->capture_default_str();
+  AddCountOption(command, &options->newest, "Begin with the last so many records (default: 10)");
   AddOutputOption(command, &options->output, RowFormats());
   command->footer("SIGINT (Ctrl+C) and SIGTERM end it with exit code 0.");
   command->callback([options, exit_code] { *exit_code = Run(*options); });

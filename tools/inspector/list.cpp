@@ -50,13 +50,13 @@ void AddList(CLI::App* app, int* exit_code) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app->add_subcommand("list", "Show the records that were kept");
   AddDatabaseOption(command, &options->database);
-  command->add_option("--file", options->file,
-                      "One database or archive alone, instead of the database with its archives");
+  command
+      ->add_option("--file", options->file,
+                   "One database or archive alone, instead of the database with its archives")
+      ->type_name("PATH");
   AddRangeOptions(command, &options->query);
   AddFilterOptions(command, &options->query);
-  command->add_option("-n", options->query.newest, "The last so many of them")
-      ->check(CLI::NonNegativeNumber)
-      ->type_name("COUNT");
+  AddCountOption(command, &options->query.newest, "The last so many of them");
   command->add_flag("-r,--reverse", options->query.reverse, "Newest first");
   AddOutputOption(command, &options->output, RowFormats());
   command->callback([options, exit_code] { *exit_code = Run(*options); });

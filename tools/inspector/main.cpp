@@ -20,6 +20,11 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "usage-stat " USAGE_STAT_VERSION);
   app.require_subcommand(1);
   app.footer("Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
+  app.failure_message([](const CLI::App* program, const CLI::Error& error) {
+    const auto commands = program->get_subcommands();
+    return fmt::format("usage-stat: {}; see usage-stat {}--help\n", Printable(error.what()),
+                       commands.empty() ? "" : commands.front()->get_name() + " ");
+  });
   int exit_code = kOk;
   for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
                          AddReplay, AddReport, AddArchive}) {

@@ -32,11 +32,11 @@ std::optional<std::int64_t> UnitMs(std::string_view unit) {
     std::string_view names;  // between blanks
     std::int64_t seconds;
   };
-  constexpr Unit kUnits[] = {{" s sec secs second seconds ", 1},
-                             {" m min mins minute minutes ", 60},
-                             {" h hour hours ", 3600},
-                             {" d day days ", 86400},
-                             {" w week weeks ", 7 * 86400}};
+  constexpr Unit kUnits[] = {
+      {" s sec secs second seconds ", 1}, {" m min mins minute minutes ", 60},
+      {" h hour hours ", 3600},           {" d day days ", 86400},
+      {" w week weeks ", 7 * 86400},      {" month months ", 2629800},  // a twelfth of a year
+      {" y year years ", 31557600}};
   const std::string wanted = ' ' + std::string(unit) + ' ';
   for (const Unit& row : kUnits) {
     if (row.names.find(wanted) != std::string_view::npos) return row.seconds * kSecondMs;
@@ -85,25 +85,67 @@ std::tm LocalDate(std::int64_t now_ms) {
   return date;
 }
 
-std::optional<std::int64_t> ParseDate(std::string text, std::int64_t now_ms) {
-  bool is_utc = false;
-  for (const std::string_view zone : {" UTC", "UTC", "Z"}) {
-    if (!text.ends_with(zone)) continue;
-    text.resize(text.size() - zone.size());
-    is_utc = true;
-    break;
+// Takes a time zone from the end of `text`: the seconds that it is ahead of UTC, if there is one.
+std::optional<std::int64_t> TakeZone(std::string_view* text) {
+  for (const std::string_view utc : {" UTC", "UTC", "Z"}) {
+    if (!text->ends_with(utc)) continue;
+    text->remove_suffix(utc.size());
+    return 0;
   }
-  for (const char* format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M",
-                             "%Y-%m-%dT%H:%M", "%Y-%m-%d", "%H:%M:%S", "%H:%M"}) {
+  const std::size_t sign = text->find_last_of("+-");
+  if (sign == std::string_view::npos) return std::nullopt;
+  std::tm offset{};
+  const std::string digits(text->substr(sign + 1));
+  // The last part of a date follows a hyphen too, but has no colon.
+  const char* end = strptime(digits.c_str(), "%H:%M", &offset);
+  if (!end || *end) return std::nullopt;
+  const std::int64_t seconds = offset.tm_hour * 3600 + offset.tm_min * 60;
+  const bool is_behind = (*text)[sign] == '-';
+  text->remove_suffix(text->size() - sign);
+  return is_behind ? -seconds : seconds;
+}
+
+// Takes a fraction of a second, point included, from the end of `text`: its milliseconds, 0 when
+// there is none.
+std::int64_t TakeFraction(std::string_view* text) {
+  const std::size_t point = std::min(text->find('.'), text->size());
+  const std::string_view digits = text->substr(point).substr(point < text->size() ? 1 : 0);
+  if (digits.empty() || digits.find_first_not_of("0123456789") != std::string_view::npos) return 0;
+  text->remove_suffix(text->size() - point);
+  std::int64_t ms = 0;
+  for (std::size_t i = 0; i < 3; ++i) ms = ms * 10 + (i < digits.size() ? digits[i] - '0' : 0);
+  return ms;
+}
+
+std::optional<std::int64_t> ParseDate(std::string_view text, std::int64_t now_ms) {
+  const auto zone = TakeZone(&text);
+  const std::size_t size = text.size();
+  const std::int64_t fraction_ms = TakeFraction(&text);
+  const std::string without_fraction(text);
+  for (const std::string_view format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%H:%M:%S",
+                                        "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%d", "%H:%M"}) {
+    const bool has_seconds = format.ends_with("%S");
+    if (!has_seconds && text.size() != size) continue;
     std::tm date = LocalDate(now_ms);
-    const char* end = strptime(text.c_str(), format, &date);
+    const char* end = strptime(without_fraction.c_str(), format.data(), &date);
     if (!end || *end) continue;
     const int day = date.tm_mday;
-    const std::time_t time = is_utc ? timegm(&date) : std::mktime(&date);
+    const std::time_t time = zone ? timegm(&date) : std::mktime(&date);
     if (date.tm_mday != day) return std::nullopt;  // such as 30 February
-    return std::int64_t{time} * kSecondMs;
+    return (std::int64_t{time} - zone.value_or(0)) * kSecondMs + fraction_ms;
   }
   return std::nullopt;
+}
+
+// Seconds since the epoch.
+std::optional<std::int64_t> ParseSeconds(std::string_view text) {
+  const std::int64_t fraction_ms = TakeFraction(&text);
+  const auto seconds = TakeNumber(&text);
+  if (!seconds || !text.empty() || *seconds > kFarthestMs / kSecondMs ||
+      *seconds < -kFarthestMs / kSecondMs) {
+    return std::nullopt;
+  }
+  return *seconds * kSecondMs + fraction_ms;
 }
 
 }  // namespace
@@ -117,16 +159,7 @@ std::optional<std::int64_t> ParseMoment(const std::string& text, std::int64_t no
     date.tm_mday += i - 1;
     return std::int64_t{std::mktime(&date)} * kSecondMs;
   }
-  if (text.starts_with('@')) {
-    std::string_view rest(text);
-    rest.remove_prefix(1);
-    const auto seconds = TakeNumber(&rest);
-    if (!seconds || !rest.empty() || *seconds > kFarthestMs / kSecondMs ||
-        *seconds < -kFarthestMs / kSecondMs) {
-      return std::nullopt;
-    }
-    return *seconds * kSecondMs;
-  }
+  if (text.starts_with('@')) return ParseSeconds(std::string_view(text).substr(1));
   if (const auto span = ParseRelative(text)) return now_ms + *span;
   return ParseDate(text, now_ms);
 }

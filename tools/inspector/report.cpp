@@ -64,9 +64,7 @@ int Report(const Options& options) {
 void AddReport(CLI::App* app, int* exit_code) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app->add_subcommand(
-      "report",
-      "Sums up reading, books, applications, settings and errors as one HTML page.\n"
-      "Without --since and --until: the last 30 days, today included.");
+      "report", "Sum up a range of time, the last 30 days by default, as one HTML page");
   AddDatabaseOption(command, &options->database);
   AddRangeOptions(command, &options->range);
   command->add_option("-o,--output", options->file, "File to write (default: standard output)")

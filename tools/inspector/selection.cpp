@@ -68,9 +68,11 @@ std::int64_t BookOf(const std::string& text) {
 
 void AddDatabaseOption(CLI::App* command, std::string* path) {
   *path = store::DefaultDatabasePath();
-  command->add_option("--database", *path,
-                      "Database of the collector (default: $USAGE_STAT_DATABASE, else records.db "
-                      "in $STATE_DIRECTORY, else /var/lib/usage-stat/records.db)");
+  command
+      ->add_option("--database", *path,
+                   "Database of the collector (default: $USAGE_STAT_DATABASE, else records.db "
+                   "in $STATE_DIRECTORY, else /var/lib/usage-stat/records.db)")
+      ->type_name("PATH");
 }
 
 void AddOutputOption(CLI::App* command, std::string* output,
@@ -78,7 +80,24 @@ void AddOutputOption(CLI::App* command, std::string* output,
   *output = formats.front();
   command->add_option("-o,--output", *output, "How to show it")
       ->check(CLI::IsMember(formats))
+      ->type_name("FORMAT")
       ->capture_default_str();
+}
+
+void AddCountOption(CLI::App* command, std::optional<std::int64_t>* count,
+                    const std::string& description) {
+  command
+      ->add_option_function<std::string>(
+          "-n",
+          [count](const std::string& text) {
+            std::int64_t number = 0;
+            if (!ReadNumber(text, &number) || number < 0) {
+              throw CLI::ValidationError("-n", "\"" + text + "\" is no count");
+            }
+            *count = number;
+          },
+          description)
+      ->type_name("COUNT");
 }
 
 void AddRangeOptions(CLI::App* command, store::Query* query) {
@@ -94,6 +113,11 @@ void AddRangeOptions(CLI::App* command, store::Query* query) {
           [query](const std::string& text) { query->until_ms = MomentOf("--until", text); },
           "Events before this moment")
       ->type_name("MOMENT");
+  command->parse_complete_callback([query] {
+    if (query->since_ms && query->until_ms && *query->until_ms <= *query->since_ms) {
+      throw CLI::ValidationError("--until", "it is not after --since");
+    }
+  });
   command->footer(std::string("A MOMENT is one of: ") + kMomentForms);
 }
 

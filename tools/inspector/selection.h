@@ -3,6 +3,8 @@
 #ifndef TOOLS_INSPECTOR_SELECTION_H_
 #define TOOLS_INSPECTOR_SELECTION_H_
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,10 @@ void AddDatabaseOption(CLI::App* command, std::string* path);
 // Adds -o with `formats`, of which the first is the default.
 void AddOutputOption(CLI::App* command, std::string* output,
                      const std::vector<std::string>& formats);
+
+// Adds -n, which `command` explains, and sets `count` from it.
+void AddCountOption(CLI::App* command, std::optional<std::int64_t>* count,
+                    const std::string& description);
 
 // Adds --since and --until, checked, and sets the range of `query` from them.
 void AddRangeOptions(CLI::App* command, store::Query* query);

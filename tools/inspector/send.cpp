@@ -131,6 +131,7 @@ int Report(const Function& function, const std::vector<Json>& arguments, const J
 
 int Run(const Options& options, const std::vector<std::string>& words) {
   if (options.list) {
+    if (!words.empty()) return Complain(kUsage, "--list takes no function");
     List(options.output == "json");
     return kOk;
   }

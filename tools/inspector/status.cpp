@@ -1,6 +1,7 @@
 // usage-stat status: what was received and what became of it, as a balance sheet that adds up.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -10,6 +11,7 @@
 
 #include "tools/inspector/balance.h"
 #include "tools/inspector/commands.h"
+#include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/store/archive.h"
@@ -48,11 +50,21 @@ store::Status ReadSizes(const std::string& path, store::Reader* reader, Sizes* s
   return status;
 }
 
-// How a run stands or ended.
-const char* StateOf(const store::Run& run) {
-  if (run.ended_ms) return "ended";
+// Whether the process of a run has its endpoint. Process numbers alone tell nothing: a collector
+// tends to get the same one at each start of a device.
+bool Listens(const store::Run& run) {
+  const Listener listener = FindListener(run.endpoint);
+  const auto is_its_own = [&run](const Holder& holder) { return holder.pid == run.pid; };
   const bool lives = kill(static_cast<pid_t>(run.pid), 0) == 0 || errno == EPERM;
-  return lives ? "running" : "killed";
+  // Another user's process does not show what it holds.
+  return lives && listener.is_bound &&
+         (listener.holders.empty() || std::ranges::any_of(listener.holders, is_its_own));
+}
+
+// How a run stands or ended. Whoever came later on its endpoint found that free.
+const char* StateOf(const RunBalance& run) {
+  if (run.run.ended_ms) return "ended";
+  return run.is_latest && Listens(run.run) ? "running" : "killed";
 }
 
 // ---- As text ----
@@ -87,18 +99,21 @@ void PrintOutcomes(std::string_view title, const Outcomes& outcomes) {
 }
 
 void PrintRuns(const Balance& balance) {
+  constexpr std::size_t kMost = 10;
   Print("\n{}\n", Coloured(Colour::kBold, "Runs of the collector"));
-  const store::Run* before = nullptr;
-  for (const auto& [run, outcomes] : balance.runs) {
-    if (before) {
+  const std::size_t left_out = balance.runs.size() - std::min(balance.runs.size(), kMost);
+  if (left_out > 0) Print("  {} earlier ones, which -o json tells of\n", left_out);
+  for (std::size_t i = left_out; i < balance.runs.size(); ++i) {
+    const RunBalance& row = balance.runs[i];
+    const store::Run& run = row.run;
+    if (row.gap_ms) {
       Print("  {}\n", Coloured(Colour::kYellow,
                                fmt::format("gap of {} in which nobody is known to have listened",
-                                           Span(GapMs(*before, run)))));
+                                           Span(*row.gap_ms))));
     }
     Print("  {} to {}  pid {}, {}: {} received, {}\n", LocalTime(run.started_ms),
-          LocalTime(run.ended_ms.value_or(run.last_commit_ms)), run.pid, StateOf(run), run.received,
-          Verdict(outcomes.Sum() == run.received));
-    before = &run;
+          LocalTime(run.ended_ms.value_or(run.last_commit_ms)), run.pid, StateOf(row), run.received,
+          Verdict(row.adds_up()));
   }
 }
 
@@ -110,8 +125,9 @@ void PrintText(const Options& options, const Balance& balance, const Sizes& size
     Print("  last record {}, {}\n", LocalTime(balance.last->received_ms),
           Printable(balance.last->event));
   }
-  Print("  {} records in the last minute, {} in the last hour, {} in the last day\n",
-        balance.last_minute, balance.last_hour, balance.last_day);
+  Print("  {} records came in the last minute, {} in the last hour, {} in the last day{}\n",
+        balance.last_minute, balance.last_hour, balance.last_day,
+        balance.archived > 0 ? ", archived ones apart" : "");
 
   Print("\n{}\n", Coloured(Colour::kBold, "Received and what became of it"));
   Print("{:<14} {:>10}\n", "received", balance.received);
@@ -149,19 +165,18 @@ void PrintJson(const Options& options, const Balance& balance, const Sizes& size
     senders.back()["uid"] = uid;
   }
   Json runs = Json::array();
-  const store::Run* before = nullptr;
-  for (const auto& [run, outcomes] : balance.runs) {
-    Json json = ToJson(outcomes);
+  for (const RunBalance& row : balance.runs) {
+    const store::Run& run = row.run;
+    Json json = ToJson(row.outcomes);
     json["pid"] = run.pid;
     json["endpoint"] = run.endpoint;
-    json["state"] = StateOf(run);
+    json["state"] = StateOf(row);
     json["started"] = run.started_ms;
     json["last_commit"] = run.last_commit_ms;
     json["ended"] = run.ended_ms ? Json(*run.ended_ms) : Json();
-    json["gap_before"] = before ? Json(GapMs(*before, run)) : Json();
+    json["gap_before"] = row.gap_ms ? Json(*row.gap_ms) : Json();
     json["received"] = run.received;
     runs.push_back(json);
-    before = &run;
   }
   Json json = {{"database", options.database},
                {"database_bytes", sizes.database},

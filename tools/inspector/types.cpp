@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/inspector/commands.h"
+#include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/records/catalogue.h"
 
@@ -83,7 +84,7 @@ void PrintJson() {
 
 constexpr std::string_view kMarkdownHead = R"(# Records
 
-Every record of the system, field by field. This page is the output of `usage-stat types --format markdown`, generated from the lists that write the records; `make records` renews it.
+Every record of the system, field by field. This page is the output of `usage-stat types -o markdown`, generated from the lists that write the records; `make records` renews it.
 
 ## Encoding
 
@@ -133,11 +134,9 @@ void PrintMarkdown() {
 }  // namespace
 
 void AddTypes(CLI::App* app, int* exit_code) {
-  auto format = std::make_shared<std::string>("text");
+  auto format = std::make_shared<std::string>();
   CLI::App* command = app->add_subcommand("types", "Show all record types and their fields");
-  command->add_option("-o,--format", *format, "text, json or markdown")
-      ->check(CLI::IsMember({"text", "json", "markdown"}))
-      ->capture_default_str();
+  AddOutputOption(command, format.get(), {"text", "json", "markdown"});
   command->callback([format, exit_code] {
     (*format == "text" ? PrintText : *format == "json" ? PrintJson : PrintMarkdown)();
     *exit_code = kOk;
