@@ -49,7 +49,14 @@ using Findings = std::vector<Finding>;
 
 // ---- Checks ----
 
-void CheckEndpoint(Findings* findings) {
+// Root's processes, one's own, and those of the user whom the records belong to: the service runs
+// under a user of its own.
+bool IsTrusted(uid_t uid, const std::string& database) {
+  struct stat file {};
+  return uid == 0 || uid == geteuid() || (stat(database.c_str(), &file) == 0 && uid == file.st_uid);
+}
+
+void CheckEndpoint(const std::string& database, Findings* findings) {
   const std::string endpoint = EndpointInUse();
   const Listener listener = FindListener(endpoint);
   const auto add = [&](State state, const std::string& message, const std::string& advice) {
@@ -67,10 +74,11 @@ void CheckEndpoint(Findings* findings) {
   for (const Holder& holder : listener.holders) {
     const std::string who =
         fmt::format("{}, process {} of user {}", holder.program, holder.pid, holder.uid);
-    if (holder.uid != 0 && holder.uid != geteuid()) {
+    if (!IsTrusted(holder.uid, database)) {
       add(State::kWarn, who + ", receives the records",
-          "stop it unless you know it: it is neither root's nor yours, and an abstract name has no "
-          "permissions");
+          "stop it unless you know it: it is neither root's nor yours nor the database owner's, "
+          "and "
+          "an abstract name has no permissions");
     } else if (holder.program != "usage-stat-collector") {
       add(State::kWarn, who + ", receives the records",
           "stop it unless you know it: it is not usage-stat-collector");
@@ -273,7 +281,7 @@ void PrintJson(const Findings& findings) {
 int Run(const Options& options) {
   UseEndpoint(options.endpoint);
   Findings findings;
-  CheckEndpoint(&findings);
+  CheckEndpoint(options.database, &findings);
   CheckQueue(&findings);
   CheckRoot(&findings);
   CheckSetting(&findings);
