@@ -223,10 +223,14 @@ std::string WeekFigure(const Summary& summary, const std::string& id, const char
   std::vector<Column> columns = {{"Hour"}};
   for (const char* weekday : kWeekdays) columns.push_back({weekday, true});
   const std::string peak =
-      fmt::format("Strongest: {} {:02}:00 to {:02}:00, {}.", kWeekdays[most_day], most_hour,
+      fmt::format("Most: {} {:02}:00 to {:02}:00, {}.", kWeekdays[most_day], most_hour,
                   most_hour + 1, unit.format(summary.week[most_day][most_hour].*unit.member));
+  const std::string scale = fmt::format(
+      " <span class=\"scale\" aria-hidden=\"true\">Less <span class=\"ramp {}\"></span> "
+      "More</span>",
+      unit.colour);
   return figures->Add(
-      id, title, peak, fmt::format("Heat map of weekdays and hours. {}", peak),
+      id, title, peak + scale, fmt::format("Heat map of weekdays and hours. {}", peak),
       {{"kind", "hours"}, {"unit", unit.name}, {"colour", unit.colour}, {"values", values}},
       Table(title, columns, rows));
 }

@@ -3,12 +3,15 @@
 // usage: usage-stat-sample DATABASE [DAYS]    the last DAYS days; 30 unless given
 
 #include <charconv>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 
+#include "tools/records/record.h"
 #include "tools/report/sample/sample.h"
 #include "tools/store/file.h"
 #include "tools/store/writer.h"
@@ -31,19 +34,25 @@ class Keeper {
 
   // What a faulty and a foreign sender leave behind.
   void TakeErrors(std::int64_t at_ms) {
-    batch_.quarantine.push_back({0,
-                                 0,
-                                 at_ms,
-                                 {1310, 1000},
-                                 "truncated",
-                                 "field e (Int32) at offset 24 lacks 2 bytes",
-                                 2032,
-                                 "{}",
-                                 "\xf0"});
-    batch_.quarantine.push_back(
-        {0, 0, at_ms, {1310, 1000}, "unknown type", "unknown type code 999", 999, "{}", "\xe7"});
+    using namespace std::string_literals;
+    const std::string time = "\xe8\x90\xe4\x0e\xa2\x01\0\0"s;
+    for (const std::string& datagram : {"\xf0\x07"s + time + "cut short"s, "\xe7\x03"s + time}) {
+      const auto decoded = records::Decode(datagram);
+      const auto* damage = std::get_if<records::Damage>(&decoded);
+      if (!damage) continue;
+      ++batch_.received;
+      batch_.quarantine.push_back({0,
+                                   0,
+                                   at_ms,
+                                   {1310, 1000},
+                                   std::string(damage->kind),
+                                   damage->reason,
+                                   damage->type,
+                                   records::Dump(damage->fields),
+                                   datagram});
+    }
     batch_.refused[{33, "user not allowed"}] = 4;
-    batch_.received += 6;
+    batch_.received += 4;
   }
 
   void Commit() {
@@ -73,6 +82,8 @@ int main(int argc, char** argv) {
   std::from_chars(number.data(), number.data() + number.size(), days);
   if (argc < 2 || argc > 3 || days < 1) return Fail(2, "usage: usage-stat-sample DATABASE [DAYS]");
 
+  // The library's readers log what is wrong with the damaged samples.
+  setenv("CORVANE_LOG_LEVEL", "0", 0);
   std::unique_ptr<store::Writer> writer;
   if (auto status = store::Writer::Open(argv[1], "sample", &writer); !status.ok()) {
     return Fail(1, status.message);
