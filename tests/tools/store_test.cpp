@@ -198,6 +198,14 @@ TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
       {}, [&count](const store::RecordRow&) { return ++count; }, &problems));
   EXPECT_EQ(problems.size(), 1U);
   EXPECT_EQ(count, 11 + 3);
+
+  // What was unpacked takes no space once it is read.
+  ASSERT_OK(store::Journal::Open(database_, &journal));
+  for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    EXPECT_EQ(std::filesystem::read_symlink(file, gone).string().find("usage-stat-archive"),
+              std::string::npos);
+  }
 }
 
 TEST_F(ArchiveTest, KilledAtAnyMomentEveryRecordIsInOnePlace) {

@@ -10,16 +10,10 @@ namespace {
 using records::Json;
 using store::RecordRow;
 
-// The fields of a row; an empty object when somebody has changed them to what is no JSON.
-Json FieldsOf(const RecordRow& row) {
-  Json fields = Json::parse(row.fields, nullptr, false);
-  return fields.is_object() ? fields : Json::object();
-}
-
 void PrintShort(const RecordRow& row) {
   std::string line = fmt::format("{} {}[{}]", LocalTime(row.timestamp_ms),
                                  Coloured(Colour::kBold, Printable(row.event)), row.sender.pid);
-  const Json fields = FieldsOf(row);
+  const Json fields = records::ParseFields(row.fields);
   for (const auto& field : fields.items()) {
     line += fmt::format(" {}={}", Coloured(Colour::kDim, Printable(field.key())),
                         PrintableJson(field.value()));
@@ -35,7 +29,7 @@ Json ToJson(const RecordRow& row) {
           {"event", row.event},
           {"type", row.type},
           {"timestamp", row.timestamp_ms},
-          {"fields", FieldsOf(row)},
+          {"fields", records::ParseFields(row.fields)},
           {"raw", Hex(row.raw)}};
 }
 

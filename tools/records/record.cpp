@@ -225,6 +225,11 @@ Json ToJson(const Record& record) {
           {"fields", record.fields}};
 }
 
+Json ParseFields(std::string_view text) {
+  Json fields = Json::parse(text, nullptr, false);
+  return fields.is_object() ? fields : Json::object();
+}
+
 std::string Dump(const Json& json, int indent) {
   return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }

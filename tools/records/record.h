@@ -68,6 +68,10 @@ Trace TraceFields(std::string_view datagram);
 // `record` as one object: event, type, timestamp, fields.
 Json ToJson(const Record& record);
 
+// The fields that Dump() once wrote; an empty object for what is no JSON object, since anybody can
+// write to a file.
+Json ParseFields(std::string_view text);
+
 // `json` as text that is always valid UTF-8, whatever bytes the texts in it hold. One line unless
 // `indent` is given.
 std::string Dump(const Json& json, int indent = -1);

@@ -16,13 +16,7 @@ namespace {
 
 using records::Json;
 
-// Fields come from files that anybody can write: whatever is not there or of another type is taken
-// for empty.
-Json FieldsOf(const store::RecordRow& row) {
-  Json fields = Json::parse(row.fields, nullptr, false);
-  return fields.is_object() ? fields : Json::object();
-}
-
+// Whatever is not there or of another type is taken for empty.
 std::int64_t NumberIn(const Json& fields, const char* name) {
   const auto field = fields.find(name);
   return field != fields.end() && field->is_number_integer() ? field->get<std::int64_t>() : 0;
@@ -96,7 +90,7 @@ std::vector<BookReading> MostReadFirst(const std::unordered_map<std::int32_t, Bo
 
 void Survey::Add(const store::RecordRow& row) {
   if (row.type == EventFactory::kOpenBook) {
-    activities_.push_back({row.timestamp_ms, BookIdIn(FieldsOf(row)), true});
+    activities_.push_back({row.timestamp_ms, BookIdIn(records::ParseFields(row.fields)), true});
   } else if (IsPageEvent(row.type)) {
     activities_.push_back({row.timestamp_ms, 0, false});
   }
@@ -113,7 +107,7 @@ void Survey::Add(const store::RecordRow& row) {
 
 void Survey::AddLaunch(const store::RecordRow& row) {
   ++launches_;
-  const Json fields = FieldsOf(row);
+  const Json fields = records::ParseFields(row.fields);
   applications_.Add(row.type == EventFactory::kStartApplication
                         ? ApplicationName(NumberIn(fields, "application"))
                         : Shortened(FileName(TextIn(fields, "path"))));
@@ -124,7 +118,7 @@ void Survey::AddSettings(const store::RecordRow& row) {
   const bool is_latest = settings.records == 0 || row.timestamp_ms >= settings.latest_ms;
   if (is_latest) settings.latest_ms = row.timestamp_ms;
   ++settings.records;
-  const Json fields = FieldsOf(row);
+  const Json fields = records::ParseFields(row.fields);
   for (const auto& [name, value] : fields.items()) {
     if (!HasMeaning(name)) continue;
     const std::string text = SettingText(name, value);
@@ -227,7 +221,7 @@ void BookNames::Add(const store::RecordRow& row) {
       book->second->title = Shortened(std::move(text));
     }
   };
-  const Json fields = FieldsOf(row);
+  const Json fields = records::ParseFields(row.fields);
   if (row.type == EventFactory::kOpenBook) {
     learn(fields, nullptr);
   } else if (const auto batch = fields.find("books"); batch != fields.end()) {
