@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "tools/inspector/commands.h"
@@ -10,9 +12,11 @@
 
 using namespace velmora::usage_stat::inspector;
 
-int main(int argc, char** argv) {
+namespace {
+
+int Run(int argc, char** argv) {
   // A reader that has seen enough, such as head, is noticed where the output is written.
-  std::signal(SIGPIPE, SIG_IGN);
+  (void)std::signal(SIGPIPE, SIG_IGN);
   // The library's log lines repeat what the subcommands report in their own words.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
 
@@ -44,4 +48,15 @@ int main(int argc, char** argv) {
   }
   Flush();
   return exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {  // lack of memory, for one
+    (void)std::fprintf(stderr, "usage-stat: %s\n", error.what());
+    return kFailed;
+  }
 }
