@@ -13,6 +13,7 @@
 
 #include "store_fixture.h"
 #include "tools/store/archive.h"
+#include "tools/store/retention.h"
 #include "tools/store/schema.h"
 
 namespace usage_stat_test {

@@ -4,6 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "tools/store/archive.h"
+
 namespace velmora::usage_stat::collector {
 
 namespace {

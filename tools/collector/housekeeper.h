@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "tools/collector/notices.h"
-#include "tools/store/archive.h"
+#include "tools/store/retention.h"
 
 namespace velmora::usage_stat::collector {
 

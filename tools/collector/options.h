@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "tools/store/archive.h"
+#include "tools/store/retention.h"
 
 namespace velmora::usage_stat::collector {
 

@@ -1,8 +1,5 @@
 #include "tools/store/archive.h"
 
-#include <fcntl.h>
-#include <sqlite3.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,67 +11,13 @@
 #include "src/events/device_events.h"
 #include "tools/store/file.h"
 #include "tools/store/journal_events.h"
-#include "tools/store/reader.h"
+#include "tools/store/keeper.h"
 #include "tools/store/schema.h"
-#include "tools/store/statements.h"
 #include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
-
-// The database, for one process at a time that moves or deletes rows.
-struct Keeper {
-  Descriptor lock;  // on the folder, so that no file has to be made for it
-  Connection connection;
-  std::int64_t run = 0;
-};
-
-Status OpenKeeper(const std::string& database_path, Keeper* keeper) {
-  keeper->lock =
-      Descriptor(open(FolderOf(database_path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!keeper->lock.is_open()) return ErrnoStatus("cannot open the folder of " + database_path);
-  if (flock(keeper->lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    return {SQLITE_BUSY, "records of " + database_path + " are being archived or deleted already"};
-  }
-  Status status = OpenForWriting(database_path, &keeper->connection, nullptr);
-  if (status.ok()) status = LatestRun(&keeper->connection, &keeper->run);
-  return status;
-}
-
-Status CountRemoved(Keeper* keeper, const char* outcome, const std::string& reason,
-                    std::int64_t rows) {
-  Statement count;
-  Status status = keeper->connection.Prepare(kCount, &count);
-  if (!status.ok() || rows == 0) return status;
-  return Count(&count, {keeper->run, getuid(), outcome, reason, rows, NowMs()});
-}
-
-Status SetState(Connection* connection, std::int64_t archive, const char* state) {
-  Statement update;
-  Status status = connection->Prepare("UPDATE archives SET state = ? WHERE id = ?", &update);
-  return status.ok() ? update.Bind(1, std::string_view(state)).Bind(2, archive).Run() : status;
-}
-
-Status ReadArchives(Connection* connection, const char* state, std::vector<Archive>* archives) {
-  Statement select;
-  Status status = connection->Prepare(
-      "SELECT id, path, first_record, last_record, created_ms, bytes FROM archives "
-      "WHERE state = ? ORDER BY id",
-      &select);
-  if (!status.ok()) return status;
-  select.Bind(1, std::string_view(state));
-  while (select.Step()) {
-    Archive& archive = archives->emplace_back();
-    archive.id = select.Int(0);
-    archive.path = select.Text(1);
-    archive.first_record = select.Int(2);
-    archive.last_record = select.Int(3);
-    archive.created_ms = select.Int(4);
-    archive.bytes = select.Int(5);
-  }
-  return select.status();
-}
 
 // An administrator's archive must stay in the hands of the collector, which runs under a user of
 // its own. Best effort: only root may give files away, and nobody else has to.
@@ -86,8 +29,6 @@ void GiveToOwnerOf(const std::string& database_path, const std::string& path) {
   }
 }
 
-// ---- Making an archive ----
-//
 // The order is what makes it safe to be killed: the complete file waits under a temporary name
 // while the database notes its final one ("begun"); then it gets that name; then one transaction
 // deletes the records and notes "complete". So a noted name with a file means that the records are
@@ -222,102 +163,6 @@ Status Finish(Keeper* keeper) {
   return status;
 }
 
-// ---- Retention ----
-
-constexpr int kRowsAtOnce = 100;
-constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
-
-Status DeleteArchive(Keeper* keeper, const std::string& database_path, const Archive& archive) {
-  const std::string path = LocateArchive(database_path, archive);
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) return ErrnoStatus("cannot delete " + path);
-  DeleteArchiveEvent event;
-  event.archive_ = archive.path;
-  Transaction transaction(&keeper->connection);
-  Status status = transaction.Begin();
-  if (status.ok()) status = SetState(&keeper->connection, archive.id, "deleted");
-  if (status.ok()) status = AddJournalEvent(&keeper->connection, keeper->run, &event);
-  if (status.ok()) status = transaction.Commit();
-  return status;
-}
-
-// Deletes those of the oldest rows of `table` that were received before `before_ms`, and gives
-// their pages back to the file system. `deleted` tells how many there were.
-Status DeleteOldest(Keeper* keeper, const std::string& table, std::int64_t before_ms,
-                    const char* reason, std::int64_t* deleted) {
-  Statement remove;
-  Transaction transaction(&keeper->connection);
-  Status status = transaction.Begin();
-  if (status.ok()) {
-    status = keeper->connection.Prepare("DELETE FROM " + table + " WHERE id IN (SELECT id FROM " +
-                                            table + " ORDER BY id LIMIT ?) AND received_ms < ?",
-                                        &remove);
-  }
-  if (status.ok()) status = remove.Bind(1, kRowsAtOnce).Bind(2, before_ms).Run();
-  *deleted = keeper->connection.Changes();
-  if (status.ok()) status = CountRemoved(keeper, "deleted", reason, *deleted);
-  if (status.ok()) status = keeper->connection.Execute("PRAGMA incremental_vacuum");
-  if (status.ok()) status = transaction.Commit();
-  return status;
-}
-
-Status ApplyAge(Keeper* keeper, const std::string& database_path, std::int64_t keep_days) {
-  const std::int64_t before_ms = NowMs() - keep_days * kDayMs;
-  std::vector<Archive> archives;
-  if (Status status = ReadArchives(&keeper->connection, "complete", &archives); !status.ok()) {
-    return status;
-  }
-  for (const Archive& archive : archives) {
-    if (archive.created_ms >= before_ms) continue;
-    if (Status status = DeleteArchive(keeper, database_path, archive); !status.ok()) return status;
-  }
-  for (const char* table : {"records", "quarantine"}) {
-    for (std::int64_t deleted = 1; deleted > 0;) {
-      if (Status status = DeleteOldest(keeper, table, before_ms, "age", &deleted); !status.ok()) {
-        return status;
-      }
-    }
-  }
-  return {};
-}
-
-// The bytes of the pages in use.
-Status DatabaseBytes(Connection* connection, std::int64_t* bytes) {
-  return connection->Read(
-      "SELECT (page_count - freelist_count) * page_size "
-      "FROM pragma_page_count, pragma_freelist_count, pragma_page_size",
-      bytes);
-}
-
-Status ApplySize(Keeper* keeper, const std::string& database_path, std::int64_t max_bytes) {
-  std::vector<Archive> archives;
-  std::int64_t bytes = 0;
-  Status status = ReadArchives(&keeper->connection, "complete", &archives);
-  if (status.ok()) status = DatabaseBytes(&keeper->connection, &bytes);
-  if (!status.ok()) return status;
-  for (const Archive& archive : archives) bytes += archive.bytes;
-
-  for (const Archive& archive : archives) {
-    if (bytes <= max_bytes) return {};
-    status = DeleteArchive(keeper, database_path, archive);
-    if (!status.ok()) return status;
-    bytes -= archive.bytes;
-  }
-  for (std::int64_t deleted = 1; deleted > 0;) {
-    status = DatabaseBytes(&keeper->connection, &bytes);
-    if (!status.ok() || bytes <= max_bytes) return status;
-    std::int64_t quarantine_is_older = 0;
-    status = keeper->connection.Read(
-        "SELECT coalesce((SELECT received_ms FROM quarantine ORDER BY id LIMIT 1) < "
-        "coalesce((SELECT received_ms FROM records ORDER BY id LIMIT 1), 9e18), 0)",
-        &quarantine_is_older);
-    if (!status.ok()) return status;
-    status = DeleteOldest(keeper, quarantine_is_older ? "quarantine" : "records", INT64_MAX, "size",
-                          &deleted);
-    if (!status.ok()) return status;
-  }
-  return {};
-}
-
 }  // namespace
 
 Status ArchiveRecords(const std::string& database_path, const std::string& directory,
@@ -358,18 +203,6 @@ Status FinishArchives(const std::string& database_path) {
   Keeper keeper;
   Status status = OpenKeeper(database_path, &keeper);
   return status.ok() ? Finish(&keeper) : status;
-}
-
-Status ApplyRetention(const std::string& database_path, const Retention& retention) {
-  Keeper keeper;
-  Status status = OpenKeeper(database_path, &keeper);
-  if (status.ok() && retention.keep_days > 0) {
-    status = ApplyAge(&keeper, database_path, retention.keep_days);
-  }
-  if (status.ok() && retention.max_bytes > 0) {
-    status = ApplySize(&keeper, database_path, retention.max_bytes);
-  }
-  return status;
 }
 
 std::string LocateArchive(const std::string& database_path, const Archive& archive) {

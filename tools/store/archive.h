@@ -1,4 +1,4 @@
-// Closed records in compressed files, and what is kept for how long.
+// Closed records in compressed files.
 //
 // An archive is a database like the one that its records came from, compressed with zstd: after
 // `zstd -d` any SQL tool opens it.
@@ -25,16 +25,6 @@ Status ArchiveRecords(const std::string& database_path, const std::string& direc
 
 // Ends, or takes back, what a killed ArchiveRecords() left half done.
 Status FinishArchives(const std::string& database_path);
-
-// What is kept. Zero means without limit.
-struct Retention {
-  std::int64_t keep_days = 0;  // rows received, and archives whose last record is, longer ago go
-  std::int64_t max_bytes = 0;  // database and archives together; the oldest go first
-};
-
-// Deletes what `retention` no longer keeps, in small transactions between which a collector gets
-// its turn. Archives go as whole files, and are journalled.
-Status ApplyRetention(const std::string& database_path, const Retention& retention);
 
 // Where the file of `archive` is: its path, or, when the database was copied elsewhere together
 // with its archives, its place in the archive folder of `database_path`.

@@ -9,6 +9,7 @@
 #include "tools/store/archive.h"
 #include "tools/store/file.h"
 #include "tools/store/schema.h"
+#include "tools/store/statements.h"
 
 namespace velmora::usage_stat::store {
 
@@ -111,19 +112,6 @@ Tally TallyOf(const Statement& row) {
           row.Int(4), row.Int(5)};
 }
 
-Archive ArchiveOf(const Statement& row) {
-  return {row.Int(0),
-          std::string(row.Text(1)),
-          std::string(row.Text(2)),
-          row.Int(3),
-          row.Int(4),
-          row.Int(5),
-          row.Int(6),
-          row.Int(7),
-          row.Int(8),
-          row.Int(9)};
-}
-
 // Fills `rows` with what `make` makes of each row of a query.
 template <class Row>
 Status ReadAll(Connection* connection, std::string_view sql, Row (*make)(const Statement&),
@@ -145,6 +133,28 @@ Status OpenUnpacked(const std::string& path, Connection* connection) {
   Status status = UnpackArchive(path, unpacked);
   if (status.ok()) status = OpenForReading(unpacked, connection);
   unlink(unpacked.c_str());
+  return status;
+}
+
+bool MayHoldMatch(const Archive& archive, const Query& query) {
+  return archive.state == "complete" &&
+         (!query.after_id || archive.last_record > *query.after_id) &&
+         (!query.since_ms || archive.last_timestamp_ms >= *query.since_ms) &&
+         (!query.until_ms || archive.first_timestamp_ms < *query.until_ms);
+}
+
+// The newest matches, oldest of them first: they are those that come first in reverse.
+Status ForEachOfNewest(Journal* journal, Query query, const RecordVisitor& visit,
+                       std::vector<std::string>* problems) {
+  query.reverse = true;
+  std::vector<RecordRow> rows;
+  const auto keep = [&rows](const RecordRow& row) {
+    rows.push_back(row);
+    return true;
+  };
+  Status status = journal->ForEach(query, keep, problems);
+  for (auto row = rows.rbegin(); row != rows.rend() && visit(*row); ++row) {
+  }
   return status;
 }
 
@@ -202,10 +212,7 @@ Status Reader::ReadTallies(std::vector<Tally>* tallies) {
 }
 
 Status Reader::ReadArchives(std::vector<Archive>* archives) {
-  return ReadAll(&connection_,
-                 "SELECT id, path, state, created_ms, first_record, last_record, records, "
-                 "first_timestamp_ms, last_timestamp_ms, bytes FROM archives ORDER BY id",
-                 &ArchiveOf, archives);
+  return store::ReadArchives(&connection_, archives);
 }
 
 Status Reader::CountRows(std::int64_t* records, std::int64_t* quarantined) {
@@ -229,32 +236,15 @@ Status Journal::Open(const std::string& path, std::unique_ptr<Journal>* journal)
 
 Status Journal::ForEach(const Query& query, const RecordVisitor& visit,
                         std::vector<std::string>* problems) {
-  // The newest records are those that come first in reverse.
-  if (query.newest && !query.reverse) {
-    Query backwards = query;
-    backwards.reverse = true;
-    std::vector<RecordRow> rows;
-    const auto keep = [&rows](const RecordRow& row) {
-      rows.push_back(row);
-      return true;
-    };
-    Status status = ForEach(backwards, keep, problems);
-    for (auto row = rows.rbegin(); row != rows.rend() && visit(*row); ++row) {
-    }
-    return status;
-  }
+  if (query.newest && !query.reverse) return ForEachOfNewest(this, query, visit, problems);
 
   // One state of the database for the list of archives and the records that are not in them.
   Transaction snapshot(&live_->connection());
   if (Status status = live_->connection().Execute("BEGIN"); !status.ok()) return status;
   std::vector<Archive> archives;
   if (Status status = live_->ReadArchives(&archives); !status.ok()) return status;
-  std::erase_if(archives, [&query](const Archive& archive) {
-    return archive.state != "complete" ||
-           (query.after_id && archive.last_record <= *query.after_id) ||
-           (query.since_ms && archive.last_timestamp_ms < *query.since_ms) ||
-           (query.until_ms && archive.first_timestamp_ms >= *query.until_ms);
-  });
+  std::erase_if(archives,
+                [&query](const Archive& archive) { return !MayHoldMatch(archive, query); });
 
   Query rest = query;
   bool more = true;

@@ -24,6 +24,22 @@ Status Count(Statement* count, const Tally& tally) {
       .Run();
 }
 
+Status ReadArchives(Connection* connection, std::vector<Archive>* archives) {
+  archives->clear();
+  Statement select;
+  Status status = connection->Prepare(
+      "SELECT id, path, state, created_ms, first_record, last_record, records, "
+      "first_timestamp_ms, last_timestamp_ms, bytes FROM archives ORDER BY id",
+      &select);
+  if (!status.ok()) return status;
+  while (select.Step()) {
+    archives->push_back({select.Int(0), std::string(select.Text(1)), std::string(select.Text(2)),
+                         select.Int(3), select.Int(4), select.Int(5), select.Int(6), select.Int(7),
+                         select.Int(8), select.Int(9)});
+  }
+  return select.status();
+}
+
 Status LatestRun(Connection* connection, std::int64_t* run) {
   return connection->Read("SELECT coalesce(max(id), 0) FROM runs", run);
 }

@@ -4,6 +4,7 @@
 #define TOOLS_STORE_STATEMENTS_H_
 
 #include <string_view>
+#include <vector>
 
 #include "tools/store/row.h"
 #include "tools/store/sqlite.h"
@@ -20,6 +21,9 @@ constexpr std::string_view kCount =
     "ON CONFLICT DO UPDATE SET count = count + excluded.count, last_ms = excluded.last_ms";
 // Adds to a count; the count of `tally` may be negative.
 Status Count(Statement* count, const Tally& tally);
+
+// All archives, oldest first.
+Status ReadArchives(Connection* connection, std::vector<Archive>* archives);
 
 // The run that what is done outside of any run counts for: the latest, or 0.
 Status LatestRun(Connection* connection, std::int64_t* run);
