@@ -22,7 +22,7 @@ std::string DefaultEndpoint() {
 
 // An empty database takes some pages already; a limit below them would delete everything.
 CLI::Validator SizeLimit() {
-  constexpr std::uint64_t kLeast = 1024 * 1024;
+  constexpr auto kLeast = std::uint64_t{1024} * 1024;
   const auto check = [](const std::string& text) {
     std::uint64_t bytes = 0;
     const bool is_number = CLI::detail::lexical_cast(text, bytes);

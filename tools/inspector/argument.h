@@ -170,7 +170,7 @@ struct Argument<Margins> {
     const auto margin = [packed](int shift) { return static_cast<std::int8_t>(packed >> shift); };
     value = {margin(24), margin(16), margin(8), margin(0)};
     // A negative margin sets every bit above its own byte.
-    return value.margin_1 * 0x1000000 == packed - (packed & 0xFFFFFF) &&
+    return std::int64_t{value.margin_1} * 0x1000000 == packed - (packed & 0xFFFFFF) &&
            (value.margin_2 >= 0 || value.margin_1 == -1) &&
            (value.margin_3 >= 0 || value.margin_2 == -1) &&
            (value.margin_4 >= 0 || value.margin_3 == -1);

@@ -35,7 +35,7 @@ std::optional<std::int64_t> UnitMs(std::string_view unit) {
   constexpr Unit kUnits[] = {
       {" s sec secs second seconds ", 1}, {" m min mins minute minutes ", 60},
       {" h hour hours ", 3600},           {" d day days ", 86400},
-      {" w week weeks ", 7 * 86400},      {" month months ", 2629800},  // a twelfth of a year
+      {" w week weeks ", 604800},         {" month months ", 2629800},  // a twelfth of a year
       {" y year years ", 31557600}};
   const std::string wanted = ' ' + std::string(unit) + ' ';
   for (const Unit& row : kUnits) {

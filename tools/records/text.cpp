@@ -69,8 +69,8 @@ std::string LocalTime(std::int64_t ms) {
   if (time != seconds || !localtime_r(&time, &local))
     return fmt::format("@{}.{:03}", seconds, rest);
   std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "%F %T", &local);
-  return fmt::format("{}.{:03}", text.data(), rest);
+  const std::size_t size = std::strftime(text.data(), text.size(), "%F %T", &local);
+  return fmt::format("{}.{:03}", std::string_view(text.data(), size), rest);
 }
 
 }  // namespace velmora::usage_stat::records
