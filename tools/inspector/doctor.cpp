@@ -77,8 +77,7 @@ void CheckEndpoint(const std::string& database, Findings* findings) {
     if (!IsTrusted(holder.uid, database)) {
       add(State::kWarn, who + ", receives the records",
           "stop it unless you know it: it is neither root's nor yours nor the database owner's, "
-          "and "
-          "an abstract name has no permissions");
+          "and an abstract name has no permissions");
     } else if (holder.program != "usage-stat-collector") {
       add(State::kWarn, who + ", receives the records",
           "stop it unless you know it: it is not usage-stat-collector");
