@@ -180,6 +180,7 @@ TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
   ASSERT_OK(store::ArchiveRecords(database_, archives_, &archive));
   ASSERT_TRUE(archive);
   EXPECT_EQ(archive->records, 11);
+  EXPECT_EQ(std::filesystem::file_size(database_ + "-wal"), 0U);
   Add(10);
   ASSERT_OK(store::ArchiveRecords(database_, archives_, &archive));
   Add(2);
@@ -246,6 +247,7 @@ TEST_F(ArchiveTest, RetentionDeletesTheOldestFirst) {
   ASSERT_FALSE(rest.empty());
   EXPECT_LT(rest.size(), 1501U);
   EXPECT_EQ(rest.back(), "3999");
+  EXPECT_LE(std::filesystem::file_size(database_), 100'000U);
 
   // By age: these rows claim to be from 1970, the store's own are of today.
   ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 1, .max_bytes = 0}));

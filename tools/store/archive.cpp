@@ -193,6 +193,7 @@ Status ArchiveRecords(const std::string& database_path, const std::string& direc
   status = SyncFolder(directory);
   if (status.ok()) status = Complete(&keeper, made);
   if (status.ok()) {
+    GiveBackSpace(&keeper.connection);
     made.state = "complete";
     *archive = made;
   }

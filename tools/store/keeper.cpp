@@ -27,7 +27,13 @@ Status CountRemoved(Keeper* keeper, const char* outcome, const std::string& reas
   Statement count;
   Status status = keeper->connection.Prepare(kCount, &count);
   if (!status.ok() || rows == 0) return status;
+  keeper->has_removed = true;
   return Count(&count, {keeper->run, getuid(), outcome, reason, rows, NowMs()});
+}
+
+void GiveBackSpace(Connection* connection) {
+  // The file gets shorter when its log has been played into it.
+  (void)connection->Execute("PRAGMA incremental_vacuum; PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 Status SetState(Connection* connection, std::int64_t archive, const char* state) {

@@ -18,7 +18,8 @@ namespace velmora::usage_stat::store {
 struct Keeper {
   Descriptor lock;  // on the folder, so that no file has to be made for it
   Connection connection;
-  std::int64_t run = 0;  // that what is done counts for
+  std::int64_t run = 0;      // that what is done counts for
+  bool has_removed = false;  // rows
 };
 
 // Does not wait: SQLITE_BUSY when another process is at it.
@@ -27,6 +28,10 @@ Status OpenKeeper(const std::string& database_path, Keeper* keeper);
 // Counts rows that were taken out of the database.
 Status CountRemoved(Keeper* keeper, const char* outcome, const std::string& reason,
                     std::int64_t rows);
+
+// Gives the space of rows that were removed back to the file system, as far as other connections
+// let it just now.
+void GiveBackSpace(Connection* connection);
 
 Status SetState(Connection* connection, std::int64_t archive, const char* state);
 

@@ -119,6 +119,7 @@ Status ApplyRetention(const std::string& database_path, const Retention& retenti
   if (status.ok() && retention.max_bytes > 0) {
     status = ApplySize(&keeper, database_path, retention.max_bytes);
   }
+  if (keeper.has_removed) GiveBackSpace(&keeper.connection);
   return status;
 }
 
