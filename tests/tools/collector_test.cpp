@@ -336,7 +336,7 @@ TEST_F(CollectorTest, WaitsForAFullDisk) {
 
 TEST_F(CollectorTest, GoesOnWhenItsDatabaseBreaks) {
   const std::string aside = folder_ / "aside";
-  const auto spoil = [this](std::uintmax_t from) {
+  const auto spoil = [this](std::size_t from) {
     const std::string before = ReadFile(database_);
     WriteFile(database_, before.substr(0, from) + std::string(before.size() - from, 'x'));
   };
