@@ -231,6 +231,12 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   states = examine({"--endpoint", squatter.endpoint()}, 0);
   EXPECT_EQ(states["endpoint"], "warn");
   EXPECT_EQ(states["root"], "warn");
+  EXPECT_EQ(states["setting"], "ok");
+  std::filesystem::create_directories(folder_ / "mnt/ext1/system/config");
+  WriteFile(folder_ / "mnt/ext1/system/config/global.cfg", "statistics_enabled=0\n");
+  states = examine({"--endpoint", squatter.endpoint()}, 0);
+  EXPECT_EQ(states["root"], "ok");
+  EXPECT_EQ(states["setting"], "warn");
 
   auto writer = OpenWriter();
   store::RecordRow late = Row("GoToURLEvent", 1000);
