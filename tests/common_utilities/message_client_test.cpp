@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <latch>
 #include <string>
@@ -26,9 +25,6 @@ namespace {
 using usage_stat_test::kEndpointVariable;
 using usage_stat_test::Receiver;
 using velmora::utilities::MessageClient;
-
-// Names are taken as they are here, whatever endpoint the tests were started with.
-[[maybe_unused]] const int kNoReplacement = unsetenv(kEndpointVariable);
 
 constexpr unsigned int kCapacity = 102400;
 const std::string kNobody = '\0' + Receiver::UniqueEndpoint() + '\0';
