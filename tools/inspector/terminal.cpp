@@ -1,5 +1,6 @@
 #include "tools/inspector/terminal.h"
 
+#include <common_utilities/serialization_utils.h>
 #include <unistd.h>
 
 #include <array>
@@ -51,10 +52,7 @@ std::string Coloured(Colour colour, std::string_view text) {
 }
 
 std::string Hex(std::string_view bytes) {
-  std::string hex;
-  hex.reserve(2 * bytes.size());
-  for (const char byte : bytes) hex += fmt::format("{:02x}", static_cast<std::uint8_t>(byte));
-  return hex;
+  return utilities::SerializationUtils::ToHex({bytes.begin(), bytes.end()});
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -25,11 +25,11 @@ namespace velmora::utilities {
 // threads on different streams.
 //
 // Writers only append: the stream of a record can't be positioned. They fail when the stream is, or
-// goes, into a failed state. Readers fail when the stream ends
-// early; they never trust a length they read, so memory stays bounded by what the stream really
-// holds. A destination must not be null; after a failed read of a number it holds what it held
-// before, after a failed read of a text or list it holds the part that was read (the last text of
-// the list may be cut short). What the stream's own buffer or an allocation throws passes through.
+// goes, into a failed state. Readers fail when the stream ends early; they never trust a length
+// they read, so memory stays bounded by what the stream really holds. A destination must not be
+// null; after a failed read of a number it holds what it held before, after a failed read of a text
+// or list it holds the part that was read (the last text of the list may be cut short). What the
+// stream's own buffer or an allocation throws passes through.
 class __attribute__((visibility("default"))) SerializationUtils {
  public:
   static int SerializeInt16(short value, std::ostream& out);
