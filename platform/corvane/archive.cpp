@@ -11,16 +11,14 @@ namespace corvane {
 namespace {
 
 // Books have some hundreds of entries, each with about a hundred bytes in the directory.
-constexpr uint32_t kMaxDirectorySize = 1024 * 1024;
+constexpr std::uint32_t kMaxDirectorySize = 1024 * 1024;
 
 // Bounds the time that a stream takes which never gives a byte.
-constexpr uint64_t kMaxCompressedSize = uint64_t{64} * 1024 * 1024;
+constexpr std::uint64_t kMaxCompressedSize = std::uint64_t{64} * 1024 * 1024;
 
-uint32_t LittleEndian32(std::string_view bytes) {
-  uint32_t value = 0;
-  for (size_t i = 4; i-- > 0;) {
-    value = value << 8 | static_cast<uint8_t>(bytes[i]);
-  }
+std::uint32_t LittleEndian32(std::string_view bytes) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 4; i-- > 0;) value = value << 8 | static_cast<std::uint8_t>(bytes[i]);
   return value;
 }
 
@@ -32,10 +30,10 @@ uint32_t LittleEndian32(std::string_view bytes) {
 const char* ProblemOfDirectory(int fd) {
   constexpr std::string_view kEndMark("PK\5\6", 4);
   constexpr std::string_view kEndMark64("PK\6\7", 4);
-  constexpr size_t kSizeOffset = 12;  // from the mark to the directory's size
-  constexpr size_t kEndSize = 22;
-  constexpr size_t kEnd64Size = 20;
-  constexpr size_t kMaxTail = 65535 + kEndSize + kEnd64Size;  // with the longest comment
+  constexpr std::size_t kSizeOffset = 12;  // from the mark to the directory's size
+  constexpr std::size_t kEndSize = 22;
+  constexpr std::size_t kEnd64Size = 20;
+  constexpr std::size_t kMaxTail = 65535 + kEndSize + kEnd64Size;  // with the longest comment
 
   const off_t size = lseek(fd, 0, SEEK_END);
   std::string tail;
@@ -43,7 +41,7 @@ const char* ProblemOfDirectory(int fd) {
       ReadUpTo(fd, kMaxTail, &tail) != 0) {
     return "can't be read";
   }
-  for (size_t at = tail.find(kEndMark); at != tail.npos; at = tail.find(kEndMark, at + 1)) {
+  for (std::size_t at = tail.find(kEndMark); at != tail.npos; at = tail.find(kEndMark, at + 1)) {
     if (at >= kEnd64Size && tail.compare(at - kEnd64Size, kEndMark64.size(), kEndMark64) == 0) {
       return "a 64-bit archive";
     }
@@ -59,12 +57,10 @@ const char* ProblemOfDirectory(int fd) {
 
 std::optional<Archive> Archive::Open(UniqueFd file, const char** problem) {
   *problem = ProblemOfDirectory(file.get());
-  if (*problem != nullptr) {
-    return std::nullopt;
-  }
+  if (*problem) return std::nullopt;
   int error = 0;
   Handle handle(zip_fdopen(file.get(), 0, &error), zip_discard);
-  if (handle == nullptr) {
+  if (!handle) {
     *problem = "no readable archive";
     return std::nullopt;
   }
@@ -72,27 +68,23 @@ std::optional<Archive> Archive::Open(UniqueFd file, const char** problem) {
   return Archive(std::move(handle));
 }
 
-std::optional<uint64_t> Archive::Find(const std::string& name) const {
+std::optional<std::uint64_t> Archive::Find(const std::string& name) const {
   const zip_int64_t index = zip_name_locate(handle_.get(), name.c_str(), 0);
-  if (index < 0) {
-    return std::nullopt;
-  }
-  return static_cast<uint64_t>(index);
+  if (index < 0) return std::nullopt;
+  return static_cast<std::uint64_t>(index);
 }
 
-std::optional<uint64_t> Archive::FindBySuffix(std::string_view suffix) const {
+std::optional<std::uint64_t> Archive::FindBySuffix(std::string_view suffix) const {
   const zip_int64_t entries = zip_get_num_entries(handle_.get(), 0);
   for (zip_int64_t i = 0; i < entries; ++i) {
-    const auto index = static_cast<uint64_t>(i);
+    const auto index = static_cast<std::uint64_t>(i);
     const char* name = zip_get_name(handle_.get(), index, 0);
-    if (name != nullptr && EndsWithIgnoringCase(name, suffix)) {
-      return index;
-    }
+    if (name && EndsWithIgnoringCase(name, suffix)) return index;
   }
   return std::nullopt;
 }
 
-std::optional<std::string> Archive::ReadStart(uint64_t index, size_t max_size,
+std::optional<std::string> Archive::ReadStart(std::uint64_t index, std::size_t max_size,
                                               const char** problem) const {
   zip_stat_t status;
   constexpr zip_uint64_t kWanted = ZIP_STAT_COMP_METHOD | ZIP_STAT_COMP_SIZE;
@@ -110,10 +102,10 @@ std::optional<std::string> Archive::ReadStart(uint64_t index, size_t max_size,
       zip_fopen_index(handle_.get(), index, 0), zip_fclose);
   std::string content;
   std::array<char, 16384> chunk;
-  zip_int64_t got = entry == nullptr ? -1 : 1;
+  zip_int64_t got = entry ? 1 : -1;
   while (got > 0 && content.size() < max_size) {
     got = zip_fread(entry.get(), chunk.data(), std::min(chunk.size(), max_size - content.size()));
-    content.append(chunk.data(), static_cast<size_t>(std::max<zip_int64_t>(got, 0)));
+    content.append(chunk.data(), static_cast<std::size_t>(std::max<zip_int64_t>(got, 0)));
   }
   if (got < 0) {
     *problem = "an entry of the archive is damaged";

@@ -21,12 +21,13 @@ class Archive {
   static std::optional<Archive> Open(UniqueFd file, const char** problem);
 
   // The index of the entry of that name, or of the first one whose name ends so, in any case.
-  std::optional<uint64_t> Find(const std::string& name) const;
-  std::optional<uint64_t> FindBySuffix(std::string_view suffix) const;
+  std::optional<std::uint64_t> Find(const std::string& name) const;
+  std::optional<std::uint64_t> FindBySuffix(std::string_view suffix) const;
 
   // The first `max_size` bytes of an entry, or all of it when it is shorter. What the archive says
   // about the size is not believed.
-  std::optional<std::string> ReadStart(uint64_t index, size_t max_size, const char** problem) const;
+  std::optional<std::string> ReadStart(std::uint64_t index, std::size_t max_size,
+                                       const char** problem) const;
 
  private:
   using Handle = std::unique_ptr<zip_t, void (*)(zip_t*)>;

@@ -20,12 +20,12 @@ struct Book {
   std::string publisher;
   int year = 0;  // of publication
   std::string series;
-  int16_t series_number = 0;
+  std::int16_t series_number = 0;
   std::string isbn;  // 13 digits
 };
 
 // As many people as a record has room for; the readers stop there.
-inline constexpr size_t kMaxPeople = 11;
+inline constexpr std::size_t kMaxPeople = 11;
 
 // Each reads one format from an open file. A file that is damaged, hostile or of another format
 // gives no book and sets `*problem` to a static text that says why. Memory and time are bounded

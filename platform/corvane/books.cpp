@@ -18,18 +18,14 @@ namespace {
 using Reader = std::optional<Book> (*)(UniqueFd file, const char** problem);
 
 Reader ReaderFor(const char* path) {
-  if (EndsWithIgnoringCase(path, ".epub")) {
-    return ReadEpub;
-  }
-  if (EndsWithIgnoringCase(path, ".fb2")) {
-    return ReadFb2;
-  }
+  if (EndsWithIgnoringCase(path, ".epub")) return ReadEpub;
+  if (EndsWithIgnoringCase(path, ".fb2")) return ReadFb2;
   return EndsWithIgnoringCase(path, ".fb2.zip") ? ReadZippedFb2 : nullptr;
 }
 
 std::optional<Book> ReadBook(const char* path) {
-  const Reader read = path == nullptr ? nullptr : ReaderFor(path);
-  if (read == nullptr) {
+  const Reader read = path ? ReaderFor(path) : nullptr;
+  if (!read) {
     return std::nullopt;  // a file of some other kind, which is no fault
   }
   int error = 0;
@@ -40,9 +36,7 @@ std::optional<Book> ReadBook(const char* path) {
   }
   const char* problem = nullptr;
   std::optional<Book> book = read(std::move(file), &problem);
-  if (!book) {
-    CORVANE_LOG(kLogError, "%s is no readable book: %s", path, problem);
-  }
+  if (!book) CORVANE_LOG(kLogError, "%s is no readable book: %s", path, problem);
   return book;
 }
 
@@ -64,7 +58,7 @@ void Publish(const char* path, Book book, PublishedBook* published) {
   info.file_type = 1;
   info.path = published->path.c_str();
   info.language = OrNull(from.language);
-  for (size_t i = 0; i < from.people.size() && i <= std::size(info.names); ++i) {
+  for (std::size_t i = 0; i < from.people.size() && i <= std::size(info.names); ++i) {
     (i == 0 ? info.primary_name : info.names[i - 1]) = from.people[i].c_str();
   }
   info.n1 = from.year;
@@ -84,18 +78,14 @@ thread_local std::string returned_isbn;
 
 const BookInfo* GetBookInfo(const char* path) {
   std::optional<corvane::Book> book = corvane::ReadBook(path);
-  if (!book) {
-    return nullptr;
-  }
+  if (!book) return nullptr;
   corvane::Publish(path, std::move(*book), &corvane::returned_book);
   return &corvane::returned_book.info;
 }
 
 const char* GetBookISBN(const char* path) {
   const std::optional<corvane::Book> book = corvane::ReadBook(path);
-  if (!book || book->isbn.empty()) {
-    return nullptr;
-  }
+  if (!book || book->isbn.empty()) return nullptr;
   corvane::returned_isbn = book->isbn;
   return corvane::returned_isbn.c_str();
 }

@@ -28,20 +28,18 @@ namespace corvane {
 namespace {
 
 // A configuration is written by hand; more than this is some other file.
-constexpr size_t kMaxConfigSize = size_t{1024} * 1024;
+constexpr std::size_t kMaxConfigSize = std::size_t{1024} * 1024;
 
 // Gives inih the next line of the text. Indentation is dropped, since inih would take an indented
 // line for the continuation of the value before it. A line that does not fit inih's buffer becomes
 // an empty one: cut in pieces, its tail could pass for another key.
 char* NextLine(char* line, int capacity, void* stream) {
   auto& rest = *static_cast<std::string_view*>(stream);
-  if (rest.empty()) {
-    return nullptr;
-  }
+  if (rest.empty()) return nullptr;
   std::string_view next = rest.substr(0, rest.find('\n'));
   rest.remove_prefix(std::min(rest.size(), next.size() + 1));
   next.remove_prefix(std::min(next.size(), next.find_first_not_of(" \t\r\v\f")));
-  if (next.size() >= static_cast<size_t>(capacity)) {
+  if (next.size() >= static_cast<std::size_t>(capacity)) {
     CORVANE_LOG(kLogError, "a line of %zu bytes is too long and was ignored", next.size());
     next = {};
   }
@@ -52,17 +50,13 @@ char* NextLine(char* line, int capacity, void* stream) {
 // Keeps keys outside sections only: this interface has no sections, so the same key of two sections
 // could not be told apart. The last of several assignments counts.
 int StoreValue(void* user, const char* section, const char* key, const char* value) {
-  if (*section == '\0') {
-    static_cast<ConfigValues*>(user)->insert_or_assign(key, value);
-  }
+  if (*section == '\0') static_cast<ConfigValues*>(user)->insert_or_assign(key, value);
   return 1;
 }
 
 // Reads the file of `config` if that has not been done yet. The caller holds the lock.
 const ConfigValues& LoadedValues(CorvaneConfig* config) {
-  if (!config->values) {
-    config->values = ReadConfigFile(config->path.c_str());
-  }
+  if (!config->values) config->values = ReadConfigFile(config->path.c_str());
   return *config->values;
 }
 
@@ -97,55 +91,43 @@ std::optional<int> ParseInt(std::string_view text) {
   int number = 0;
   const char* end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, number);
-  if (result.ec != std::errc() || result.ptr != end) {
-    return std::nullopt;
-  }
+  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
   return number;
 }
 
 int IntOf(const ConfigValues& values, std::string_view key, int default_value) {
   const std::string* text = Find(values, key);
-  return text == nullptr ? default_value : ParseInt(*text).value_or(default_value);
+  return text ? ParseInt(*text).value_or(default_value) : default_value;
 }
 
 }  // namespace corvane
 
 CorvaneConfig* OpenConfig(const char* path, int flags) {
-  if (path == nullptr || flags != 0) {
-    return nullptr;
-  }
+  if (!path || flags != 0) return nullptr;
   auto config = std::make_unique<CorvaneConfig>(path);
   RefreshConfig(config.get());
   return config.release();
 }
 
 const char* ReadString(CorvaneConfig* config, const char* key, const char* default_value) {
-  if (config == nullptr || key == nullptr) {
-    return default_value;
-  }
+  if (!config || !key) return default_value;
   const std::lock_guard lock(config->mutex);
   const std::string* text = corvane::Find(corvane::LoadedValues(config), key);
-  return text == nullptr ? default_value : text->c_str();
+  return text ? text->c_str() : default_value;
 }
 
 int ReadInt(CorvaneConfig* config, const char* key, int default_value) {
-  if (config == nullptr || key == nullptr) {
-    return default_value;
-  }
+  if (!config || !key) return default_value;
   const std::lock_guard lock(config->mutex);
   return corvane::IntOf(corvane::LoadedValues(config), key, default_value);
 }
 
 void CloseConfigNoSave(CorvaneConfig* config) {
-  if (config != g_corvane.global_config) {
-    delete config;
-  }
+  if (config != g_corvane.global_config) delete config;
 }
 
 void RefreshConfig(CorvaneConfig* config) {
-  if (config == nullptr) {
-    return;
-  }
+  if (!config) return;
   const std::lock_guard lock(config->mutex);
   config->values = corvane::ReadConfigFile(config->path.c_str());
 }

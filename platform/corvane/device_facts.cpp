@@ -15,16 +15,14 @@
 namespace corvane {
 namespace {
 
-constexpr size_t kMinIdSize = 16;
-constexpr size_t kMaxIdSize = 64;
+constexpr std::size_t kMinIdSize = 16;
+constexpr std::size_t kMaxIdSize = 64;
 
 std::optional<unsigned char> HexDigit(char digit) {
   constexpr std::string_view kLower = "0123456789abcdef";
   constexpr std::string_view kUpper = "0123456789ABCDEF";
-  const size_t value = std::min(kLower.find(digit), kUpper.find(digit));
-  if (value == std::string_view::npos) {
-    return std::nullopt;
-  }
+  const std::size_t value = std::min(kLower.find(digit), kUpper.find(digit));
+  if (value == std::string_view::npos) return std::nullopt;
   return static_cast<unsigned char>(value);
 }
 
@@ -34,12 +32,10 @@ std::optional<std::string> ParseId(std::string_view hex) {
     return std::nullopt;
   }
   std::string id;
-  for (size_t i = 0; i < hex.size(); i += 2) {
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
     const auto high = HexDigit(hex[i]);
     const auto low = HexDigit(hex[i + 1]);
-    if (!high || !low) {
-      return std::nullopt;
-    }
+    if (!high || !low) return std::nullopt;
     id.push_back(static_cast<char>(*high * 16 + *low));
   }
   return id;
@@ -49,18 +45,14 @@ std::optional<std::string> ParseId(std::string_view hex) {
 // leave it, so what is reported is a keyed hash from which it can't be found.
 std::optional<std::string> IdOfMachine() {
   std::string text;
-  if (ReadRegularFile("/etc/machine-id", 4096, &text) != 0) {
-    return std::nullopt;
-  }
+  if (ReadRegularFile("/etc/machine-id", 4096, &text) != 0) return std::nullopt;
   const auto machine_id = ParseId(std::string_view(text).substr(0, text.find('\n')));
-  if (!machine_id) {
-    return std::nullopt;
-  }
+  if (!machine_id) return std::nullopt;
   constexpr std::string_view kPurpose = "libcorvane device id";
   std::array<unsigned char, EVP_MAX_MD_SIZE> hash = {};
-  if (HMAC(EVP_sha256(), machine_id->data(), static_cast<int>(machine_id->size()),
-           reinterpret_cast<const unsigned char*>(kPurpose.data()), kPurpose.size(), hash.data(),
-           nullptr) == nullptr) {
+  if (!HMAC(EVP_sha256(), machine_id->data(), static_cast<int>(machine_id->size()),
+            reinterpret_cast<const unsigned char*>(kPurpose.data()), kPurpose.size(), hash.data(),
+            nullptr)) {
     return std::nullopt;
   }
   return std::string(hash.begin(), hash.begin() + kMinIdSize);
@@ -68,10 +60,8 @@ std::optional<std::string> IdOfMachine() {
 
 std::string DeviceId() {
   const ConfigValues values = ReadDeviceConfig();
-  if (const std::string* hex = Find(values, "device_id"); hex != nullptr) {
-    if (auto id = ParseId(*hex)) {
-      return *id;
-    }
+  if (const std::string* hex = Find(values, "device_id"); hex) {
+    if (auto id = ParseId(*hex)) return *id;
     CORVANE_LOG(kLogError, "device_id is not %zu to %zu hex digits in pairs and was ignored",
                 2 * kMinIdSize, 2 * kMaxIdSize);
   }
@@ -81,7 +71,7 @@ std::string DeviceId() {
 std::string TextFact(std::string_view key, const char* default_value) {
   const ConfigValues values = ReadDeviceConfig();
   const std::string* text = Find(values, key);
-  return text == nullptr ? default_value : *text;
+  return text ? *text : default_value;
 }
 
 // What the last call of each kind returned on this thread.

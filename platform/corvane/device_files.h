@@ -40,11 +40,11 @@ UniqueFd OpenRegularFile(const char* device_path, int* error);
 
 // Reads a regular file of at most `max_size` bytes. Returns 0 or an errno value (EFBIG for a larger
 // file); on failure `*text` is empty.
-int ReadRegularFile(const char* device_path, size_t max_size, std::string* text);
+int ReadRegularFile(const char* device_path, std::size_t max_size, std::string* text);
 
 // Reads from where `fd` stands until its end or until `*text` holds `max_size` bytes. Returns 0 or
 // an errno value.
-int ReadUpTo(int fd, size_t max_size, std::string* text);
+int ReadUpTo(int fd, std::size_t max_size, std::string* text);
 
 }  // namespace corvane
 

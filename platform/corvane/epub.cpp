@@ -13,7 +13,7 @@ namespace corvane {
 namespace {
 
 // A package lists every file of its book; the largest take some hundred KiB.
-constexpr size_t kMaxXml = size_t{4} * 1024 * 1024;
+constexpr std::size_t kMaxXml = std::size_t{4} * 1024 * 1024;
 
 std::optional<std::string> ReadXmlEntry(const Archive& archive, const std::string& name,
                                         const char** problem) {
@@ -58,18 +58,14 @@ class Metadata {
   template <typename Visit>
   void ForEach(std::string_view name, Visit visit) const {
     for (const pugi::xml_node node : metadata_.children()) {
-      if (LocalName(node.name()) == name) {
-        visit(node);
-      }
+      if (LocalName(node.name()) == name) visit(node);
     }
   }
 
   // What an attribute or a refinement of that name says about `node`; "" for nothing.
   std::string Detail(pugi::xml_node node, std::string_view name) const {
     const std::string_view own = Attribute(node, name);
-    if (!own.empty()) {
-      return CleanText(own);
-    }
+    if (!own.empty()) return CleanText(own);
     const auto found = refinements_.find(std::pair(Attribute(node, "id"), name));
     return found == refinements_.end() ? std::string() : TextOf(found->second);
   }
@@ -78,9 +74,7 @@ class Metadata {
   std::string FirstText(std::string_view name) const {
     std::string first;
     ForEach(name, [&](pugi::xml_node node) {
-      if (first.empty()) {
-        first = TextOf(node);
-      }
+      if (first.empty()) first = TextOf(node);
     });
     return first;
   }
@@ -95,9 +89,7 @@ class Metadata {
 std::string MainTitle(const Metadata& metadata) {
   std::string title;
   metadata.ForEach("title", [&](pugi::xml_node node) {
-    if (title.empty() && metadata.Detail(node, "title-type") == "main") {
-      title = TextOf(node);
-    }
+    if (title.empty() && metadata.Detail(node, "title-type") == "main") title = TextOf(node);
   });
   return title.empty() ? metadata.FirstText("title") : title;
 }
@@ -109,9 +101,7 @@ std::vector<std::string> People(const Metadata& metadata) {
   const auto add = [&](pugi::xml_node node, std::vector<std::string>* people) {
     if (people->size() < kMaxPeople) {
       std::string name = TextOf(node);
-      if (!name.empty()) {
-        people->push_back(std::move(name));
-      }
+      if (!name.empty()) people->push_back(std::move(name));
     }
   };
   metadata.ForEach("creator", [&](pugi::xml_node node) {
@@ -120,9 +110,7 @@ std::vector<std::string> People(const Metadata& metadata) {
   });
   metadata.ForEach("contributor", [&](pugi::xml_node node) { add(node, &others); });
   for (std::string& name : others) {
-    if (authors.size() < kMaxPeople) {
-      authors.push_back(std::move(name));
-    }
+    if (authors.size() < kMaxPeople) authors.push_back(std::move(name));
   }
   return authors;
 }
@@ -150,9 +138,7 @@ std::string Isbn(const Metadata& metadata) {
     const std::string type = metadata.Detail(node, "identifier-type");
     const bool marked =
         ToLower(Attribute(node, "scheme")) == "isbn" || type == "02" || type == "15";
-    if (isbn.empty()) {
-      isbn = ParseIsbn(TextOf(node), marked);
-    }
+    if (isbn.empty()) isbn = ParseIsbn(TextOf(node), marked);
   });
   return isbn;
 }
@@ -183,23 +169,17 @@ void ReadSeries(const Metadata& metadata, Book* book) {
 
 std::optional<Book> ReadEpub(UniqueFd file, const char** problem) {
   const auto archive = Archive::Open(std::move(file), problem);
-  if (!archive) {
-    return std::nullopt;
-  }
+  if (!archive) return std::nullopt;
   pugi::xml_document container;
   auto xml = ReadXmlEntry(*archive, "META-INF/container.xml", problem);
-  if (!xml) {
-    return std::nullopt;
-  }
+  if (!xml) return std::nullopt;
   if (!ParseXml(std::move(*xml), &container)) {
     *problem = "the container file is no well-formed XML";
     return std::nullopt;
   }
   pugi::xml_document package;
   xml = ReadXmlEntry(*archive, PackageName(container), problem);
-  if (!xml) {
-    return std::nullopt;
-  }
+  if (!xml) return std::nullopt;
   const bool well_formed = ParseXml(std::move(*xml), &package);
   const pugi::xml_node description = Child(Child(package, "package"), "metadata");
   if (!well_formed || !description) {

@@ -12,7 +12,7 @@ namespace corvane {
 namespace {
 
 // Only the start of a book is read: its description comes before the text and the pictures.
-constexpr size_t kMaxStart = size_t{1024} * 1024;
+constexpr std::size_t kMaxStart = std::size_t{1024} * 1024;
 
 std::string PersonName(pugi::xml_node person) {
   std::string name;
@@ -27,9 +27,7 @@ void AddPeople(pugi::xml_node title_info, std::string_view role, Book* book) {
   for (const pugi::xml_node node : title_info.children()) {
     if (LocalName(node.name()) == role && book->people.size() < kMaxPeople) {
       std::string name = PersonName(node);
-      if (!name.empty()) {
-        book->people.push_back(std::move(name));
-      }
+      if (!name.empty()) book->people.push_back(std::move(name));
     }
   }
 }
@@ -39,9 +37,7 @@ int PublicationYear(pugi::xml_node title_info, pugi::xml_node publish_info) {
   const pugi::xml_node date = Child(title_info, "date");
   for (const std::string& text :
        {TextOf(Child(publish_info, "year")), CleanText(Attribute(date, "value")), TextOf(date)}) {
-    if (const int year = ParseYear(text); year != 0) {
-      return year;
-    }
+    if (const int year = ParseYear(text); year != 0) return year;
   }
   return 0;
 }
@@ -69,9 +65,7 @@ std::optional<Book> ReadStartOfFb2(std::string start, const char** problem) {
   }
   const pugi::xml_node publish_info = Child(description, "publish-info");
   pugi::xml_node sequence = Child(title_info, "sequence");
-  if (!sequence) {
-    sequence = Child(publish_info, "sequence");
-  }
+  if (!sequence) sequence = Child(publish_info, "sequence");
   Book book;
   book.language = TextOf(Child(title_info, "lang"));
   book.title = TextOf(Child(title_info, "book-title"));
@@ -98,9 +92,7 @@ std::optional<Book> ReadFb2(UniqueFd file, const char** problem) {
 
 std::optional<Book> ReadZippedFb2(UniqueFd file, const char** problem) {
   const auto archive = Archive::Open(std::move(file), problem);
-  if (!archive) {
-    return std::nullopt;
-  }
+  if (!archive) return std::nullopt;
   const auto index = archive->FindBySuffix(".fb2");
   if (!index) {
     *problem = "no FB2 file in the archive";

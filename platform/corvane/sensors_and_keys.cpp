@@ -35,22 +35,16 @@ enum Orientation { kUpright = 0, kTurnedRight = 1, kUpsideDown = 2, kTurnedLeft 
 
 std::optional<Acceleration> OfAxes(std::optional<int> x, std::optional<int> y,
                                    std::optional<int> z) {
-  if (!x || !y || !z) {
-    return std::nullopt;
-  }
+  if (!x || !y || !z) return std::nullopt;
   return Acceleration{*x, *y, *z};
 }
 
 std::optional<double> ReadNumber(const std::string& device_path) {
   std::string text;
-  if (ReadRegularFile(device_path.c_str(), 4096, &text) != 0) {
-    return std::nullopt;
-  }
+  if (ReadRegularFile(device_path.c_str(), 4096, &text) != 0) return std::nullopt;
   double number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (result.ec != std::errc() || !std::isfinite(number)) {
-    return std::nullopt;
-  }
+  if (result.ec != std::errc() || !std::isfinite(number)) return std::nullopt;
   return number;
 }
 
@@ -61,21 +55,13 @@ std::optional<int> ReadAxis(const std::string& sensor, const char* axis) {
   const std::string of_all = sensor + "/in_accel";
   const auto raw = ReadNumber(of_axis + "_raw");
   auto scale = ReadNumber(of_axis + "_scale");
-  if (!scale) {
-    scale = ReadNumber(of_all + "_scale");
-  }
-  if (!raw || !scale) {
-    return std::nullopt;
-  }
+  if (!scale) scale = ReadNumber(of_all + "_scale");
+  if (!raw || !scale) return std::nullopt;
   auto offset = ReadNumber(of_axis + "_offset");
-  if (!offset) {
-    offset = ReadNumber(of_all + "_offset");
-  }
+  if (!offset) offset = ReadNumber(of_all + "_offset");
   constexpr double kStandardGravity = 9.80665;
   const double milli_g = (*raw + offset.value_or(0)) * *scale * 1000 / kStandardGravity;
-  if (!(std::abs(milli_g) < std::numeric_limits<int>::max())) {
-    return std::nullopt;
-  }
+  if (!(std::abs(milli_g) < std::numeric_limits<int>::max())) return std::nullopt;
   return static_cast<int>(std::lround(milli_g));
 }
 
@@ -88,9 +74,7 @@ std::optional<Acceleration> ReadKernelSensor() {
   const std::string folder = "/sys/bus/iio/devices/";
   const std::unique_ptr<DIR, int (*)(DIR*)> devices(opendir(HostPath(folder.c_str()).c_str()),
                                                     closedir);
-  if (devices == nullptr) {
-    return std::nullopt;
-  }
+  if (!devices) return std::nullopt;
   std::vector<std::string> names;
   while (const dirent* entry = readdir(devices.get())) {
     names.emplace_back(static_cast<const char*>(entry->d_name));
@@ -98,9 +82,7 @@ std::optional<Acceleration> ReadKernelSensor() {
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     if (name.starts_with("iio:device")) {
-      if (const auto reading = ReadSensor(std::string(folder).append(name))) {
-        return reading;
-      }
+      if (const auto reading = ReadSensor(std::string(folder).append(name))) return reading;
     }
   }
   return std::nullopt;
@@ -109,11 +91,9 @@ std::optional<Acceleration> ReadKernelSensor() {
 // Parses "x,y,z".
 std::optional<Acceleration> ParseAcceleration(std::string text) {
   std::erase(text, ' ');
-  const size_t first = text.find(',');
-  const size_t second = first == text.npos ? text.npos : text.find(',', first + 1);
-  if (second == text.npos) {
-    return std::nullopt;
-  }
+  const std::size_t first = text.find(',');
+  const std::size_t second = first == text.npos ? text.npos : text.find(',', first + 1);
+  if (second == text.npos) return std::nullopt;
   return OfAxes(ParseInt(text.substr(0, first)),
                 ParseInt(text.substr(first + 1, second - first - 1)),
                 ParseInt(text.substr(second + 1)));
@@ -122,12 +102,8 @@ std::optional<Acceleration> ParseAcceleration(std::string text) {
 // What device.cfg says wins over the kernel, so that a profile can stand for another device.
 std::optional<Acceleration> ReadAcceleration(const ConfigValues& values) {
   const std::string* text = Find(values, "gsensor");
-  if (text == nullptr) {
-    return ReadKernelSensor();
-  }
-  if (*text == "none") {
-    return std::nullopt;
-  }
+  if (!text) return ReadKernelSensor();
+  if (*text == "none") return std::nullopt;
   const auto reading = ParseAcceleration(*text);
   if (!reading) {
     CORVANE_LOG(kLogError, "gsensor is neither none nor three numbers x,y,z: \"%s\"",
@@ -140,22 +116,16 @@ int ScreenOrientation(const ConfigValues& values) { return IntOf(values, "orient
 
 // A device that lies flat says nothing about how it is turned: it keeps the screen's orientation.
 int OrientationFrom(const Acceleration& reading, const ConfigValues& values) {
-  constexpr int64_t kLeastTilt = 500;  // milli-g: 30 degrees
-  const int64_t across = std::abs(int64_t{reading.x});
-  const int64_t along = std::abs(int64_t{reading.y});
-  if (std::max(across, along) < kLeastTilt) {
-    return ScreenOrientation(values);
-  }
-  if (along >= across) {
-    return reading.y > 0 ? kUpright : kUpsideDown;
-  }
+  constexpr std::int64_t kLeastTilt = 500;  // milli-g: 30 degrees
+  const std::int64_t across = std::abs(std::int64_t{reading.x});
+  const std::int64_t along = std::abs(std::int64_t{reading.y});
+  if (std::max(across, along) < kLeastTilt) return ScreenOrientation(values);
+  if (along >= across) return reading.y > 0 ? kUpright : kUpsideDown;
   return reading.x < 0 ? kTurnedRight : kTurnedLeft;
 }
 
 void StoreIfWanted(int value, int* out) {
-  if (out != nullptr) {
-    *out = value;
-  }
+  if (out) *out = value;
 }
 
 // ---- Keys ----
@@ -163,22 +133,22 @@ void StoreIfWanted(int value, int* out) {
 // The two action lists of one mapping set; an empty text stands for no action.
 using ActionNames = std::array<std::vector<std::string>, 2>;
 
-ActionNames ReadActionNames(int mapping_set, size_t count) {
+ActionNames ReadActionNames(int mapping_set, std::size_t count) {
   const ConfigValues values = ReadDeviceConfig();
   constexpr std::array<const char*, 2> kLists = {".first.", ".second."};
   ActionNames names;
-  for (size_t list = 0; list < kLists.size(); ++list) {
+  for (std::size_t list = 0; list < kLists.size(); ++list) {
     const std::string prefix = "key." + std::to_string(mapping_set) + kLists[list];
-    for (size_t button = 0; button < count; ++button) {
+    for (std::size_t button = 0; button < count; ++button) {
       const std::string* name = Find(values, prefix + std::to_string(button));
-      names[list].push_back(name == nullptr ? std::string() : *name);
+      names[list].push_back(name ? *name : std::string());
     }
   }
   return names;
 }
 
-void Publish(const std::vector<std::string>& names, const char** actions, size_t count) {
-  for (size_t i = 0; actions != nullptr && i < count; ++i) {
+void Publish(const std::vector<std::string>& names, const char** actions, std::size_t count) {
+  for (std::size_t i = 0; actions && i < count; ++i) {
     const bool assigned = i < names.size() && !names[i].empty();
     actions[i] = assigned ? names[i].c_str() : nullptr;
   }
@@ -191,9 +161,7 @@ std::optional<unsigned int> ParseMask(std::string_view text) {
   unsigned int mask = 0;
   const char* end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, mask, base);
-  if (result.ec != std::errc() || result.ptr != end) {
-    return std::nullopt;
-  }
+  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
   return mask;
 }
 
@@ -203,9 +171,7 @@ std::optional<unsigned int> ParseMask(std::string_view text) {
 int ReadGSensor(int* x, int* y, int* z) {
   const corvane::ConfigValues values = corvane::ReadDeviceConfig();
   const auto reading = corvane::ReadAcceleration(values);
-  if (!reading) {
-    return -1;
-  }
+  if (!reading) return -1;
   corvane::StoreIfWanted(reading->x, x);
   corvane::StoreIfWanted(reading->y, y);
   corvane::StoreIfWanted(reading->z, z);
@@ -216,10 +182,10 @@ int GetOrientation(void) { return corvane::ScreenOrientation(corvane::ReadDevice
 
 void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** second_actions,
                      int count) {
-  constexpr size_t kButtons = 32;
+  constexpr std::size_t kButtons = 32;
   thread_local corvane::ActionNames names;
 
-  const size_t wanted = count > 0 ? static_cast<size_t>(count) : 0;
+  const std::size_t wanted = count > 0 ? static_cast<std::size_t>(count) : 0;
   names = corvane::ReadActionNames(mapping_set, std::min(wanted, kButtons));
   corvane::Publish(names[0], first_actions, wanted);
   corvane::Publish(names[1], second_actions, wanted);
@@ -228,12 +194,8 @@ void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** s
 unsigned int QueryDeviceButtons(void) {
   const corvane::ConfigValues values = corvane::ReadDeviceConfig();
   const std::string* text = corvane::Find(values, "buttons");
-  if (text == nullptr) {
-    return 0;
-  }
+  if (!text) return 0;
   const auto mask = corvane::ParseMask(*text);
-  if (!mask) {
-    CORVANE_LOG(kLogError, "buttons is no mask of 32 bits: \"%s\"", text->c_str());
-  }
+  if (!mask) CORVANE_LOG(kLogError, "buttons is no mask of 32 bits: \"%s\"", text->c_str());
   return mask.value_or(0);
 }

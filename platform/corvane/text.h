@@ -10,7 +10,7 @@
 namespace corvane {
 
 // No single text of a book's description is longer, in bytes.
-inline constexpr size_t kMaxText = 1000;
+inline constexpr std::size_t kMaxText = 1000;
 
 // `text` as valid UTF-8 in one line of at most kMaxText bytes: runs of blanks and control
 // characters become one space, what is no UTF-8 becomes U+FFFD, and the ends are trimmed.
@@ -29,7 +29,7 @@ std::string ParseIsbn(std::string_view text, bool marked);
 int ParseYear(std::string_view date);
 
 // The whole part of a number such as "3" or "3.0", or 0 when it does not fit.
-int16_t ParseSeriesNumber(std::string_view text);
+std::int16_t ParseSeriesNumber(std::string_view text);
 
 }  // namespace corvane
 

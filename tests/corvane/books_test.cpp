@@ -54,15 +54,11 @@ std::string Fb2(const std::string& description, const std::string& encoding = "u
 
 // All that GetBookInfo says but the path, with "-" for null.
 std::string Describe(const BookInfo* book) {
-  if (book == nullptr) {
-    return "null";
-  }
-  const auto text = [](const char* field) { return std::string(field == nullptr ? "-" : field); };
+  if (!book) return "null";
+  const auto text = [](const char* field) { return std::string(field ? field : "-"); };
   std::string names;
   for (const char* name : book->names) {
-    if (name != nullptr) {
-      names.append("+").append(name);
-    }
+    if (name) names.append("+").append(name);
   }
   return std::to_string(book->file_type) + "|" + text(book->language) + "|" +
          text(book->primary_name) + names + "|" + std::to_string(book->n1) + "|" +
@@ -126,14 +122,14 @@ TEST(Books, EpubMetadataFillsTheFields) {
     ASSERT_NE(book, nullptr);
     EXPECT_STREQ(book->path, "/b.EPUB");
     const char* isbn = GetBookISBN(book->path);
-    EXPECT_EQ(isbn == nullptr ? "-" : std::string(isbn),
+    EXPECT_EQ(isbn ? std::string(isbn) : "-",
               each.description.substr(each.description.rfind('|') + 1));
   }
 }
 
 TEST(Books, LongTextsAreCutBetweenCharacters) {
   const DeviceRoot root;
-  for (const size_t kept : {997U, 998U, 999U, 1000U}) {
+  for (const std::size_t kept : {997U, 998U, 999U, 1000U}) {
     const std::string start(kept, 'y');
     root.Write("/b.fb2", Fb2("<title-info><book-title>" + start +
                              "\xE2\x82\xAC more</book-title></title-info>"));
@@ -193,9 +189,7 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
   const std::string many_blanks(9 << 20, ' ');
   const std::string deep = [] {
     std::string nested;
-    for (int i = 0; i < 300'000; ++i) {
-      nested += "<a>";
-    }
+    for (int i = 0; i < 300'000; ++i) nested += "<a>";
     return nested;
   }();
   MakeZip(root.HostPath("/bomb.epub"), Epub(good + many_blanks));
@@ -216,7 +210,7 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
                                  std::string("\1\0\0\0", 4) + EndOfArchive("\xFF\xFF\xFF\xFF"));
   for (const char* zeros : {"/zeros.epub", "/zeros.fb2", "/zeros.fb2.zip"}) {
     root.Write(zeros, "");
-    std::filesystem::resize_file(root.HostPath(zeros), uintmax_t{2} << 30);
+    std::filesystem::resize_file(root.HostPath(zeros), std::uintmax_t{2} << 30);
   }
   std::filesystem::create_directories(root.HostPath("/folder.epub/x"));
   ASSERT_EQ(mkfifo(root.HostPath("/fifo.fb2").c_str(), 0600), 0);
@@ -259,7 +253,7 @@ TEST(Books, EveryDamagedByteIsSurvived) {
   MakeZip(path, Epub(Package("<dc:title>T</dc:title>")));
   std::ifstream file(path, std::ios::binary);
   const std::string good((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  for (size_t at = 0; at < good.size(); ++at) {
+  for (std::size_t at = 0; at < good.size(); ++at) {
     root.Write("/b.epub", good.substr(0, at));
     EXPECT_EQ(GetBookInfo("/b.epub"), nullptr) << "cut at byte " << at;
     std::string damaged = good;
@@ -290,9 +284,7 @@ TEST(Books, BooksOfOthersAreRead) {
       ++found;
     }
   }
-  if (found == 0) {
-    GTEST_SKIP() << "none of the packages with books is installed";
-  }
+  if (found == 0) GTEST_SKIP() << "none of the packages with books is installed";
 }
 
 }  // namespace

@@ -131,9 +131,7 @@ TEST(Config, ThreadsMayShareOne) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace
