@@ -11,10 +11,12 @@
 #include "src/stat_event/event_factory.h"
 #include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
-#include "tools/report/collect.h"
+#include "tools/report/figures.h"
+#include "tools/report/html.h"
 #include "tools/report/names.h"
 #include "tools/report/page.h"
-#include "tools/report/series.h"
+#include "tools/report/record_counter.h"
+#include "tools/report/summary.h"
 #include "tools/store/archive.h"
 
 namespace velmora::usage_stat::report {
@@ -48,7 +50,7 @@ class ReportTest : public usage_stat_test::StoreTest {
   store::Status Read(Range range, Summary* summary) {
     std::unique_ptr<store::Journal> journal;
     if (auto status = store::Journal::Open(database_, &journal); !status.ok()) return status;
-    return Summarize(journal.get(), range, summary);
+    return ReadSummary(journal.get(), range, summary);
   }
 
   // A book with a title, one with a file name and one with neither, two of them read.
@@ -219,13 +221,10 @@ TEST(ReportPage, GathersDaysToBars) {
   };
   for (const Case& c : {Case{1, "day", 1}, Case{92, "day", 92}, Case{93, "week", 14},
                         Case{800, "month", 27}, Case{4000, "year", 12}}) {
-    Summary summary;
-    summary.range = {kBegin, kBegin + c.days * kDay};
-    summary.days[20000] = {1, 2};
-    const Series series = SeriesOf(summary);
+    const Series series = SeriesOf({kBegin, kBegin + c.days * kDay}, {{20000, 7}});
     EXPECT_EQ(series.step, c.step);
-    EXPECT_EQ(series.buckets.size(), c.bars) << c.days;
-    EXPECT_EQ(series.buckets[0].reading, (Reading{1, 2}));
+    EXPECT_EQ(series.bars.size(), c.bars) << c.days;
+    EXPECT_EQ(series.bars[0].value, 7);
   }
 }
 

@@ -13,8 +13,7 @@
 
 #include "src/stat_event/event_factory.h"
 #include "tools/report/calendar.h"
-#include "tools/report/series.h"
-#include "tools/report/survey.h"
+#include "tools/report/record_counter.h"
 
 namespace velmora::usage_stat::report {
 namespace {
@@ -50,7 +49,7 @@ store::RecordRow Page(std::int64_t at_ms, int type = EventFactory::kChangePage) 
 
 // A script of minutes after noon: "o1@0 p@5" opens book 1 at noon and turns a page at 12:05. "s"
 // begins to open a book, "n" adds a note, "g" and "j" jump to a page.
-void Play(const std::string& script, Survey* survey) {
+void Play(const std::string& script, RecordCounter* counter) {
   std::istringstream in(script);
   for (std::string step; in >> step;) {
     const std::size_t at = step.find('@');
@@ -58,22 +57,22 @@ void Play(const std::string& script, Survey* survey) {
         kNoon + static_cast<std::int64_t>(std::stod(step.substr(at + 1)) * double{kMinute});
     switch (step[0]) {
       case 'o':
-        survey->Add(Opening(at_ms, std::stoi(step.substr(1))));
+        counter->Add(Opening(at_ms, std::stoi(step.substr(1))));
         break;
       case 'p':
-        survey->Add(Page(at_ms));
+        counter->Add(Page(at_ms));
         break;
       case 'g':
-        survey->Add(Page(at_ms, EventFactory::kGoToPage));
+        counter->Add(Page(at_ms, EventFactory::kGoToPage));
         break;
       case 'j':
-        survey->Add(Page(at_ms, EventFactory::kGoToPageNew));
+        counter->Add(Page(at_ms, EventFactory::kGoToPageNew));
         break;
       case 's':
-        survey->Add(Page(at_ms, EventFactory::kStartOpenBook));
+        counter->Add(Page(at_ms, EventFactory::kStartOpenBook));
         break;
       default:
-        survey->Add(Page(at_ms, EventFactory::kAddNote));
+        counter->Add(Page(at_ms, EventFactory::kAddNote));
     }
   }
 }
@@ -106,9 +105,9 @@ TEST_F(ReportTime, SessionsRunFromAnOpeningToTheLastPageEvent) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    Survey survey({kNoon - kDay, kNoon + kDay});
-    Play(c.script, &survey);
-    const Summary summary = survey.Finish();
+    RecordCounter counter({kNoon - kDay, kNoon + kDay});
+    Play(c.script, &counter);
+    const Summary summary = counter.Finish();
     EXPECT_EQ(double(summary.reading.time_ms) / double{kMinute}, c.minutes);
     EXPECT_EQ(summary.reading.turns, c.turns);
     EXPECT_EQ(summary.turns_outside, c.outside);
@@ -123,9 +122,9 @@ TEST_F(ReportTime, SessionsRunFromAnOpeningToTheLastPageEvent) {
 
 TEST_F(ReportTime, RangesCutSessionsAndAddUp) {
   const auto read = [](std::int64_t since_minute, std::int64_t until_minute) {
-    Survey survey({kNoon + since_minute * kMinute, kNoon + until_minute * kMinute});
-    Play("o1@0 p@4 p@12 p@20 o2@30 p@33", &survey);
-    return survey.Finish().reading;
+    RecordCounter counter({kNoon + since_minute * kMinute, kNoon + until_minute * kMinute});
+    Play("o1@0 p@4 p@12 p@20 o2@30 p@33", &counter);
+    return counter.Finish().reading;
   };
   EXPECT_EQ(read(-60, 60), (Reading{23 * kMinute, 4}));
   EXPECT_EQ(read(6, 14), (Reading{8 * kMinute, 1}));
@@ -141,10 +140,10 @@ TEST_F(ReportTime, TimestampsOfAnySizeDoNoHarm) {
   tracker.Open(std::numeric_limits<std::int64_t>::min(), 1);
   EXPECT_FALSE(tracker.TurnPage(std::numeric_limits<std::int64_t>::max()));
 
-  Survey survey({kNoon, kNoon + kDay});
-  survey.Add(Opening(std::numeric_limits<std::int64_t>::min(), 1));
-  survey.Add(Page(std::numeric_limits<std::int64_t>::max()));
-  EXPECT_EQ(survey.Finish().records, 0);
+  RecordCounter counter({kNoon, kNoon + kDay});
+  counter.Add(Opening(std::numeric_limits<std::int64_t>::min(), 1));
+  counter.Add(Page(std::numeric_limits<std::int64_t>::max()));
+  EXPECT_EQ(counter.Finish().records, 0);
   EXPECT_FALSE(IsOnCalendar(std::numeric_limits<std::int64_t>::max()));
 }
 
@@ -191,9 +190,9 @@ TEST(ReportClock, CompletesRangesByWholeDays) {
 
 TEST(ReportClock, SpreadsReadingOverHoursAndDays) {
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-  Survey survey({kNoon - kDay, kNoon + kDay});
-  Play("o1@595 p@603 p@607", &survey);  // from 23:55 to 00:07 on a Friday
-  const Summary summary = survey.Finish();
+  RecordCounter counter({kNoon - kDay, kNoon + kDay});
+  Play("o1@595 p@603 p@607", &counter);  // from 23:55 to 00:07 on a Friday
+  const Summary summary = counter.Finish();
   ASSERT_EQ(summary.days.size(), 2U);
   EXPECT_EQ(summary.days.begin()->second, (Reading{5 * kMinute, 0}));
   EXPECT_EQ(summary.days.rbegin()->second, (Reading{7 * kMinute, 2}));

@@ -13,9 +13,8 @@
 #include "tools/inspector/commands.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
-#include "tools/report/collect.h"
 #include "tools/report/page.h"
-#include "tools/report/series.h"
+#include "tools/report/summary.h"
 #include "tools/store/file.h"
 
 namespace velmora::usage_stat::inspector {
@@ -48,7 +47,7 @@ int Report(const Options& options) {
   const report::Range range =
       report::CompleteRange(options.range.since_ms, options.range.until_ms, now_ms);
   report::Summary summary;
-  if (auto status = report::Summarize(journal.get(), range, &summary); !status.ok()) {
+  if (auto status = report::ReadSummary(journal.get(), range, &summary); !status.ok()) {
     return Complain(kFailed, status.message);
   }
   summary.generated_ms = now_ms;

@@ -7,7 +7,8 @@
 
 namespace velmora::usage_stat::report::assets {
 
-extern const std::string_view kPage;     // template with {{slots}}
+extern const std::string_view kShell;    // what is around every page, with {{slots}}
+extern const std::string_view kDevice;   // sections of a device's page, with {{slots}}
 extern const std::string_view kStyle;    // style sheet
 extern const std::string_view kScript;   // draws the charts with the library
 extern const std::string_view kLibrary;  // chart library

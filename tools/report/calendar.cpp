@@ -86,6 +86,23 @@ bool IsOnCalendar(std::int64_t ms) {
   return second >= kFirstSecond && second <= kLastSecond;
 }
 
+Range CompleteRange(std::optional<std::int64_t> since_ms, std::optional<std::int64_t> until_ms,
+                    std::int64_t now_ms) {
+  constexpr Day kDays = 30;
+  Range range;
+  range.until_ms = until_ms.value_or(BeginOf(LocalClock().At(now_ms).day + 1));
+  if (since_ms) {
+    range.since_ms = *since_ms;
+  } else if (IsOnCalendar(range.until_ms)) {
+    range.since_ms = BeginOf(LastDay(range) + 1 - kDays);
+  }
+  return range;
+}
+
+Day FirstDay(const Range& range) { return LocalClock().At(range.since_ms).day; }
+
+Day LastDay(const Range& range) { return LocalClock().At(range.until_ms - 1).day; }
+
 int WeekdayOf(Day day) {
   return static_cast<int>(chrono::weekday{SysDays(day)}.iso_encoding()) - 1;
 }

@@ -28,12 +28,29 @@ struct ReadingSpan {
 class SessionTracker {
  public:
   // A book was opened.
-  void Open(std::int64_t at_ms, std::int32_t book_id);
+  void Open(std::int64_t at_ms, std::int32_t book_id) {
+    running_ = true;
+    ++session_;
+    book_id_ = book_id;
+    last_ms_ = at_ms;
+  }
 
   // A page event. Tells the reading time that it ends; nothing when it is outside any session.
-  std::optional<ReadingSpan> TurnPage(std::int64_t at_ms);
+  std::optional<ReadingSpan> TurnPage(std::int64_t at_ms) {
+    if (running_ && IsPause(last_ms_, at_ms)) running_ = false;
+    if (!running_) return std::nullopt;
+    const ReadingSpan span{session_, book_id_, last_ms_, at_ms};
+    last_ms_ = at_ms;
+    return span;
+  }
 
  private:
+  // Unsigned, because timestamps are whatever the senders say and their difference may overflow.
+  static bool IsPause(std::int64_t from_ms, std::int64_t to_ms) {
+    return static_cast<std::uint64_t>(to_ms) - static_cast<std::uint64_t>(from_ms) >
+           static_cast<std::uint64_t>(kLongestPauseMs);
+  }
+
   bool running_ = false;
   std::int64_t session_ = 0;
   std::int32_t book_id_ = 0;

@@ -1,4 +1,5 @@
-// What a report says: aggregates of a range of time, small however many records they come from.
+// What a report says: aggregates of a range of time, small however many records they come from, and
+// how they are read from the database.
 
 #ifndef TOOLS_REPORT_SUMMARY_H_
 #define TOOLS_REPORT_SUMMARY_H_
@@ -10,16 +11,15 @@
 #include <vector>
 
 #include "tools/report/calendar.h"
-#include "tools/report/counts.h"
+#include "tools/store/reader.h"
+#include "tools/store/sqlite.h"
 
 namespace velmora::usage_stat::report {
 
-// Moments from `since_ms` up to, but not including, `until_ms`.
-struct Range {
-  std::int64_t since_ms = 0;
-  std::int64_t until_ms = 0;
-
-  bool Holds(std::int64_t ms) const { return ms >= since_ms && ms < until_ms; }
+// How often something occurs.
+struct Count {
+  std::string name;
+  std::int64_t count = 0;
 };
 
 struct Reading {
@@ -94,6 +94,13 @@ struct Summary {
 
 // More books than these are told as a sum.
 constexpr std::size_t kMostBooks = 100;
+
+// Sums up what `journal` holds of `range`, archives included. The range must lie on the calendar
+// and be no longer than kLongestRangeMs; it is refused otherwise.
+store::Status ReadSummary(store::Journal* journal, Range range, Summary* summary);
+
+// A hundred years: more days than that make no page to look at.
+constexpr std::int64_t kLongestRangeMs = std::int64_t{36525} * 24 * 3600 * 1000;
 
 }  // namespace velmora::usage_stat::report
 

@@ -1,4 +1,4 @@
-#include "tools/report/survey.h"
+#include "tools/report/record_counter.h"
 
 #include <algorithm>
 #include <array>
@@ -88,7 +88,7 @@ std::vector<BookReading> MostReadFirst(const std::unordered_map<std::int32_t, Bo
 
 }  // namespace
 
-void Survey::Add(const store::RecordRow& row) {
+void RecordCounter::Add(const store::RecordRow& row) {
   if (row.type == EventFactory::kOpenBook) {
     activities_.push_back({row.timestamp_ms, BookIdIn(records::ParseFields(row.fields)), true});
   } else if (IsPageEvent(row.type)) {
@@ -105,7 +105,7 @@ void Survey::Add(const store::RecordRow& row) {
   }
 }
 
-void Survey::AddLaunch(const store::RecordRow& row) {
+void RecordCounter::AddLaunch(const store::RecordRow& row) {
   ++launches_;
   const Json fields = records::ParseFields(row.fields);
   applications_.Add(row.type == EventFactory::kStartApplication
@@ -113,7 +113,7 @@ void Survey::AddLaunch(const store::RecordRow& row) {
                         : Shortened(FileName(TextIn(fields, "path"))));
 }
 
-void Survey::AddSettings(const store::RecordRow& row) {
+void RecordCounter::AddSettings(const store::RecordRow& row) {
   Settings& settings = settings_[row.event];
   const bool is_latest = settings.records == 0 || row.timestamp_ms >= settings.latest_ms;
   if (is_latest) settings.latest_ms = row.timestamp_ms;
@@ -134,7 +134,7 @@ void Survey::AddSettings(const store::RecordRow& row) {
 
 // Every stretch of reading counts in the days and hours that it lies in, cut to the range, so that
 // the reports of two neighbouring ranges add up to that of both.
-void Survey::CountReading(Summary* summary) {
+void RecordCounter::CountReading(Summary* summary) {
   std::stable_sort(activities_.begin(), activities_.end(),
                    [](const Activity& a, const Activity& b) { return a.at_ms < b.at_ms; });
   LocalClock clock;
@@ -179,7 +179,7 @@ void Survey::CountReading(Summary* summary) {
   }
 }
 
-Summary Survey::Finish() {
+Summary RecordCounter::Finish() {
   Summary summary;
   summary.range = range_;
   summary.records = records_;

@@ -1,12 +1,12 @@
-#include "tools/report/collect.h"
+#include "tools/report/summary.h"
 
 #include <algorithm>
 #include <map>
 #include <optional>
 #include <set>
 
+#include "tools/report/record_counter.h"
 #include "tools/report/sessions.h"
-#include "tools/report/survey.h"
 
 namespace velmora::usage_stat::report {
 
@@ -133,7 +133,7 @@ Status CountRefused(store::Reader* reader, Summary* summary) {
 
 }  // namespace
 
-Status Summarize(Journal* journal, Range range, Summary* summary) {
+Status ReadSummary(Journal* journal, Range range, Summary* summary) {
   if (Status status = CheckRange(range); !status.ok()) return status;
 
   std::vector<std::string> problems;
@@ -144,17 +144,17 @@ Status Summarize(Journal* journal, Range range, Summary* summary) {
   }
   query.since_ms = first_ms;
   query.until_ms = range.until_ms + kLongestPauseMs;
-  Survey survey(range);
+  RecordCounter counter(range);
   Status status = journal->ForEach(
       query,
       [&](const RecordRow& row) {
-        survey.Add(row);
+        counter.Add(row);
         return true;
       },
       &problems);
   if (!status.ok()) return status;
 
-  *summary = survey.Finish();
+  *summary = counter.Finish();
   std::sort(problems.begin(), problems.end());
   problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
   summary->problems = std::move(problems);

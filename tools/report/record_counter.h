@@ -1,8 +1,10 @@
 // Counts records, one after another, to a summary.
 
-#ifndef TOOLS_REPORT_SURVEY_H_
-#define TOOLS_REPORT_SURVEY_H_
+#ifndef TOOLS_REPORT_RECORD_COUNTER_H_
+#define TOOLS_REPORT_RECORD_COUNTER_H_
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -10,16 +12,52 @@
 #include <utility>
 #include <vector>
 
-#include "tools/report/counts.h"
 #include "tools/report/summary.h"
 #include "tools/store/row.h"
 
 namespace velmora::usage_stat::report {
 
-// Takes records in any order. Keeps 16 bytes for each page event and opening, and little else.
-class Survey {
+// How often each of many texts occurs, in bounded memory: names that come after `limit` different
+// ones share one count, so that a sender of ever new texts costs nothing.
+class Counts {
  public:
-  explicit Survey(Range range) : range_(range) {}
+  explicit Counts(std::size_t limit = 10000) : limit_(limit) {}
+
+  void Add(const std::string& name, std::int64_t count = 1) {
+    const auto known = counts_.find(name);
+    if (known != counts_.end()) {
+      known->second += count;
+    } else if (counts_.size() < limit_) {
+      counts_.emplace(name, count);
+    } else {
+      uncounted_ += count;
+    }
+  }
+
+  // Most frequent first, by name where counts are equal.
+  std::vector<Count> Sorted() const {
+    std::vector<Count> sorted;
+    sorted.reserve(counts_.size());
+    for (const auto& [name, count] : counts_) sorted.push_back({name, count});
+    std::sort(sorted.begin(), sorted.end(), [](const Count& a, const Count& b) {
+      return a.count != b.count ? a.count > b.count : a.name < b.name;
+    });
+    return sorted;
+  }
+
+  // What Sorted() leaves out.
+  std::int64_t uncounted() const { return uncounted_; }
+
+ private:
+  std::size_t limit_;
+  std::unordered_map<std::string, std::int64_t> counts_;
+  std::int64_t uncounted_ = 0;
+};
+
+// Takes records in any order. Keeps 16 bytes for each page event and opening, and little else.
+class RecordCounter {
+ public:
+  explicit RecordCounter(Range range) : range_(range) {}
 
   // Counts `row`. Records outside the range count as far as a session reaches into it: give those
   // since the last opening before it, and those up to kLongestPauseMs after it.
@@ -74,4 +112,4 @@ class BookNames {
 
 }  // namespace velmora::usage_stat::report
 
-#endif  // TOOLS_REPORT_SURVEY_H_
+#endif  // TOOLS_REPORT_RECORD_COUNTER_H_
