@@ -5,18 +5,19 @@
 #include <fmt/format.h>
 #include <sys/socket.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "tests/tools/collector_process.h"
 #include "tools/collector/endpoint.h"
+#include "tools/command_line/command_line.h"
 #include "tools/store/reader.h"
 
 namespace {
 
 using namespace usage_stat_test;
+namespace usage_stat = velmora::usage_stat;
 namespace collector = velmora::usage_stat::collector;
 namespace store = velmora::usage_stat::store;
 using Clock = std::chrono::steady_clock;
@@ -95,26 +96,31 @@ bool RunCollector(const std::string& command, const Load& load) {
   return is_clean && IsComplete(database, load);
 }
 
+int Measure(const std::string& collector, const Load& load, int rounds) {
+  fmt::print(
+      "| receiver | page turns | seconds | per second | peak MiB |\n|---|---|---|---|---|\n");
+  for (int round = 0; round < rounds; ++round) {
+    if (!RunBare(load) || !RunCollector(collector, load)) {
+      std::fputs("collector_bench: a page turn is missing, doubled or out of order\n", stderr);
+      return usage_stat::kFailed;
+    }
+  }
+  return usage_stat::kOk;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Load load;
   int rounds = 3;
-  std::string command;
-  CLI::App app("Measures the collector beside a bare receiving loop.");
-  app.add_option("collector", command, "The program")->required();
-  app.add_option("--senders", load.senders, "Processes that send");
-  app.add_option("--count", load.count, "Page turns for each of them");
-  app.add_option("--rounds", rounds, "How often both are measured, in turn");
-  CLI11_PARSE(app, argc, argv);
-
-  fmt::print(
-      "| receiver | page turns | seconds | per second | peak MiB |\n|---|---|---|---|---|\n");
-  for (int round = 0; round < rounds; ++round) {
-    if (!RunBare(load) || !RunCollector(command, load)) {
-      std::fputs("collector_bench: a page turn is missing, doubled or out of order\n", stderr);
-      return EXIT_FAILURE;
-    }
-  }
-  return EXIT_SUCCESS;
+  std::string collector;
+  usage_stat::CommandLine line("collector_bench",
+                               "Measures the collector beside a bare receiving loop.", "");
+  usage_stat::Command command = line.main();
+  command.Argument("collector", "The program", &collector, true);
+  command.Option("--senders", "COUNT", "Processes that send", 1, 1000, &load.senders);
+  command.Option("--count", "COUNT", "Page turns for each of them", 1, 10'000'000, &load.count);
+  command.Option("--rounds", "COUNT", "How often both are measured, in turn", 1, 1000, &rounds);
+  command.OnRun([&] { return Measure(collector, load, rounds); });
+  return line.Run(argc, argv);
 }

@@ -1,6 +1,5 @@
 // Runs the inspector's decode command on any input and looks at what a terminal would get.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -38,15 +37,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::cin.clear();
   std::cin.rdbuf(&input);
 
-  CLI::App app;
-  int exit_code = -1;
-  inspector::AddDecode(&app, &exit_code);
+  velmora::usage_stat::CommandLine line("usage-stat", "", "");
+  inspector::AddDecode(&line);
   const char* arguments[] = {"usage-stat", "decode", "-o", output, form};
-  app.parse(static_cast<int>(std::size(arguments)), arguments);
+  const int exit_code = line.Run(static_cast<int>(std::size(arguments)), arguments);
   inspector::Flush();
 
-  if (exit_code != inspector::kOk && exit_code != inspector::kFailed) abort();
-  if (exit_code == inspector::kOk && g_size == 0) abort();
+  using velmora::usage_stat::kFailed;
+  using velmora::usage_stat::kOk;
+  if (exit_code != kOk && exit_code != kFailed) abort();
+  if (exit_code == kOk && g_size == 0) abort();
   if (std::any_of(g_printed, g_printed + g_size, IsTrick)) abort();
   rewind(stdout);
   return 0;

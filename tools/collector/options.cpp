@@ -2,17 +2,15 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdlib>
-#include <vector>
 
+#include "tools/command_line/command_line.h"
 #include "tools/store/schema.h"
 
 namespace velmora::usage_stat::collector {
 
 namespace {
-
-constexpr int kUsageError = 2;
 
 // The library's own endpoint, unless its environment names another.
 std::string DefaultEndpoint() {
@@ -21,95 +19,97 @@ std::string DefaultEndpoint() {
 }
 
 // An empty database takes some pages already; a limit below them would delete everything.
-CLI::Validator SizeLimit() {
+std::string TakeSizeLimit(std::uint64_t bytes, std::int64_t* limit) {
   constexpr auto kLeast = std::uint64_t{1024} * 1024;
-  const auto check = [](const std::string& text) {
-    std::uint64_t bytes = 0;
-    const bool is_number = CLI::detail::lexical_cast(text, bytes);
-    return is_number && (bytes == 0 || (bytes >= kLeast && bytes <= INT64_MAX))
-               ? std::string()
-               : "the size must be 0 or at least 1M";
-  };
-  return CLI::Validator(check, "SIZE");
+  if (bytes != 0 && (bytes < kLeast || bytes > INT64_MAX)) {
+    return "the size must be 0 or at least 1M";
+  }
+  *limit = static_cast<std::int64_t>(bytes);
+  return {};
+}
+
+std::string TakeUid(const std::string& text, std::set<std::int64_t>* uids) {
+  constexpr std::uint32_t kLargest = 4294967294;
+  const char* end = text.data() + text.size();
+  std::uint32_t uid = 0;
+  const auto result = std::from_chars(text.data(), end, uid);
+  if (result.ec != std::errc() || result.ptr != end || uid > kLargest) {
+    return "\"" + text + "\" is no user id";
+  }
+  uids->insert(uid);
+  return {};
+}
+
+// What the options leave open.
+void Complete(Options* options) {
+  if (options->endpoint.empty()) options->endpoint = DefaultEndpoint();
+  if (options->database_path.empty()) options->database_path = store::DefaultDatabasePath();
+  if (options->archive_directory.empty()) {
+    options->archive_directory = store::DefaultArchiveDirectory(options->database_path);
+  }
 }
 
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
   Options options;
+  options.allowed_uids = {0, geteuid()};
   std::int64_t interval_ms = options.commit_interval.count();
-  std::vector<std::int64_t> uids;
-  std::uint64_t max_bytes = 0;
   bool no_store = false;
   std::string format;
-  constexpr std::int64_t kLargestUid = 4294967294;
+  bool is_complete = false;
 
-  CLI::App app("Collects usage records from the applications of this device.",
-               "usage-stat-collector");
-  app.set_version_flag("--version", "usage-stat-collector " USAGE_STAT_VERSION);
-  app.add_option("--endpoint", options.endpoint,
+  CommandLine line("usage-stat-collector",
+                   "Collects usage records from the applications of this device.",
+                   USAGE_STAT_VERSION);
+  Command command = line.main();
+  command.Option("--endpoint", "NAME",
                  "Listen on the abstract socket of this name (default: the environment variable "
-                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)")
-      ->option_text("NAME");
-  auto* database = app.add_option("--database", options.database_path,
-                                  "Keep the records in this file (default: the environment "
-                                  "variable USAGE_STAT_DATABASE, else records.db in "
-                                  "$STATE_DIRECTORY, else /var/lib/usage-stat/records.db)")
-                       ->option_text("PATH");
-  app.add_flag("--no-store", no_store, "Keep nothing")->excludes(database)->option_text(" ");
-  app.add_option("--print", format, "Show each record on standard output")
-      ->check(CLI::IsMember({"text", "json"}))
-      ->option_text("text|json");
-  app.add_option("--commit-interval", interval_ms,
+                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)",
+                 &options.endpoint);
+  command.Option("--database", "PATH",
+                 "Keep the records in this file (default: the environment variable "
+                 "USAGE_STAT_DATABASE, else records.db in $STATE_DIRECTORY, else "
+                 "/var/lib/usage-stat/records.db)",
+                 &options.database_path);
+  command.Flag("--no-store", "Keep nothing", &no_store);
+  command.Exclude("--no-store", "--database");
+  command.Choice("--print", "FORMAT", "Show each record on standard output", {"text", "json"},
+                 &format);
+  command.Option("--commit-interval", "MS",
                  "Milliseconds after which a received record is in the database at the latest, as "
-                 "long as the disk keeps up (default: 50)")
-      ->check(CLI::Range(1, 60'000))
-      ->option_text("MS");
-  app.add_option("--allow-uid", uids,
-                 "Take records from this user too, beside root and the collector's own; may be "
-                 "given again")
-      ->allow_extra_args(false)
-      ->check(CLI::Range(std::int64_t{0}, kLargestUid))
-      ->option_text("UID");
-  app.add_flag("--allow-any", options.allow_any, "Take records from every user");
-  app.add_option("--archive-dir", options.archive_directory,
-                 "Put archives into this folder (default: archives, beside the database)")
-      ->option_text("FOLDER");
-  app.add_option("--keep-days", options.retention.keep_days,
-                 "Delete what was received more days ago than this (default: 0, keep)")
-      ->check(CLI::Range(0, 36'500))
-      ->option_text("DAYS");
-  app.add_option("--max-size", max_bytes,
-                 "Delete the oldest once database and archives exceed this size, such as 64M; at "
-                 "least 1M (default: 0, no limit)")
-      ->transform(CLI::AsSizeValue(false))
-      ->check(SizeLimit())
-      ->option_text("SIZE");
-  app.footer(
+                 "long as the disk keeps up (default: 50)",
+                 1, 60'000, &interval_ms);
+  command.RepeatedOption(
+      "--allow-uid", "UID",
+      "Take records from this user too, beside root and the collector's own; may be given again",
+      [&options](const std::string& text) { return TakeUid(text, &options.allowed_uids); });
+  command.Flag("--allow-any", "Take records from every user", &options.allow_any);
+  command.Option("--archive-dir", "FOLDER",
+                 "Put archives into this folder (default: archives, beside the database)",
+                 &options.archive_directory);
+  command.Option("--keep-days", "DAYS",
+                 "Delete what was received more days ago than this (default: 0, keep)", 0, 36'500,
+                 &options.retention.keep_days);
+  command.SizeOption("--max-size",
+                     "Delete the oldest once database and archives exceed this size, such as 64M; "
+                     "at least 1M (default: 0, no limit)",
+                     [&options](std::uint64_t bytes) {
+                       return TakeSizeLimit(bytes, &options.retention.max_bytes);
+                     });
+  command.Footer(
       "SIGTERM and SIGINT end it when everything received is kept; a second one ends it at once.");
-
-  app.failure_message([](const CLI::App* program, const CLI::Error& error) {
-    return program->get_name() + ": " + error.what() + "; see " + program->get_name() + " --help\n";
+  command.OnRun([&is_complete] {
+    is_complete = true;
+    return kOk;
   });
-
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    *exit_code = app.exit(error) == 0 ? EXIT_SUCCESS : kUsageError;
-    return std::nullopt;
-  }
+  *exit_code = line.Run(argc, argv);
+  if (!is_complete) return std::nullopt;
 
   if (!format.empty()) options.print = format == "json" ? Format::kJson : Format::kText;
   options.store = !no_store;
   options.commit_interval = std::chrono::milliseconds(interval_ms);
-  options.allowed_uids = {0, geteuid()};
-  options.allowed_uids.insert(uids.begin(), uids.end());
-  options.retention.max_bytes = static_cast<std::int64_t>(max_bytes);
-  if (options.endpoint.empty()) options.endpoint = DefaultEndpoint();
-  if (options.database_path.empty()) options.database_path = store::DefaultDatabasePath();
-  if (options.archive_directory.empty()) {
-    options.archive_directory = store::DefaultArchiveDirectory(options.database_path);
-  }
+  Complete(&options);
   return options;
 }
 

@@ -2,12 +2,11 @@
 
 #include "tools/store/archive.h"
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/store/schema.h"
@@ -46,18 +45,17 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddArchive(CLI::App* app, int* exit_code) {
+void AddArchive(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app->add_subcommand("archive", "Move all closed records to a compressed archive file");
+  Command command =
+      line->AddCommand("archive", "Move all closed records to a compressed archive file");
   AddDatabaseOption(command, &options->database);
-  command
-      ->add_option("--directory", options->directory,
-                   "Where the archive goes (default: archives, beside the database)")
-      ->type_name("FOLDER");
+  command.Option("--directory", "FOLDER",
+                 "Where the archive goes (default: archives, beside the database)",
+                 &options->directory);
   AddOutputOption(command, &options->output, {"text", "json"});
-  command->footer("Safe beside a running collector. list and replay read archives as well.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.Footer("Safe beside a running collector. list and replay read archives as well.");
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -1,12 +1,11 @@
 // usage-stat decode: one record, byte by byte.
 
-#include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
 #include <memory>
 
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/captured.h"
-#include "tools/inspector/commands.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/records/record.h"
@@ -140,16 +139,16 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddDecode(CLI::App* app, int* exit_code) {
+void AddDecode(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand("decode", "Show one record byte by byte");
-  command->add_option("FILE", options->file, "What to read; - for standard input (default)")
-      ->option_text(" ");
-  CLI::Option* hex = command->add_flag("--hex", options->hex, "It holds hexadecimal digits");
-  command->add_flag("--raw", options->raw, "It holds the bytes themselves")->excludes(hex);
+  Command command = line->AddCommand("decode", "Show one record byte by byte");
+  command.Argument("FILE", "What to read; - for standard input (default)", &options->file);
+  command.Flag("--hex", "It holds hexadecimal digits", &options->hex);
+  command.Flag("--raw", "It holds the bytes themselves", &options->raw);
+  command.Exclude("--raw", "--hex");
   AddOutputOption(command, &options->output, {"text", "json"});
-  command->footer("Exit code 1 when the record is damaged; the output says where and why.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.Footer("Exit code 1 when the record is damaged; the output says where and why.");
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

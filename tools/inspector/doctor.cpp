@@ -4,7 +4,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,8 +14,8 @@
 #include <vector>
 
 #include "src/measurements/measurements.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
-#include "tools/inspector/commands.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
@@ -298,15 +297,15 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddDoctor(CLI::App* app, int* exit_code) {
+void AddDoctor(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app->add_subcommand("doctor", "Check what goes wrong in the field, and say what to do");
+  Command command =
+      line->AddCommand("doctor", "Check what goes wrong in the field, and say what to do");
   AddDatabaseOption(command, &options->database);
   AddEndpointOption(command, &options->endpoint);
   AddOutputOption(command, &options->output, {"text", "json"});
-  command->footer("Exit code 1 when a check fails; warnings alone give 0.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.Footer("Exit code 1 when a check fails; warnings alone give 0.");
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

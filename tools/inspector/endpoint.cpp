@@ -1,6 +1,5 @@
 #include "tools/inspector/endpoint.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 
 namespace velmora::usage_stat::inspector {
@@ -13,12 +12,11 @@ constexpr const char* kDefault = "usage_stat_event1";
 
 }  // namespace
 
-void AddEndpointOption(CLI::App* command, std::string* endpoint) {
-  command
-      ->add_option("--endpoint", *endpoint,
-                   std::string("Name of the collector's endpoint (default: $") + kVariable +
-                       ", else " + kDefault + ")")
-      ->type_name("NAME");
+void AddEndpointOption(Command command, std::string* endpoint) {
+  command.Option("--endpoint", "NAME",
+                 std::string("Name of the collector's endpoint (default: $") + kVariable +
+                     ", else " + kDefault + ")",
+                 endpoint);
 }
 
 void UseEndpoint(const std::string& endpoint) {

@@ -5,13 +5,11 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
+#include "tools/command_line/command_line.h"
 
 namespace velmora::usage_stat::inspector {
 
-void AddEndpointOption(CLI::App* command, std::string* endpoint);
+void AddEndpointOption(Command command, std::string* endpoint);
 
 // Leads everything that this process sends to `endpoint`; leaves things as they are when it is
 // empty.

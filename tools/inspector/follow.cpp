@@ -5,14 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/rows.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -139,15 +138,15 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddFollow(CLI::App* app, int* exit_code) {
+void AddFollow(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand("follow", "Show records as they come in");
+  Command command = line->AddCommand("follow", "Show records as they come in");
   AddDatabaseOption(command, &options->database);
   AddFilterOptions(command, &options->query);
   AddCountOption(command, &options->newest, "Begin with the last so many records (default: 10)");
   AddOutputOption(command, &options->output, RowFormats());
-  command->footer("SIGINT (Ctrl+C) and SIGTERM end it with exit code 0.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.Footer("SIGINT (Ctrl+C) and SIGTERM end it with exit code 0.");
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -1,11 +1,10 @@
 // usage-stat list: the records that were kept.
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/rows.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -46,20 +45,19 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddList(CLI::App* app, int* exit_code) {
+void AddList(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand("list", "Show the records that were kept");
+  Command command = line->AddCommand("list", "Show the records that were kept");
   AddDatabaseOption(command, &options->database);
-  command
-      ->add_option("--file", options->file,
-                   "One database or archive alone, instead of the database with its archives")
-      ->type_name("PATH");
+  command.Option("--file", "PATH",
+                 "One database or archive alone, instead of the database with its archives",
+                 &options->file);
   AddRangeOptions(command, &options->query);
   AddFilterOptions(command, &options->query);
   AddCountOption(command, &options->query.newest, "The last so many of them");
-  command->add_flag("-r,--reverse", options->query.reverse, "Newest first");
+  command.Flag("-r,--reverse", "Newest first", &options->query.reverse);
   AddOutputOption(command, &options->output, RowFormats());
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -1,16 +1,14 @@
 // usage-stat: a window into the records of usage statistics.
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <string>
 
 #include "tools/inspector/commands.h"
 #include "tools/inspector/terminal.h"
 
-using namespace velmora::usage_stat::inspector;
+namespace velmora::usage_stat::inspector {
 
 namespace {
 
@@ -20,43 +18,28 @@ int Run(int argc, char** argv) {
   // The library's log lines repeat what the subcommands report in their own words.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
 
-  CLI::App app("Looks into the records of usage statistics, and sends some.", "usage-stat");
-  app.set_version_flag("--version", "usage-stat " USAGE_STAT_VERSION);
-  app.require_subcommand(1);
-  app.footer("Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
-  app.failure_message([](const CLI::App* program, const CLI::Error& error) {
-    const auto commands = program->get_subcommands();
-    return fmt::format("usage-stat: {}; see usage-stat {}--help\n", Printable(error.what()),
-                       commands.empty() ? "" : commands.front()->get_name() + " ");
-  });
-  int exit_code = kOk;
+  CommandLine line("usage-stat", "Looks into the records of usage statistics, and sends some.",
+                   USAGE_STAT_VERSION);
+  line.main().Footer(
+      "Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
   for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
                          AddReplay, AddReport, AddArchive}) {
-    add(&app, &exit_code);
+    add(&line);
   }
-
-  const std::string first = argc > 1 ? argv[1] : "--help";
-  const auto is_first = [&first](const CLI::App* command) { return command->check_name(first); };
-  if (!first.starts_with('-') && app.get_subcommands(is_first).empty()) {
-    return Complain(kUsage, fmt::format("there is no subcommand {}; see usage-stat --help", first));
-  }
-
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (app.exit(error) != 0) return kUsage;
-  }
+  const int exit_code = line.Run(argc, argv);
   Flush();
   return exit_code;
 }
 
 }  // namespace
 
+}  // namespace velmora::usage_stat::inspector
+
 int main(int argc, char** argv) {
   try {
-    return Run(argc, argv);
+    return velmora::usage_stat::inspector::Run(argc, argv);
   } catch (const std::exception& error) {  // lack of memory, for one
     (void)std::fprintf(stderr, "usage-stat: %s\n", error.what());
-    return kFailed;
+    return velmora::usage_stat::kFailed;
   }
 }

@@ -3,7 +3,6 @@
 #include <common_utilities/message_client.h>
 #include <sqlite3.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -14,8 +13,8 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/captured.h"
-#include "tools/inspector/commands.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/functions.h"
 #include "tools/inspector/selection.h"
@@ -228,32 +227,30 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddReplay(CLI::App* app, int* exit_code) {
+void AddReplay(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app->add_subcommand("replay", "Send captured records again, or read the quarantine again");
-  CLI::Option* file = command->add_option(
-      "FILE", options->file,
-      "A database, an archive, or lines from list -o json or -o raw; - for standard input");
-  file->option_text(" ");
-  command->add_flag("--raw", options->raw,
-                    "Send the very bytes, timestamps included, also of damaged records");
-  command
-      ->add_option("--speed", options->speed,
-                   "Pace: a factor of the original one, or max for no waiting (default: 1)")
-      ->type_name("FACTOR");
+  Command command =
+      line->AddCommand("replay", "Send captured records again, or read the quarantine again");
+  command.Argument(
+      "FILE", "A database, an archive, or lines from list -o json or -o raw; - for standard input",
+      &options->file);
+  command.Flag("--raw", "Send the very bytes, timestamps included, also of damaged records",
+               &options->raw);
+  command.Option("--speed", "FACTOR",
+                 "Pace: a factor of the original one, or max for no waiting (default: 1)",
+                 &options->speed);
   AddEndpointOption(command, &options->endpoint);
-  command
-      ->add_flag("--quarantine", options->quarantine,
-                 "Decode the quarantine again, and move what now reads into the records with its "
-                 "receive time and sender")
-      ->excludes(file);
+  command.Flag("--quarantine",
+               "Decode the quarantine again, and move what now reads into the records with its "
+               "receive time and sender",
+               &options->quarantine);
+  command.Exclude("--quarantine", "FILE");
   AddDatabaseOption(command, &options->database);
-  command->footer(
+  command.Footer(
       "Without --raw, records go through the exported functions where one sends exactly such a\n"
       "record, and as bytes with the time of now where none does. Records that a collector wrote\n"
       "about itself, and damaged ones, are left out.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

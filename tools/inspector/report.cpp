@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -10,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/report/page.h"
@@ -60,15 +59,14 @@ int Report(const Options& options) {
 
 }  // namespace
 
-void AddReport(CLI::App* app, int* exit_code) {
+void AddReport(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand(
+  Command command = line->AddCommand(
       "report", "Sum up a range of time, the last 30 days by default, as one HTML page");
   AddDatabaseOption(command, &options->database);
   AddRangeOptions(command, &options->range);
-  command->add_option("-o,--output", options->file, "File to write (default: standard output)")
-      ->type_name("FILE");
-  command->callback([options, exit_code] { *exit_code = Report(*options); });
+  command.Option("-o,--output", "FILE", "File to write (default: standard output)", &options->file);
+  command.OnRun([options] { return Report(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstdint>
 
@@ -16,10 +15,11 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
-std::int64_t MomentOf(const std::string& option, const std::string& text) {
-  const auto moment = ParseMoment(text, store::NowMs());
-  if (!moment) throw CLI::ValidationError(option, "no moment is called \"" + text + "\"");
-  return *moment;
+// The takers of options return what is wrong with a value; see Command::Take.
+
+std::string TakeMoment(const std::string& text, std::optional<std::int64_t>* moment) {
+  *moment = ParseMoment(text, store::NowMs());
+  return *moment ? "" : "no moment is called \"" + text + "\"";
 }
 
 // Whether `text` is a name of `type`: its code, its class or its enumerator, the latter two also
@@ -34,15 +34,13 @@ bool IsNameOf(const records::RecordType& type, const std::string& text) {
          matches(type.enumerator.substr(1)) || text == std::to_string(type.code);
 }
 
-void AddEvents(const std::string& text, std::vector<std::string>* events) {
+std::string TakeEvent(const std::string& text, std::vector<std::string>* events) {
   const std::size_t before = events->size();
   for (const records::RecordType& type : records::Catalogue()) {
     if (IsNameOf(type, text)) events->emplace_back(type.event);
   }
-  if (events->size() == before) {
-    throw CLI::ValidationError(
-        "--event", "there is no record type \"" + text + "\"; usage-stat types shows them");
-  }
+  if (events->size() > before) return {};
+  return "there is no record type \"" + text + "\"; usage-stat types shows them";
 }
 
 bool ReadNumber(const std::string& text, std::int64_t* number) {
@@ -51,12 +49,14 @@ bool ReadNumber(const std::string& text, std::int64_t* number) {
   return result.ec == std::errc() && result.ptr == end;
 }
 
-std::int64_t ApplicationOf(const std::string& text) {
+std::string TakeApplication(const std::string& text, std::optional<std::int64_t>* application) {
   std::int64_t id = 0;
-  if (ReadNumber(text, &id)) return id;
-  id = Stat_GetApplicationId(text.c_str());
-  if (id < 0) throw CLI::ValidationError("--app", "there is no application \"" + text + "\"");
-  return id;
+  if (!ReadNumber(text, &id)) {
+    id = Stat_GetApplicationId(text.c_str());
+    if (id < 0) return "there is no application \"" + text + "\"";
+  }
+  *application = id;
+  return {};
 }
 
 std::int64_t BookOf(const std::string& text) {
@@ -66,81 +66,55 @@ std::int64_t BookOf(const std::string& text) {
 
 }  // namespace
 
-void AddDatabaseOption(CLI::App* command, std::string* path) {
+void AddDatabaseOption(Command command, std::string* path) {
   *path = store::DefaultDatabasePath();
-  command
-      ->add_option("--database", *path,
-                   "Database of the collector (default: $USAGE_STAT_DATABASE, else records.db "
-                   "in $STATE_DIRECTORY, else /var/lib/usage-stat/records.db)")
-      ->type_name("PATH");
+  command.Option("--database", "PATH",
+                 "Database of the collector (default: $USAGE_STAT_DATABASE, else records.db in "
+                 "$STATE_DIRECTORY, else /var/lib/usage-stat/records.db)",
+                 path);
 }
 
-void AddOutputOption(CLI::App* command, std::string* output,
+void AddOutputOption(Command command, std::string* output,
                      const std::vector<std::string>& formats) {
   *output = formats.front();
-  command->add_option("-o,--output", *output, "How to show it")
-      ->check(CLI::IsMember(formats))
-      ->type_name("FORMAT")
-      ->capture_default_str();
+  command.Choice("-o,--output", "FORMAT", "How to show it", formats, output);
 }
 
-void AddCountOption(CLI::App* command, std::optional<std::int64_t>* count,
+void AddCountOption(Command command, std::optional<std::int64_t>* count,
                     const std::string& description) {
-  command
-      ->add_option_function<std::string>(
-          "-n",
-          [count](const std::string& text) {
-            std::int64_t number = 0;
-            if (!ReadNumber(text, &number) || number < 0) {
-              throw CLI::ValidationError("-n", "\"" + text + "\" is no count");
-            }
-            *count = number;
-          },
-          description)
-      ->type_name("COUNT");
-}
-
-void AddRangeOptions(CLI::App* command, store::Query* query) {
-  command
-      ->add_option_function<std::string>(
-          "--since",
-          [query](const std::string& text) { query->since_ms = MomentOf("--since", text); },
-          "Events at or after this moment")
-      ->type_name("MOMENT");
-  command
-      ->add_option_function<std::string>(
-          "--until",
-          [query](const std::string& text) { query->until_ms = MomentOf("--until", text); },
-          "Events before this moment")
-      ->type_name("MOMENT");
-  command->parse_complete_callback([query] {
-    if (query->since_ms && query->until_ms && *query->until_ms <= *query->since_ms) {
-      throw CLI::ValidationError("--until", "it is not after --since");
-    }
+  command.Option("-n", "COUNT", description, [count](const std::string& text) -> std::string {
+    std::int64_t number = 0;
+    if (!ReadNumber(text, &number) || number < 0) return "\"" + text + "\" is no count";
+    *count = number;
+    return {};
   });
-  command->footer(std::string("A MOMENT is one of: ") + kMomentForms);
 }
 
-void AddFilterOptions(CLI::App* command, store::Query* query) {
-  command
-      ->add_option_function<std::vector<std::string>>(
-          "--event",
-          [query](const std::vector<std::string>& texts) {
-            for (const std::string& text : texts) AddEvents(text, &query->events);
-          },
-          "Records of this type: a name or a code; may be given again")
-      ->type_name("TYPE")
-      ->allow_extra_args(false);
-  command
-      ->add_option_function<std::string>(
-          "--app", [query](const std::string& text) { query->application = ApplicationOf(text); },
-          "Records that name this application: an id, or a name such as explorer.app")
-      ->type_name("APP");
-  command
-      ->add_option_function<std::string>(
-          "--book", [query](const std::string& text) { query->book_id = BookOf(text); },
-          "Records that name this book: an id or a path of the device")
-      ->type_name("BOOK");
+void AddRangeOptions(Command command, store::Query* query) {
+  command.Option("--since", "MOMENT", "Events at or after this moment",
+                 [query](const std::string& text) { return TakeMoment(text, &query->since_ms); });
+  command.Option("--until", "MOMENT", "Events before this moment",
+                 [query](const std::string& text) { return TakeMoment(text, &query->until_ms); });
+  command.OnRead([query]() -> std::string {
+    const bool is_empty =
+        query->since_ms && query->until_ms && *query->until_ms <= *query->since_ms;
+    return is_empty ? "--until: it is not after --since" : "";
+  });
+  command.Footer(std::string("A MOMENT is one of: ") + kMomentForms);
+}
+
+void AddFilterOptions(Command command, store::Query* query) {
+  command.RepeatedOption(
+      "--event", "TYPE", "Records of this type: a name or a code; may be given again",
+      [query](const std::string& text) { return TakeEvent(text, &query->events); });
+  command.Option(
+      "--app", "APP", "Records that name this application: an id, or a name such as explorer.app",
+      [query](const std::string& text) { return TakeApplication(text, &query->application); });
+  command.Option("--book", "BOOK", "Records that name this book: an id or a path of the device",
+                 [query](const std::string& text) {
+                   query->book_id = BookOf(text);
+                   return std::string();
+                 });
 }
 
 }  // namespace velmora::usage_stat::inspector

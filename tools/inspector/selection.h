@@ -8,30 +8,26 @@
 #include <string>
 #include <vector>
 
+#include "tools/command_line/command_line.h"
 #include "tools/store/reader.h"
-
-namespace CLI {
-class App;
-}
 
 namespace velmora::usage_stat::inspector {
 
 // Adds --database, which `path` then holds, or its default.
-void AddDatabaseOption(CLI::App* command, std::string* path);
+void AddDatabaseOption(Command command, std::string* path);
 
 // Adds -o with `formats`, of which the first is the default.
-void AddOutputOption(CLI::App* command, std::string* output,
-                     const std::vector<std::string>& formats);
+void AddOutputOption(Command command, std::string* output, const std::vector<std::string>& formats);
 
 // Adds -n, which `command` explains, and sets `count` from it.
-void AddCountOption(CLI::App* command, std::optional<std::int64_t>* count,
+void AddCountOption(Command command, std::optional<std::int64_t>* count,
                     const std::string& description);
 
 // Adds --since and --until, checked, and sets the range of `query` from them.
-void AddRangeOptions(CLI::App* command, store::Query* query);
+void AddRangeOptions(Command command, store::Query* query);
 
 // Adds --event, --app and --book, checked, and narrows `query` by them.
-void AddFilterOptions(CLI::App* command, store::Query* query);
+void AddFilterOptions(Command command, store::Query* query);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -1,13 +1,12 @@
 // usage-stat send: any exported function, for scripts and tests.
 
-#include <CLI/CLI.hpp>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/functions.h"
 #include "tools/inspector/selection.h"
@@ -23,6 +22,7 @@ struct Options {
   bool list = false;
   std::string endpoint;
   std::string output;
+  std::vector<std::string> words;  // the function and its arguments
 };
 
 std::string Signature(const Function& function) {
@@ -129,7 +129,8 @@ int Report(const Function& function, const std::vector<Json>& arguments, const J
   return kFailed;
 }
 
-int Run(const Options& options, const std::vector<std::string>& words) {
+int Run(const Options& options) {
+  const std::vector<std::string>& words = options.words;
   if (options.list) {
     if (!words.empty()) return Complain(kUsage, "--list takes no function");
     List(options.output == "json");
@@ -164,19 +165,19 @@ int Run(const Options& options, const std::vector<std::string>& words) {
 
 }  // namespace
 
-void AddSend(CLI::App* app, int* exit_code) {
+void AddSend(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand("send", "Call any exported function of the library");
-  command->add_flag("--list", options->list, "Show all functions and their parameters");
+  Command command = line->AddCommand("send", "Call any exported function of the library");
+  command.Flag("--list", "Show all functions and their parameters", &options->list);
   AddEndpointOption(command, &options->endpoint);
   AddOutputOption(command, &options->output, {"text", "json"});
-  command->prefix_command();
-  command->footer(
+  command.TakeRest(&options->words);
+  command.Footer(
       "usage-stat send [OPTIONS] FUNCTION [ARGUMENT...]\n\n"
       "FUNCTION is a name such as Stat_GoToURLEvent or GoToURLEvent. Options stand before it.\n"
       "Each ARGUMENT is a number, a text, or a list separated by commas or written as a JSON\n"
       "array. null: is a null pointer; text:null: is the text after its first colon.");
-  command->callback([=] { *exit_code = Run(*options, command->remaining()); });
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -1,6 +1,5 @@
 // usage-stat status: what was received and what became of it, as a balance sheet that adds up.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -9,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
-#include "tools/inspector/commands.h"
 #include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -214,13 +213,13 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddStatus(CLI::App* app, int* exit_code) {
+void AddStatus(CommandLine* line) {
   auto options = std::make_shared<Options>();
-  CLI::App* command = app->add_subcommand("status", "Show what was received and what became of it");
+  Command command = line->AddCommand("status", "Show what was received and what became of it");
   AddDatabaseOption(command, &options->database);
   AddOutputOption(command, &options->output, {"text", "json"});
-  command->footer("Exit code 1 when the numbers do not add up.");
-  command->callback([options, exit_code] { *exit_code = Run(*options); });
+  command.Footer("Exit code 1 when the numbers do not add up.");
+  command.OnRun([options] { return Run(*options); });
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 
 namespace velmora::usage_stat::inspector {
 

@@ -1,10 +1,9 @@
 // usage-stat types: the catalogue of all records.
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
-#include "tools/inspector/commands.h"
+#include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/records/catalogue.h"
@@ -133,13 +132,13 @@ void PrintMarkdown() {
 
 }  // namespace
 
-void AddTypes(CLI::App* app, int* exit_code) {
+void AddTypes(CommandLine* line) {
   auto format = std::make_shared<std::string>();
-  CLI::App* command = app->add_subcommand("types", "Show all record types and their fields");
+  Command command = line->AddCommand("types", "Show all record types and their fields");
   AddOutputOption(command, format.get(), {"text", "json", "markdown"});
-  command->callback([format, exit_code] {
+  command.OnRun([format] {
     (*format == "text" ? PrintText : *format == "json" ? PrintJson : PrintMarkdown)();
-    *exit_code = kOk;
+    return kOk;
   });
 }
 

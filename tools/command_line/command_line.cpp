@@ -1,0 +1,179 @@
+#include "tools/command_line/command_line.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <utility>
+
+#include "tools/records/text.h"
+
+namespace velmora::usage_stat {
+
+namespace {
+
+// Options whose value is explained by the description alone have a blank for its name; else the
+// help would tell its type.
+void NameValue(CLI::Option* option, const std::string& name) {
+  option->option_text(name.empty() ? " " : name);
+}
+
+// Tells the parser what is wrong with the value of `option`, if anything is.
+void Raise(const std::string& option, const std::string& mistake) {
+  if (!mistake.empty()) throw CLI::ValidationError(option, mistake);
+}
+
+std::string LastOf(const std::string& names) { return names.substr(names.find_last_of(',') + 1); }
+
+std::string Complaint(const CLI::App* program, const CLI::Error& error) {
+  std::string path = program->get_name();
+  for (auto commands = program->get_subcommands(); !commands.empty();
+       commands = commands.front()->get_subcommands()) {
+    path += " " + commands.front()->get_name();
+  }
+  return fmt::format("{}: {}; see {} --help\n", program->get_name(),
+                     records::Printable(error.what()), path);
+}
+
+}  // namespace
+
+// ---- One command ----
+
+void Command::Option(const std::string& names, const std::string& value_name,
+                     const std::string& description, Take take) {
+  NameValue(app_->add_option_function<std::string>(
+                names,
+                [name = LastOf(names), take = std::move(take)](const std::string& text) {
+                  Raise(name, take(text));
+                },
+                description),
+            value_name);
+}
+
+void Command::Option(const std::string& names, const std::string& value_name,
+                     const std::string& description, std::string* value) {
+  NameValue(app_->add_option(names, *value, description), value_name);
+}
+
+void Command::Option(const std::string& names, const std::string& value_name,
+                     const std::string& description, std::int64_t least, std::int64_t most,
+                     std::int64_t* value) {
+  NameValue(app_->add_option(names, *value, description)->check(CLI::Range(least, most)),
+            value_name);
+}
+
+void Command::Option(const std::string& names, const std::string& value_name,
+                     const std::string& description, int least, int most, int* value) {
+  NameValue(app_->add_option(names, *value, description)->check(CLI::Range(least, most)),
+            value_name);
+}
+
+void Command::SizeOption(const std::string& names, const std::string& description,
+                         const std::function<std::string(std::uint64_t)>& take) {
+  NameValue(
+      app_->add_option_function<std::uint64_t>(
+              names, [name = LastOf(names), take](std::uint64_t size) { Raise(name, take(size)); },
+              description)
+          ->transform(CLI::AsSizeValue(false)),
+      "SIZE");
+}
+
+void Command::RepeatedOption(const std::string& names, const std::string& value_name,
+                             const std::string& description, Take take) {
+  NameValue(app_->add_option_function<std::vector<std::string>>(
+                    names,
+                    [name = LastOf(names), take = std::move(take)](const auto& texts) {
+                      for (const std::string& text : texts) Raise(name, take(text));
+                    },
+                    description)
+                ->allow_extra_args(false),
+            value_name + " ...");
+}
+
+void Command::Choice(const std::string& names, const std::string& value_name,
+                     const std::string& description, const std::vector<std::string>& values,
+                     std::string* value) {
+  app_->add_option(names, *value, description)
+      ->check(CLI::IsMember(values))
+      ->type_name(value_name)
+      ->capture_default_str();
+}
+
+void Command::Flag(const std::string& names, const std::string& description, bool* value) {
+  app_->add_flag(names, *value, description);
+}
+
+void Command::Exclude(const std::string& name, const std::string& other) {
+  app_->get_option(name)->excludes(app_->get_option(other));
+}
+
+void Command::Argument(const std::string& name, const std::string& description, std::string* value,
+                       bool is_required) {
+  NameValue(app_->add_option(name, *value, description)->required(is_required), "");
+}
+
+void Command::Arguments(const std::string& name, const std::string& description,
+                        std::vector<std::string>* values, int least) {
+  NameValue(app_->add_option(name, *values, description)
+                ->expected(least, CLI::detail::expected_max_vector_size),
+            "");
+}
+
+void Command::TakeRest(std::vector<std::string>* rest) {
+  app_->prefix_command();
+  app_->parse_complete_callback([app = app_, rest] { *rest = app->remaining(); });
+}
+
+void Command::Footer(const std::string& text) { app_->footer(text); }
+
+void Command::OnRead(const std::function<std::string()>& check) {
+  app_->parse_complete_callback([name = app_->get_name(), check] {
+    if (const std::string mistake = check(); !mistake.empty()) {
+      throw CLI::ValidationError(mistake);
+    }
+  });
+}
+
+void Command::OnRun(const std::function<int()>& run) {
+  app_->callback([exit_code = exit_code_, run] { *exit_code = run(); });
+}
+
+Command Command::AddCommand(const std::string& name, const std::string& description) {
+  app_->require_subcommand(1);
+  return {app_->add_subcommand(name, description), exit_code_};
+}
+
+// ---- The line ----
+
+CommandLine::CommandLine(const std::string& program, const std::string& description,
+                         const std::string& version)
+    : app_(std::make_unique<CLI::App>(description, program)) {
+  if (!version.empty()) app_->set_version_flag("--version", program + " " + version);
+  app_->failure_message(Complaint);
+}
+
+CommandLine::~CommandLine() = default;
+
+Command CommandLine::main() { return {app_.get(), &exit_code_}; }
+
+Command CommandLine::AddCommand(const std::string& name, const std::string& description) {
+  return main().AddCommand(name, description);
+}
+
+int CommandLine::Run(int argc, const char* const* argv) {
+  try {
+    // The parser's own word for an unknown subcommand doesn't name it.
+    const bool has_commands = app_->get_require_subcommand_min() > 0;
+    const std::string first = argc > 1 ? argv[1] : "";
+    if (has_commands && first.empty()) throw CLI::CallForHelp();
+    const auto is_first = [&first](const CLI::App* command) { return command->check_name(first); };
+    if (has_commands && !first.starts_with('-') && app_->get_subcommands(is_first).empty()) {
+      throw CLI::ParseError("there is no subcommand " + first, kUsage);
+    }
+    app_->parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app_->exit(error) == 0 ? kOk : kUsage;
+  }
+  return exit_code_;
+}
+
+}  // namespace velmora::usage_stat
