@@ -163,8 +163,7 @@ int CommandLine::Run(int argc, const char* const* argv) {
   try {
     // The parser's own word for an unknown subcommand doesn't name it.
     const bool has_commands = app_->get_require_subcommand_min() > 0;
-    const std::string first = argc > 1 ? argv[1] : "";
-    if (has_commands && first.empty()) throw CLI::CallForHelp();
+    const std::string first = argc > 1 ? argv[1] : "-";
     const auto is_first = [&first](const CLI::App* command) { return command->check_name(first); };
     if (has_commands && !first.starts_with('-') && app_->get_subcommands(is_first).empty()) {
       throw CLI::ParseError("there is no subcommand " + first, kUsage);
