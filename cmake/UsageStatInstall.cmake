@@ -43,7 +43,7 @@ endif()
 # ---- Programs, their manual pages and completions, and the collector as a service ----
 
 if(USAGE_STAT_BUILD_TOOLS)
-  install(TARGETS usage_stat_collector usage_stat_inspector
+  install(TARGETS usage_stat_collector usage_stat_inspector usage_stat_sample
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
 
   find_program(GZIP_PROGRAM gzip)

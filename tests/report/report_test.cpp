@@ -18,6 +18,7 @@
 #include "tools/report/record_counter.h"
 #include "tools/report/summary.h"
 #include "tools/store/archive.h"
+#include "tools/store/file.h"
 
 namespace velmora::usage_stat::report {
 namespace {
@@ -160,6 +161,33 @@ TEST_F(ReportTest, CommandWritesAPageOrSaysWhyNot) {
     EXPECT_THAT(result.out + result.err, HasSubstr(c.text));
   }
   EXPECT_THAT(ReadFile(page), HasSubstr("<title>Usage report"));
+}
+
+TEST_F(ReportTest, SamplesAreMadeOnceAndAlikeAndOverwriteNothing) {
+  using usage_stat_test::RunProgram;
+  const std::string folder = folder_ / "fleet";
+  const std::string file = folder_ / "one.db";
+  ASSERT_EQ(RunProgram({USAGE_STAT_SAMPLE, "--days", "7", file}).exit_code, 0);
+  ASSERT_EQ(RunProgram({USAGE_STAT_SAMPLE, "--devices", "2", "--days", "7", folder}).exit_code, 0);
+  std::int64_t records[3] = {};
+  const std::string made[] = {file, folder + "/1.db", folder + "/2.db"};
+  for (std::size_t i = 0; i < 3; ++i) {
+    std::unique_ptr<store::Reader> reader;
+    ASSERT_OK(store::Reader::Open(made[i], &reader));
+    store::Query before_today;
+    before_today.until_ms = BeginOf(LocalClock().At(store::NowMs()).day);
+    ASSERT_OK(
+        reader->ForEach(before_today, [&](const store::RecordRow&) { return ++records[i] > 0; }));
+  }
+  EXPECT_GT(records[0], 100);
+  EXPECT_EQ(records[0], records[1]);  // the same person
+  EXPECT_NE(records[1], records[2]);
+  for (const std::string& path : {file, folder}) {
+    const auto again = RunProgram({USAGE_STAT_SAMPLE, path});
+    EXPECT_EQ(again.exit_code, 1);
+    EXPECT_THAT(again.err, HasSubstr("exists; it was left as it is"));
+  }
+  EXPECT_EQ(RunProgram({USAGE_STAT_SAMPLE, "--days", "0", file}).exit_code, 2);
 }
 
 TEST_F(ReportTest, HostileTextsStayTexts) {
