@@ -10,15 +10,14 @@
 #include <mutex>
 
 #include "corvane/corvane.h"
-#include "corvane/device_files.h"
 #include "corvane/log.h"
 
 struct CorvaneConfig {
-  explicit CorvaneConfig(const char* device_path) : path(device_path) {}
+  explicit CorvaneConfig(const char* device_path) : file(device_path) {}
 
-  const std::string path;
-  std::mutex mutex;                             // guards `values`
-  std::optional<corvane::ConfigValues> values;  // unset until they are needed
+  std::mutex mutex;  // guards the rest
+  corvane::ConfigFile file;
+  std::shared_ptr<const corvane::ConfigValues> values;  // null until they are needed
 };
 
 // Lives as long as the process, since other libraries may log or send while it ends.
@@ -56,7 +55,7 @@ int StoreValue(void* user, const char* section, const char* key, const char* val
 
 // Reads the file of `config` if that has not been done yet. The caller holds the lock.
 const ConfigValues& LoadedValues(CorvaneConfig* config) {
-  if (!config->values) config->values = ReadConfigFile(config->path.c_str());
+  if (!config->values) config->values = config->file.Read();
   return *config->values;
 }
 
@@ -71,16 +70,26 @@ ConfigValues ParseConfig(std::string_view text) {
   return values;
 }
 
-ConfigValues ReadConfigFile(const char* device_path) {
+std::shared_ptr<const ConfigValues> ConfigFile::Read() {
+  // Looked at before the file is read: what changes meanwhile shows the next time.
+  const std::optional<FileState> state = StateOf(path_.c_str());
+  if (state && state == state_) return values_;
+  state_ = state && state->IsSettled() ? state : std::nullopt;
   std::string text;
-  const int error = ReadRegularFile(device_path, kMaxConfigSize, &text);
+  const int error = ReadRegularFile(path_.c_str(), kMaxConfigSize, &text);
   if (error != 0 && error != ENOENT && error != ENOTDIR) {
-    CORVANE_LOG(kLogError, "can't read %s: %s", device_path, strerrordesc_np(error));
+    CORVANE_LOG(kLogError, "can't read %s: %s", path_.c_str(), strerrordesc_np(error));
+    state_.reset();
   }
-  return ParseConfig(text);
+  values_ = std::make_shared<const ConfigValues>(ParseConfig(text));
+  return values_;
 }
 
-ConfigValues ReadDeviceConfig() { return ReadConfigFile("/mnt/ext1/system/config/device.cfg"); }
+// Each thread has its own, so that none waits for another, in a child after fork() least of all.
+std::shared_ptr<const ConfigValues> ReadDeviceConfig() {
+  thread_local ConfigFile file("/mnt/ext1/system/config/device.cfg");
+  return file.Read();
+}
 
 const std::string* Find(const ConfigValues& values, std::string_view key) {
   const auto found = values.find(key);
@@ -129,5 +138,5 @@ void CloseConfigNoSave(CorvaneConfig* config) {
 void RefreshConfig(CorvaneConfig* config) {
   if (!config) return;
   const std::lock_guard lock(config->mutex);
-  config->values = corvane::ReadConfigFile(config->path.c_str());
+  config->values = config->file.Read();
 }

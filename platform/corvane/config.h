@@ -5,9 +5,13 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "corvane/device_files.h"
 
 namespace corvane {
 
@@ -16,11 +20,23 @@ using ConfigValues = std::map<std::string, std::string, std::less<>>;
 // The keys and values of a configuration text. Lines that are no assignment are skipped.
 ConfigValues ParseConfig(std::string_view text);
 
-// Reads the configuration file at a path of the device; one that can't be read counts as empty.
-ConfigValues ReadConfigFile(const char* device_path);
+// A configuration file at a path of the device. For one thread at a time.
+class ConfigFile {
+ public:
+  explicit ConfigFile(std::string device_path) : path_(std::move(device_path)) {}
 
-// The values of the file that describes this device, read afresh.
-ConfigValues ReadDeviceConfig();
+  // The values that the file holds now; one that can't be read counts as empty. It is parsed only
+  // when it may have changed since the last call.
+  std::shared_ptr<const ConfigValues> Read();
+
+ private:
+  std::string path_;
+  std::optional<FileState> state_;  // of `values_`, once that is settled
+  std::shared_ptr<const ConfigValues> values_;
+};
+
+// The values of the file that describes this device, as it is now.
+std::shared_ptr<const ConfigValues> ReadDeviceConfig();
 
 // The value of `key`, or null.
 const std::string* Find(const ConfigValues& values, std::string_view key);

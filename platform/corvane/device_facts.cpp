@@ -59,8 +59,8 @@ std::optional<std::string> IdOfMachine() {
 }
 
 std::string DeviceId() {
-  const ConfigValues values = ReadDeviceConfig();
-  if (const std::string* hex = Find(values, "device_id"); hex) {
+  const auto values = ReadDeviceConfig();
+  if (const std::string* hex = Find(*values, "device_id"); hex) {
     if (auto id = ParseId(*hex)) return *id;
     CORVANE_LOG(kLogError, "device_id is not %zu to %zu hex digits in pairs and was ignored",
                 2 * kMinIdSize, 2 * kMaxIdSize);
@@ -69,8 +69,8 @@ std::string DeviceId() {
 }
 
 std::string TextFact(std::string_view key, const char* default_value) {
-  const ConfigValues values = ReadDeviceConfig();
-  const std::string* text = Find(values, key);
+  const auto values = ReadDeviceConfig();
+  const std::string* text = Find(*values, key);
   return text ? *text : default_value;
 }
 
@@ -111,7 +111,7 @@ const char* GetSoftwareVersion(void) {
 }
 
 int GetCustomizedPartner(void) {
-  return corvane::IntOf(corvane::ReadDeviceConfig(), "partner_number", 0);
+  return corvane::IntOf(*corvane::ReadDeviceConfig(), "partner_number", 0);
 }
 
 const char* GetCustomizedPartnerName(void) {

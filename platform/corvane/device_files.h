@@ -3,7 +3,11 @@
 #ifndef PLATFORM_CORVANE_DEVICE_FILES_H_
 #define PLATFORM_CORVANE_DEVICE_FILES_H_
 
+#include <sys/stat.h>
+
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -38,12 +42,30 @@ std::string HostPath(const char* device_path);
 // or a folder is refused. On failure the result is invalid and `*error` holds the errno value.
 UniqueFd OpenRegularFile(const char* device_path, int* error);
 
+// Which file a path leads to, and when it was last touched: two equal states of which the first is
+// settled are those of one content.
+struct FileState {
+  explicit FileState(const struct stat& status);
+  // Whether a later change is certain to show: file systems keep times by the ticks of a clock.
+  bool IsSettled() const;
+  bool operator==(const FileState&) const = default;
+
+  dev_t device;
+  ino_t inode;
+  off_t size;
+  std::int64_t modified;  // nanoseconds
+  std::int64_t changed;
+};
+
+// Empty when there is no such file.
+std::optional<FileState> StateOf(const char* device_path);
+
 // Reads a regular file of at most `max_size` bytes. Returns 0 or an errno value (EFBIG for a larger
 // file); on failure `*text` is empty.
 int ReadRegularFile(const char* device_path, std::size_t max_size, std::string* text);
 
-// Reads from where `fd` stands until its end or until `*text` holds `max_size` bytes. Returns 0 or
-// an errno value.
+// Reads a file that stands at its start until its end or until `*text` holds `max_size` bytes.
+// Returns 0 or an errno value.
 int ReadUpTo(int fd, std::size_t max_size, std::string* text);
 
 }  // namespace corvane

@@ -1,7 +1,6 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -130,27 +129,21 @@ void StoreIfWanted(int value, int* out) {
 
 // ---- Keys ----
 
-// The two action lists of one mapping set; an empty text stands for no action.
-using ActionNames = std::array<std::vector<std::string>, 2>;
-
-ActionNames ReadActionNames(int mapping_set, std::size_t count) {
-  const ConfigValues values = ReadDeviceConfig();
-  constexpr std::array<const char*, 2> kLists = {".first.", ".second."};
-  ActionNames names;
-  for (std::size_t list = 0; list < kLists.size(); ++list) {
-    const std::string prefix = "key." + std::to_string(mapping_set) + kLists[list];
-    for (std::size_t button = 0; button < count; ++button) {
-      const std::string* name = Find(values, prefix + std::to_string(button));
-      names[list].push_back(name ? *name : std::string());
-    }
-  }
-  return names;
-}
-
-void Publish(const std::vector<std::string>& names, const char** actions, std::size_t count) {
-  for (std::size_t i = 0; actions && i < count; ++i) {
-    const bool assigned = i < names.size() && !names[i].empty();
-    actions[i] = assigned ? names[i].c_str() : nullptr;
+// Points the first `count` of `actions` at what `values` assigns to the buttons in one list of a
+// mapping set, or null. There may be more places than there are buttons.
+void NameActions(const ConfigValues& values, const std::string& list, const char** actions,
+                 int count) {
+  constexpr int kButtons = 32;
+  if (!actions) return;
+  std::fill_n(actions, std::max(count, 0), nullptr);
+  for (auto each = values.lower_bound(list); each != values.end(); ++each) {
+    const auto& [key, action] = *each;
+    if (!key.starts_with(list)) break;
+    const std::string_view number = std::string_view(key).substr(list.size());
+    const int button = ParseInt(number).value_or(-1);
+    if (button < 0 || button >= std::min(count, kButtons)) continue;
+    // A number has one spelling only.
+    if (!action.empty() && std::to_string(button) == number) actions[button] = action.c_str();
   }
 }
 
@@ -169,31 +162,30 @@ std::optional<unsigned int> ParseMask(std::string_view text) {
 }  // namespace corvane
 
 int ReadGSensor(int* x, int* y, int* z) {
-  const corvane::ConfigValues values = corvane::ReadDeviceConfig();
-  const auto reading = corvane::ReadAcceleration(values);
+  const auto values = corvane::ReadDeviceConfig();
+  const auto reading = corvane::ReadAcceleration(*values);
   if (!reading) return -1;
   corvane::StoreIfWanted(reading->x, x);
   corvane::StoreIfWanted(reading->y, y);
   corvane::StoreIfWanted(reading->z, z);
-  return corvane::OrientationFrom(*reading, values);
+  return corvane::OrientationFrom(*reading, *values);
 }
 
-int GetOrientation(void) { return corvane::ScreenOrientation(corvane::ReadDeviceConfig()); }
+int GetOrientation(void) { return corvane::ScreenOrientation(*corvane::ReadDeviceConfig()); }
 
 void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** second_actions,
                      int count) {
-  constexpr std::size_t kButtons = 32;
-  thread_local corvane::ActionNames names;
-
-  const std::size_t wanted = count > 0 ? static_cast<std::size_t>(count) : 0;
-  names = corvane::ReadActionNames(mapping_set, std::min(wanted, kButtons));
-  corvane::Publish(names[0], first_actions, wanted);
-  corvane::Publish(names[1], second_actions, wanted);
+  // Holds the names that this thread was given last.
+  thread_local std::shared_ptr<const corvane::ConfigValues> values;
+  values = corvane::ReadDeviceConfig();
+  const std::string set = "key." + std::to_string(mapping_set);
+  corvane::NameActions(*values, set + ".first.", first_actions, count);
+  corvane::NameActions(*values, set + ".second.", second_actions, count);
 }
 
 unsigned int QueryDeviceButtons(void) {
-  const corvane::ConfigValues values = corvane::ReadDeviceConfig();
-  const std::string* text = corvane::Find(values, "buttons");
+  const auto values = corvane::ReadDeviceConfig();
+  const std::string* text = corvane::Find(*values, "buttons");
   if (!text) return 0;
   const auto mask = corvane::ParseMask(*text);
   if (!mask) CORVANE_LOG(kLogError, "buttons is no mask of 32 bits: \"%s\"", text->c_str());

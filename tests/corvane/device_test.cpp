@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "corvane/corvane.h"
@@ -57,6 +59,23 @@ TEST(DeviceFacts, FollowTheFileAtOnce) {
   root.Write(kDeviceConfig, "partner_name=Q\n");
   std::thread([] { EXPECT_STREQ(GetCustomizedPartnerName(), "Q"); }).join();
   EXPECT_STREQ(partner, "P") << "another thread's call overwrote this thread's text";
+}
+
+// What is kept of a file that has stood unchanged for a while must not outlive it, even if the new
+// one has the old one's size and time of modification.
+TEST(DeviceFacts, FollowAFileThatLooksLikeItsPredecessor) {
+  const DeviceRoot root;
+  root.Write(kDeviceConfig, "partner_name=P\n");
+  const std::string path = root.HostPath(kDeviceConfig);
+  const auto modified = std::filesystem::last_write_time(path);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  EXPECT_STREQ(GetCustomizedPartnerName(), "P");
+  EXPECT_STREQ(GetCustomizedPartnerName(), "P");
+  root.Write(kDeviceConfig, "partner_name=Q\n");
+  std::filesystem::last_write_time(path, modified);
+  EXPECT_STREQ(GetCustomizedPartnerName(), "Q");
+  std::filesystem::remove(path);
+  EXPECT_STREQ(GetCustomizedPartnerName(), "");
 }
 
 TEST(DeviceFacts, IdComesFromTheFileOrTheMachine) {
