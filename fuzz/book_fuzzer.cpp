@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   std::string bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
-  if (data[0] % 4 == 3) {
+  if (data[0] % 5 == 3) {
     bytes = fuzz::EpubAround(bytes);
   }
   corvane::UniqueFd file(memfd_create("book", MFD_CLOEXEC));
@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   using Reader = std::optional<corvane::Book> (*)(corvane::UniqueFd, const char**);
   constexpr Reader kReaders[] = {corvane::ReadEpub, corvane::ReadFb2, corvane::ReadZippedFb2,
-                                 corvane::ReadEpub};
+                                 corvane::ReadEpub, corvane::ReadZippedEpub};
   const char* problem = nullptr;
-  const auto book = kReaders[data[0] % 4](std::move(file), &problem);
+  const auto book = kReaders[data[0] % 5](std::move(file), &problem);
   const bool told = book ? book->people.size() <= corvane::kMaxPeople : problem != nullptr;
   if (!told) {
     abort();

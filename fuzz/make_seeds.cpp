@@ -51,6 +51,8 @@ void WriteBooks(const std::filesystem::path& folder) {
   Write(folder / "books" / "fb2", '\1' + fiction_book);
   Write(folder / "books" / "fb2.zip", '\2' + fuzz::Archive({{"a.fb2", fiction_book}}));
   Write(folder / "books" / "package", '\3' + package);
+  Write(folder / "books" / "epub.zip",
+        '\4' + fuzz::Archive({{"a.epub", fuzz::EpubAround(package)}}));
 }
 
 }  // namespace

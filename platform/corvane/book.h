@@ -31,6 +31,7 @@ inline constexpr std::size_t kMaxPeople = 11;
 // gives no book and sets `*problem` to a static text that says why. Memory and time are bounded
 // whatever the file holds.
 std::optional<Book> ReadEpub(UniqueFd file, const char** problem);
+std::optional<Book> ReadZippedEpub(UniqueFd file, const char** problem);
 std::optional<Book> ReadFb2(UniqueFd file, const char** problem);
 std::optional<Book> ReadZippedFb2(UniqueFd file, const char** problem);
 

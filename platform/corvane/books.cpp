@@ -18,9 +18,16 @@ namespace {
 using Reader = std::optional<Book> (*)(UniqueFd file, const char** problem);
 
 Reader ReaderFor(const char* path) {
-  if (EndsWithIgnoringCase(path, ".epub")) return ReadEpub;
-  if (EndsWithIgnoringCase(path, ".fb2")) return ReadFb2;
-  return EndsWithIgnoringCase(path, ".fb2.zip") ? ReadZippedFb2 : nullptr;
+  struct Format {
+    const char* suffix;
+    Reader reader;
+  };
+  for (const auto& [suffix, reader] :
+       {Format{".epub", ReadEpub}, Format{".epub.zip", ReadZippedEpub}, Format{".fb2", ReadFb2},
+        Format{".fb2.zip", ReadZippedFb2}, Format{".fbz", ReadZippedFb2}}) {
+    if (EndsWithIgnoringCase(path, suffix)) return reader;
+  }
+  return nullptr;
 }
 
 std::optional<Book> ReadBook(const char* path) {

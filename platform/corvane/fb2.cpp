@@ -42,15 +42,16 @@ int PublicationYear(pugi::xml_node title_info, pugi::xml_node publish_info) {
   return 0;
 }
 
-// Publishers write several numbers in one element, with commas between them.
-std::string FirstIsbn(std::string_view text) {
-  std::string isbn;
-  while (isbn.empty() && !text.empty()) {
-    const std::string_view part = text.substr(0, text.find_first_of(",;"));
-    isbn = ParseIsbn(CleanText(part), true);
-    text.remove_prefix(std::min(text.size(), part.size() + 1));
+// The series of the text, else that of this edition; writing software leaves empty ones behind.
+pugi::xml_node Series(pugi::xml_node title_info, pugi::xml_node publish_info) {
+  for (const pugi::xml_node parent : {title_info, publish_info}) {
+    for (const pugi::xml_node node : parent.children()) {
+      if (LocalName(node.name()) == "sequence" && !CleanText(Attribute(node, "name")).empty()) {
+        return node;
+      }
+    }
   }
-  return isbn;
+  return {};
 }
 
 std::optional<Book> ReadStartOfFb2(std::string start, const char** problem) {
@@ -64,8 +65,7 @@ std::optional<Book> ReadStartOfFb2(std::string start, const char** problem) {
     return std::nullopt;
   }
   const pugi::xml_node publish_info = Child(description, "publish-info");
-  pugi::xml_node sequence = Child(title_info, "sequence");
-  if (!sequence) sequence = Child(publish_info, "sequence");
+  const pugi::xml_node sequence = Series(title_info, publish_info);
   Book book;
   book.language = TextOf(Child(title_info, "lang"));
   book.title = TextOf(Child(title_info, "book-title"));
@@ -75,7 +75,7 @@ std::optional<Book> ReadStartOfFb2(std::string start, const char** problem) {
   book.year = PublicationYear(title_info, publish_info);
   book.series = CleanText(Attribute(sequence, "name"));
   book.series_number = ParseSeriesNumber(CleanText(Attribute(sequence, "number")));
-  book.isbn = FirstIsbn(TextOf(Child(publish_info, "isbn")));
+  book.isbn = ParseIsbn(TextOf(Child(publish_info, "isbn")), true);
   return book;
 }
 
@@ -93,12 +93,12 @@ std::optional<Book> ReadFb2(UniqueFd file, const char** problem) {
 std::optional<Book> ReadZippedFb2(UniqueFd file, const char** problem) {
   const auto archive = Archive::Open(std::move(file), problem);
   if (!archive) return std::nullopt;
-  const auto index = archive->FindBySuffix(".fb2");
-  if (!index) {
+  const auto entry = archive->FindBySuffix(".fb2");
+  if (!entry) {
     *problem = "no FB2 file in the archive";
     return std::nullopt;
   }
-  auto start = archive->ReadStart(*index, kMaxStart, problem);
+  auto start = archive->ReadStart(*entry, kMaxStart, problem);
   return start ? ReadStartOfFb2(std::move(*start), problem) : std::nullopt;
 }
 

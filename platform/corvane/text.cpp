@@ -1,7 +1,9 @@
 #include "corvane/text.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <utility>
 
 namespace corvane {
 namespace {
@@ -60,6 +62,72 @@ std::string LongFormOfShortIsbn(std::string_view text) {
   return isbn + DigitOf(LongCheckDigit(isbn));
 }
 
+// Publishers set numbers with the dashes and blanks of their typesetting. `text` in lower case with
+// the plain ones instead.
+std::string WithPlainSeparators(std::string_view text) {
+  constexpr std::array<std::pair<std::string_view, char>, 18> kPlain = {{
+      {"\xC2\xA0", ' '},      // no-break space
+      {"\xC2\xAD", '-'},      // soft hyphen
+      {"\xE2\x80\x87", ' '},  // figure space
+      {"\xE2\x80\x88", ' '},  // punctuation space
+      {"\xE2\x80\x89", ' '},  // thin space
+      {"\xE2\x80\x8A", ' '},  // hair space
+      {"\xE2\x80\x8B", ' '},  // zero width space
+      {"\xE2\x80\x90", '-'},  // hyphen
+      {"\xE2\x80\x91", '-'},  // non-breaking hyphen
+      {"\xE2\x80\x92", '-'},  // figure dash
+      {"\xE2\x80\x93", '-'},  // en dash
+      {"\xE2\x80\x94", '-'},  // em dash
+      {"\xE2\x80\x95", '-'},  // horizontal bar
+      {"\xE2\x80\xAF", ' '},  // narrow no-break space
+      {"\xE2\x81\xA0", ' '},  // word joiner
+      {"\xE2\x88\x92", '-'},  // minus
+      {"\xEF\xB9\xA3", '-'},  // small hyphen
+      {"\xEF\xBC\x8D", '-'},  // full-width hyphen
+  }};
+  std::string plain;
+  while (!text.empty()) {
+    const auto* const found = std::find_if(kPlain.begin(), kPlain.end(), [&](const auto& each) {
+      return text.starts_with(each.first);
+    });
+    const bool special = found != kPlain.end();
+    plain += special ? found->second : text.front();
+    text.remove_prefix(special ? found->first.size() : 1);
+  }
+  return ToLower(plain);
+}
+
+bool IsSeparator(char c) { return c == '-' || c == ' '; }
+bool IsAlphanumeric(char c) { return IsDigit(c) || (c >= 'a' && c <= 'z'); }
+
+// The number of `digits` digits at the start of `text`, without separators; "" if there is none of
+// that length. The last of ten may be an x.
+std::string NumberAtStart(std::string_view text, std::size_t digits) {
+  std::string number;
+  std::size_t at = 0;
+  for (; at < text.size() && number.size() < digits; ++at) {
+    const bool is_part = IsDigit(text[at]) || (text[at] == 'x' && number.size() == 9);
+    if (!is_part && !IsSeparator(text[at])) return {};
+    if (is_part) number += text[at];
+  }
+  const bool ends = at == text.size() || !IsAlphanumeric(text[at]);
+  return ends && number.size() == digits ? number : std::string();
+}
+
+constexpr std::string_view kIsbnLabel = "isbn";
+
+// Takes a label such as "ISBN-13" off the start of `text`.
+bool SkipLabel(std::string_view* text) {
+  if (!text->starts_with(kIsbnLabel)) return false;
+  text->remove_prefix(kIsbnLabel.size());
+  std::string_view rest = text->substr(std::min(text->find_first_not_of("- _"), text->size()));
+  const bool has_length = rest.starts_with("10") || rest.starts_with("13");
+  if (has_length && (rest.size() == 2 || (!IsAlphanumeric(rest[2]) && rest[2] != '-'))) {
+    *text = rest.substr(2);
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string CleanText(std::string_view text) {
@@ -81,6 +149,15 @@ std::string CleanText(std::string_view text) {
   return clean;
 }
 
+bool IsUtf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = CharacterLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
 std::string ToLower(std::string_view text) {
   std::string lower(text);
   for (char& c : lower) {
@@ -95,21 +172,35 @@ bool EndsWithIgnoringCase(std::string_view text, std::string_view suffix) {
 }
 
 std::string ParseIsbn(std::string_view text, bool marked) {
-  std::string lower = ToLower(text.substr(0, kMaxText));
-  for (const std::string_view mark : {"urn:", "isbn", ":"}) {
-    if (lower.starts_with(mark)) {
-      lower.erase(0, mark.size());
-      marked = marked || mark == "isbn";
-    }
+  const std::string plain = WithPlainSeparators(text.substr(0, kMaxText));
+  std::string_view rest = plain;
+  if (!marked && rest.find(kIsbnLabel) == rest.npos) {
+    if (rest.starts_with("urn:")) rest.remove_prefix(4);
+    std::string number(rest);
+    std::erase_if(number, IsSeparator);
+    return LongIsbn(number);
   }
-  std::erase_if(lower, [](char c) { return c == '-' || c == ' '; });
-  std::string isbn = LongIsbn(lower);
-  return isbn.empty() && marked ? LongFormOfShortIsbn(lower) : isbn;
+  bool in_word = false;
+  while (!rest.empty()) {
+    if (SkipLabel(&rest)) {
+      in_word = false;
+      continue;
+    }
+    if (IsDigit(rest.front()) && !in_word) {
+      std::string isbn = LongIsbn(NumberAtStart(rest, 13));
+      if (isbn.empty()) isbn = LongFormOfShortIsbn(NumberAtStart(rest, 10));
+      if (!isbn.empty()) return isbn;
+    }
+    // Not behind a dash either: that would be the rest of a number whose check digit is wrong.
+    in_word = IsAlphanumeric(rest.front()) || (in_word && rest.front() == '-');
+    rest.remove_prefix(1);
+  }
+  return {};
 }
 
 int ParseYear(std::string_view date) {
   const bool four_digits = date.size() >= 4 && std::all_of(date.begin(), date.begin() + 4, IsDigit);
-  if (!four_digits || (date.size() > 4 && IsDigit(date[4]))) return 0;
+  if (!four_digits || (date.size() > 4 && IsDigit(date[4])) || date[0] == '0') return 0;
   int year = 0;
   std::from_chars(date.data(), date.data() + 4, year);
   return year;

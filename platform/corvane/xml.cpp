@@ -6,51 +6,89 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <optional>
+#include <utility>
 
 #include "corvane/text.h"
 
 namespace corvane {
 namespace {
 
+constexpr std::string_view kBlanks = " \t\r\n";
+
+void SkipBlanks(std::string_view* text) {
+  text->remove_prefix(std::min(text->find_first_not_of(kBlanks), text->size()));
+}
+
 // The value of the XML declaration's encoding, in lower case; "" if none is declared.
 std::string DeclaredEncoding(std::string_view text) {
   constexpr std::size_t kMaxDeclaration = 200;
-  constexpr std::string_view kKey = "encoding=";
+  constexpr std::string_view kKey = "encoding";
   if (!text.starts_with("<?xml")) return {};
   text = text.substr(0, std::min(text.find("?>"), kMaxDeclaration));
   const std::size_t key = text.find(kKey);
-  if (key == text.npos || key + kKey.size() >= text.size()) return {};
+  if (key == text.npos) return {};
   text.remove_prefix(key + kKey.size());
+  SkipBlanks(&text);
+  if (!text.starts_with('=')) return {};
+  text.remove_prefix(1);
+  SkipBlanks(&text);
+  if (text.empty()) return {};
   const char quote = text.front();
   text.remove_prefix(1);
   return ToLower(text.substr(0, text.find(quote)));
 }
 
-// The encodings besides UTF-8 that books really come in. Anything else is taken for UTF-8 rather
-// than handed to the converter: its rarer modules are no place for a stranger's file.
-const char* ForeignEncoding(std::string_view text) {
-  if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF")) return "utf-16";
-  constexpr std::array kKnown = {"windows-1250", "windows-1251", "windows-1252", "windows-1254",
-                                 "koi8-r",       "koi8-u",       "iso-8859-1",   "iso-8859-2",
-                                 "iso-8859-5",   "iso-8859-15"};
+struct Encoding {
+  enum Kind { kUtf8, kConverted, kUnknown } kind = kUtf8;
+  std::string name;  // as the converter knows it, of kConverted
+};
+
+// The encodings that books really come in, which are those of one byte a character besides UTF-8
+// and UTF-16. Others are not handed to the converter: its rarer modules are no place for a
+// stranger's file.
+Encoding EncodingOf(std::string_view text) {
+  using namespace std::string_view_literals;
+  for (const auto& [start, name] :
+       {std::pair("\xFF\xFE"sv, "utf-16"), std::pair("\xFE\xFF"sv, "utf-16"),
+        std::pair("<\0"sv, "utf-16le"), std::pair("\0<"sv, "utf-16be")}) {
+    if (text.starts_with(start)) return {Encoding::kConverted, name};
+  }
   const std::string declared = DeclaredEncoding(text);
-  const auto* const found = std::find(kKnown.begin(), kKnown.end(), declared);
-  return found == kKnown.end() ? nullptr : *found;
+  // One that says UTF-16 here, in single bytes, is mistaken about itself.
+  for (const char* utf8 : {"", "utf-8", "utf8", "us-ascii", "ascii", "utf-16"}) {
+    if (declared == utf8) return {};
+  }
+  struct Family {
+    const char* prefix;
+    int first;
+    int last;
+    const char* name;  // the converter's prefix
+  };
+  for (const auto& [prefix, first, last, name] :
+       {Family{"windows-", 1250, 1258, "windows-"}, Family{"cp", 1250, 1258, "windows-"},
+        Family{"iso-8859-", 1, 16, "iso-8859-"}, Family{"cp", 866, 866, "cp"},
+        Family{"ibm", 866, 866, "cp"}}) {
+    for (int number = first; number <= last; ++number) {
+      const std::string text_of_number = std::to_string(number);
+      if (declared == prefix + text_of_number) return {Encoding::kConverted, name + text_of_number};
+    }
+  }
+  if (declared == "koi8-r" || declared == "koi8-u") return {Encoding::kConverted, declared};
+  return {Encoding::kUnknown, {}};
 }
 
 // Converts to UTF-8. A character that can't be converted becomes '?', and one that is cut off at
 // the end is dropped.
-std::optional<std::string> Convert(std::string* text, const char* encoding) {
-  iconv_t converter = iconv_open("utf-8", encoding);
+std::optional<std::string> Convert(std::string* text, const std::string& encoding) {
+  iconv_t converter = iconv_open("utf-8", encoding.c_str());
   if (reinterpret_cast<std::intptr_t>(converter) == -1) return std::nullopt;
   std::string converted;
   char* in = text->data();
   std::size_t in_left = text->size();
-  const std::size_t unit = std::string_view(encoding) == "utf-16" ? 2 : 1;
+  const std::size_t unit = encoding.starts_with("utf-16") ? 2 : 1;
   while (in_left > 0) {
-    std::array<char, 16384> chunk;
+    std::array<char, 4096> chunk;
     char* out = chunk.data();
     std::size_t out_left = chunk.size();
     const std::size_t result = iconv(converter, &in, &in_left, &out, &out_left);
@@ -69,16 +107,34 @@ std::optional<std::string> Convert(std::string* text, const char* encoding) {
   return converted;
 }
 
+// Empties the texts that can't be read: to say nothing beats a title of replacement characters.
+class UnreadableTexts : public pugi::xml_tree_walker {
+  bool for_each(pugi::xml_node& node) override {
+    if (!IsUtf8(node.value())) node.set_value("");
+    for (pugi::xml_attribute each : node.attributes()) {
+      if (!IsUtf8(each.value())) each.set_value("");
+    }
+    return true;
+  }
+};
+
 }  // namespace
 
 bool ParseXml(std::string text, pugi::xml_document* document) {
-  if (const char* encoding = ForeignEncoding(text)) {
-    auto converted = Convert(&text, encoding);
-    if (!converted) return false;
-    text = std::move(*converted);
+  Encoding encoding = EncodingOf(text);
+  if (encoding.kind == Encoding::kConverted) {
+    if (auto converted = Convert(&text, encoding.name)) {
+      text = std::move(*converted);
+    } else {
+      encoding.kind = Encoding::kUnknown;  // this system has no such converter
+    }
   }
   const pugi::xml_parse_result result =
       document->load_buffer(text.data(), text.size(), pugi::parse_default, pugi::encoding_utf8);
+  if (encoding.kind == Encoding::kUnknown) {
+    UnreadableTexts unreadable;
+    document->traverse(unreadable);
+  }
   return result.status == pugi::status_ok;
 }
 
@@ -98,13 +154,10 @@ std::string_view Attribute(pugi::xml_node node, std::string_view name) {
 }
 
 std::string TextOf(pugi::xml_node node) {
-  constexpr std::size_t kEnough = 4 * kMaxText;  // even with much white space in between
   std::string text;
   for (const pugi::xml_node child : node.children()) {
     const bool is_text = child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata;
-    if (is_text && text.size() < kEnough) {
-      text += std::string_view(child.value()).substr(0, kEnough);
-    }
+    if (is_text) text += child.value();
   }
   return CleanText(text);
 }

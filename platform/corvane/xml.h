@@ -11,7 +11,8 @@ namespace corvane {
 
 // Parses what `text` holds, in any encoding that books use, into `*document`. Returns whether it
 // was well-formed to its end; if not, `*document` holds what came before the fault. Entities that
-// the text defines itself are not expanded.
+// the text defines itself are not expanded. Where the declared encoding can't be read, only the
+// texts that are UTF-8 nevertheless are kept, and the others are empty.
 bool ParseXml(std::string text, pugi::xml_document* document);
 
 // The name without a namespace's prefix.

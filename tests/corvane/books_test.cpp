@@ -107,6 +107,33 @@ TEST(Books, EpubMetadataFillsTheFields) {
        "<meta property='belongs-to-collection' id='s'>S</meta>"
        "<meta refines='#s' property='group-position'>40000</meta>",
        "1|-|-|0|0|-|S|-|-"},
+      // What calibre writes for a date that it doesn't know, the names that others give the event
+      // of a publication, and software among the people.
+      {"<dc:date>0101-01-01T00:00:00+00:00</dc:date><dc:contributor opf:role='bkp'>calibre"
+       "</dc:contributor><dc:contributor opf:role='trl'>T</dc:contributor>",
+       "1|-|T|0|0|-|-|-|-"},
+      {"<dc:date opf:event='creation'>2003</dc:date><dc:date opf:event='original-publication'>1925"
+       "</dc:date><dc:date opf:event='issued'>2002</dc:date>",
+       "1|-|-|1925|0|-|-|-|-"},
+      {"<dc:date opf:event='published'>1925</dc:date><dc:date>2001</dc:date>",
+       "1|-|-|2001|0|-|-|-|-"},
+      {"<dc:date opf:event='conversion'>2003</dc:date><dc:date>0101-01-01</dc:date>"
+       "<dc:date opf:event='Publication'>1950</dc:date><dc:date opf:event='publication'>1951"
+       "</dc:date>",
+       "1|-|-|1950|0|-|-|-|-"},
+      // A series among collections, one of which holds another.
+      {"<meta property='belongs-to-collection' id='a'>Untyped</meta>"
+       "<meta property='belongs-to-collection' id='b'>Typed</meta>"
+       "<meta refines='#b' property='collection-type'>series</meta>"
+       "<meta refines='#b' property='group-position'>2</meta>"
+       "<meta property='belongs-to-collection' id='c' refines='#b'>Outer</meta>"
+       "<meta refines='#c' property='collection-type'>series</meta>",
+       "1|-|-|0|2|-|Typed|-|-"},
+      {"<meta property='belongs-to-collection' refines='#x'>Outer</meta>"
+       "<meta property='belongs-to-collection'> </meta>"
+       "<meta property='belongs-to-collection'>First</meta>"
+       "<meta property='belongs-to-collection'>Second</meta>",
+       "1|-|-|0|0|-|First|-|-"},
       {crowd, "1|-|0+1+2+3+4+5+6+7+8+9+10|0|0|-|-|-|-"},
       {"<dc:title> a\n\t b&#7;\xFF\xC0\xAF\xED\xA0\x80 \xD0\x96 <!-- c -->d<![CDATA[ "
        "<e>]]></dc:title>",
@@ -127,6 +154,55 @@ TEST(Books, EpubMetadataFillsTheFields) {
   }
 }
 
+TEST(Books, IsbnsAreFoundAsPublishersWriteThem) {
+  const std::string found = "9780306406157";
+  struct Case {
+    const char* attributes;
+    const char* text;
+    bool is_found;
+  };
+  const Case cases[] = {
+      {"opf:scheme='ISBN-10'", "0306406152", true},
+      {"opf:scheme='eISBN'", "0306406152", true},
+      {"", "ISBN-13: 978-0-306-40615-7", true},
+      {"", "ISBN 13 978-0-306-40615-7", true},
+      {"", "isbn10:0306406152", true},
+      {"", "ISBN0306406152", true},
+      {"",
+       "978\xE2\x80\x93"
+       "0\xE2\x80\x91"
+       "306\xE2\x88\x92"
+       "40615\xC2\xAD"
+       "7",
+       true},
+      {"",
+       "ISBN\xC2\xA0"
+       "978\xC2\xA0"
+       "0\xE2\x80\xAF"
+       "306\xE2\x80\x89"
+       "40615 7",
+       true},
+      {"opf:scheme='ISBN'", "0-306-40615-2 978-0-13-110362-7", true},
+      {"opf:scheme='ISBN'", "0-306-40615-9/0-306-40615-2/0-13-110362-8", true},
+      {"opf:scheme='ISBN'", "9780306406157 (pbk.) 9780131103627", true},
+      {"opf:scheme='ISBN'", "none; 978-0-306-40615-7, paperback", true},
+      {"", "9780306406157 (pbk.)", false},  // nobody says that this is an ISBN
+      {"", "https://example.org/9780306406157", false},
+      {"opf:scheme='ISBN'", "97803064061570", false},
+      {"opf:scheme='ISBN'", "9780306406157x", false},
+      {"opf:scheme='ISBN'", "1-0306406152", false},  // the rest of something else
+      {"opf:scheme='ISBN'", "9770306406158", false},
+  };
+  const DeviceRoot root;
+  for (const auto& [attributes, text, is_found] : cases) {
+    SCOPED_TRACE(text);
+    MakeZip(root.HostPath("/b.epub"), Epub(Package(std::string("<dc:identifier ") + attributes +
+                                                   ">" + text + "</dc:identifier>")));
+    const char* isbn = GetBookISBN("/b.epub");
+    EXPECT_EQ(isbn ? isbn : "", is_found ? found : "");
+  }
+}
+
 TEST(Books, LongTextsAreCutBetweenCharacters) {
   const DeviceRoot root;
   for (const std::size_t kept : {997U, 998U, 999U, 1000U}) {
@@ -141,6 +217,9 @@ TEST(Books, Fb2MetadataFillsTheFields) {
   // In windows-1251, where 98 is no character.
   const std::string russian =
       "<title-info><author><nickname>\xC6\x98\x98\xC6</nickname></author></title-info>";
+  const std::string declared =
+      "<FictionBook><description><title-info><author><nickname>\xC6</nickname></author>"
+      "</title-info></description><body/></FictionBook>";
   struct Case {
     std::string file;
     std::string description;
@@ -159,7 +238,24 @@ TEST(Books, Fb2MetadataFillsTheFields) {
            "<sequence name='S'/></publish-info>"),
        "1|-|-|1998|0|-|S|-|-"},
       {Fb2(russian, "windows-1251"), "1|-|\xD0\x96??\xD0\x96|0|0|-|-|-|-"},
-      {Fb2(russian, "UNKNOWN-8"), "1|-|\xC6\x98\xEF\xBF\xBD\xEF\xBF\xBD|0|0|-|-|-|-"},
+      // Blanks around the sign are as legal as other names for an encoding.
+      {"<?xml version = \"1.0\" encoding = 'CP1251' ?>" + declared, "1|-|\xD0\x96|0|0|-|-|-|-"},
+      {Fb2("<title-info><book-title>\xEF\xE2</book-title></title-info>", "ISO-8859-7"),
+       "1|-|-|0|0|\xCE\xBF\xCE\xB2|-|-|-"},
+      {Fb2("<title-info><book-title>\x86</book-title></title-info>", "cp866"),
+       "1|-|-|0|0|\xD0\x96|-|-|-"},
+      // No text is better than one of replacement characters, or of what is left between them.
+      {Fb2("<title-info><author><nickname>\xB0\xA1"
+           "Hn</nickname></author><book-title>Plain"
+           "</book-title><sequence name='\xB0\xA1'/></title-info>",
+           "gbk"),
+       "1|-|-|0|0|Plain|-|-|-"},
+      {Fb2("<title-info><book-title>" + std::string(5000, ' ') +
+           "T</book-title><sequence/>"
+           "<sequence name=' ' number='2'/></title-info><publish-info><sequence name='S' "
+           "number='7'/>"
+           "<isbn>0-306-40615-9 / 978-0-306-40615-7</isbn></publish-info>"),
+       "1|-|-|0|7|T|S|-|9780306406157"},
       {std::string("\xFF\xFE<\0F\0i\0c\0t\0i\0o\0n\0B\0o\0o\0k\0/\0>\0", 30), "null"},
       {"<FictionBook><description/></FictionBook>", "null"},
       {"<!DOCTYPE f [<!ENTITY a 'ha'><!ENTITY b "
@@ -178,9 +274,75 @@ TEST(Books, Fb2MetadataFillsTheFields) {
   }
 }
 
-// The end of an archive that claims `size` bytes of directory.
-std::string EndOfArchive(const std::string& size) {
-  return "PK\5\6" + std::string(8, '\0') + size + std::string(6, '\0');
+// ---- The parts of an archive, for those that the archive library doesn't make ----
+
+std::string Bytes(std::uint64_t value, int size) {
+  std::string bytes;
+  for (; size > 0; --size, value >>= 8) bytes += static_cast<char>(value);
+  return bytes;
+}
+
+std::string EntryHeader(const std::string& name) {
+  return "PK\3\4" + std::string(22, '\0') + Bytes(name.size(), 2) + Bytes(0, 2) + name;
+}
+
+std::string DirectoryEntry(const std::string& name, std::uint32_t size, std::uint32_t header,
+                           const std::string& extra = {}) {
+  return "PK\1\2" + std::string(16, '\0') + Bytes(size, 4) + Bytes(size, 4) +
+         Bytes(name.size(), 2) + Bytes(extra.size(), 2) + std::string(10, '\0') + Bytes(header, 4) +
+         name + extra;
+}
+
+std::string End(std::size_t directory_size, std::size_t directory) {
+  return "PK\5\6" + std::string(8, '\0') + Bytes(directory_size, 4) + Bytes(directory, 4) +
+         Bytes(0, 2);
+}
+
+// What stands before `End` in a 64-bit archive, when it starts at `at`.
+std::string End64(std::uint64_t directory_size, std::uint64_t directory, std::uint64_t at) {
+  return "PK\6\6" + Bytes(44, 8) + std::string(28, '\0') + Bytes(directory_size, 8) +
+         Bytes(directory, 8) + "PK\6\7" + Bytes(0, 4) + Bytes(at, 8) + Bytes(1, 4);
+}
+
+std::string ContentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(Books, UnusualArchivesAreRead) {
+  const DeviceRoot root;
+  const std::string fb2 = Fb2("<title-info><book-title>T</book-title></title-info>");
+  const Entries epub = Epub(Package("<dc:title>T</dc:title>"));
+  MakeZip(root.HostPath("/plain.epub"), epub);
+  const std::string plain = ContentOf(root.HostPath("/plain.epub"));
+  root.Write("/before.epub", "#!/bin/sh\nexec unpack \"$0\"\n" + plain);
+  root.Write("/behind.epub", plain + std::string(1000, '\0'));
+  root.Write("/twice.epub.zip", plain);
+  MakeZip(root.HostPath("/stored.epub.zip"), {{"a.txt", "a"}, {"b.epub", plain}}, ZIP_CM_STORE);
+  MakeZip(root.HostPath("/packed.epub.zip"), {{"__MACOSX/._b.epub", "a"}, {"b.epub", plain}});
+  MakeZip(root.HostPath("/mac.fb2.zip"), {{"__MACOSX/._b.fb2", "attributes"}, {"b.fb2", fb2}});
+  MakeZip(root.HostPath("/dots.FBZ"), {{"a/._b.fb2", "attributes"}, {"a/b.fb2", fb2}});
+
+  // 70 MiB of it, in an archive whose every number stands in its 64-bit fields.
+  constexpr std::uint64_t kSize = std::uint64_t{70} << 20;
+  const std::string start = EntryHeader("b.fb2") + fb2;
+  const std::string entry = DirectoryEntry("b.fb2", ~0U, ~0U,
+                                           Bytes(9, 2) + Bytes(0, 2) + Bytes(1, 2) + Bytes(24, 2) +
+                                               Bytes(kSize, 8) + Bytes(kSize, 8) + Bytes(0, 8));
+  for (const std::string prefix : {"", "something before"}) {
+    const std::string path = prefix.empty() ? "/large.fb2.zip" : "/large-before.fb2.zip";
+    root.Write(path, prefix + start);
+    const std::uint64_t directory = kSize + EntryHeader("b.fb2").size();
+    std::filesystem::resize_file(root.HostPath(path), prefix.size() + directory);
+    std::ofstream(root.HostPath(path), std::ios::binary | std::ios::app)
+        << entry << End64(entry.size(), directory, directory + entry.size()) << End(~0U, ~0U);
+  }
+
+  for (const char* path : {"/plain.epub", "/before.epub", "/behind.epub", "/twice.epub.zip",
+                           "/stored.epub.zip", "/packed.epub.zip", "/mac.fb2.zip", "/dots.FBZ",
+                           "/large.fb2.zip", "/large-before.fb2.zip"}) {
+    EXPECT_EQ(Describe(GetBookInfo(path)), "1|-|-|0|0|T|-|-|-") << path;
+  }
 }
 
 TEST(Books, HostileFilesGiveNullAndOneLine) {
@@ -202,12 +364,29 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
   std::filesystem::resize_file(root.HostPath("/cut.epub"), 200);
   root.Write("/empty.epub", "");
   root.Write("/deep.fb2", Fb2(deep));
-  root.Write("/directory.epub", EndOfArchive("\xFF\xFF\xFF\x7F"));
-  // A 64-bit archive of 56 bytes that claims 2^28 entries.
-  root.Write("/64-bit.epub", "PK\6\6" + std::string("\x2C", 1) + std::string(19, '\0') +
-                                 std::string("\0\0\0\x10\0\0\0\0\0\0\0\x10\0\0\0\0", 16) +
-                                 std::string(16, '\0') + "PK\6\7" + std::string(12, '\0') +
-                                 std::string("\1\0\0\0", 4) + EndOfArchive("\xFF\xFF\xFF\xFF"));
+  root.Write("/directory.epub", End(0x7FFFFFFF, 0));
+  root.Write("/64-bit.epub",
+             std::string(56, ' ') + End64(std::uint64_t{1} << 62, 0, 56) + End(~0U, ~0U));
+  // Thousands of ends of one directory as large as allowed, whose names all have to be compared.
+  const std::string directory = [] {
+    std::string entries;
+    while (entries.size() < (1 << 20) - 100) entries += DirectoryEntry("aaaaaaaa", 0, 0);
+    return entries;
+  }();
+  std::string ends;
+  while (ends.size() < 65'000) ends += End(directory.size(), 0);
+  root.Write("/ends.epub", directory + ends);
+  std::string nothing = DirectoryEntry("b.fb2", 60 << 20, 0);
+  nothing[10] = 8;  // deflated, to blocks that hold nothing
+  std::string blocks = EntryHeader("b.fb2");
+  for (int i = 0; i < 4 << 20; ++i) blocks.append("\0\0\0\xFF\xFF", 5);
+  root.Write("/nothing.fb2.zip", blocks + nothing + End(nothing.size(), blocks.size()));
+  std::string secret = DirectoryEntry("b.fb2", 9, 0);
+  secret[8] = 1;
+  root.Write("/secret.fbz", EntryHeader("b.fb2") + "encrypted" + secret +
+                                End(secret.size(), EntryHeader("b.fb2").size() + 9));
+  MakeZip(root.HostPath("/large.epub.zip"), {{"b.epub", std::string(33 << 20, ' ')}});
+  MakeZip(root.HostPath("/other.epub.zip"), {{"b.txt", "text"}});
   for (const char* zeros : {"/zeros.epub", "/zeros.fb2", "/zeros.fb2.zip"}) {
     root.Write(zeros, "");
     std::filesystem::resize_file(root.HostPath(zeros), std::uintmax_t{2} << 30);
@@ -220,17 +399,29 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
     const char* path;
     const char* logged;
   };
-  for (const auto& [path, logged] :
-       {Case{"/bomb.epub", "more than 4 MiB"}, Case{"/deep.epub", "no well-formed XML"},
-        Case{"/bzip2.epub", "compressed in a way"}, Case{"/no-package.epub", "missing"},
-        Case{"/no-container.epub", "missing"}, Case{"/bomb.fb2.zip", "no whole FB2 description"},
-        Case{"/cut.epub", "no readable archive"}, Case{"/empty.epub", "no readable archive"},
-        Case{"/deep.fb2", "no whole FB2 description"},
-        Case{"/directory.epub", "directory is too large"}, Case{"/64-bit.epub", "64-bit"},
-        Case{"/zeros.epub", "no readable archive"}, Case{"/zeros.fb2", "no whole FB2 description"},
-        Case{"/zeros.fb2.zip", "no readable archive"}, Case{"/folder.epub", "Is a directory"},
-        Case{"/fifo.fb2", "not supported"}, Case{"/device.fb2", "not supported"},
-        Case{"/missing.fb2", "No such file"}}) {
+  for (const auto& [path, logged] : {Case{"/bomb.epub", "more than 4 MiB"},
+                                     Case{"/deep.epub", "no well-formed XML"},
+                                     Case{"/bzip2.epub", "compressed in a way"},
+                                     Case{"/no-package.epub", "missing"},
+                                     Case{"/no-container.epub", "missing"},
+                                     Case{"/bomb.fb2.zip", "no whole FB2 description"},
+                                     Case{"/cut.epub", "no readable archive"},
+                                     Case{"/empty.epub", "no readable archive"},
+                                     Case{"/deep.fb2", "no whole FB2 description"},
+                                     Case{"/directory.epub", "directory is too large"},
+                                     Case{"/64-bit.epub", "directory is too large"},
+                                     Case{"/ends.epub", "is missing"},
+                                     Case{"/nothing.fb2.zip", "damaged"},
+                                     Case{"/secret.fbz", "encrypted"},
+                                     Case{"/large.epub.zip", "more than 32 MiB"},
+                                     Case{"/other.epub.zip", "no EPUB file"},
+                                     Case{"/zeros.epub", "no readable archive"},
+                                     Case{"/zeros.fb2", "no whole FB2 description"},
+                                     Case{"/zeros.fb2.zip", "no readable archive"},
+                                     Case{"/folder.epub", "Is a directory"},
+                                     Case{"/fifo.fb2", "not supported"},
+                                     Case{"/device.fb2", "not supported"},
+                                     Case{"/missing.fb2", "No such file"}}) {
     SCOPED_TRACE(path);
     StderrCapture capture;
     EXPECT_EQ(GetBookInfo(path), nullptr);
@@ -251,8 +442,7 @@ TEST(Books, EveryDamagedByteIsSurvived) {
   const StderrCapture quiet;
   const std::string path = root.HostPath("/b.epub");
   MakeZip(path, Epub(Package("<dc:title>T</dc:title>")));
-  std::ifstream file(path, std::ios::binary);
-  const std::string good((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const std::string good = ContentOf(path);
   for (std::size_t at = 0; at < good.size(); ++at) {
     root.Write("/b.epub", good.substr(0, at));
     EXPECT_EQ(GetBookInfo("/b.epub"), nullptr) << "cut at byte " << at;
