@@ -41,9 +41,7 @@ bool IsOurs(int descriptor) {
 
 void CloseKeptSocket() {
   const int descriptor = g_descriptor.exchange(kNone);
-  if (IsOurs(descriptor)) {
-    close(descriptor);
-  }
+  if (IsOurs(descriptor)) close(descriptor);
 }
 
 // The child gets a socket of its own: it may move to another network namespace, or shut down what
@@ -59,9 +57,7 @@ __attribute__((destructor)) void CloseOnUnload() { CloseKeptSocket(); }
 // An application that has closed a standard stream expects to get its number with the next open.
 int OpenAboveStandardStreams() {
   const int descriptor = OpenDatagramSocket();
-  if (descriptor < 0 || descriptor > STDERR_FILENO) {
-    return descriptor;
-  }
+  if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
   const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int error = errno;
   close(descriptor);
@@ -78,9 +74,7 @@ int OpenKeptSocket() {
     g_fork_is_handled = true;
   }
   const int descriptor = OpenAboveStandardStreams();
-  if (descriptor < 0) {
-    return errno;
-  }
+  if (descriptor < 0) return errno;
   struct stat status;
   if (fstat(descriptor, &status) != 0) {
     const int error = errno;
@@ -96,9 +90,7 @@ int OpenKeptSocket() {
 // Makes sure that there is a kept socket. Returns 0 or a positive errno value: EBUSY while another
 // thread is at it.
 int EnsureKeptSocket() {
-  if (g_opening.test_and_set(std::memory_order_acquire)) {
-    return EBUSY;
-  }
+  if (g_opening.test_and_set(std::memory_order_acquire)) return EBUSY;
   // Another thread may have opened it since our caller looked.
   const int error = IsOurs(g_descriptor.load(std::memory_order_relaxed)) ? 0 : OpenKeptSocket();
   g_opening.clear(std::memory_order_release);
@@ -110,9 +102,7 @@ int EnsureKeptSocket() {
 int SendOnKeptSocket(const Datagram& datagram) {
   int descriptor = g_descriptor.load(std::memory_order_acquire);
   if (!IsOurs(descriptor)) {
-    if (const int error = EnsureKeptSocket(); error != 0) {
-      return error;
-    }
+    if (const int error = EnsureKeptSocket(); error != 0) return error;
     descriptor = g_descriptor.load(std::memory_order_acquire);
   }
   return SendDatagram(descriptor, datagram, MSG_DONTWAIT);

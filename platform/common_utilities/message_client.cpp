@@ -55,25 +55,19 @@ int SendWaiting(int descriptor, const Datagram& datagram) {
   const auto deadline = steady_clock::now() + kLongestWait;
   for (;;) {
     const auto left = std::chrono::ceil<microseconds>(deadline - steady_clock::now());
-    if (left <= microseconds::zero()) {
-      return SendDatagram(descriptor, datagram, MSG_DONTWAIT);
-    }
+    if (left <= microseconds::zero()) return SendDatagram(descriptor, datagram, MSG_DONTWAIT);
     timeval timeout{};
     timeout.tv_usec = static_cast<suseconds_t>(left.count());
     if (setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) != 0) {
       return errno;
     }
-    if (const int error = SendDatagram(descriptor, datagram, 0); error != EINTR) {
-      return error;
-    }
+    if (const int error = SendDatagram(descriptor, datagram, 0); error != EINTR) return error;
   }
 }
 
 int SendOnFreshSocket(const Datagram& datagram) {
   const int descriptor = OpenDatagramSocket();
-  if (descriptor < 0) {
-    return errno;
-  }
+  if (descriptor < 0) return errno;
   MakeRoomForMessage(descriptor, datagram.size);
   const int error = SendWaiting(descriptor, datagram);
   close(descriptor);
@@ -88,20 +82,16 @@ MessageClient::MessageClient() : address_(), address_length_(0), capacity_(0) {}
 MessageClient::~MessageClient() = default;
 
 int MessageClient::Init(const char* name, unsigned int name_length, unsigned int capacity) {
-  if (name == nullptr || name_length == 0) {
-    return EINVAL;
-  }
+  if (!name || name_length == 0) return EINVAL;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::size_t length = name_length;
   const char* const text = secure_getenv(kEndpointVariable);
-  const bool is_replaced = text != nullptr && *text != '\0';
+  const bool is_replaced = text && *text != '\0';
   if (is_replaced) {
     length = std::strlen(text) + 2;  // one NUL before the text and one after it
   }
-  if (length > sizeof(address.sun_path)) {
-    return ENAMETOOLONG;
-  }
+  if (length > sizeof(address.sun_path)) return ENAMETOOLONG;
   if (is_replaced) {
     std::memcpy(address.sun_path + 1, text, length - 2);
   } else {
@@ -117,22 +107,14 @@ int MessageClient::Init(const char* name, unsigned int name_length, unsigned int
 }
 
 int MessageClient::SendMessage(const char* data, unsigned int size) {
-  if (address_length_ == 0) {
-    return ENOTCONN;
-  }
-  if (data == nullptr && size != 0) {
-    return EINVAL;
-  }
-  if (size > capacity_) {
-    return EMSGSIZE;
-  }
+  if (address_length_ == 0) return ENOTCONN;
+  if (!data && size != 0) return EINVAL;
+  if (size > capacity_) return EMSGSIZE;
   const ErrnoKeeper errno_keeper;
   const Datagram datagram = {reinterpret_cast<const sockaddr*>(address_), address_length_, data,
                              size};
   const int error = SendOnKeptSocket(datagram);
-  if (error == 0 || error == ECONNREFUSED) {
-    return error;
-  }
+  if (error == 0 || error == ECONNREFUSED) return error;
   const int fresh_error = SendOnFreshSocket(datagram);
   // Without a descriptor to wait on, what the kept socket met is the truth about the receiver.
   const bool out_of_descriptors = fresh_error == EMFILE || fresh_error == ENFILE;

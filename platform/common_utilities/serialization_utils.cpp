@@ -30,9 +30,7 @@ class PutArea : public std::streambuf {
   static bool Append(std::streambuf& buffer, const char* bytes, std::size_t size) {
     char* const next = (buffer.*&PutArea::pptr)();
     char* const end = (buffer.*&PutArea::epptr)();
-    if (static_cast<std::size_t>(end - next) < size || size > INT_MAX) {
-      return false;
-    }
+    if (static_cast<std::size_t>(end - next) < size || size > INT_MAX) return false;
     std::copy(bytes, bytes + size, next);
     (buffer.*&PutArea::pbump)(static_cast<int>(size));
     return true;
@@ -42,9 +40,7 @@ class PutArea : public std::streambuf {
 // Bytes move between the caller and the stream's buffer directly: the ceremony of a formatted
 // operation around each field costs more than the field.
 int WriteBytes(const char* bytes, std::size_t size, std::ostream& out) {
-  if (!out.good()) {
-    return kFailed;
-  }
+  if (!out.good()) return kFailed;
   std::streambuf& buffer = *out.rdbuf();
   const auto count = static_cast<std::streamsize>(size);
   if (!PutArea::Append(buffer, bytes, size) && buffer.sputn(bytes, count) != count) {
@@ -62,9 +58,7 @@ std::size_t ReadBytes(std::istream& in, char* bytes, std::size_t size) {
   }
   const auto count =
       static_cast<std::size_t>(in.rdbuf()->sgetn(bytes, static_cast<std::streamsize>(size)));
-  if (count < size) {
-    in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
-  }
+  if (count < size) in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
   return count;
 }
 
@@ -82,9 +76,7 @@ int WriteInteger(Integer value, std::ostream& out) {
 template <typename Integer>
 int ReadInteger(std::istream& in, Integer* value) {
   std::array<char, sizeof(Integer)> bytes;
-  if (ReadBytes(in, bytes.data(), bytes.size()) != bytes.size()) {
-    return kFailed;
-  }
+  if (ReadBytes(in, bytes.data(), bytes.size()) != bytes.size()) return kFailed;
   std::uint64_t bits = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     bits |= std::uint64_t{static_cast<std::uint8_t>(bytes[i])} << (8 * i);
@@ -94,9 +86,7 @@ int ReadInteger(std::istream& in, Integer* value) {
 }
 
 int WriteLength(std::size_t length, std::ostream& out) {
-  if (!std::in_range<std::uint32_t>(length)) {
-    return kFailed;
-  }
+  if (!std::in_range<std::uint32_t>(length)) return kFailed;
   return WriteInteger(static_cast<std::uint32_t>(length), out);
 }
 
@@ -155,9 +145,7 @@ int SerializationUtils::SerializeStringVec(const std::vector<std::string>& value
 }
 
 int SerializationUtils::SerializeLanguage(const std::string& value, std::ostream& out) {
-  if (value.size() > kLanguageSize || value.find('\0') != std::string::npos) {
-    return kFailed;
-  }
+  if (value.size() > kLanguageSize || value.find('\0') != std::string::npos) return kFailed;
   std::array<char, kLanguageSize> bytes{};
   std::copy(value.begin(), value.end(), bytes.begin());
   return WriteBytes(bytes.data(), bytes.size(), out);

@@ -19,28 +19,26 @@ namespace {
 
 // A write of at most PIPE_BUF bytes reaches a pipe in one piece, so lines of several processes that
 // share one log never mix.
-constexpr size_t kMaxLine = 4096;
+constexpr std::size_t kMaxLine = 4096;
 
 // Read on every call, so that a debugger or a test can change it in a running process.
 int Threshold() {
   const char* text = getenv("CORVANE_LOG_LEVEL");
   int level = kLogError;
-  if (text != nullptr) {
-    std::from_chars(text, text + strlen(text), level);
-  }
+  if (text) std::from_chars(text, text + strlen(text), level);
   return level;
 }
 
-const char* OrEmpty(const char* text) { return text == nullptr ? "" : text; }
+const char* OrEmpty(const char* text) { return text ? text : ""; }
 
 // The number of bytes that a printf-like call stored in a buffer of `capacity` bytes.
-size_t Stored(int result, size_t capacity) {
-  return result < 0 ? 0 : std::min(static_cast<size_t>(result), capacity - 1);
+std::size_t Stored(int result, std::size_t capacity) {
+  return result < 0 ? 0 : std::min(static_cast<std::size_t>(result), capacity - 1);
 }
 
 // UTC by plain arithmetic: gmtime_r and localtime_r take a lock, on which a child forked from a
 // threaded process may wait for ever.
-size_t PrintTime(char* out, size_t capacity) {
+std::size_t PrintTime(char* out, std::size_t capacity) {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   const std::chrono::sys_seconds seconds{std::chrono::seconds(now.tv_sec)};
@@ -56,15 +54,13 @@ size_t PrintTime(char* out, size_t capacity) {
 }
 
 // Prints the message; a format that printf refuses is shown as it is.
-size_t PrintMessage(char* out, size_t capacity, const char* format, va_list arguments)
+std::size_t PrintMessage(char* out, std::size_t capacity, const char* format, va_list arguments)
     CORVANE_PRINTF(3, 0);
-size_t PrintMessage(char* out, size_t capacity, const char* format, va_list arguments) {
+std::size_t PrintMessage(char* out, std::size_t capacity, const char* format, va_list arguments) {
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller started it
   int result = vsnprintf(out, capacity, format, arguments);
-  if (result < 0) {
-    result = snprintf(out, capacity, "%s", format);
-  }
-  if (result >= 0 && static_cast<size_t>(result) >= capacity) {
+  if (result < 0) result = snprintf(out, capacity, "%s", format);
+  if (result >= 0 && static_cast<std::size_t>(result) >= capacity) {
     memcpy(out + capacity - sizeof("..."), "...", sizeof("..."));
   }
   return Stored(result, capacity);
@@ -72,7 +68,7 @@ size_t PrintMessage(char* out, size_t capacity, const char* format, va_list argu
 
 // Hands over the line with one write. A log that nobody reads any more must not end the
 // application, so the signal of a closed pipe is held back and taken off again.
-void WriteLine(const char* line, size_t size) {
+void WriteLine(const char* line, std::size_t size) {
   sigset_t pipe_signal;
   sigset_t mask_before;
   sigset_t pending_before;
@@ -93,11 +89,9 @@ void WriteLine(const char* line, size_t size) {
 void vm_print_log2(int level, const char* file, int line, const char* function, const char* format,
                    ...) {
   const int saved_errno = errno;
-  if (level > Threshold()) {
-    return;
-  }
+  if (level > Threshold()) return;
   char text[kMaxLine];
-  size_t size = PrintTime(text, sizeof(text));
+  std::size_t size = PrintTime(text, sizeof(text));
   size += Stored(snprintf(text + size, sizeof(text) - size, " %d [%d] %.256s:%d %.1024s: ", level,
                           g_process_pid, OrEmpty(file), line, OrEmpty(function)),
                  sizeof(text) - size);

@@ -9,12 +9,18 @@
 // and defines both stream operations in its source file with STAT_DEFINE_STREAM_OPERATIONS(Class).
 // Writer, reader and the named dump of the tools all run over that one list. The codec belongs to
 // the list because it does not always follow from the member's type.
+//
+// Each class repeats its constructor and the two declarations, though a base template could have
+// them once: a failed step is logged with the signature of the class's own operation and with the
+// source unit of its family. Log filters look for both, so the operations have to be members of the
+// very class, defined in a source file of its unit.
 
 #ifndef STAT_EVENT_FIELDS_H_
 #define STAT_EVENT_FIELDS_H_
 
 #include <common_utilities/serialization_utils.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <tuple>
@@ -26,11 +32,15 @@
 namespace velmora::usage_stat {
 
 // ---- Codecs: one value on the wire. Write and Read return 0 or the primitive's failure. ----
+//
+// Each says what documentation calls it, and with how few bytes it can do: what a cut record lacks
+// is told by that.
 
 // The codec of a primitive that carries a member of type `Value` as it is.
-#define STAT_PRIMITIVE_CODEC(Primitive, Value)                                 \
+#define STAT_PRIMITIVE_CODEC(Primitive, Value, least_size)                     \
   struct Primitive {                                                           \
     static constexpr const char* kPrimitive = #Primitive;                      \
+    static constexpr std::size_t kLeastSize = least_size;                      \
     static int Write(const Value& value, std::ostream& out) {                  \
       return utilities::SerializationUtils::Serialize##Primitive(value, out);  \
     }                                                                          \
@@ -39,20 +49,21 @@ namespace velmora::usage_stat {
     }                                                                          \
   };
 
-STAT_PRIMITIVE_CODEC(Int16, std::int16_t)
-STAT_PRIMITIVE_CODEC(UInt16, std::uint16_t)
-STAT_PRIMITIVE_CODEC(Int32, std::int32_t)
-STAT_PRIMITIVE_CODEC(Char, char)
-STAT_PRIMITIVE_CODEC(UChar, std::uint8_t)
-STAT_PRIMITIVE_CODEC(String, std::string)
-STAT_PRIMITIVE_CODEC(StringVec, std::vector<std::string>)
-STAT_PRIMITIVE_CODEC(Language, std::string)
+STAT_PRIMITIVE_CODEC(Int16, std::int16_t, 2)
+STAT_PRIMITIVE_CODEC(UInt16, std::uint16_t, 2)
+STAT_PRIMITIVE_CODEC(Int32, std::int32_t, 4)
+STAT_PRIMITIVE_CODEC(Char, char, 1)
+STAT_PRIMITIVE_CODEC(UChar, std::uint8_t, 1)
+STAT_PRIMITIVE_CODEC(String, std::string, 4)
+STAT_PRIMITIVE_CODEC(StringVec, std::vector<std::string>, 4)
+STAT_PRIMITIVE_CODEC(Language, std::string, 2)
 
 #undef STAT_PRIMITIVE_CODEC
 
 // A 32-bit member of which only the low 16 bits travel; reading extends their sign.
 struct NarrowInt16 {
   static constexpr const char* kPrimitive = Int16::kPrimitive;
+  static constexpr std::size_t kLeastSize = Int16::kLeastSize;
   static int Write(std::int32_t value, std::ostream& out) {
     return Int16::Write(static_cast<std::int16_t>(value), out);
   }
@@ -67,6 +78,7 @@ struct NarrowInt16 {
 // A flag that travels as a Char 0 or 1; any other byte than 0 reads as true.
 struct FlagChar {
   static constexpr const char* kPrimitive = Char::kPrimitive;
+  static constexpr std::size_t kLeastSize = Char::kLeastSize;
   static int Write(bool value, std::ostream& out) { return Char::Write(value ? 1 : 0, out); }
   static int Read(std::istream& in, bool* value) {
     char byte = 0;

@@ -127,9 +127,7 @@ void Command::Footer(const std::string& text) { app_->footer(text); }
 
 void Command::OnRead(const std::function<std::string()>& check) {
   app_->parse_complete_callback([name = app_->get_name(), check] {
-    if (const std::string mistake = check(); !mistake.empty()) {
-      throw CLI::ValidationError(mistake);
-    }
+    if (const std::string mistake = check(); !mistake.empty()) throw CLI::ValidationError(mistake);
   });
 }
 

@@ -97,7 +97,7 @@ bool TraceOwner(std::istream& in, const std::string& prefix, Owner* owner, Field
 template <class Codec, class Value>
 bool TraceValue(Codec codec, std::istream& in, const std::string& name, Value* value,
                 FieldSink* sink) {
-  sink->Begin(name, Codec::kPrimitive);
+  sink->Begin(name, Codec::kPrimitive, Codec::kLeastSize);
   if (Codec::Read(in, value) != 0) return false;
   sink->End(ToValue(codec, *value));
   return true;

@@ -24,8 +24,10 @@ struct FieldType {
 class FieldSink {
  public:
   virtual ~FieldSink() = default;
-  // Called before a field is read, which may fail, and after it was.
-  virtual void Begin(const std::string& name, std::string_view primitive) = 0;
+  // Called before a field is read, which may fail, and after it was. `least_size`: the number of
+  // bytes that every value of the primitive takes, before a text's own.
+  virtual void Begin(const std::string& name, std::string_view primitive,
+                     std::size_t least_size) = 0;
   virtual void End(Json value) = 0;
 };
 

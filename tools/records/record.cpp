@@ -28,9 +28,10 @@ class ViewStream : private std::streambuf, public std::istream {
   std::size_t position() const { return static_cast<std::size_t>(gptr() - eback()); }
 };
 
-// How many bytes the value of `primitive` at the front of `bytes` needs at least, as far as these
-// tell: a text that is cut within its length needs that length first.
-std::size_t BytesNeeded(std::string_view primitive, std::string_view bytes) {
+// How many bytes the value of `primitive` at the front of `bytes` needs, as far as these tell: a
+// text that is cut within its length needs that length first.
+std::size_t BytesNeeded(std::string_view primitive, std::size_t least_size,
+                        std::string_view bytes) {
   constexpr std::size_t kLength = 4;
   const auto length_at = [bytes](std::size_t offset) {
     std::size_t length = 0;
@@ -50,11 +51,7 @@ std::size_t BytesNeeded(std::string_view primitive, std::string_view bytes) {
     }
     return end;
   }
-  if (primitive == "Char x20") return 20;
-  if (primitive == "Timestamp") return 8;
-  if (primitive == "Int32") return 4;
-  if (primitive == "Char" || primitive == "UChar") return 1;
-  return 2;  // Int16, UInt16, Language, Char x2
+  return least_size;
 }
 
 std::string Plural(std::size_t count, const char* noun) {
@@ -70,10 +67,10 @@ class Tracer : public FieldSink {
   Trace Run(const RecordType* type) {
     std::int16_t code = 0;
     long long timestamp = 0;
-    Begin("type", "Int16");
+    Begin("type", Int16::kPrimitive, Int16::kLeastSize);
     if (SerializationUtils::DeserializeInt16(in_, &code) != 0) return Stop();
     End(code);
-    Begin("timestamp", "Timestamp");
+    Begin("timestamp", "Timestamp", sizeof(timestamp));
     if (SerializationUtils::DeserializeTimestamp(in_, &timestamp) != 0) return Stop();
     End(timestamp);
 
@@ -99,10 +96,11 @@ class Tracer : public FieldSink {
     return std::move(trace_);
   }
 
-  void Begin(const std::string& name, std::string_view primitive) override {
+  void Begin(const std::string& name, std::string_view primitive, std::size_t least_size) override {
     current_.offset = in_.position();
     current_.name = name;
     current_.primitive = primitive;
+    least_size_ = least_size;
   }
 
   void End(Json value) override {
@@ -118,7 +116,7 @@ class Tracer : public FieldSink {
     damage.offset = current_.offset;
     damage.field = current_.name;
     const std::string_view rest = datagram_.substr(current_.offset);
-    const std::size_t needed = BytesNeeded(current_.primitive, rest);
+    const std::size_t needed = BytesNeeded(current_.primitive, least_size_, rest);
     if (needed > rest.size()) {
       damage.missing = needed - rest.size();
       damage.kind = "cut short";
@@ -136,6 +134,7 @@ class Tracer : public FieldSink {
   std::string_view datagram_;
   ViewStream in_;
   TracedField current_;
+  std::size_t least_size_ = 0;  // of the current field
   Trace trace_;
 };
 

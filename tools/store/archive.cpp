@@ -136,9 +136,7 @@ Status Complete(Keeper* keeper, const Archive& archive) {
   if (status.ok()) {
     status = connection.Prepare("DELETE FROM records WHERE id BETWEEN ? AND ?", &remove);
   }
-  if (status.ok()) {
-    status = remove.Bind(1, archive.first_record).Bind(2, archive.last_record).Run();
-  }
+  if (status.ok()) status = remove.Bind(1, archive.first_record).Bind(2, archive.last_record).Run();
   if (status.ok()) status = CountRemoved(keeper, "archived", archive.path, connection.Changes());
   if (status.ok()) status = SetState(&connection, archive.id, "complete");
   if (status.ok()) status = AddJournalEvent(&connection, keeper->run, &event);

@@ -22,9 +22,7 @@ class Filter {
     if (query.since_ms) Add("timestamp_ms >= ?", *query.since_ms);
     if (query.until_ms) Add("timestamp_ms < ?", *query.until_ms);
     if (query.after_id) Add("id > ?", *query.after_id);
-    if (query.application) {
-      Add("json_extract(fields, '$.application') = ?", *query.application);
-    }
+    if (query.application) Add("json_extract(fields, '$.application') = ?", *query.application);
     if (query.book_id) {
       Add("(json_extract(fields, '$.book_id') = ?", *query.book_id);
       numbers_.push_back(*query.book_id);
