@@ -1,12 +1,15 @@
-// Writes the inputs that fuzzers start from into the folders FOLDER/records, FOLDER/inspector and
-// FOLDER/books: valid records of every class, and books.
+// Writes the inputs that fuzzers start from into the folders FOLDER/records, FOLDER/inspector,
+// FOLDER/batches and FOLDER/books: valid records of every class, alone and in batches, and books.
 //
 //   make_seeds FOLDER
+
+#include <zstd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 
+#include "fleet/batch/shapes.h"
 #include "fuzz/archives.h"
 #include "tests/support/sample_records.h"
 
@@ -28,6 +31,30 @@ void WriteRecords(const std::filesystem::path& folder) {
     // There the first byte chooses options.
     Write(folder / "inspector" / (std::string(name) + ".text"), '\0' + bytes);
     Write(folder / "inspector" / (std::string(name) + ".json"), '\1' + bytes);
+  }
+}
+
+// Small batches of two types each, and what makes a batch odd; as messages and as contents.
+void WriteBatches(const std::filesystem::path& folder) {
+  namespace fleet = velmora::usage_stat::fleet;
+  const auto records = usage_stat_test::SampleRecords();
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    fleet::Batch batch;
+    batch.store_first = 1;
+    batch.runs = {{1, 2, fleet::Reason::kErased}, {6, 9, fleet::Reason::kWithheld}};
+    batch.clock_steps = {{3, 60'001}};
+    for (std::uint64_t number = 3; number < 6; ++number) {
+      const auto& record = records[(i + number / 5) % records.size()];
+      fleet::AddRecord(number, record.bytes, "\1\2", &batch);
+    }
+    batch.through = 9;
+    std::string message;
+    if (!fleet::Encode(batch, &message).empty()) abort();
+    Write(folder / "batches" / (std::string(records[i].class_name) + ".message"), '\0' + message);
+    std::string content(fleet::kLargestContent, '\0');
+    const std::string frame = message.substr(4);
+    content.resize(ZSTD_decompress(content.data(), content.size(), frame.data(), frame.size()));
+    Write(folder / "batches" / (std::string(records[i].class_name) + ".content"), '\1' + content);
   }
 }
 
@@ -63,5 +90,6 @@ int main(int argc, char** argv) {
     return 2;
   }
   WriteRecords(argv[1]);
+  WriteBatches(argv[1]);
   WriteBooks(argv[1]);
 }

@@ -1,0 +1,87 @@
+#include "fleet/batch/shapes.h"
+
+#include <algorithm>
+#include <map>
+
+#include "fleet/batch/columns.h"
+#include "tools/records/catalogue.h"
+
+namespace velmora::usage_stat::fleet {
+
+namespace {
+
+constexpr std::string_view kAsItIs = "r";
+
+// The letter of one primitive of the dictionary.
+char LetterOf(std::string_view primitive) {
+  static const std::map<std::string_view, char> letters = {
+      {"Int16", '2'},  {"UInt16", '2'},    {"Int32", '4'},    {"Char", '1'},    {"UChar", '1'},
+      {"String", 's'}, {"StringVec", 'v'}, {"Language", '2'}, {"Char x2", '2'}, {"Char x20", 'A'},
+  };
+  const auto letter = letters.find(primitive);
+  return letter == letters.end() ? 'r' : letter->second;
+}
+
+// What repeats, repeats to the end.
+std::string LayoutOf(const records::RecordType& type) {
+  std::string layout;
+  for (const records::FieldType& field : type.fields) {
+    const bool repeats = field.name.find("[]") != std::string::npos;
+    layout.push_back(repeats ? 'r' : LetterOf(field.primitive));
+    if (layout.back() == 'r') break;
+  }
+  return layout;
+}
+
+// The layouts of the classes that write `type`, the shorter one first.
+std::string_view LayoutFor(int type, std::string_view payload) {
+  static const auto layouts = [] {
+    std::multimap<int, std::string> made;
+    for (const records::RecordType& each : records::Catalogue()) {
+      made.emplace(each.code, LayoutOf(each));
+    }
+    return made;
+  }();
+  std::string_view found = kAsItIs;
+  const auto [begin, end] = layouts.equal_range(type);
+  for (auto layout = begin; layout != end; ++layout) {
+    if (Fits(layout->second, payload)) found = layout->second;
+  }
+  return found;
+}
+
+}  // namespace
+
+bool AddRecord(std::uint64_t number, std::string_view datagram, std::string_view actions,
+               Batch* batch) {
+  if (datagram.size() < kEnvelopeSize) return false;
+  std::uint64_t timestamp = 0;
+  for (std::size_t i = kEnvelopeSize; i > 2; --i) {
+    timestamp = timestamp << 8 | static_cast<std::uint8_t>(datagram[i - 1]);
+  }
+  const std::string_view payload = datagram.substr(kEnvelopeSize);
+  Shape shape;
+  shape.type = static_cast<std::int16_t>(static_cast<std::uint8_t>(datagram[0]) |
+                                         static_cast<std::uint8_t>(datagram[1]) << 8);
+  shape.layout = LayoutFor(shape.type, payload);
+  shape.actions = actions;
+
+  const auto known = std::ranges::find(batch->shapes, shape);
+  const auto index = static_cast<std::size_t>(known - batch->shapes.begin());
+  if (known == batch->shapes.end()) batch->shapes.push_back(std::move(shape));
+  batch->records.push_back(
+      {number, index, static_cast<std::int64_t>(timestamp), std::string(payload)});
+  return true;
+}
+
+std::string DatagramOf(const Batch& batch, const BatchRecord& record) {
+  std::string datagram;
+  const auto put = [&](std::uint64_t value, int size) {
+    for (; size > 0; --size, value >>= 8) datagram.push_back(static_cast<char>(value & 0xff));
+  };
+  put(static_cast<std::uint16_t>(batch.shapes[record.shape].type), 2);
+  put(static_cast<std::uint64_t>(record.timestamp_ms), 8);
+  return datagram + record.payload;
+}
+
+}  // namespace velmora::usage_stat::fleet
