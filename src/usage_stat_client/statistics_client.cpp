@@ -10,14 +10,6 @@
 
 namespace velmora::usage_stat {
 
-namespace {
-
-// An abstract socket name: the NUL at the front and the one at the end both belong to it.
-constexpr char kEndpoint[19] = "\0usage_stat_event1";
-constexpr unsigned int kMaxMessage = 102400;
-
-}  // namespace
-
 int StaticsticsClient::SendEvent(Event* event) {
   utilities::MessageClient client;
   RecordBuffer record;
@@ -28,7 +20,7 @@ int StaticsticsClient::SendEvent(Event* event) {
     STAT_LOG(1, "[pid:%d] err:[%d] ", err);
     return err;
   }
-  err = client.Init(kEndpoint, sizeof(kEndpoint), kMaxMessage);
+  err = client.Init(kStatisticsEndpoint, sizeof(kStatisticsEndpoint), kLargestStatisticsMessage);
   if (err != 0) {
     STAT_LOG(1, "[pid:%d] err:[%d] ", err);
     return err;

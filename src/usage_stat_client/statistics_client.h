@@ -8,6 +8,13 @@
 
 namespace velmora::usage_stat {
 
+// Where the collector listens. An abstract socket name: the NUL at the front and the one at the end
+// both belong to it.
+inline constexpr char kStatisticsEndpoint[] = "\0usage_stat_event1";
+
+// The most bytes that one message may have.
+inline constexpr unsigned int kLargestStatisticsMessage = 102400;
+
 // Keeps nothing between calls. The class is known by this spelling throughout the system.
 class StaticsticsClient {
  public:

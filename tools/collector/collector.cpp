@@ -15,10 +15,10 @@ namespace velmora::usage_stat::collector {
 Collector::Collector(const Options& options)
     : options_(options), intake_(options.commit_interval / 2) {}
 
-store::Status Collector::Start() {
-  if (store::Status status = endpoint_.Bind(options_.endpoint); !status.ok()) return status;
+base::Status Collector::Start() {
+  RETURN_IF_ERROR(endpoint_.Bind(options_.endpoint));
   if (options_.store) {
-    if (store::Status status = OpenDatabase(); !status.ok()) return status;
+    RETURN_IF_ERROR(OpenDatabase());
     housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention);
   }
   if (options_.print != Format::kNone) view_.emplace();
@@ -36,7 +36,7 @@ Summary Collector::Stop() {
   keeping_.join();
   housekeeper_.reset();
   if (writer_) {
-    if (const store::Status status = writer_->Finish(); !status.ok()) {
+    if (const base::Status status = writer_->Finish(); !status.ok()) {
       Tell("cannot note the end of this run: " + status.message);
     }
     writer_.reset();
@@ -47,20 +47,20 @@ Summary Collector::Stop() {
   return summary;
 }
 
-store::Status Collector::OpenDatabase() {
+base::Status Collector::OpenDatabase() {
   const auto open = [this] {
     return store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
   };
-  store::Status status = open();
-  if (!status.is_damage()) return status;
+  base::Status status = open();
+  if (!store::IsDamage(status)) return status;
   status = SetAside(status.message);
   return status.ok() ? open() : status;
 }
 
-store::Status Collector::SetAside(const std::string& damage) {
+base::Status Collector::SetAside(const std::string& damage) {
   writer_.reset();
   std::string moved_path;
-  store::Status status = store::SetAside(options_.database_path, &moved_path);
+  base::Status status = store::SetAside(options_.database_path, &moved_path);
   if (status.ok()) {
     Tell("the database is damaged (" + damage + "): it is kept as " + moved_path +
          ", and a new one is begun");
@@ -107,15 +107,15 @@ void Collector::KeepAll() {
 void Collector::Commit(const store::Batch& batch) {
   constexpr std::chrono::milliseconds kLongestPause{1000};
   for (std::chrono::milliseconds pause{20};; pause = std::min(2 * pause, kLongestPause)) {
-    store::Status status;
+    base::Status status;
     if (!writer_) status = OpenDatabase();
     if (status.ok()) status = writer_->Commit(batch);
     if (status.ok()) break;
-    if (status.is_moved()) {
+    if (store::IsMoved(status)) {
       Tell(status.message + ": what stands there now is used, or a new one is begun");
       writer_.reset();
       status = {};
-    } else if (status.is_damage()) {
+    } else if (store::IsDamage(status)) {
       status = SetAside(status.message);
     }
     if (!status.ok()) {

@@ -22,17 +22,17 @@ class Collector {
   explicit Collector(const Options& options);
 
   // Takes the endpoint, then opens the database, then starts the threads.
-  store::Status Start();
+  base::Status Start();
 
   // Refuses what is sent from now on, keeps all that was received, and ends the threads.
   Summary Stop();
 
  private:
   // Opens the database, or begins a new one beside a damaged one.
-  store::Status OpenDatabase();
+  base::Status OpenDatabase();
   // Moves the damaged database out of the way: a device that stopped collecting for ever would lose
   // more.
-  store::Status SetAside(const std::string& damage);
+  base::Status SetAside(const std::string& damage);
   void ReceiveAll();
   void KeepAll();
   // Tries until it succeeds, whatever becomes of the database meanwhile.

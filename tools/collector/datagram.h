@@ -19,9 +19,6 @@ struct Datagram {
   bool is_refused = false;       // its sender may not send
 };
 
-// The largest message that the library sends.
-constexpr std::size_t kLargestMessage = 102400;
-
 // How much of a datagram is kept at most, as evidence.
 constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;
 

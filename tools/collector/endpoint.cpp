@@ -2,11 +2,9 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
 namespace velmora::usage_stat::collector {
@@ -28,29 +26,24 @@ store::Sender SenderOf(msghdr* message) {
 
 }  // namespace
 
-store::Status Endpoint::Bind(const std::string& name) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = '\0' + name + '\0';
-  if (name.empty() || path.size() > sizeof(address.sun_path)) {
-    return store::Status::Failed("the endpoint's name must have 1 to " +
-                                 std::to_string(sizeof(address.sun_path) - 2) + " bytes");
+base::Status Endpoint::Bind(const std::string& name) {
+  const auto address = base::AddressOf(name);
+  if (!address) {
+    return base::Status::Failed("the endpoint's name must have 1 to " +
+                                std::to_string(base::kLongestEndpointName) + " bytes");
   }
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-
-  socket_ = store::Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!socket_.is_open()) return store::ErrnoStatus("cannot create a socket");
+  socket_ = base::Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket_.is_open()) return base::Status::Errno("cannot create a socket");
   // Before the address is known to anybody, so that no datagram comes without its sender.
   const int on = 1;
   if (setsockopt(socket_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0) {
-    return store::ErrnoStatus("cannot ask for the senders' credentials");
+    return base::Status::Errno("cannot ask for the senders' credentials");
   }
-  if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+  if (bind(socket_.get(), address->get(), address->length) != 0) {
     if (errno == EADDRINUSE) {
-      return store::Status::Failed("another process listens on the endpoint " + name);
+      return base::Status::Failed("another process listens on the endpoint " + name);
     }
-    return store::ErrnoStatus("cannot bind the endpoint " + name);
+    return base::Status::Errno("cannot bind the endpoint " + name);
   }
   return {};
 }
@@ -75,7 +68,7 @@ Endpoint::Result Endpoint::Receive(Datagram* datagram) {
   datagram->size = static_cast<std::size_t>(size);
   datagram->bytes.assign(buffer_.data(), std::min(datagram->size, buffer_.size()));
   datagram->sender = SenderOf(&message);
-  datagram->received_ms = store::NowMs();
+  datagram->received_ms = base::NowMs();
   return Result::kDatagram;
 }
 

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/status.h"
+#include "tools/base/system.h"
 #include "tools/collector/datagram.h"
-#include "tools/store/file.h"
 
 namespace velmora::usage_stat::collector {
 
@@ -16,7 +17,7 @@ class Endpoint {
   enum class Result { kDatagram, kEmpty, kFailed };
 
   // Takes the address NUL, `name`, NUL. Fails when another process has it.
-  store::Status Bind(const std::string& name);
+  base::Status Bind(const std::string& name);
 
   // Takes the next datagram, if there is one. kFailed: errno tells.
   Result Receive(Datagram* datagram);
@@ -29,7 +30,7 @@ class Endpoint {
   void Shut();
 
  private:
-  store::Descriptor socket_;
+  base::Descriptor socket_;
   std::vector<char> buffer_ = std::vector<char>(kKeptBytes);
 };
 

@@ -40,7 +40,7 @@ void Housekeeper::RequestRotation() {
 }
 
 void Housekeeper::Run() {
-  if (const store::Status status = store::FinishArchives(database_path_); !status.ok()) {
+  if (const base::Status status = store::FinishArchives(database_path_); !status.ok()) {
     rotation_trouble_.Met("cannot finish the archive that was begun: " + status.message);
   }
   std::unique_lock lock(mutex_);
@@ -59,7 +59,7 @@ bool Housekeeper::Rotate() {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_rotation_) return false;
   std::optional<store::Archive> archive;
-  const store::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archive);
+  const base::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archive);
   if (status.ok()) {
     next_rotation_ = now + kRotationPause;
     rotation_trouble_.Over();
@@ -71,7 +71,7 @@ bool Housekeeper::Rotate() {
 
 void Housekeeper::Retain() {
   if (retention_.keep_days == 0 && retention_.max_bytes == 0) return;
-  const store::Status status = store::ApplyRetention(database_path_, retention_);
+  const base::Status status = store::ApplyRetention(database_path_, retention_);
   if (status.ok()) {
     retention_trouble_.Over();
   } else {

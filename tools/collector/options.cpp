@@ -2,21 +2,16 @@
 
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdlib>
 
+#include "tools/base/system.h"
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/store/schema.h"
 
 namespace velmora::usage_stat::collector {
 
 namespace {
-
-// The library's own endpoint, unless its environment names another.
-std::string DefaultEndpoint() {
-  const char* name = std::getenv("VELMORA_MESSAGE_ENDPOINT");
-  return name && *name ? name : "usage_stat_event1";
-}
 
 // An empty database takes some pages already; a limit below them would delete everything.
 std::string TakeSizeLimit(std::uint64_t bytes, std::int64_t* limit) {
@@ -30,19 +25,15 @@ std::string TakeSizeLimit(std::uint64_t bytes, std::int64_t* limit) {
 
 std::string TakeUid(const std::string& text, std::set<std::int64_t>* uids) {
   constexpr std::uint32_t kLargest = 4294967294;
-  const char* end = text.data() + text.size();
-  std::uint32_t uid = 0;
-  const auto result = std::from_chars(text.data(), end, uid);
-  if (result.ec != std::errc() || result.ptr != end || uid > kLargest) {
-    return "\"" + text + "\" is no user id";
-  }
-  uids->insert(uid);
+  const auto uid = base::ParseWhole<std::uint32_t>(text);
+  if (!uid || *uid > kLargest) return "\"" + text + "\" is no user id";
+  uids->insert(*uid);
   return {};
 }
 
 // What the options leave open.
 void Complete(Options* options) {
-  if (options->endpoint.empty()) options->endpoint = DefaultEndpoint();
+  if (options->endpoint.empty()) options->endpoint = base::EndpointInUse();
   if (options->database_path.empty()) options->database_path = store::DefaultDatabasePath();
   if (options->archive_directory.empty()) {
     options->archive_directory = store::DefaultArchiveDirectory(options->database_path);

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "tools/store/file.h"
+#include "tools/base/system.h"
 
 namespace velmora::usage_stat::collector {
 
@@ -23,7 +23,7 @@ void AnnounceReadiness() {
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
 
   constexpr std::string_view kReady = "READY=1";
-  const store::Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const base::Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   (void)sendto(manager.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&address), length);
 }

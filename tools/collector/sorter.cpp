@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "src/stat_event/event_factory.h"
+#include "tools/base/system.h"
 #include "tools/records/text.h"
 
 namespace velmora::usage_stat::collector {
@@ -17,7 +18,7 @@ namespace {
 records::Damage TooLong(std::size_t size) {
   records::Damage damage;
   damage.kind = "too long";
-  damage.reason = fmt::format("longer than any message ({} bytes)", kLargestMessage);
+  damage.reason = fmt::format("longer than any message ({} bytes)", base::kLargestMessage);
   if (size > kKeptBytes) damage.reason += fmt::format(", the first {} are kept", kKeptBytes);
   return damage;
 }
@@ -32,7 +33,7 @@ store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
     ++batch.received;
     if (datagram.is_refused) {
       Refuse(datagram, &batch);
-    } else if (datagram.size > kLargestMessage) {
+    } else if (datagram.size > base::kLargestMessage) {
       Quarantine(&datagram, TooLong(datagram.size), &batch);
     } else if (const auto decoded = records::Decode(datagram.bytes);
                const auto* record = std::get_if<records::Record>(&decoded)) {

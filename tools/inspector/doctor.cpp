@@ -223,7 +223,7 @@ std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* 
   std::string verdict;
   store::Status status = store::Reader::Open(path, &reader);
   if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
-  if (!status.ok() && !status.is_damage()) {
+  if (!status.ok() && !store::IsDamage(status)) {
     return add(State::kFail, status.message,
                "name the collector's own database, or use the version of usage-stat that made it");
   }

@@ -5,31 +5,11 @@
 #include <array>
 #include <ctime>
 
+#include "tools/base/text.h"
+
 namespace velmora::usage_stat::records {
 
 namespace {
-
-struct Character {
-  char32_t code = 0;
-  std::size_t size = 0;  // in bytes; 0 when the bytes are no UTF-8
-};
-
-// The character that `text`, which is not empty, begins with.
-Character FirstCharacter(std::string_view text) {
-  const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  if (byte(0) < 0x80) return {byte(0), 1};
-  const std::size_t size = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
-  constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
-  if (byte(0) < 0xC0 || byte(0) > 0xF7 || text.size() < size) return {};
-  char32_t code = byte(0) & (0xFFU >> (size + 1));
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return {};
-    code = code << 6 | (byte(i) & 0x3FU);
-  }
-  const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
-  if (code < kSmallest[size] || code > 0x10FFFF || is_surrogate) return {};
-  return {code, size};
-}
 
 bool IsObeyed(char32_t code) {
   const bool is_control = code < 0x20 || (code >= 0x7F && code <= 0x9F);
@@ -45,7 +25,7 @@ bool IsObeyed(char32_t code) {
 std::string Printable(std::string_view text) {
   std::string printable;
   while (!text.empty()) {
-    const Character first = FirstCharacter(text);
+    const base::Character first = base::FirstCharacter(text);
     if (first.size == 0 || (first.size == 1 && IsObeyed(first.code))) {
       printable += fmt::format("\\x{:02x}", static_cast<std::uint8_t>(text[0]));
     } else if (IsObeyed(first.code)) {

@@ -69,7 +69,7 @@ Status PlanArchive(Connection* connection, const std::string& directory, Archive
 // Copies the records of `archive` into a new database at `path`.
 Status CopyRecords(const std::string& database_path, const Archive& archive,
                    const std::string& path) {
-  if (Status status = CreatePrivateFile(path); !status.ok()) return status;
+  RETURN_IF_ERROR(CreatePrivateFile(path));
   Connection copy;
   Statement attach;
   Statement insert;
@@ -99,7 +99,7 @@ Status MakeFile(const std::string& database_path, Archive* archive) {
   if (status.ok()) status = CompressFile(plain, temporary);
   unlink(plain.c_str());
   struct stat file {};
-  if (status.ok() && stat(temporary.c_str(), &file) != 0) status = ErrnoStatus(temporary);
+  if (status.ok() && stat(temporary.c_str(), &file) != 0) status = Status::Errno(temporary);
   archive->bytes = file.st_size;
   GiveToOwnerOf(database_path, temporary);
   return status;
@@ -153,7 +153,7 @@ Status Finish(Keeper* keeper) {
       status = Complete(keeper, archive);
       continue;
     }
-    if (errno != ENOENT) return ErrnoStatus(archive.path);
+    if (errno != ENOENT) return Status::Errno(archive.path);
     status =
         keeper->connection.Execute("DELETE FROM archives WHERE id = " + std::to_string(archive.id));
     unlink(TemporaryName(archive.path).c_str());
@@ -176,13 +176,13 @@ Status ArchiveRecords(const std::string& database_path, const std::string& direc
   if (mkdir(directory.c_str(), S_IRWXU) == 0) {
     GiveToOwnerOf(database_path, directory);
   } else if (errno != EEXIST) {
-    return ErrnoStatus("cannot create " + directory);
+    return Status::Errno("cannot create " + directory);
   }
   if (access(made.path.c_str(), F_OK) == 0) return Status::Failed(made.path + " exists already");
   status = MakeFile(database_path, &made);
   if (status.ok()) status = NoteBegun(&keeper.connection, &made);
   if (status.ok() && rename(TemporaryName(made.path).c_str(), made.path.c_str()) != 0) {
-    status = ErrnoStatus("cannot create " + made.path);
+    status = Status::Errno("cannot create " + made.path);
   }
   if (!status.ok()) {
     unlink(TemporaryName(made.path).c_str());

@@ -28,9 +28,9 @@ Status AddJournalEvent(Connection* connection, std::int64_t run, Event* event) {
 
   Statement insert;
   Statement count;
-  if (Status status = connection->Prepare(kInsertRecord, &insert); !status.ok()) return status;
-  if (Status status = InsertRecord(&insert, row); !status.ok()) return status;
-  if (Status status = connection->Prepare(kCount, &count); !status.ok()) return status;
+  RETURN_IF_ERROR(connection->Prepare(kInsertRecord, &insert));
+  RETURN_IF_ERROR(InsertRecord(&insert, row));
+  RETURN_IF_ERROR(connection->Prepare(kCount, &count));
   return Count(&count, {run, row.sender.uid, "journal", "", 1, row.received_ms});
 }
 

@@ -13,7 +13,7 @@ namespace velmora::usage_stat::store {
 Status OpenKeeper(const std::string& database_path, Keeper* keeper) {
   keeper->lock =
       Descriptor(open(FolderOf(database_path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!keeper->lock.is_open()) return ErrnoStatus("cannot open the folder of " + database_path);
+  if (!keeper->lock.is_open()) return Status::Errno("cannot open the folder of " + database_path);
   if (flock(keeper->lock.get(), LOCK_EX | LOCK_NB) != 0) {
     return {SQLITE_BUSY, "records of " + database_path + " are being archived or deleted already"};
   }

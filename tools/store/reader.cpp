@@ -116,7 +116,7 @@ Status ReadAll(Connection* connection, std::string_view sql, Row (*make)(const S
                std::vector<Row>* rows) {
   rows->clear();
   Statement statement;
-  if (Status status = connection->Prepare(sql, &statement); !status.ok()) return status;
+  RETURN_IF_ERROR(connection->Prepare(sql, &statement));
   while (statement.Step()) rows->push_back(make(statement));
   return statement.status();
 }
@@ -127,7 +127,7 @@ Status OpenUnpacked(const std::string& path, Connection* connection) {
   std::string unpacked =
       std::string(folder && *folder ? folder : "/tmp") + "/usage-stat-archive.XXXXXX";
   const Descriptor file(mkstemp(unpacked.data()));
-  if (!file.is_open()) return ErrnoStatus("cannot create a file like " + unpacked);
+  if (!file.is_open()) return Status::Errno("cannot create a file like " + unpacked);
   Status status = UnpackArchive(path, unpacked);
   if (status.ok()) status = OpenForReading(unpacked, connection);
   unlink(unpacked.c_str());
@@ -238,9 +238,9 @@ Status Journal::ForEach(const Query& query, const RecordVisitor& visit,
 
   // One state of the database for the list of archives and the records that are not in them.
   Transaction snapshot(&live_->connection());
-  if (Status status = live_->connection().Execute("BEGIN"); !status.ok()) return status;
+  RETURN_IF_ERROR(live_->connection().Execute("BEGIN"));
   std::vector<Archive> archives;
-  if (Status status = live_->ReadArchives(&archives); !status.ok()) return status;
+  RETURN_IF_ERROR(live_->ReadArchives(&archives));
   std::erase_if(archives,
                 [&query](const Archive& archive) { return !MayHoldMatch(archive, query); });
 

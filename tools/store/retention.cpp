@@ -19,7 +19,7 @@ constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
 
 Status DeleteArchive(Keeper* keeper, const std::string& database_path, const Archive& archive) {
   const std::string path = LocateArchive(database_path, archive);
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) return ErrnoStatus("cannot delete " + path);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
   DeleteArchiveEvent event;
   event.archive_ = archive.path;
   Transaction transaction(&keeper->connection);
@@ -58,7 +58,7 @@ Status ApplyAge(Keeper* keeper, const std::string& database_path, std::int64_t k
   }
   for (const Archive& archive : archives) {
     if (archive.created_ms >= before_ms) continue;
-    if (Status status = DeleteArchive(keeper, database_path, archive); !status.ok()) return status;
+    RETURN_IF_ERROR(DeleteArchive(keeper, database_path, archive));
   }
   for (const char* table : {"records", "quarantine"}) {
     for (std::int64_t deleted = 1; deleted > 0;) {

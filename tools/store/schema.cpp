@@ -101,7 +101,7 @@ Status InspectHeader(const std::string& path, int file, Finding* finding) {
 
   std::array<unsigned char, kHeaderSize> header{};
   const ssize_t size = pread(file, header.data(), header.size(), 0);
-  if (size < 0) return ErrnoStatus("cannot read " + path);
+  if (size < 0) return Status::Errno("cannot read " + path);
   finding->version = BigEndian(header.data() + kUserVersionOffset);
   if (size == 0) {
     finding->kind = Kind::kEmpty;
@@ -128,7 +128,7 @@ Status Inspect(const std::string& path, Finding* finding) {
 
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
-    return errno == ENOENT ? Status() : ErrnoStatus("cannot open " + path);
+    return errno == ENOENT ? Status() : Status::Errno("cannot open " + path);
   }
   // Opening a FIFO would wait for its other end.
   if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
@@ -137,7 +137,7 @@ Status Inspect(const std::string& path, Finding* finding) {
     return InspectHeader(path, found->second.get(), finding);
   }
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.is_open()) return ErrnoStatus("cannot open " + path);
+  if (!file.is_open()) return Status::Errno("cannot open " + path);
   Status result = InspectHeader(path, file.get(), finding);
   if (result.ok() && finding->kind == Kind::kOurs) kept.emplace(key, std::move(file));
   return result;
@@ -167,7 +167,7 @@ Status Judge(const std::string& path, const Finding& finding) {
 Status Create(const std::string& path, Kind kind) {
   const std::string folder = FolderOf(path);
   if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-    return ErrnoStatus("cannot create the folder " + folder);
+    return Status::Errno("cannot create the folder " + folder);
   }
   // The log of a database that was taken away would be played into the new one.
   unlink((path + "-wal").c_str());
@@ -183,7 +183,7 @@ Status Create(const std::string& path, Kind kind) {
   }
   const unsigned int flags = kind == Kind::kMissing ? RENAME_NOREPLACE : 0;
   if (status.ok() && renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), flags) != 0) {
-    status = ErrnoStatus("cannot create " + path);
+    status = Status::Errno("cannot create " + path);
   }
   if (!status.ok()) unlink(temporary.c_str());
   return status;
@@ -212,7 +212,7 @@ std::string DefaultArchiveDirectory(const std::string& database_path) {
 
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
   Finding finding;
-  if (Status status = Inspect(path, &finding); !status.ok()) return status;
+  RETURN_IF_ERROR(Inspect(path, &finding));
   const bool is_new = created && (finding.kind == Kind::kMissing || finding.kind == Kind::kEmpty);
   if (Status status = is_new ? Create(path, finding.kind) : Judge(path, finding); !status.ok()) {
     return status;
@@ -233,7 +233,7 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
     return {SQLITE_READONLY_DBMOVED, path + " was removed or replaced while in use"};
   }
   Finding finding;
-  if (Status status = Inspect(path, &finding); !status.ok()) return status;
+  RETURN_IF_ERROR(Inspect(path, &finding));
   if (finding.kind == Kind::kEmpty || finding.kind == Kind::kForeign) {
     return {SQLITE_NOTADB, "it was overwritten while in use"};
   }
@@ -242,10 +242,10 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
 
 Status SetAside(const std::string& path, std::string* moved_path) {
   *moved_path = path + ".damaged-" + std::to_string(NowMs());
-  if (rename(path.c_str(), moved_path->c_str()) != 0) return ErrnoStatus("cannot move " + path);
+  if (rename(path.c_str(), moved_path->c_str()) != 0) return Status::Errno("cannot move " + path);
   for (const char* beside : {"-wal", "-shm"}) {
     if (rename((path + beside).c_str(), (*moved_path + beside).c_str()) != 0 && errno != ENOENT) {
-      return ErrnoStatus("cannot move " + path + beside);
+      return Status::Errno("cannot move " + path + beside);
     }
   }
   return {};
@@ -253,8 +253,8 @@ Status SetAside(const std::string& path, std::string* moved_path) {
 
 Status OpenForReading(const std::string& path, Connection* connection) {
   Finding finding;
-  if (Status status = Inspect(path, &finding); !status.ok()) return status;
-  if (Status status = Judge(path, finding); !status.ok()) return status;
+  RETURN_IF_ERROR(Inspect(path, &finding));
+  RETURN_IF_ERROR(Judge(path, finding));
   if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
     return status;
   }

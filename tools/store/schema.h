@@ -28,8 +28,8 @@ std::string DefaultArchiveDirectory(const std::string& database_path);
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
 // Looks whether the database at `path`, to which `connection` writes, is still what it was: SQLite
-// would go on writing to a file that nobody finds again. The status is_moved() when the file was
-// removed or replaced, and is_damage() when its head was overwritten.
+// would go on writing to a file that nobody finds again. IsMoved() when the file was
+// removed or replaced, and IsDamage() when its head was overwritten.
 Status CheckInUse(const std::string& path, const Connection& connection);
 
 // Moves a damaged database, with the files beside it, out of the way. `moved_path` tells where to:

@@ -30,7 +30,7 @@ int FlagsOf(Connection::Mode mode) {
 
 // Steps to the first row of a query that has one.
 Status ReadRow(Connection* connection, std::string_view sql, Statement* statement) {
-  if (Status status = connection->Prepare(sql, statement); !status.ok()) return status;
+  RETURN_IF_ERROR(connection->Prepare(sql, statement));
   if (statement->Step()) return {};
   Status status = statement->status();
   return status.ok() ? Status::Failed("no row") : status;
@@ -38,13 +38,13 @@ Status ReadRow(Connection* connection, std::string_view sql, Statement* statemen
 
 }  // namespace
 
-Status Status::Failed(std::string message) { return {SQLITE_ERROR, std::move(message)}; }
+static_assert(Status::kFailed == SQLITE_ERROR);
 
-bool Status::is_damage() const {
-  return (code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB;
+bool IsDamage(const Status& status) {
+  return (status.code & 0xff) == SQLITE_CORRUPT || (status.code & 0xff) == SQLITE_NOTADB;
 }
 
-bool Status::is_moved() const { return code == SQLITE_READONLY_DBMOVED; }
+bool IsMoved(const Status& status) { return status.code == SQLITE_READONLY_DBMOVED; }
 
 void Statement::Finalize::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 

@@ -8,25 +8,23 @@
 #include <string>
 #include <string_view>
 
+#include "tools/base/status.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace velmora::usage_stat::store {
 
-// What became of an operation: success, or SQLite's result code and a message for people.
-struct [[nodiscard]] Status {
-  int code = 0;  // an extended result code; SQLITE_ERROR for failures that are not SQLite's
-  std::string message;
+// What fails in here carries SQLite's extended result codes; SQLITE_ERROR, which is
+// base::Status::kFailed, stands for failures that are not SQLite's.
+using base::Status;
 
-  bool ok() const { return code == 0; }
-  // Whether the file itself is broken. Other failures, such as a full disk or a locked database,
-  // may pass.
-  bool is_damage() const;
-  // Whether the file that was opened is no longer at its path.
-  bool is_moved() const;
+// Whether the file itself is broken. Other failures, such as a full disk or a locked database, may
+// pass.
+bool IsDamage(const Status& status);
 
-  static Status Failed(std::string message);
-};
+// Whether the file that was opened is no longer at its path.
+bool IsMoved(const Status& status);
 
 // One prepared statement. Belongs to its connection and must not outlive it.
 class Statement {

@@ -91,7 +91,7 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
 
 Status Writer::Commit(const Batch& batch) {
   Status status = CheckInUse(path_, connection_);
-  if (status.is_moved()) {
+  if (IsMoved(status)) {
     // What was committed goes along with the file, wherever that is now: its log stays behind.
     (void)connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
   }
@@ -109,7 +109,7 @@ Status Writer::Add(const Batch& batch) {
   Batch::Counts quarantined;
 
   for (const RecordRow& row : batch.records) {
-    if (Status status = InsertRecord(&insert_record_, row); !status.ok()) return status;
+    RETURN_IF_ERROR(InsertRecord(&insert_record_, row));
     ++stored[{row.sender.uid, ""}];
   }
   for (const QuarantineRow& row : batch.quarantine) {
@@ -126,9 +126,9 @@ Status Writer::Add(const Batch& batch) {
     }
     return status;
   };
-  if (Status status = count("stored", stored); !status.ok()) return status;
-  if (Status status = count("quarantined", quarantined); !status.ok()) return status;
-  if (Status status = count("refused", batch.refused); !status.ok()) return status;
+  RETURN_IF_ERROR(count("stored", stored));
+  RETURN_IF_ERROR(count("quarantined", quarantined));
+  RETURN_IF_ERROR(count("refused", batch.refused));
   return advance_run_.Bind(1, batch.received).Bind(2, now).Bind(3, run_).Run();
 }
 

@@ -35,7 +35,7 @@ class Writer {
                      std::unique_ptr<Writer>* writer);
 
   // Commits all of `batch` or nothing. After a failure the same batch can be tried again; when the
-  // status is_moved() or is_damage(), with a new writer.
+  // status IsMoved() or IsDamage(), with a new writer.
   Status Commit(const Batch& batch);
 
   // Ends the run cleanly.

@@ -51,10 +51,10 @@ struct Files {
 
 Status OpenFiles(const std::string& from, const std::string& to, int flags, Files* files) {
   files->from = Descriptor(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!files->from.is_open()) return ErrnoStatus("cannot open " + from);
+  if (!files->from.is_open()) return Status::Errno("cannot open " + from);
   files->to =
       Descriptor(open(to.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
-  if (!files->to.is_open()) return ErrnoStatus("cannot create " + to);
+  if (!files->to.is_open()) return Status::Errno("cannot create " + to);
   return {};
 }
 
@@ -65,7 +65,7 @@ Status CompressChunk(ZSTD_CCtx* context, ZSTD_inBuffer input, bool is_last, File
     const std::size_t rest =
         ZSTD_compressStream2(context, &output, &input, is_last ? ZSTD_e_end : ZSTD_e_continue);
     if (ZSTD_isError(rest)) return Status::Failed(ZSTD_getErrorName(rest));
-    if (!WriteAll(files->to.get(), files->out.data(), output.pos)) return ErrnoStatus("write");
+    if (!WriteAll(files->to.get(), files->out.data(), output.pos)) return Status::Errno("write");
     is_done = is_last ? rest == 0 : input.pos == input.size;
   }
   return {};
@@ -77,7 +77,7 @@ Status DecompressChunk(ZSTD_DCtx* context, ZSTD_inBuffer input, Files* files, st
     ZSTD_outBuffer output{files->out.data(), files->out.size(), 0};
     *rest = ZSTD_decompressStream(context, &output, &input);
     if (ZSTD_isError(*rest)) return Status::Failed(ZSTD_getErrorName(*rest));
-    if (!WriteAll(files->to.get(), files->out.data(), output.pos)) return ErrnoStatus("write");
+    if (!WriteAll(files->to.get(), files->out.data(), output.pos)) return Status::Errno("write");
   }
   return {};
 }
@@ -87,10 +87,10 @@ template <class Step>
 Status ForEachChunk(Files* files, Step step) {
   for (bool is_last = false; !is_last;) {
     const ssize_t size = ReadSome(files->from.get(), &files->in);
-    if (size < 0) return ErrnoStatus("read");
+    if (size < 0) return Status::Errno("read");
     is_last = size == 0;
     const ZSTD_inBuffer chunk{files->in.data(), static_cast<std::size_t>(size), 0};
-    if (Status status = step(chunk, is_last); !status.ok()) return status;
+    RETURN_IF_ERROR(step(chunk, is_last));
   }
   return {};
 }
@@ -99,14 +99,14 @@ Status ForEachChunk(Files* files, Step step) {
 
 Status CompressFile(const std::string& from, const std::string& to) {
   Files files;
-  if (Status status = OpenFiles(from, to, O_EXCL, &files); !status.ok()) return status;
+  RETURN_IF_ERROR(OpenFiles(from, to, O_EXCL, &files));
   const std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(),
                                                                      &ZSTD_freeCCtx);
   ZSTD_CCtx_setParameter(context.get(), ZSTD_c_checksumFlag, 1);
   Status status = ForEachChunk(&files, [&](const ZSTD_inBuffer& chunk, bool is_last) {
     return CompressChunk(context.get(), chunk, is_last, &files);
   });
-  if (status.ok() && fsync(files.to.get()) != 0) status = ErrnoStatus("fsync");
+  if (status.ok() && fsync(files.to.get()) != 0) status = Status::Errno("fsync");
   if (status.ok()) return {};
   unlink(to.c_str());
   return Status::Failed("cannot compress " + from + " into " + to + ": " + status.message);
@@ -114,7 +114,7 @@ Status CompressFile(const std::string& from, const std::string& to) {
 
 Status DecompressFile(const std::string& from, const std::string& to) {
   Files files;
-  if (Status status = OpenFiles(from, to, O_TRUNC, &files); !status.ok()) return status;
+  RETURN_IF_ERROR(OpenFiles(from, to, O_TRUNC, &files));
   const std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context(ZSTD_createDCtx(),
                                                                      &ZSTD_freeDCtx);
   ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, kLargestWindowLog);
