@@ -58,12 +58,17 @@ std::uint64_t Number(std::string_view bytes, std::size_t at, std::size_t size) {
   return value;
 }
 
+// A length of two bytes.
+std::size_t Length(std::string_view bytes, std::size_t at) {
+  return static_cast<std::size_t>(Number(bytes, at, 2));
+}
+
 // Replaces the numbers that say so by those of the 64-bit field, where they stand in this order.
 void Widen(std::string_view extra, Archive::Entry* entry) {
   constexpr std::uint64_t kId = 1;
   while (extra.size() >= 4) {
     const std::uint64_t id = Number(extra, 0, 2);
-    std::string_view field = extra.substr(4, Number(extra, 2, 2));
+    std::string_view field = extra.substr(4, Length(extra, 2));
     extra.remove_prefix(4 + field.size());
     if (id != kId) continue;
     for (std::uint64_t* number : {&entry->size, &entry->compressed_size, &entry->header}) {
@@ -80,8 +85,8 @@ std::optional<Archive::Entry> NextEntry(std::string_view* directory, std::string
   using namespace directory_entry;
   if (directory->size() < kSize || !directory->starts_with(kMark)) return std::nullopt;
   const std::string_view fixed = *directory;
-  const auto name_size = static_cast<std::size_t>(Number(fixed, kNameSize, 2));
-  const auto extra_size = static_cast<std::size_t>(Number(fixed, kExtraSize, 2));
+  const std::size_t name_size = Length(fixed, kNameSize);
+  const std::size_t extra_size = Length(fixed, kExtraSize);
   const std::size_t whole =
       kSize + name_size + extra_size + static_cast<std::size_t>(Number(fixed, kCommentSize, 2));
   if (directory->size() < whole) return std::nullopt;
@@ -191,7 +196,7 @@ const char* Archive::FindDirectory() {
        at = at == 0 ? tail.npos : tail.rfind(end_record::kMark, at - 1)) {
     const std::string_view end = tail.substr(at);
     if (end.size() < end_record::kSize ||
-        end.size() - end_record::kSize < Number(end, end_record::kCommentSize, 2)) {
+        end.size() - end_record::kSize < Length(end, end_record::kCommentSize)) {
       continue;
     }
     std::uint64_t position = tail_start + at;
@@ -284,9 +289,8 @@ const char* Archive::DataOf(const Entry& entry, std::uint64_t* position) const {
   if (header.size() != entry_header::kSize || !header.starts_with(entry_header::kMark)) {
     return kDamaged;
   }
-  *position = base_ + entry.header + entry_header::kSize +
-              Number(header, entry_header::kNameSize, 2) +
-              Number(header, entry_header::kExtraSize, 2);
+  *position = base_ + entry.header + entry_header::kSize + Length(header, entry_header::kNameSize) +
+              Length(header, entry_header::kExtraSize);
   return *position < size_ ? nullptr : kDamaged;
 }
 

@@ -79,7 +79,8 @@ int ReadUpTo(int fd, std::size_t max_size, std::string* text) {
   text->clear();
   struct stat status = {};
   if (fstat(fd, &status) != 0) return errno;
-  const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
+  const auto size =
+      static_cast<std::size_t>(std::clamp<off_t>(status.st_size, 0, static_cast<off_t>(max_size)));
   while (text->size() < max_size) {
     // With room for more than the file says it has, the first read shows that this was all.
     const std::size_t filled = text->size();
