@@ -81,7 +81,10 @@ std::shared_ptr<const ConfigValues> ConfigFile::Read() {
     CORVANE_LOG(kLogError, "can't read %s: %s", path_.c_str(), strerrordesc_np(error));
     state_.reset();
   }
-  values_ = std::make_shared<const ConfigValues>(ParseConfig(text));
+  ConfigValues values = ParseConfig(text);
+  if (!values_ || *values_ != values) {
+    values_ = std::make_shared<const ConfigValues>(std::move(values));
+  }
   return values_;
 }
 
