@@ -3,22 +3,28 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults soak clean
+.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser \
+        demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults soak clean
+
+# What a build of the preset is asked for; the tests need it all, the demo does not.
+DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
 
 all:
 	scripts/setup build
 	cmake --preset $(PRESET)
 	cmake --build $(BUILD)
 
-test: all
-	ctest --preset $(PRESET)
+test:
+	@scripts/announce "make test" $(BUILD) 60
+	@$(MAKE) --no-print-directory all
+	scripts/test $(PRESET)
 
 # The same tests on emulated 32-bit ARM, a device build, and ARM and workstation side by side.
 test-armhf: build-armhf
 	cmake --preset release
 	cmake --build --preset release --target usage_stat_collector
 	scripts/test-device
-	ctest --preset armhf
+	scripts/test armhf
 
 build-armhf:
 	scripts/setup build armhf
@@ -57,7 +63,11 @@ test-browser: all
 	scripts/setup browser
 	scripts/browser-test $(BUILD)
 
-demo: all
+demo:
+	@scripts/announce "make demo" $(BUILD) 5 $(DEMO)
+	scripts/setup build
+	cmake --preset $(PRESET)
+	cmake --build $(BUILD) --target $(DEMO)
 	examples/demo $(BUILD)
 
 # What calls cost, in tables.
@@ -79,15 +89,15 @@ bench-build:
 
 # Every fuzzer for ten seconds, or for ten minutes.
 fuzz: fuzz-build
-	fuzz/run build/fuzz 10
+	fuzz/run build/asan 10
 
 fuzz-long: fuzz-build
-	fuzz/run build/fuzz 600
+	fuzz/run build/asan 600
 
 fuzz-build:
 	scripts/setup build check
-	cmake --preset fuzz
-	cmake --build --preset fuzz --target fuzzers
+	cmake --preset asan
+	cmake --build --preset asan --target fuzzers
 
 # The documentation of the records, from the lists that write them.
 records: all

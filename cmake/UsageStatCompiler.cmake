@@ -46,7 +46,8 @@ endif()
 # Presets set USAGE_STAT_SANITIZE to "address,undefined" or "thread".
 set(USAGE_STAT_SANITIZE "" CACHE STRING "Sanitizers to build with, separated by commas")
 if(USAGE_STAT_SANITIZE)
-  add_compile_options(-fsanitize=${USAGE_STAT_SANITIZE} -fno-omit-frame-pointer -g -O1)
+  # Line numbers are all that a report of theirs shows.
+  add_compile_options(-fsanitize=${USAGE_STAT_SANITIZE} -fno-omit-frame-pointer -g1 -O1)
   add_link_options(-fsanitize=${USAGE_STAT_SANITIZE})
   if(USAGE_STAT_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=all)
