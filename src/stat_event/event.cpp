@@ -1,26 +1,16 @@
 #include "src/stat_event/event.h"
 
 #include <common_utilities/serialization_utils.h>
-#include <time.h>
 
 #include <cstddef>
 #include <memory>
 
 #include "src/stat_event/check.h"
+#include "src/stat_event/wall_clock.h"
 
 namespace velmora::usage_stat {
 
 using utilities::SerializationUtils;
-
-namespace {
-
-long long MillisecondsSinceEpoch() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
-
-}  // namespace
 
 Event::Event(EventFactory::EventType type) : type_(type), timestamp_(MillisecondsSinceEpoch()) {}
 
