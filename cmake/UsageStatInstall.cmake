@@ -42,12 +42,17 @@ endif()
 
 # ---- Programs, their manual pages and completions, and the collector as a service ----
 
-if(USAGE_STAT_BUILD_TOOLS)
-  install(TARGETS usage_stat_collector usage_stat_inspector usage_stat_sample
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
-
+set(pages)
+foreach(program usage_stat_collector usage_stat_inspector usage_stat_sample)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    get_target_property(name ${program} OUTPUT_NAME)
+    file(GLOB program_pages CONFIGURE_DEPENDS "docs/man/${name}.[1-8]")
+    list(APPEND pages ${program_pages})
+  endif()
+endforeach()
+if(pages)
   find_program(GZIP_PROGRAM gzip)
-  file(GLOB pages CONFIGURE_DEPENDS docs/man/*.[1-8])
   foreach(page ${pages})
     get_filename_component(name "${page}" NAME)
     string(REGEX REPLACE ".*[.]" "" section "${name}")
@@ -64,9 +69,12 @@ if(USAGE_STAT_BUILD_TOOLS)
       DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT tools)
   endforeach()
   add_custom_target(man ALL DEPENDS ${installed_pages})
-
+endif()
+if(TARGET usage_stat_collector)
   install(FILES packaging/usage-stat-collector.service
     DESTINATION lib/systemd/system COMPONENT tools)
+endif()
+if(TARGET usage_stat_inspector)
   install(FILES packaging/completion/usage-stat
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tools)
 endif()

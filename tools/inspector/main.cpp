@@ -23,9 +23,12 @@ int Run(int argc, char** argv) {
   line.main().Footer(
       "Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
   for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
-                         AddReplay, AddReport, AddArchive}) {
+                         AddReplay, AddArchive}) {
     add(&line);
   }
+#ifdef USAGE_STAT_HAS_REPORT
+  AddReport(&line);
+#endif
   const int exit_code = line.Run(argc, argv);
   Flush();
   return exit_code;
