@@ -1,4 +1,5 @@
-// The measurements and their probes.
+// The measurements, their probes, and all else that this unit has: the models of devices, the key
+// actions and the maker of initialisation vectors.
 //
 // Each Measure() fills the wrapped event from the device and returns 0. Texts that the platform
 // must not return null for (language, partner name, serial number) raise std::logic_error when it
@@ -8,6 +9,9 @@
 #define MEASUREMENTS_MEASUREMENTS_H_
 
 #include "src/events/events.h"
+#include "src/measurements/device_models.h"
+#include "src/measurements/initialization_vector.h"
+#include "src/measurements/key_actions.h"
 #include "src/measurements/measurement.h"
 
 namespace velmora::usage_stat {

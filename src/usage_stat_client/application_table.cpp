@@ -1,33 +1,11 @@
 #include "src/usage_stat_client/application_table.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <iterator>
 
 namespace velmora::usage_stat {
 
 namespace {
-
-// Texts stand inside the rows, so that the tables need no relocation when the library is loaded.
-struct Row {
-  char name[20];
-  std::int8_t id;
-};
-
-constexpr Row kApplications[] = {
-#define STAT_APPLICATION(name, id) {name, id},
-#include "src/usage_stat_client/application_table.inc"
-};
-
-constexpr char kStoreNames[][20] = {
-#define STAT_STORE_NAME(name) name,
-#include "src/usage_stat_client/application_table.inc"
-};
-
-constexpr Row kPartnerStores[] = {
-#define STAT_PARTNER_STORE(partner, id) {partner, id},
-#include "src/usage_stat_client/application_table.inc"
-};
 
 constexpr char kReaderNames[][28] = {
     "AdobeViewer.app",
@@ -38,25 +16,26 @@ constexpr char kReaderNames[][28] = {
     "eink-reader_with_pdfium.app",
 };
 
-std::optional<Stat_ApplicationId> IdOf(const Row* begin, const Row* end, std::string_view name) {
-  const Row* row = std::find_if(begin, end, [name](const Row& r) { return name == r.name; });
-  if (row == end) return std::nullopt;
-  return row->id;
+const ApplicationRow* Find(ApplicationRow::Kind kind, std::string_view name) {
+  const ApplicationRow* row =
+      std::find_if(std::begin(kApplicationTable), std::end(kApplicationTable),
+                   [=](const ApplicationRow& r) { return r.kind == kind && name == r.name; });
+  return row == std::end(kApplicationTable) ? nullptr : row;
 }
 
 }  // namespace
 
 std::optional<Stat_ApplicationId> KnownApplicationId(std::string_view name) {
-  return IdOf(std::begin(kApplications), std::end(kApplications), name);
+  const ApplicationRow* row = Find(ApplicationRow::kApplication, name);
+  if (!row) return std::nullopt;
+  return row->id;
 }
 
-bool IsStoreName(std::string_view name) {
-  return std::find(std::begin(kStoreNames), std::end(kStoreNames), name) != std::end(kStoreNames);
-}
+bool IsStoreName(std::string_view name) { return Find(ApplicationRow::kStore, name); }
 
 Stat_ApplicationId StoreIdOfPartner(std::string_view partner) {
-  return IdOf(std::begin(kPartnerStores), std::end(kPartnerStores), partner)
-      .value_or(kDefaultStoreId);
+  const ApplicationRow* row = Find(ApplicationRow::kPartner, partner);
+  return row ? row->id : kDefaultStoreId;
 }
 
 bool IsReaderName(std::string_view name) {

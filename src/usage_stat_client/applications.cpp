@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "include/usage_stat.h"
 #include "src/events/application_events.h"
@@ -57,11 +58,12 @@ Stat_ApplicationId Stat_GetApplicationId(const char* path) {
 
 int Stat_StartApplicationEvent(int process_id, Stat_ApplicationId application, int c,
                                const char* arguments) {
+  std::string arguments_text = RequiredText(arguments);
   StartApplicationEvent event;
   event.process_id_ = static_cast<std::int16_t>(process_id);
   event.application_ = static_cast<std::int16_t>(application);
   event.c_ = c;
-  event.arguments_ = RequiredText(arguments);
+  event.arguments_ = std::move(arguments_text);
   return STAT_SEND(event);
 }
 

@@ -10,6 +10,9 @@ namespace velmora::usage_stat {
 
 // A copy of `text`, which the caller must not pass as null: null raises std::logic_error. Assigning
 // the pointer itself would read through it.
+//
+// Where an entry function copies such a text before it makes its event, it does so on purpose: with
+// null no event comes about and no clock is read, as the device's applications have always seen it.
 inline std::string RequiredText(const char* text) { return std::string(text); }
 
 // What travels of an enumeration: its low byte, whatever its value.

@@ -1,6 +1,7 @@
 // Exported functions that report how a book is displayed.
 
 #include <string>
+#include <utility>
 
 #include "include/usage_stat.h"
 #include "src/events/display_events.h"
@@ -39,10 +40,11 @@ int Stat_SetReadingModeEvent(int a, int16_t b, Stat_ReadingMode mode, Stat_Scale
 int Stat_SetFontParamsEvent(int a, int16_t b, const char* font, char d, char e, int16_t f,
                             struct Margins margins, char g, Stat_LineBreak line_break,
                             Stat_UpdateMode update_mode) {
+  std::string font_text = RequiredText(font);
   SetFontParamsEvent event;
   event.a_ = a;
   event.b_ = b;
-  event.font_ = RequiredText(font);
+  event.font_ = std::move(font_text);
   event.d_ = d;
   event.e_ = e;
   event.f_ = f;

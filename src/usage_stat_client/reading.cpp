@@ -1,5 +1,8 @@
 // Exported functions that report what the user does inside a book.
 
+#include <string>
+#include <utility>
+
 #include "include/usage_stat.h"
 #include "src/events/reading_events.h"
 #include "src/usage_stat_client/arguments.h"
@@ -61,9 +64,10 @@ int Stat_AddNoteEvent(int a, int16_t b) {
 }
 
 int Stat_UseDictionaryEvent(int a, const char* b) {
+  std::string word = RequiredText(b);
   UseDictionaryEvent event;
   event.a_ = a;
-  event.b_ = RequiredText(b);
+  event.b_ = std::move(word);
   return STAT_SEND(event);
 }
 

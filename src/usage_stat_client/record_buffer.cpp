@@ -1,6 +1,5 @@
 #include "src/usage_stat_client/record_buffer.h"
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -14,6 +13,11 @@ std::streambuf::int_type RecordBuffer::overflow(int_type c) {
   return c;
 }
 
+std::streambuf::int_type RecordBuffer::underflow() {
+  setg(eback(), gptr(), End());
+  return gptr() == egptr() ? traits_type::eof() : traits_type::to_int_type(*gptr());
+}
+
 std::streamsize RecordBuffer::xsputn(const char* bytes, std::streamsize count) {
   const auto length = static_cast<std::size_t>(count);
   if (length > static_cast<std::size_t>(epptr() - pptr())) Reserve(length);
@@ -22,14 +26,44 @@ std::streamsize RecordBuffer::xsputn(const char* bytes, std::streamsize count) {
   return count;
 }
 
+std::streambuf::pos_type RecordBuffer::seekoff(off_type offset, std::ios_base::seekdir from,
+                                               std::ios_base::openmode which) {
+  const bool gets = (which & std::ios_base::in) != 0;
+  const bool puts = (which & std::ios_base::out) != 0;
+  const bool is_relative = from == std::ios_base::cur;
+  const pos_type failed(off_type{-1});
+  if ((!gets && !puts) || (gets && puts && is_relative)) return failed;
+  setg(eback(), gptr(), End());
+  const off_type end = egptr() - eback();
+  off_type base = from == std::ios_base::end ? end : 0;
+  if (is_relative) base = gets ? gptr() - eback() : pptr() - pbase();
+  if (offset < -base || offset > end - base) return failed;
+  const off_type target = base + offset;
+  if (gets) setg(eback(), eback() + target, egptr());
+  if (puts) {
+    setp(pbase(), epptr());
+    Advance(static_cast<std::size_t>(target));
+  }
+  return target;
+}
+
+std::streambuf::pos_type RecordBuffer::seekpos(pos_type position, std::ios_base::openmode which) {
+  return seekoff(position, std::ios_base::beg, which);
+}
+
 void RecordBuffer::Reserve(std::size_t count) {
-  const std::size_t used = size();
   const std::size_t capacity = static_cast<std::size_t>(epptr() - pbase());
-  std::string grown(std::max(2 * capacity, used + count), '\0');
-  std::memcpy(grown.data(), pbase(), used);
+  const std::size_t put = static_cast<std::size_t>(pptr() - pbase());
+  const std::size_t got = static_cast<std::size_t>(gptr() - eback());
+  const std::size_t used = size();
+  const std::size_t wanted = std::max(2 * capacity, put + count);
+  auto grown = std::make_unique_for_overwrite<char[]>(wanted);
+  std::memcpy(grown.get(), pbase(), used);
   heap_ = std::move(grown);
-  setp(heap_.data(), heap_.data() + heap_.size());
-  Advance(used);
+  char* const begin = heap_.get();
+  setg(begin, begin + got, begin + used);
+  setp(begin, begin + wanted);
+  Advance(put);
 }
 
 void RecordBuffer::Advance(std::size_t count) {

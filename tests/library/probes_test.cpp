@@ -12,8 +12,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "src/measurements/device_models.h"
-#include "src/measurements/initialization_vector.h"
 #include "src/measurements/measurements.h"
 #include "tests/library/golden_records.h"
 #include "tests/support/recording/recorder.h"

@@ -11,26 +11,6 @@ namespace velmora::usage_stat::report {
 
 namespace {
 
-struct ApplicationRow {
-  std::string_view name;
-  std::int64_t id;
-};
-
-constexpr ApplicationRow kApplications[] = {
-#define STAT_APPLICATION(name, id) {name, id},
-#include "src/usage_stat_client/application_table.inc"
-};
-
-constexpr std::string_view kStoreNames[] = {
-#define STAT_STORE_NAME(name) name,
-#include "src/usage_stat_client/application_table.inc"
-};
-
-constexpr ApplicationRow kPartnerStores[] = {
-#define STAT_PARTNER_STORE(partner, id) {partner, id},
-#include "src/usage_stat_client/application_table.inc"
-};
-
 void AppendTo(std::string* list, std::string_view name) {
   if (!list->empty()) *list += ", ";
   *list += name;
@@ -38,7 +18,9 @@ void AppendTo(std::string* list, std::string_view name) {
 
 std::string StoreNames() {
   std::string names;
-  for (const std::string_view name : kStoreNames) AppendTo(&names, name);
+  for (const ApplicationRow& row : kApplicationTable) {
+    if (row.kind == ApplicationRow::kStore) AppendTo(&names, row.name);
+  }
   return names;
 }
 
@@ -113,12 +95,13 @@ constexpr ValueRow kValues[] = {
 
 std::string ApplicationName(std::int64_t id) {
   std::string names;
-  for (const ApplicationRow& row : kApplications) {
-    if (row.id == id) AppendTo(&names, row.name);
-  }
-  if (id == kDefaultStoreId) names = StoreNames();
-  for (const ApplicationRow& row : kPartnerStores) {
-    if (row.id == id) names = StoreNames() + " of " + std::string(row.name);
+  for (const ApplicationRow& row : kApplicationTable) {
+    if (row.id != id) continue;
+    if (row.kind == ApplicationRow::kPartner) {
+      names = StoreNames() + " of " + std::string(row.name);
+    } else {
+      AppendTo(&names, row.name);
+    }
   }
   return names.empty() ? "application " + std::to_string(id) : names;
 }

@@ -24,12 +24,14 @@ namespace velmora::utilities {
 // Every operation returns 0 on success and non-zero on failure. All are safe to call from several
 // threads on different streams.
 //
-// Writers only append: the stream of a record can't be positioned. They fail when the stream is, or
-// goes, into a failed state. Readers fail when the stream ends early; they never trust a length
-// they read, so memory stays bounded by what the stream really holds. A destination must not be
-// null; after a failed read of a number it holds what it held before, after a failed read of a text
-// or list it holds the part that was read (the last text of the list may be cut short). What the
-// stream's own buffer or an allocation throws passes through.
+// The stream that a record is written to is as a string stream: writers may go back in it, to put
+// in a length that they know afterwards, and read what was written. (Those of the host only
+// append.) They fail when the stream is, or goes, into a failed state. Readers fail when the stream
+// ends early; they never trust a length they read, so memory stays bounded by what the stream
+// really holds. A destination must not be null; after a failed read of a number it holds what it
+// held before, after a failed read of a text or list it holds the part that was read (the last text
+// of the list may be cut short). What the stream's own buffer or an allocation throws passes
+// through.
 class __attribute__((visibility("default"))) SerializationUtils {
  public:
   static int SerializeInt16(short value, std::ostream& out);

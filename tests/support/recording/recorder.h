@@ -39,7 +39,8 @@ struct Recording {
   int steps = 0;        // primitives written since the last client was made
 
   // What is answered.
-  int failing_step = 0;  // the primitive that fails, counted from 1 for each client
+  int failing_step = 0;        // the primitive that fails, counted from 1 for each client
+  bool patches_texts = false;  // texts are written with steps back in the stream
   int init_result = 0;
   int send_result = 0;
   const char* language = "??";
