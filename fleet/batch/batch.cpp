@@ -87,6 +87,7 @@ std::string CheckShapes(const Batch& batch) {
 
 std::string Check(const Batch& batch) {
   if (batch.level > Level::kFull) return "a level is none";
+  if (batch.level == Level::kNone && !batch.records.empty()) return "records without consent";
   if (batch.through == ~std::uint64_t{0}) return "the interval ends too late";
   if (batch.records.size() > kMostRecords) return "too many records";
   if (std::string problem = CheckShapes(batch); !problem.empty()) return problem;

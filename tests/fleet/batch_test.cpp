@@ -150,6 +150,7 @@ TEST(Batch, WhatDoesNotAddUpIsRefusedOnBothSides) {
       {"clock step", [](Batch* b) { b->clock_steps[1].record = b->through + 1; }},
       {"clock step", [](Batch* b) { std::swap(b->clock_steps[0], b->clock_steps[1]); }},
       {"level", [](Batch* b) { b->level = static_cast<Level>(3); }},
+      {"consent", [](Batch* b) { b->level = Level::kNone; }},
       {"layout", [](Batch* b) { b->shapes[0].layout = "r4"; }},
       {"layout", [](Batch* b) { b->shapes[0].layout = "3"; }},
       {"action", [](Batch* b) { b->shapes[0].actions = "\4"; }},

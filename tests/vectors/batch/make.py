@@ -137,4 +137,5 @@ def main():
             path.write_text(written)
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,173 @@
+#include "fleet/ingest/database.h"
+
+#include <libpq-fe.h>
+
+#include "tools/base/text.h"
+
+namespace velmora::usage_stat::fleet {
+
+using base::Status;
+
+// ---- Rows ----
+
+void Rows::Clear::operator()(pg_result* result) const { PQclear(result); }
+
+int Rows::size() const { return PQntuples(result_.get()); }
+
+bool Rows::IsNull(int row, int column) const { return PQgetisnull(result_.get(), row, column); }
+
+std::string_view Rows::Text(int row, int column) const {
+  return {PQgetvalue(result_.get(), row, column),
+          static_cast<std::size_t>(PQgetlength(result_.get(), row, column))};
+}
+
+std::int64_t Rows::Int(int row, int column) const {
+  return base::ParseWhole<std::int64_t>(Text(row, column)).value_or(0);
+}
+
+std::string Rows::Bytes(int row, int column) const {
+  constexpr std::string_view kPrefix = "\\x";
+  const std::string_view text = Text(row, column);
+  return text.starts_with(kPrefix) ? base::FromHex(text.substr(2)).value_or("") : std::string();
+}
+
+// ---- COPY ----
+
+CopyRows::CopyRows() {
+  constexpr std::string_view kSignature("PGCOPY\n\xff\r\n\0", 11);
+  bytes_ = kSignature;
+  Put(0, 4);  // no flags
+  Put(0, 4);  // no extension of the header
+}
+
+// Big-endian.
+void CopyRows::Put(std::uint64_t value, int size) {
+  for (int i = size - 1; i >= 0; --i) {
+    bytes_.push_back(static_cast<char>(static_cast<std::uint8_t>(value >> (8 * i) & 0xff)));
+  }
+}
+
+void CopyRows::Begin(int columns) {
+  Put(static_cast<std::uint64_t>(columns), 2);
+  ++rows_;
+}
+
+void CopyRows::Int16(std::int64_t value) {
+  Put(2, 4);
+  Put(static_cast<std::uint64_t>(value), 2);
+}
+void CopyRows::Int32(std::int64_t value) {
+  Put(4, 4);
+  Put(static_cast<std::uint64_t>(value), 4);
+}
+void CopyRows::Int64(std::int64_t value) {
+  Put(8, 4);
+  Put(static_cast<std::uint64_t>(value), 8);
+}
+void CopyRows::Bytes(std::string_view value) {
+  Put(value.size(), 4);
+  bytes_ += value;
+}
+void CopyRows::Null() { Put(0xffffffff, 4); }
+
+// ---- The connection ----
+
+void Database::Finish::operator()(pg_conn* connection) const { PQfinish(connection); }
+
+Status Database::Failure() const {
+  std::string message = PQerrorMessage(connection_.get());
+  while (!message.empty() && message.back() == '\n') message.pop_back();
+  for (char& character : message) {
+    if (character == '\n') character = ' ';
+  }
+  return Status::Failed("database: " + message);
+}
+
+Status Database::Open(const std::string& conninfo, Database* database) {
+  database->connection_.reset(PQconnectdb(conninfo.c_str()));
+  if (!database->is_connected()) return database->Failure();
+  PQsetNoticeProcessor(
+      database->connection_.get(), [](void*, const char*) {}, nullptr);
+  return database->Execute("SET client_encoding = 'UTF8'; SET timezone = 'UTC'");
+}
+
+bool Database::is_connected() const {
+  return connection_ && PQstatus(connection_.get()) == CONNECTION_OK;
+}
+
+Status Database::Check(pg_result* result, Rows* rows) {
+  Rows taken;
+  taken.result_.reset(result);
+  const ExecStatusType status = PQresultStatus(result);
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && status != PGRES_COPY_IN) {
+    return Failure();
+  }
+  if (rows) *rows = std::move(taken);
+  return {};
+}
+
+Status Database::Execute(const std::string& sql) {
+  return Check(PQexec(connection_.get(), sql.c_str()), nullptr);
+}
+
+Status Database::Run(const char* sql, const std::vector<Parameter>& parameters, Rows* rows) {
+  std::vector<const char*> values;
+  values.reserve(parameters.size());
+  for (const Parameter& parameter : parameters) {
+    values.push_back(parameter ? parameter->c_str() : nullptr);
+  }
+  return Check(PQexecParams(connection_.get(), sql, static_cast<int>(values.size()), nullptr,
+                            values.data(), nullptr, nullptr, 0),
+               rows);
+}
+
+Status Database::Copy(const std::string& target, const CopyRows& rows) {
+  if (rows.empty()) return {};
+  const std::string sql = "COPY " + target + " FROM STDIN (FORMAT binary)";
+  RETURN_IF_ERROR(Check(PQexec(connection_.get(), sql.c_str()), nullptr));
+  constexpr std::string_view kEnd = "\xff\xff";
+  const auto put = [this](std::string_view bytes) {
+    constexpr std::size_t kChunk = std::size_t{1} << 20;
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(kChunk, bytes.size()))) {
+      const std::size_t size = std::min(kChunk, bytes.size());
+      if (PQputCopyData(connection_.get(), bytes.data(), static_cast<int>(size)) != 1) return false;
+    }
+    return true;
+  };
+  if (!put(rows.bytes_) || !put(kEnd) || PQputCopyEnd(connection_.get(), nullptr) != 1) {
+    return Failure();
+  }
+  Status status;
+  while (pg_result* result = PQgetResult(connection_.get())) {
+    if (Status each = Check(result, nullptr); status.ok()) status = std::move(each);
+  }
+  return status;
+}
+
+Transaction::~Transaction() {
+  if (is_open_) (void)database_->Execute("ROLLBACK");
+}
+
+Status Transaction::Begin() {
+  RETURN_IF_ERROR(database_->Execute("BEGIN"));
+  is_open_ = true;
+  return {};
+}
+
+Status Transaction::Commit() {
+  is_open_ = false;
+  return database_->Execute("COMMIT");
+}
+
+std::string ArrayOf(const std::vector<std::string>& values) {
+  std::string text = "{";
+  for (const std::string& value : values) {
+    if (text.size() > 1) text += ',';
+    text += '"' + value + '"';
+  }
+  return text + '}';
+}
+
+std::string ByteaOf(std::string_view bytes) { return "\\x" + base::ToHex(bytes); }
+
+}  // namespace velmora::usage_stat::fleet

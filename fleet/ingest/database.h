@@ -1,0 +1,108 @@
+// PostgreSQL with owners for its handles and results that can't be overlooked.
+
+#ifndef FLEET_INGEST_DATABASE_H_
+#define FLEET_INGEST_DATABASE_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/base/status.h"
+
+struct pg_conn;
+struct pg_result;
+
+namespace velmora::usage_stat::fleet {
+
+// The rows of a query, as texts. A null reads as empty text and 0.
+class Rows {
+ public:
+  int size() const;
+  bool IsNull(int row, int column) const;
+  std::string_view Text(int row, int column) const;
+  std::int64_t Int(int row, int column) const;
+  std::string Bytes(int row, int column) const;  // of a bytea
+
+ private:
+  friend class Database;
+  struct Clear {
+    void operator()(pg_result* result) const;
+  };
+  std::unique_ptr<pg_result, Clear> result_;
+};
+
+// The rows of one COPY, in PostgreSQL's binary format. A row is begun, then gets its columns.
+class CopyRows {
+ public:
+  CopyRows();
+  void Begin(int columns);
+  void Int16(std::int64_t value);
+  void Int32(std::int64_t value);
+  void Int64(std::int64_t value);
+  void Bytes(std::string_view value);  // a bytea, a text or a json
+  void Null();
+  bool empty() const { return rows_ == 0; }
+
+ private:
+  friend class Database;
+  void Put(std::uint64_t value, int size);
+
+  std::string bytes_;
+  std::size_t rows_ = 0;
+};
+
+using Parameter = std::optional<std::string>;
+
+// One connection.
+class Database {
+ public:
+  // `conninfo` as PostgreSQL's own programs take it; what it leaves open, the environment tells.
+  static base::Status Open(const std::string& conninfo, Database* database);
+
+  // Statements without parameters or rows.
+  base::Status Execute(const std::string& sql);
+  // One statement with parameters $1, $2, ...
+  base::Status Run(const char* sql, const std::vector<Parameter>& parameters, Rows* rows = nullptr);
+  // `target` is such as "records(day, device)".
+  base::Status Copy(const std::string& target, const CopyRows& rows);
+
+  // False after the connection is lost, which only Open() mends.
+  bool is_connected() const;
+
+ private:
+  struct Finish {
+    void operator()(pg_conn* connection) const;
+  };
+  base::Status Check(pg_result* result, Rows* rows);
+  base::Status Failure() const;
+
+  std::unique_ptr<pg_conn, Finish> connection_;
+};
+
+// A transaction that is taken back unless it was committed.
+class Transaction {
+ public:
+  explicit Transaction(Database* database) : database_(database) {}
+  ~Transaction();
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  base::Status Begin();
+  base::Status Commit();
+
+ private:
+  Database* database_;
+  bool is_open_ = false;
+};
+
+// `values` as the text of an array, whose elements hold neither quotes nor backslashes.
+std::string ArrayOf(const std::vector<std::string>& values);
+// The text form of a bytea.
+std::string ByteaOf(std::string_view bytes);
+
+}  // namespace velmora::usage_stat::fleet
+
+#endif  // FLEET_INGEST_DATABASE_H_

@@ -1,0 +1,283 @@
+"""Real brokers, databases, ingesters and devices for one test, private and on the loopback."""
+import contextlib
+import os
+import pathlib
+import pwd
+import queue
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(SOURCE / "tests/vectors/batch"))
+PATIENCE = 30  # seconds for what must happen; nothing is said about how soon
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_until(condition, what, seconds=PATIENCE):
+    end = time.monotonic() + seconds
+    while not (result := condition()):
+        assert time.monotonic() < end, f"waited in vain for {what}"
+        time.sleep(0.02)
+    return result
+
+
+# Whoever ends a test ends what it started, too.
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+
+
+# Whoever ends a test ends what it started, too.
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+
+
+class Process:
+    """A program that is started, killed and started again; what it prints goes to a file."""
+
+    def __init__(self, folder, name, command, **options):
+        self.command, self.options = [str(part) for part in command], options
+        self.log = pathlib.Path(folder) / f"{name}.log"
+        self.process = None
+
+    def start(self):
+        assert not self.is_running()
+        with open(self.log, "ab") as log:
+            self.process = subprocess.Popen(self.command, stdout=log, stderr=log,
+                                            stdin=subprocess.DEVNULL, **self.options)
+        return self
+
+    def is_running(self):
+        return self.process is not None and self.process.poll() is None
+
+    def stop(self, sig=signal.SIGTERM):
+        if self.is_running():
+            self.process.send_signal(sig)
+            self.process.wait()
+
+    def kill(self):
+        self.stop(signal.SIGKILL)
+
+    def says(self, text):
+        return self.log.exists() and text in self.log.read_text(errors="replace")
+
+
+class Postgres:
+    """A cluster of its own. It refuses to run as root, so root becomes the user postgres."""
+
+    BIN = pathlib.Path("/usr/lib/postgresql/15/bin")
+
+    def __init__(self, folder, durable=False):
+        self.folder = pathlib.Path(folder) / "postgres"
+        self.folder.mkdir()
+        self.user = "postgres" if os.geteuid() == 0 else pwd.getpwuid(os.geteuid()).pw_name
+        self.prefix = []
+        if os.geteuid() == 0:
+            shutil.chown(self.folder, self.user)
+            for parent in (self.folder.parent, *self.folder.parent.parents):
+                if parent == pathlib.Path(tempfile.gettempdir()):
+                    break
+                parent.chmod(0o755)
+            self.prefix = ["runuser", "-u", self.user, "--"]
+        subprocess.run(self.prefix + [self.BIN / "initdb", "-D", self.folder / "data", "-A", "trust",
+                                      "--no-sync", "-E", "UTF8", "--locale=C.UTF-8"],
+                       check=True, stdout=subprocess.DEVNULL, cwd="/")
+        settings = [f"unix_socket_directories={self.folder}", "listen_addresses=",
+                    f"fsync={'on' if durable else 'off'}", "max_connections=50"]
+        command = self.prefix + [self.BIN / "postgres", "-D", self.folder / "data"]
+        for setting in settings:
+            command += ["-c", setting]
+        self.server = Process(folder, "postgres", command, cwd="/")
+        self.start()
+
+    def start(self):
+        self.server.start()
+        wait_until(lambda: self.psql("SELECT 1", database="postgres", check=False) == "1", "PostgreSQL")
+
+    def stop(self, mode="immediate"):
+        subprocess.run(self.prefix + [self.BIN / "pg_ctl", "-D", self.folder / "data", "-m", mode,
+                                      "stop"], check=True, stdout=subprocess.DEVNULL, cwd="/")
+        self.server.process.wait()
+
+    def conninfo(self, database):
+        return f"host={self.folder} user={self.user} dbname={database}"
+
+    def psql(self, sql, database="fleet", check=True):
+        done = subprocess.run(["/usr/lib/postgresql/15/bin/psql", "-XAtq", "-v", "ON_ERROR_STOP=1",
+                               "-d", self.conninfo(database), "-c", sql],
+                              capture_output=True, text=True)
+        assert not check or done.returncode == 0, done.stderr
+        return done.stdout.strip()
+
+    def create(self, database):
+        self.psql(f"CREATE DATABASE {database}", database="postgres")
+
+    def dump(self, database, path):
+        subprocess.run([self.BIN / "pg_dump", "-Fc", "-d", self.conninfo(database), "-f", path],
+                       check=True)
+
+    def restore(self, database, path):
+        self.psql(f"DROP DATABASE {database} WITH (FORCE)", database="postgres")
+        self.create(database)
+        subprocess.run([self.BIN / "pg_restore", "-d", self.conninfo(database), path], check=True)
+
+
+class Mosquitto:
+    shares_subscriptions = True
+
+    def __init__(self, folder, extra=""):
+        self.port = free_port()
+        self.state = pathlib.Path(folder) / "mosquitto"
+        self.state.mkdir(exist_ok=True)
+        user = "user root\n" if os.geteuid() == 0 else ""
+        config = pathlib.Path(folder) / "mosquitto.conf"
+        config.write_text(f"{user}listener {self.port} 127.0.0.1\nallow_anonymous true\n"
+                          f"persistence true\npersistence_location {self.state}/\n"
+                          f"max_packet_size 300000\n{extra}")
+        self.server = Process(folder, "mosquitto", ["mosquitto", "-c", config])
+        self.start()
+
+    def start(self):
+        self.server.start()
+        wait_until(lambda: listens(self.port), "the broker")
+
+    def forget_everything(self):
+        for file in self.state.iterdir():
+            file.unlink()
+
+
+class Nats:
+    shares_subscriptions = False
+
+    def __init__(self, folder):
+        self.port = free_port()
+        self.state = pathlib.Path(folder) / "nats"
+        config = pathlib.Path(folder) / "nats.conf"
+        config.write_text(f'server_name: one\nhost: 127.0.0.1\nport: {free_port()}\n'
+                          f'jetstream {{ store_dir: "{self.state}" }}\n'
+                          f'mqtt {{ host: 127.0.0.1, port: {self.port} }}\n')
+        self.server = Process(folder, "nats", ["nats-server", "-c", config])
+        self.start()
+
+    def start(self):
+        self.server.start()
+        wait_until(lambda: listens(self.port), "the broker")
+
+    def forget_everything(self):
+        shutil.rmtree(self.state, ignore_errors=True)
+
+
+def listens(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+class Wire:
+    """A bare client of the broker, for messages that no device of ours would send."""
+
+    def __init__(self, rig):
+        self.rig = rig
+        self.listener = subprocess.Popen(
+            ["stdbuf", "-oL", "mosquitto_sub", "-p", str(rig.broker.port), "-q", "1", "-t", "usage/1/+/down", "-F",
+             "%t %x", "-d"], stdout=subprocess.PIPE, text=True)
+        self.lines = queue.Queue()
+        threading.Thread(target=self.listen, daemon=True).start()
+        while "received SUBACK" not in self.lines.get(timeout=PATIENCE):
+            pass
+
+    def listen(self):
+        for line in self.listener.stdout:
+            self.lines.put(line)
+
+    def send(self, name, message, retain=False):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(message)
+            file.flush()
+            subprocess.run(["mosquitto_pub", "-p", str(self.rig.broker.port), "-q", "1", "-t",
+                            f"usage/1/{name}/up", "-f", file.name] + ["-r"] * retain, check=True)
+
+    def receipt(self):
+        """The next receipt: name, batch, answer, store, cursor."""
+        while True:
+            line = self.lines.get(timeout=PATIENCE)
+            if line.startswith("usage/1/"):
+                break
+        topic, payload = line.split()
+        data = bytes.fromhex(payload)
+        assert data[:4] == b"USR\1", data
+        cursor = sum((byte & 0x7F) << 7 * i for i, byte in enumerate(data[37:]))
+        return topic.split("/")[2], data[4:20], data[20], data[21:37], cursor
+
+    def ask(self, name, message):
+        self.send(name, message)
+        return self.receipt()
+
+    def close(self):
+        self.listener.kill()
+        self.listener.wait()
+
+
+class Rig:
+    """Everything for one test, in one folder that goes with it."""
+
+    def __init__(self, build, broker=Mosquitto, durable=False):
+        self.build = pathlib.Path(build).resolve()
+        self.cleanup = contextlib.ExitStack()
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="usage_stat_fleet."))
+        self.cleanup.callback(shutil.rmtree, self.folder, ignore_errors=True)
+        self.processes = []
+        try:
+            self.postgres = Postgres(self.folder, durable)
+            self.postgres.create("fleet")
+            self.broker = broker(self.folder)
+        except BaseException:
+            self.close()
+            raise
+        self.tombstones = self.folder / "forgotten"
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *error):
+        if error[0]:
+            for log in sorted(self.folder.glob("*.log")):
+                print(f"==== {log.name}\n{log.read_text(errors='replace')[-3000:]}", file=sys.stderr)
+        self.close()
+
+    def close(self):
+        for process in reversed(self.processes):
+            process.kill()
+        if hasattr(self, "broker"):
+            self.broker.server.kill()
+        if hasattr(self, "postgres") and self.postgres.server.is_running():
+            self.postgres.stop()
+        self.cleanup.close()
+
+    def fleet(self, *arguments, check=True):
+        done = subprocess.run([self.build / "fleet/ingest/usage-stat-fleet", *arguments, "--database",
+                               self.postgres.conninfo("fleet")], capture_output=True, text=True)
+        assert not check or done.returncode == 0, done.stdout + done.stderr
+        return done
+
+    def ingester(self, number=0, group=None, program=None):
+        command = [program or self.build / "fleet/ingest/usage-stat-fleet", "ingest", "--database",
+                   self.postgres.conninfo("fleet"), "--host", "127.0.0.1", "--port",
+                   self.broker.port, "--tombstones", self.tombstones, "--client-id",
+                   f"ingester{number}"]
+        process = Process(self.folder, f"ingester{number}",
+                          command + (["--group", group] if group else []))
+        self.processes.append(process)
+        process.start()
+        wait_until(lambda: process.says("ready"), "the ingester")
+        return process
+
+    def sql(self, text):
+        return self.postgres.psql(text)
