@@ -3,12 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 
-#include "src/stat_event/event_factory.h"
+#include "include/usage_stat.h"
+#include "src/events/events.h"
 #include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
 #include "tools/report/figures.h"
@@ -36,11 +40,67 @@ class ReportTest : public usage_stat_test::StoreTest {
  protected:
   ReportTest() { setenv("TZ", "UTC", 1); }
 
-  void Keep(int type, const std::string& event, std::int64_t at_ms, const std::string& fields) {
-    store::RecordRow row = Row(event, at_ms, fields);
+  // Keeps a record as its datagram, and as whatever `raw` is when a stranger wrote to the file.
+  void Keep(int type, const std::string& event, std::int64_t at_ms, std::string raw) {
+    store::RecordRow row = Row(event, at_ms);
     row.type = type;
+    row.raw = std::move(raw);
     batch_.records.push_back(row);
     ++batch_.received;
+  }
+
+  template <class EventClass>
+  void Keep(const char* name, std::int64_t at_ms, EventClass event) {
+    event.timestamp_ = at_ms;
+    std::ostringstream out;
+    EXPECT_EQ(event.WriteToStream(out), 0) << name;
+    Keep(event.type_, name, at_ms, std::move(out).str());
+  }
+
+  void KeepNewBook(std::int64_t at_ms, int book, const std::string& file,
+                   const std::string& title) {
+    NewBooksEventEx event;
+    event.count_ = 1;
+    NewBookRecord& record = event.records_.emplace_back();
+    record.book_id_ = book;
+    record.language_ = "en";
+    record.file_name_ = file;
+    record.s1_ = title;
+    Keep("NewBooksEventEx", at_ms, event);
+  }
+
+  void KeepOpening(std::int64_t at_ms, int book, const std::string& file = "") {
+    OpenBookEvent event;
+    event.book_id_ = book;
+    event.language_ = "en";
+    event.file_name_ = file;
+    Keep("OpenBookEvent", at_ms, event);
+  }
+
+  void KeepTurn(std::int64_t at_ms) { Keep("ChangePageEvent", at_ms, ChangePageEvent()); }
+
+  void KeepLaunch(std::int64_t at_ms, int application) {
+    StartApplicationEvent event;
+    event.application_ = static_cast<std::int16_t>(application);
+    Keep("StartApplicationEvent", at_ms, event);
+  }
+
+  void KeepOutsideLaunch(std::int64_t at_ms, const std::string& path) {
+    StartOutsideApplicationEvent event;
+    event.path_ = path;
+    Keep("StartOutsideApplicationEvent", at_ms, event);
+  }
+
+  void KeepView(std::int64_t at_ms, int view) {
+    LibrarySettingsEvent event;
+    event.library_view_ = static_cast<char>(view);
+    Keep("LibrarySettingsEvent", at_ms, event);
+  }
+
+  void KeepFont(std::int64_t at_ms, const std::string& font) {
+    SetFontParamsEvent event;
+    event.font_ = font;
+    Keep("SetFontParamsEvent", at_ms, event);
   }
 
   void Commit() {
@@ -51,24 +111,23 @@ class ReportTest : public usage_stat_test::StoreTest {
   store::Status Read(Range range, Summary* summary) {
     std::unique_ptr<store::Journal> journal;
     if (auto status = store::Journal::Open(database_, &journal); !status.ok()) return status;
-    return ReadSummary(journal.get(), range, summary);
+    return ReadSummary(journal.get(), range, options_, summary);
   }
 
   // A book with a title, one with a file name and one with neither, two of them read.
   void KeepReading() {
-    Keep(
-        2028, "NewBooksEventEx", kBegin - 40 * kDay,
-        R"({"count":1,"books":[{"book_id":1,"file_name":"one.epub","s1":"One"}],"application":1})");
-    Keep(2010, "OpenBookEvent", kBegin - kMinute, R"({"book_id":1,"file_name":"one.epub"})");
-    Keep(2032, "ChangePageEvent", kBegin + 4 * kMinute, "{}");
-    Keep(2010, "OpenBookEvent", kBegin + kDay, R"({"book_id":2,"file_name":"two.pdf"})");
-    Keep(2032, "ChangePageEvent", kBegin + kDay + kMinute, "{}");
-    Keep(2010, "OpenBookEvent", kBegin + kDay + 2 * kMinute, R"({"book_id":-3,"file_name":""})");
-    Keep(2032, "ChangePageEvent", kBegin + 2 * kDay, "{}");  // beyond
+    KeepNewBook(kBegin - 40 * kDay, 1, "one.epub", "One");
+    KeepOpening(kBegin - kMinute, 1, "one.epub");
+    KeepTurn(kBegin + 4 * kMinute);
+    KeepOpening(kBegin + kDay, 2, "two.pdf");
+    KeepTurn(kBegin + kDay + kMinute);
+    KeepOpening(kBegin + kDay + 2 * kMinute, -3);
+    KeepTurn(kBegin + 2 * kDay);  // beyond
   }
 
   std::unique_ptr<store::Writer> writer_ = OpenWriter();
   store::Batch batch_;
+  SummaryOptions options_;
 };
 
 TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
@@ -78,13 +137,17 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   std::optional<store::Archive> archive;
   EXPECT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
   ASSERT_TRUE(archive);
-  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":28})");
-  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":33})");
-  Keep(2004, "StartApplicationEvent", kBegin, R"({"application":28})");
-  Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":"/mnt/ext1/clock.app"})");
-  Keep(2018, "LibrarySettingsEvent", kBegin + 9, R"({"a":1,"library_view":2})");
-  Keep(2018, "LibrarySettingsEvent", kBegin + 8, R"({"a":1,"library_view":0})");
-  Keep(2010, "OpenBookEvent", kBegin + kDay - 1, "[]");  // not what it should be
+  KeepLaunch(kBegin, 28);
+  KeepLaunch(kBegin, 33);
+  KeepLaunch(kBegin, 28);
+  KeepOutsideLaunch(kBegin, "/mnt/ext1/clock.app");
+  KeepView(kBegin + 9, STAT_LIBRARY_VIEW_COVERS);
+  KeepView(kBegin + 8, STAT_LIBRARY_VIEW_LIST);
+  Keep(EventFactory::kOpenBook, "OpenBookEvent", kBegin + kDay - 1, "not what it should be");
+  UseDictionaryEvent lookup;
+  lookup.a_ = 1;
+  lookup.b_ = "tarn";
+  Keep("UseDictionaryEvent", kBegin, lookup);
   batch_.quarantine.push_back({0, 0, kBegin, {1, 1000}, "truncated", "why", {}, "{}", "x"});
   batch_.quarantine.push_back({0, 0, kBegin - 1, {1, 1000}, "truncated", "early", {}, "{}", "x"});
   batch_.refused[{33, "user not allowed"}] = 4;
@@ -92,18 +155,22 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
 
   Summary summary;
   ASSERT_OK(Read(kTwoDays, &summary));
-  EXPECT_EQ(summary.reading, (Reading{5 * kMinute, 2}));
+  EXPECT_EQ(summary.reading, (Reading{5 * kMinute, 2, 2}));
   EXPECT_EQ(summary.sessions, 2);
   ASSERT_THAT(summary.books, SizeIs(4));
   EXPECT_EQ(summary.books[0].title, "One");
-  EXPECT_EQ(summary.books[0].reading, (Reading{4 * kMinute, 1}));
+  EXPECT_EQ(summary.books[0].reading, (Reading{4 * kMinute, 1, 1}));
   EXPECT_EQ(summary.books[1].file_name, "two.pdf");
   ASSERT_THAT(summary.applications, SizeIs(3));
   EXPECT_THAT(summary.applications[0].name, HasSubstr("camera.app"));
   EXPECT_EQ(summary.applications[0].count, 2);
   ASSERT_THAT(summary.settings, SizeIs(1));
-  ASSERT_THAT(summary.settings[0].settings, SizeIs(1));  // fields without a name are left out
-  EXPECT_EQ(summary.settings[0].settings[0].latest, "covers");
+  const auto& settings = summary.settings[0].settings;  // fields without a name are left out
+  EXPECT_THAT(settings, testing::Contains(testing::Field(&Setting::latest, "covers")));
+  EXPECT_THAT(settings, testing::Each(testing::Field(&Setting::field, Not("a"))));
+  EXPECT_EQ(summary.launches_by_day, (std::map<Day, std::int64_t>{{20000, 4}}));
+  EXPECT_EQ(summary.books[0].lookups, 1);
+  EXPECT_THAT(summary.words, SizeIs(0));
   ASSERT_THAT(summary.undecodable, SizeIs(1));
   EXPECT_EQ(summary.undecodable[0].example, "why");
   EXPECT_EQ(summary.errors, 1);  // refused today, long after the range
@@ -113,13 +180,17 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
                            "<bdi>clock.app</bdi>", "<bdi>covers</bdi>", "of tellhaus"}) {
     EXPECT_THAT(page, HasSubstr(text));
   }
+  EXPECT_THAT(page, Not(HasSubstr("tarn")));  // words are told by request alone
+  options_.with_words = true;
+  ASSERT_OK(Read(kTwoDays, &summary));
+  EXPECT_THAT(RenderPage(summary), HasSubstr("<bdi>tarn</bdi>"));
 }
 
 TEST_F(ReportTest, EmptyAndMissingDatabases) {
   Summary summary;
   ASSERT_OK(Read(kTwoDays, &summary));
   const std::string page = RenderPage(summary);
-  EXPECT_THAT(page, HasSubstr("There are no records in this range"));
+  EXPECT_THAT(page, HasSubstr("The database holds no records yet"));
   EXPECT_THAT(page, Not(HasSubstr("<canvas")));
   std::unique_ptr<store::Journal> journal;
   EXPECT_FALSE(store::Journal::Open(folder_ / "none.db", &journal).ok());
@@ -161,6 +232,9 @@ TEST_F(ReportTest, CommandWritesAPageOrSaysWhyNot) {
     EXPECT_THAT(result.out + result.err, HasSubstr(c.text));
   }
   EXPECT_THAT(ReadFile(page), HasSubstr("<title>Usage report"));
+  struct stat status {};
+  ASSERT_EQ(stat(page.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST_F(ReportTest, SamplesAreMadeOnceAndAlikeAndOverwriteNothing) {
@@ -191,14 +265,13 @@ TEST_F(ReportTest, SamplesAreMadeOnceAndAlikeAndOverwriteNothing) {
 }
 
 TEST_F(ReportTest, HostileTextsStayTexts) {
-  const std::string evil = R"(</script><img src=x onerror=\"alert(1)\"><!--{{data}}'&)";
-  Keep(2028, "NewBooksEventEx", kBegin,
-       R"({"books":[{"book_id":1,"s1":")" + evil + R"(","file_name":"\u0000\u001b"}]})");
-  Keep(2010, "OpenBookEvent", kBegin, R"({"book_id":1,"file_name":")" + evil + "\"}");
-  Keep(2032, "ChangePageEvent", kBegin + kMinute, "{}");
-  Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":")" + evil + "\"}");
-  Keep(2027, "SetFontParamsEvent", kBegin, R"({")" + evil + R"(":1,"font":")" + evil + "\"}");
-  Keep(9999, "</script><b>", kBegin, "not even JSON");
+  const std::string evil = "</script><img src=x onerror=\"alert(1)\"><!--{{data}}'&";
+  KeepNewBook(kBegin, 1, std::string("\0\x1b", 2), evil);
+  KeepOpening(kBegin, 1, evil);
+  KeepTurn(kBegin + kMinute);
+  KeepOutsideLaunch(kBegin, evil);
+  KeepFont(kBegin, evil);
+  Keep(9999, "</script><b>", kBegin, "no record");
   batch_.quarantine.push_back({0, 0, kBegin, {1, 1}, "<b>", "</script><b>", {}, "{}", "x"});
   Commit();
   Summary summary;
@@ -220,11 +293,10 @@ TEST_F(ReportTest, FloodsOfNamesAreToldAsSums) {
   constexpr int kBooks = 150;
   for (int i = 0; i < kBooks; ++i) {
     const std::string number = std::to_string(i);
-    Keep(2010, "OpenBookEvent", kBegin + i * kMinute, R"({"book_id":)" + number + "}");
-    Keep(2032, "ChangePageEvent", kBegin + i * kMinute + 1000 + i, "{}");
-    Keep(2038, "StartOutsideApplicationEvent", kBegin, R"({"path":"/)" + number + "\"}");
-    Keep(2027, "SetFontParamsEvent", kBegin,
-         R"({"font":")" + std::string(5000, 'x') + number + "\"}");
+    KeepOpening(kBegin + i * kMinute, i);
+    KeepTurn(kBegin + i * kMinute + 1000 + i);
+    KeepOutsideLaunch(kBegin, "/" + number);
+    KeepFont(kBegin, std::string(5000, 'x') + number);
   }
   Commit();
   Summary summary;

@@ -8,10 +8,11 @@
 
 #include <cstdint>
 #include <limits>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "src/stat_event/event_factory.h"
+#include "src/events/events.h"
 #include "tools/report/calendar.h"
 #include "tools/report/record_counter.h"
 
@@ -29,22 +30,32 @@ class ReportTime : public testing::Test {
   ReportTime() { setenv("TZ", "UTC", 1); }
 };
 
-store::RecordRow Opening(std::int64_t at_ms, int book) {
+store::RecordRow RowOf(Event&& event, std::int64_t at_ms) {
+  event.timestamp_ = at_ms;
+  std::ostringstream out;
+  EXPECT_EQ(event.WriteToStream(out), 0);
   store::RecordRow row;
-  row.type = EventFactory::kOpenBook;
-  row.event = "OpenBookEvent";
+  row.type = event.type_;
+  row.event = "event";
   row.timestamp_ms = at_ms;
-  row.fields = R"({"book_id":)" + std::to_string(book) + "}";
+  row.raw = std::move(out).str();
   return row;
 }
 
-store::RecordRow Page(std::int64_t at_ms, int type = EventFactory::kChangePage) {
-  store::RecordRow row;
-  row.type = type;
-  row.event = "page";
-  row.timestamp_ms = at_ms;
-  row.fields = "{}";
-  return row;
+store::RecordRow Opening(std::int64_t at_ms, int book) {
+  OpenBookEvent event;
+  event.book_id_ = book;
+  event.language_ = "en";
+  return RowOf(std::move(event), at_ms);
+}
+
+store::RecordRow Turn(std::int64_t at_ms, int book, int to_page, int pages) {
+  ChangePageEvent event;
+  event.a_ = book;
+  event.c_ = to_page - 1;
+  event.d_ = to_page;
+  event.e_ = pages;
+  return RowOf(std::move(event), at_ms);
 }
 
 // A script of minutes after noon: "o1@0 p@5" opens book 1 at noon and turns a page at 12:05. "s"
@@ -60,19 +71,19 @@ void Play(const std::string& script, RecordCounter* counter) {
         counter->Add(Opening(at_ms, std::stoi(step.substr(1))));
         break;
       case 'p':
-        counter->Add(Page(at_ms));
+        counter->Add(RowOf(ChangePageEvent(), at_ms));
         break;
       case 'g':
-        counter->Add(Page(at_ms, EventFactory::kGoToPage));
+        counter->Add(RowOf(GoToPageEvent(), at_ms));
         break;
       case 'j':
-        counter->Add(Page(at_ms, EventFactory::kGoToPageNew));
+        counter->Add(RowOf(GoToPageEventNew(), at_ms));
         break;
       case 's':
-        counter->Add(Page(at_ms, EventFactory::kStartOpenBook));
+        counter->Add(RowOf(StartOpenBookEvent(), at_ms));
         break;
       default:
-        counter->Add(Page(at_ms, EventFactory::kAddNote));
+        counter->Add(RowOf(AddNoteEvent(), at_ms));
     }
   }
 }
@@ -105,7 +116,7 @@ TEST_F(ReportTime, SessionsRunFromAnOpeningToTheLastPageEvent) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    RecordCounter counter({kNoon - kDay, kNoon + kDay});
+    RecordCounter counter({kNoon - kDay, kNoon + kDay}, {});
     Play(c.script, &counter);
     const Summary summary = counter.Finish();
     EXPECT_EQ(double(summary.reading.time_ms) / double{kMinute}, c.minutes);
@@ -122,17 +133,89 @@ TEST_F(ReportTime, SessionsRunFromAnOpeningToTheLastPageEvent) {
 
 TEST_F(ReportTime, RangesCutSessionsAndAddUp) {
   const auto read = [](std::int64_t since_minute, std::int64_t until_minute) {
-    RecordCounter counter({kNoon + since_minute * kMinute, kNoon + until_minute * kMinute});
+    RecordCounter counter({kNoon + since_minute * kMinute, kNoon + until_minute * kMinute}, {});
     Play("o1@0 p@4 p@12 p@20 o2@30 p@33", &counter);
     return counter.Finish().reading;
   };
-  EXPECT_EQ(read(-60, 60), (Reading{23 * kMinute, 4}));
-  EXPECT_EQ(read(6, 14), (Reading{8 * kMinute, 1}));
-  EXPECT_EQ(read(5, 6), (Reading{1 * kMinute, 0}));  // inside a page
-  EXPECT_EQ(read(21, 29), (Reading{0, 0}));
+  EXPECT_EQ(read(-60, 60), (Reading{23 * kMinute, 4, 4}));
+  EXPECT_EQ(read(6, 14), (Reading{8 * kMinute, 1, 1}));
+  EXPECT_EQ(read(5, 6), (Reading{1 * kMinute, 0, 0}));  // inside a page
+  EXPECT_EQ(read(21, 29), (Reading{0, 0, 0}));
   Reading sum;
   for (std::int64_t minute = -5; minute < 40; minute += 5) sum += read(minute, minute + 5);
-  EXPECT_EQ(sum, (Reading{23 * kMinute, 4}));
+  EXPECT_EQ(sum, (Reading{23 * kMinute, 4, 4}));
+}
+
+TEST_F(ReportTime, BooksAreFollowedByWhatTurnsSayOfThem) {
+  struct Case {
+    const char* what;
+    std::vector<store::RecordRow> rows;
+    std::int32_t furthest;
+    std::int64_t begun, finished, after;  // in minutes after noon
+  };
+  GoToPageEventNew to_the_end;
+  to_the_end.a_ = 1;
+  to_the_end.d_ = to_the_end.e_ = 100;
+  const auto at = [](std::int64_t minute) { return kNoon + minute * kMinute; };
+  const Case cases[] = {
+      {"from the first page to the last",
+       {Opening(at(0), 1), Turn(at(5), 1, 2, 100), Turn(at(9), 1, 60, 100),
+        Turn(at(12), 1, 100, 100)},
+       100,
+       5,
+       12,
+       12},
+      {"the later finish is a look back",
+       {Turn(at(1), 1, 100, 100), Turn(at(2), 1, 100, 100)},
+       100,
+       0,
+       1,
+       0},
+      {"begun before the range", {Turn(at(1), 1, 51, 100), Turn(at(2), 1, 2, 100)}, 51, 0, 0, 0},
+      {"jumps don't tell",
+       {Turn(at(1), 1, 3, 100), RowOf(std::move(to_the_end), at(2))},
+       3,
+       1,
+       0,
+       0},
+      {"pages without a number of pages", {Turn(at(1), 1, 7, 0)}, 7, 0, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    RecordCounter counter({kNoon - kDay, kNoon + kDay}, {});
+    for (const auto& row : c.rows) counter.Add(row);
+    const Summary summary = counter.Finish();
+    ASSERT_EQ(summary.books.size(), 1U);
+    const BookReading& book = summary.books[0];
+    const auto minutes = [](std::int64_t ms) { return ms == 0 ? 0 : (ms - kNoon) / kMinute; };
+    EXPECT_EQ(book.furthest, c.furthest);
+    EXPECT_EQ(minutes(book.begun_ms), c.begun);
+    EXPECT_EQ(minutes(book.finished_ms), c.finished);
+    EXPECT_EQ(book.finished_after_ms, c.after * kMinute);
+  }
+}
+
+TEST_F(ReportTime, OrderIsKeptInBoundedMemoryOrItsLossIsTold) {
+  constexpr int kMany = 300000;  // more than are held
+  for (const bool is_late : {false, true}) {
+    RecordCounter counter({kNoon, kNoon + kDay}, {});
+    RecordCounter patient({kNoon, kNoon + kDay}, {}, true);
+    for (RecordCounter* one : {&counter, &patient}) {
+      one->Add(Opening(kNoon, 1));
+      const store::RecordRow turn = RowOf(ChangePageEvent(), kNoon);
+      for (int i = 0; i < kMany; ++i) {
+        store::RecordRow row = turn;
+        row.timestamp_ms += (i ^ 1) * 100;  // each two the wrong way round
+        one->Add(row);
+      }
+      if (is_late) one->Add(Opening(kNoon + 10 * kMinute, 2));
+    }
+    EXPECT_EQ(counter.is_out_of_order(), is_late);
+    const Summary summary = patient.Finish();
+    EXPECT_EQ(summary.books.size(), is_late ? 2U : 1U);
+    const Summary bounded = counter.Finish();
+    EXPECT_EQ(bounded.reading == summary.reading, !is_late);
+  }
 }
 
 TEST_F(ReportTime, TimestampsOfAnySizeDoNoHarm) {
@@ -140,9 +223,9 @@ TEST_F(ReportTime, TimestampsOfAnySizeDoNoHarm) {
   tracker.Open(std::numeric_limits<std::int64_t>::min(), 1);
   EXPECT_FALSE(tracker.TurnPage(std::numeric_limits<std::int64_t>::max()));
 
-  RecordCounter counter({kNoon, kNoon + kDay});
+  RecordCounter counter({kNoon, kNoon + kDay}, {}, true);
   counter.Add(Opening(std::numeric_limits<std::int64_t>::min(), 1));
-  counter.Add(Page(std::numeric_limits<std::int64_t>::max()));
+  counter.Add(RowOf(ChangePageEvent(), std::numeric_limits<std::int64_t>::max()));
   EXPECT_EQ(counter.Finish().records, 0);
   EXPECT_FALSE(IsOnCalendar(std::numeric_limits<std::int64_t>::max()));
 }
@@ -190,14 +273,14 @@ TEST(ReportClock, CompletesRangesByWholeDays) {
 
 TEST(ReportClock, SpreadsReadingOverHoursAndDays) {
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-  RecordCounter counter({kNoon - kDay, kNoon + kDay});
+  RecordCounter counter({kNoon - kDay, kNoon + kDay}, {});
   Play("o1@595 p@603 p@607", &counter);  // from 23:55 to 00:07 on a Friday
   const Summary summary = counter.Finish();
   ASSERT_EQ(summary.days.size(), 2U);
-  EXPECT_EQ(summary.days.begin()->second, (Reading{5 * kMinute, 0}));
-  EXPECT_EQ(summary.days.rbegin()->second, (Reading{7 * kMinute, 2}));
-  EXPECT_EQ(summary.week[4][23], (Reading{5 * kMinute, 0}));
-  EXPECT_EQ(summary.week[5][0], (Reading{7 * kMinute, 2}));
+  EXPECT_EQ(summary.days.begin()->second, (Reading{5 * kMinute, 0, 0}));
+  EXPECT_EQ(summary.days.rbegin()->second, (Reading{7 * kMinute, 2, 2}));
+  EXPECT_EQ(summary.week[4][23], (Reading{5 * kMinute, 0, 0}));
+  EXPECT_EQ(summary.week[5][0], (Reading{7 * kMinute, 2, 2}));
 }
 
 }  // namespace

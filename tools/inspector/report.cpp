@@ -2,16 +2,14 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/report/html.h"
 #include "tools/report/page.h"
 #include "tools/report/summary.h"
 #include "tools/store/file.h"
@@ -24,15 +22,8 @@ struct Options {
   std::string database;
   store::Query range;
   std::string file;
+  report::SummaryOptions summary;
 };
-
-int Keep(const std::string& page, const std::string& path) {
-  std::ofstream file(path, std::ios::binary);
-  file << page;
-  file.close();
-  if (file) return kOk;
-  return Complain(kFailed, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-}
 
 int Report(const Options& options) {
   if (options.file.empty() && isatty(STDOUT_FILENO) != 0) {
@@ -46,13 +37,17 @@ int Report(const Options& options) {
   const report::Range range =
       report::CompleteRange(options.range.since_ms, options.range.until_ms, now_ms);
   report::Summary summary;
-  if (auto status = report::ReadSummary(journal.get(), range, &summary); !status.ok()) {
+  if (auto status = report::ReadSummary(journal.get(), range, options.summary, &summary);
+      !status.ok()) {
     return Complain(kFailed, status.message);
   }
   summary.generated_ms = now_ms;
   for (const std::string& problem : summary.problems) Complain(kFailed, "not counted: " + problem);
   const std::string page = report::RenderPage(summary);
-  if (!options.file.empty()) return Keep(page, options.file);
+  if (!options.file.empty()) {
+    const base::Status written = report::WritePage(options.file, page);
+    return written.ok() ? kOk : Complain(kFailed, written.message);
+  }
   Write(page);
   return kOk;
 }
@@ -66,6 +61,8 @@ void AddReport(CommandLine* line) {
   AddDatabaseOption(command, &options->database);
   AddRangeOptions(command, &options->range);
   command.Option("-o,--output", "FILE", "File to write (default: standard output)", &options->file);
+  command.Flag("--words", "Tell the words that were looked up, not only how many",
+               &options->summary.with_words);
   command.OnRun([options] { return Report(*options); });
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 
 namespace velmora::usage_stat::report {
@@ -120,6 +121,16 @@ std::string IsoDate(Day day) {
   const chrono::year_month_day date = DateOf(day);
   return fmt::format("{:04}-{:02}-{:02}", static_cast<int>(date.year()),
                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+}
+
+std::optional<Day> ParseIsoDate(const std::string& text) {
+  int year = 0;
+  unsigned month = 0;
+  unsigned day = 0;
+  if (std::sscanf(text.c_str(), "%4d-%2u-%2u", &year, &month, &day) != 3) return std::nullopt;
+  const chrono::year_month_day date{chrono::year{year}, chrono::month{month}, chrono::day{day}};
+  if (!date.ok() || IsoDate(DayOf(date)) != text) return std::nullopt;
+  return DayOf(date);
 }
 
 std::string LongDate(Day day) {

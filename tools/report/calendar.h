@@ -60,10 +60,11 @@ int WeekdayOf(Day day);  // 0: Monday
 Day FirstOfMonth(Day day);
 Day FirstOfYear(Day day);
 
-std::string IsoDate(Day day);       // 2026-05-09
-std::string LongDate(Day day);      // 9 May 2026
-std::string ShortDate(Day day);     // 9 May
-std::string MonthAndYear(Day day);  // May 2026
+std::string IsoDate(Day day);                              // 2026-05-09
+std::optional<Day> ParseIsoDate(const std::string& text);  // nothing for what is no such date
+std::string LongDate(Day day);                             // 9 May 2026
+std::string ShortDate(Day day);                            // 9 May
+std::string MonthAndYear(Day day);                         // May 2026
 
 // 9 May 2026, 14:05 CEST (UTC+02:00)
 std::string LocalDateTime(std::int64_t ms);

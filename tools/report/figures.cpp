@@ -80,7 +80,7 @@ std::string Figures::Add(const std::string& id, const std::string& title, std::s
   return Card(title, note,
               fmt::format("<div class=\"chart\"><canvas data-chart=\"{}\" role=\"img\" "
                           "aria-label=\"{}\"></canvas></div>\n"
-                          "<details><summary>Table: {}</summary>\n{}</details>\n",
+                          "<details open><summary>Table: {}</summary>\n{}</details>\n",
                           id, EscapeHtml(description), title, table),
               is_wide);
 }
@@ -99,10 +99,16 @@ std::string Figures::Time(const std::string& id, const std::string& what, const 
   }
   if (rows.empty()) return EmptyCard(title, true);
 
+  return Columns(id, title, note, unit, series.bars, Table(title, {{"Day"}, {what, true}}, rows));
+}
+
+std::string Figures::Columns(const std::string& id, const std::string& title,
+                             const std::string& note, const Unit& unit,
+                             const std::vector<Bar>& bars, const std::string& table) {
   Json chart = Chart("columns", unit);
   chart["titles"] = Json::array();
-  const Bar* most = &series.bars.front();
-  for (const Bar& bar : series.bars) {
+  const Bar* most = &bars.front();
+  for (const Bar& bar : bars) {
     chart["labels"].push_back(bar.label);
     chart["titles"].push_back(bar.title);
     chart["values"].push_back(bar.value);
@@ -110,8 +116,28 @@ std::string Figures::Time(const std::string& id, const std::string& what, const 
   }
   const std::string peak = fmt::format("Most: {}, {}.", most->title, unit.format(most->value));
   return Add(id, title, note.empty() ? peak : peak + " " + note,
-             fmt::format("Bar chart. {} The table below has every day.", peak), std::move(chart),
-             Table(title, {{"Day"}, {what, true}}, rows), true);
+             fmt::format("Bar chart. {} The table below has every number.", peak), std::move(chart),
+             table, true);
+}
+
+std::string Figures::Stacks(const std::string& id, const std::string& title,
+                            const std::string& note, const Unit& unit, const std::vector<Bar>& bars,
+                            const std::vector<Stack>& stacks, const std::string& table) {
+  Json chart = Chart("stacks", unit);
+  chart["titles"] = Json::array();
+  chart["names"] = Json::array();
+  for (const Bar& bar : bars) {
+    chart["labels"].push_back(bar.label);
+    chart["titles"].push_back(bar.title);
+  }
+  std::string names;
+  for (const Stack& stack : stacks) {
+    chart["names"].push_back(stack.name);
+    chart["values"].push_back(stack.values);
+    names += (names.empty() ? "" : ", ") + stack.name;
+  }
+  return Add(id, title, note, fmt::format("Stacked bar chart of {}. {}", names, note),
+             std::move(chart), table, true);
 }
 
 std::string Figures::Week(const std::string& id, const std::string& what, const Unit& unit,

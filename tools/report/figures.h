@@ -25,6 +25,7 @@ struct Unit {
 constexpr Unit kTime{"time", "time", FormatDuration};
 constexpr Unit kTurns{"count", "turns", FormatNumber};
 constexpr Unit kCounts{"count", "count", FormatNumber};
+constexpr Unit kPercent{"percent", "count", FormatPercent};
 
 struct Bar {
   std::string label;  // short, for an axis
@@ -33,6 +34,12 @@ struct Bar {
 };
 
 constexpr std::array<const char*, 7> kWeekdays = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+
+// One of several measures that share an axis.
+struct Stack {
+  std::string name;
+  std::vector<std::int64_t> values;
+};
 
 // The days of a range, gathered to no more bars than a chart can show.
 struct Series {
@@ -51,6 +58,15 @@ class Figures {
   std::string Time(const std::string& id, const std::string& what, const Unit& unit,
                    const Range& range, const std::map<Day, std::int64_t>& days,
                    const std::string& note = "");
+
+  // Bars beside each other, in their order, wide; `bars` must not be empty.
+  std::string Columns(const std::string& id, const std::string& title, const std::string& note,
+                      const Unit& unit, const std::vector<Bar>& bars, const std::string& table);
+
+  // The same with a few measures on top of each other; of `bars` the texts count.
+  std::string Stacks(const std::string& id, const std::string& title, const std::string& note,
+                     const Unit& unit, const std::vector<Bar>& bars,
+                     const std::vector<Stack>& stacks, const std::string& table);
 
   // One measure by weekday, from Monday, and hour.
   std::string Week(const std::string& id, const std::string& what, const Unit& unit,

@@ -1,10 +1,16 @@
 #include "tools/report/html.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <sstream>
 
+#include "tools/base/system.h"
 #include "tools/report/assets.h"
 
 namespace velmora::usage_stat::report {
@@ -97,6 +103,8 @@ std::string FormatDuration(std::int64_t ms) {
   return fmt::format("{} h {:02} min", FormatNumber(minutes / 60), minutes % 60);
 }
 
+std::string FormatPercent(std::int64_t percent) { return fmt::format("{} %", percent); }
+
 std::string Plural(std::int64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", FormatNumber(count), noun, count == 1 ? "" : "s");
 }
@@ -152,12 +160,31 @@ std::string FillTemplate(std::string_view text, const Slots& slots) {
 
 std::string RenderShell(Slots slots, const Json& charts) {
   slots["policy"] = ContentSecurityPolicy();
-  slots["licence"] = EscapeHtml(assets::kLicence);
+  std::istringstream licence{std::string(assets::kLicence)};
+  for (std::string line; std::getline(licence, line);) slots["licence"] += EscapeHtml(line) + "\n";
   slots["data"] = EmbedJson(charts);
   slots["style"] = assets::kStyle;
   slots["library"] = assets::kLibrary;
   slots["script"] = assets::kScript;
   return FillTemplate(assets::kShell, slots);
+}
+
+base::Status WritePage(const std::string& path, const std::string& page) {
+  const base::Descriptor file(
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  const auto failed = [&] { return base::Status::Errno("cannot write " + path); };
+  struct stat status {};
+  if (!file.is_open() || fstat(file.get(), &status) != 0) return failed();
+  // One that was there may have been open to others.
+  if (S_ISREG(status.st_mode) && fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) return failed();
+  std::string_view rest = page;
+  while (!rest.empty()) {
+    const ssize_t written = write(file.get(), rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return failed();
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return {};
 }
 
 }  // namespace velmora::usage_stat::report

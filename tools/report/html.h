@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/base/status.h"
+
 namespace velmora::usage_stat::report {
 
 // `text` for elements and attributes. Control characters become U+FFFD.
@@ -21,6 +23,7 @@ std::string Name(std::string_view text);
 
 std::string FormatNumber(std::int64_t number);                  // 1,234,567
 std::string FormatDuration(std::int64_t ms);                    // 12 h 05 min, 7 min, 40 s
+std::string FormatPercent(std::int64_t percent);                // 12 %
 std::string Plural(std::int64_t count, std::string_view noun);  // 1 book, 2 books
 
 struct Column {
@@ -48,6 +51,9 @@ std::string FillTemplate(std::string_view text, const Slots& slots);
 // A whole page, with style and scripts: `slots` has "title", "range", "about" and "main"; `charts`
 // is what Figures::Data() gives.
 std::string RenderShell(Slots slots, const nlohmann::ordered_json& charts);
+
+// Writes a page to `path`, readable for its owner alone: it tells about people.
+base::Status WritePage(const std::string& path, const std::string& page);
 
 }  // namespace velmora::usage_stat::report
 

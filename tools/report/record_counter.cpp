@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <istream>
+#include <limits>
+#include <streambuf>
 #include <string_view>
 
+#include "src/events/events.h"
 #include "src/stat_event/event_factory.h"
+#include "src/stat_event/fields.h"
 #include "tools/records/record.h"
 #include "tools/report/calendar.h"
 #include "tools/report/names.h"
-#include "tools/report/sessions.h"
 
 namespace velmora::usage_stat::report {
 
@@ -16,20 +20,11 @@ namespace {
 
 using records::Json;
 
-// Whatever is not there or of another type is taken for empty.
-std::int64_t NumberIn(const Json& fields, const char* name) {
-  const auto field = fields.find(name);
-  return field != fields.end() && field->is_number_integer() ? field->get<std::int64_t>() : 0;
-}
+// How many page events wait for earlier ones.
+constexpr std::size_t kMostHeld = std::size_t{1} << 17U;
 
-std::string TextIn(const Json& fields, const char* name) {
-  const auto field = fields.find(name);
-  return field != fields.end() && field->is_string() ? field->get<std::string>() : std::string();
-}
-
-std::int32_t BookIdIn(const Json& fields) {
-  return static_cast<std::int32_t>(NumberIn(fields, "book_id"));
-}
+// Names of more books than these are not kept.
+constexpr std::size_t kMostNames = 20000;
 
 // Texts may be as long as a datagram; nobody reads that much of a name.
 std::string Shortened(std::string text) {
@@ -41,12 +36,14 @@ std::string Shortened(std::string text) {
   return text + "…";
 }
 
-std::string FileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-bool IsPageEvent(int type) {
-  return type == EventFactory::kGoToPage || type == EventFactory::kGoToPageNew ||
-         type == EventFactory::kChangePage;
+// The fields of a record by name; none for what is no record.
+Json Fields(const store::RecordRow& row) {
+  auto decoded = records::Decode(row.raw);
+  auto* record = std::get_if<records::Record>(&decoded);
+  return record ? std::move(record->fields) : Json::object();
 }
+
+std::string FileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 bool TellsSettings(int type) {
   constexpr std::array kTypes = {EventFactory::kOrientation,
@@ -88,29 +85,146 @@ std::vector<BookReading> MostReadFirst(const std::unordered_map<std::int32_t, Bo
 
 }  // namespace
 
+// Reads the payload of one record after another with the library's classes, in place.
+class RecordCounter::Payload : private std::streambuf {
+ public:
+  Payload() : in_(this) {}
+
+  // Whether `datagram` is a record of this class, to the last byte. `event` may be used again when
+  // it holds no texts.
+  template <class EventClass>
+  bool Read(const std::string& datagram, EventClass* event) {
+    constexpr std::size_t kEnvelope = 2 + 8;
+    if (datagram.size() < kEnvelope) return false;
+    char* begin = const_cast<char*>(datagram.data());  // a get area is never written to
+    setg(begin, begin + kEnvelope, begin + datagram.size());
+    in_.clear();
+    return ReadFields(in_, event) == 0 && gptr() == egptr();
+  }
+
+  // Of classes without texts, made once.
+  ChangePageEvent turn;
+  ChangePageEventEx long_turn;
+  GoToPageEventNew jump;
+
+ private:
+  std::istream in_;
+};
+
+RecordCounter::RecordCounter(Range range, SummaryOptions options, bool hold_all)
+    : range_(range),
+      options_(options),
+      hold_all_(hold_all),
+      payload_(std::make_unique<Payload>()),
+      counted_ms_(std::numeric_limits<std::int64_t>::min()) {
+  summary_.range = range;
+}
+
+RecordCounter::~RecordCounter() = default;
+
 void RecordCounter::Add(const store::RecordRow& row) {
-  if (row.type == EventFactory::kOpenBook) {
-    activities_.push_back({row.timestamp_ms, BookIdIn(records::ParseFields(row.fields)), true});
-  } else if (IsPageEvent(row.type)) {
-    activities_.push_back({row.timestamp_ms, 0, false});
+  switch (row.type) {
+    case EventFactory::kOpenBook:
+    case EventFactory::kChangePage:
+    case EventFactory::kGoToPage:
+    case EventFactory::kGoToPageNew:
+      Hold(ReadActivity(row));
+      break;
+    case EventFactory::kNewBooks:
+      LearnNewBooks(row);
+      break;
+    default:
+      break;
   }
   if (!range_.Holds(row.timestamp_ms)) return;
-  ++records_;
+  ++summary_.records;
   events_.Add(row.event);
-  if (row.type == EventFactory::kStartApplication ||
-      row.type == EventFactory::kStartOutsideApplication) {
-    AddLaunch(row);
-  } else if (TellsSettings(row.type)) {
-    AddSettings(row);
+  switch (row.type) {
+    case EventFactory::kStartApplication:
+    case EventFactory::kStartOutsideApplication:
+      AddLaunch(row);
+      break;
+    case EventFactory::kUseDictionary:
+      AddLookup(row);
+      break;
+    default:
+      if (TellsSettings(row.type)) AddSettings(row);
   }
 }
 
+void RecordCounter::Learn(const store::RecordRow& row) {
+  if (row.type == EventFactory::kOpenBook) {
+    ReadActivity(row);
+  } else {
+    LearnNewBooks(row);
+  }
+}
+
+// What can't be read stays an event of its kind that tells no more: anybody can write to a file.
+RecordCounter::Activity RecordCounter::ReadActivity(const store::RecordRow& row) {
+  using Kind = Activity::Kind;
+  Payload& payload = *payload_;
+  const std::int64_t at_ms = row.timestamp_ms;
+  if (row.type == EventFactory::kChangePage) {
+    ChangePageEvent& turn = payload.turn;
+    if (payload.Read(row.raw, &turn)) {
+      return {at_ms, turn.a_, turn.c_, turn.d_, turn.e_, Kind::kTurn};
+    }
+    ChangePageEventEx& longer = payload.long_turn;
+    if (payload.Read(row.raw, &longer)) {
+      return {at_ms, longer.a_, longer.c_, longer.d_, longer.e_, Kind::kTurn};
+    }
+    return {at_ms, 0, 0, 0, 0, Kind::kTurn};
+  }
+  if (row.type == EventFactory::kOpenBook) {
+    OpenBookEvent opening;
+    if (!payload.Read(row.raw, &opening)) return {at_ms, 0, 0, 0, 0, Kind::kOpening};
+    LearnNames(opening.book_id_, "", std::move(opening.file_name_));
+    return {at_ms, opening.book_id_, 0, 0, 0, Kind::kOpening};
+  }
+  GoToPageEventNew& jump = payload.jump;
+  if (row.type == EventFactory::kGoToPageNew && payload.Read(row.raw, &jump)) {
+    return {at_ms, jump.a_, jump.c_, jump.d_, jump.e_, Kind::kJump};
+  }
+  return {at_ms, 0, 0, 0, 0, Kind::kJump};
+}
+
+void RecordCounter::LearnNewBooks(const store::RecordRow& row) {
+  NewBooksEventEx batch;
+  if (!payload_->Read(row.raw, &batch)) return;
+  for (NewBookRecord& book : batch.records_) {
+    LearnNames(book.book_id_, std::move(book.s1_), std::move(book.file_name_));
+  }
+}
+
+// Later names win.
+void RecordCounter::LearnNames(std::int32_t book_id, std::string title, std::string file_name) {
+  if (names_.size() >= kMostNames && !names_.contains(book_id)) return;
+  BookNames& names = names_[book_id];
+  if (!title.empty()) names.title = Shortened(std::move(title));
+  if (!file_name.empty()) names.file_name = Shortened(std::move(file_name));
+}
+
 void RecordCounter::AddLaunch(const store::RecordRow& row) {
-  ++launches_;
-  const Json fields = records::ParseFields(row.fields);
-  applications_.Add(row.type == EventFactory::kStartApplication
-                        ? ApplicationName(NumberIn(fields, "application"))
-                        : Shortened(FileName(TextIn(fields, "path"))));
+  ++summary_.launches;
+  ++summary_.launches_by_day[clock_.At(row.timestamp_ms).day];
+  if (row.type == EventFactory::kStartApplication) {
+    StartApplicationEvent launch;
+    payload_->Read(row.raw, &launch);
+    applications_.Add(ApplicationName(launch.application_));
+  } else {
+    StartOutsideApplicationEvent launch;
+    payload_->Read(row.raw, &launch);
+    applications_.Add(Shortened(FileName(launch.path_)));
+  }
+}
+
+void RecordCounter::AddLookup(const store::RecordRow& row) {
+  UseDictionaryEvent lookup;
+  if (!payload_->Read(row.raw, &lookup)) return;
+  ++summary_.lookups;
+  if (lookup.a_ != 0) ++books_[lookup.a_].lookups;
+  if (options_.with_words) words_.Add(Shortened(std::move(lookup.b_)));
 }
 
 void RecordCounter::AddSettings(const store::RecordRow& row) {
@@ -118,7 +232,7 @@ void RecordCounter::AddSettings(const store::RecordRow& row) {
   const bool is_latest = settings.records == 0 || row.timestamp_ms >= settings.latest_ms;
   if (is_latest) settings.latest_ms = row.timestamp_ms;
   ++settings.records;
-  const Json fields = records::ParseFields(row.fields);
+  const Json fields = Fields(row);
   for (const auto& [name, value] : fields.items()) {
     if (!HasMeaning(name)) continue;
     const std::string text = SettingText(name, value);
@@ -132,60 +246,97 @@ void RecordCounter::AddSettings(const store::RecordRow& row) {
   }
 }
 
+// ---- Reading, in order of time ----
+
+void RecordCounter::Hold(const Activity& activity) {
+  if (activity.at_ms < counted_ms_) is_out_of_order_ = true;
+  held_.push_back(activity);
+  if (held_.size() >= kMostHeld && !hold_all_) CountHeld(kMostHeld / 2);
+}
+
+// Counts the earliest of what is held.
+void RecordCounter::CountHeld(std::size_t count) {
+  const auto earlier = [](const Activity& a, const Activity& b) { return a.at_ms < b.at_ms; };
+  if (!std::is_sorted(held_.begin(), held_.end(), earlier)) {
+    std::stable_sort(held_.begin(), held_.end(), earlier);
+  }
+  const auto end = held_.begin() + static_cast<std::ptrdiff_t>(count);
+  for (auto activity = held_.begin(); activity != end; ++activity) CountActivity(*activity);
+  if (count > 0) counted_ms_ = held_[count - 1].at_ms;
+  held_.erase(held_.begin(), end);
+}
+
 // Every stretch of reading counts in the days and hours that it lies in, cut to the range, so that
 // the reports of two neighbouring ranges add up to that of both.
-void RecordCounter::CountReading(Summary* summary) {
-  std::stable_sort(activities_.begin(), activities_.end(),
-                   [](const Activity& a, const Activity& b) { return a.at_ms < b.at_ms; });
-  LocalClock clock;
+void RecordCounter::CountActivity(const Activity& activity) {
   const auto credit = [&](const LocalHour& hour, Reading* book, const Reading& reading) {
     const auto weekday = static_cast<std::size_t>(hour.weekday);
-    summary->reading += reading;
-    summary->days[hour.day] += reading;
-    summary->week[weekday][static_cast<std::size_t>(hour.hour)] += reading;
+    summary_.reading += reading;
+    summary_.days[hour.day] += reading;
+    summary_.week[weekday][static_cast<std::size_t>(hour.hour)] += reading;
     if (book) *book += reading;
   };
+  const bool in_range = range_.Holds(activity.at_ms);
+  if (activity.kind == Activity::Kind::kOpening) {
+    tracker_.Open(activity.at_ms, activity.book_id);
+    if (in_range) {
+      ++summary_.openings;
+      ++books_[activity.book_id].openings;
+    }
+    return;
+  }
+  BookReading* book = nullptr;
+  if (const auto span = tracker_.TurnPage(activity.at_ms)) {
+    const std::int64_t end = std::min(span->end_ms, range_.until_ms);
+    std::int64_t at = std::max(span->begin_ms, range_.since_ms);
+    if (at >= end && !in_range) return;
+    book = &books_[span->book_id];
+    if (span->session != counted_session_) ++summary_.sessions;
+    counted_session_ = span->session;
+    while (at < end) {
+      const LocalHour hour = clock_.At(at);
+      const std::int64_t until = std::min(end, hour.end_ms);
+      credit(hour, &book->reading, {until - at, 0, 0});
+      at = until;
+    }
+  }
+  if (!in_range) return;
+  const LocalHour hour = clock_.At(activity.at_ms);
+  const bool is_turn = activity.kind == Activity::Kind::kTurn;
+  credit(hour, book ? &book->reading : nullptr, {0, 1, book && is_turn ? 1 : 0});
+  if (book) {
+    ++book->turns_by_day[hour.day];
+  } else {
+    ++summary_.turns_outside;
+  }
+  if (is_turn && activity.book_id != 0) FollowBook(activity);
+}
 
-  SessionTracker tracker;
-  std::int64_t counted_session = 0;
-  for (const Activity& activity : activities_) {
-    const bool in_range = range_.Holds(activity.at_ms);
-    if (activity.opening) {
-      tracker.Open(activity.at_ms, activity.book_id);
-      if (in_range) {
-        ++summary->openings;
-        ++books_[activity.book_id].openings;
-      }
-      continue;
-    }
-    Reading* book = nullptr;
-    if (const auto span = tracker.TurnPage(activity.at_ms)) {
-      const std::int64_t end = std::min(span->end_ms, range_.until_ms);
-      std::int64_t at = std::max(span->begin_ms, range_.since_ms);
-      if (at >= end && !in_range) continue;
-      book = &books_[span->book_id].reading;
-      if (span->session != counted_session) ++summary->sessions;
-      counted_session = span->session;
-      while (at < end) {
-        const LocalHour hour = clock.At(at);
-        const std::int64_t until = std::min(end, hour.end_ms);
-        credit(hour, book, {until - at, 0});
-        at = until;
-      }
-    }
-    if (!in_range) continue;
-    credit(clock.At(activity.at_ms), book, {0, 1});
-    if (!book) ++summary->turns_outside;
+// Where in a book its reader is. Jumps don't tell: they are looks at something too.
+void RecordCounter::FollowBook(const Activity& turn) {
+  BookReading& book = books_[turn.book_id];
+  if (turn.pages > 0) book.pages = turn.pages;
+  const bool is_first = book.furthest == 0;
+  book.furthest = std::max(book.furthest, turn.to_page);
+  if (is_first && turn.pages > 0 && turn.from_page <= 1 + turn.pages / 20) {
+    book.begun_ms = turn.at_ms;
+  }
+  if (book.finished_ms == 0 && turn.pages > 0 && turn.to_page >= turn.pages) {
+    book.finished_ms = turn.at_ms;
+    book.finished_after_ms = book.reading.time_ms;
   }
 }
 
 Summary RecordCounter::Finish() {
-  Summary summary;
-  summary.range = range_;
-  summary.records = records_;
-  CountReading(&summary);
-
-  for (auto& [id, book] : books_) book.id = id;
+  CountHeld(held_.size());
+  Summary summary = std::move(summary_);
+  for (auto& [id, book] : books_) {
+    book.id = id;
+    if (const auto names = names_.find(id); names != names_.end()) {
+      book.title = names->second.title;
+      book.file_name = names->second.file_name;
+    }
+  }
   summary.books = MostReadFirst(books_);
   summary.all_books = static_cast<std::int64_t>(summary.books.size());
   for (std::size_t i = kMostBooks; i < summary.books.size(); ++i) {
@@ -193,9 +344,9 @@ Summary RecordCounter::Finish() {
   }
   summary.books.resize(std::min(summary.books.size(), kMostBooks));
 
-  summary.launches = launches_;
   summary.applications = applications_.Sorted();
   summary.events = events_.Sorted();
+  summary.words = words_.Sorted();
   for (const auto& [event, settings] : settings_) {
     SettingsGroup group{event, settings.records, {}};
     for (const auto& [field, seen] : settings.fields) {
@@ -204,29 +355,6 @@ Summary RecordCounter::Finish() {
     summary.settings.push_back(std::move(group));
   }
   return summary;
-}
-
-BookNames::BookNames(std::vector<BookReading>* books) {
-  for (BookReading& book : *books) books_[book.id] = &book;
-}
-
-void BookNames::Add(const store::RecordRow& row) {
-  const auto learn = [this](const Json& fields, const char* title) {
-    const auto book = books_.find(BookIdIn(fields));
-    if (book == books_.end()) return;
-    if (std::string text = TextIn(fields, "file_name"); !text.empty()) {
-      book->second->file_name = Shortened(std::move(text));
-    }
-    if (std::string text = title ? TextIn(fields, title) : ""; !text.empty()) {
-      book->second->title = Shortened(std::move(text));
-    }
-  };
-  const Json fields = records::ParseFields(row.fields);
-  if (row.type == EventFactory::kOpenBook) {
-    learn(fields, nullptr);
-  } else if (const auto batch = fields.find("books"); batch != fields.end()) {
-    for (const Json& description : *batch) learn(description, "s1");
-  }
 }
 
 }  // namespace velmora::usage_stat::report

@@ -7,11 +7,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "tools/report/sessions.h"
 #include "tools/report/summary.h"
 #include "tools/store/row.h"
 
@@ -54,24 +57,43 @@ class Counts {
   std::int64_t uncounted_ = 0;
 };
 
-// Takes records in any order. Keeps 16 bytes for each page event and opening, and little else.
+// Takes records in any order, and memory for a fixed number of them: page events count in order of
+// time, and are held only until so many later ones came.
 class RecordCounter {
  public:
-  explicit RecordCounter(Range range) : range_(range) {}
+  // What a page event says of its book.
+  struct Activity {
+    enum class Kind : std::uint8_t { kOpening, kJump, kTurn };
+
+    std::int64_t at_ms = 0;
+    std::int32_t book_id = 0;  // 0: not told
+    std::int32_t from_page = 0;
+    std::int32_t to_page = 0;
+    std::int32_t pages = 0;
+    Kind kind = Kind::kOpening;
+  };
+
+  // With `hold_all`, page events may come in any order at all, and are all held.
+  RecordCounter(Range range, SummaryOptions options, bool hold_all = false);
+  ~RecordCounter();
+  RecordCounter(const RecordCounter&) = delete;
+  RecordCounter& operator=(const RecordCounter&) = delete;
 
   // Counts `row`. Records outside the range count as far as a session reaches into it: give those
   // since the last opening before it, and those up to kLongestPauseMs after it.
   void Add(const store::RecordRow& row);
 
-  // Everything but the books' names, the sender errors and the size of the database.
+  // Takes from a record from before these only what books are called.
+  void Learn(const store::RecordRow& row);
+
+  // Whether a page event came so late that it could not be counted in order of time. What Finish()
+  // gives is wrong then; count again and hold all.
+  bool is_out_of_order() const { return is_out_of_order_; }
+
+  // Everything but the sender errors and the size of the database.
   Summary Finish();
 
  private:
-  struct Activity {
-    std::int64_t at_ms = 0;
-    std::int32_t book_id = 0;
-    bool opening = false;
-  };
   struct SettingValues {
     std::string latest;
     Counts values{50};
@@ -81,33 +103,42 @@ class RecordCounter {
     std::int64_t latest_ms = 0;
     std::vector<std::pair<std::string, SettingValues>> fields;  // in the order of the record
   };
+  struct BookNames {
+    std::string title;
+    std::string file_name;
+  };
+  class Payload;
 
+  Activity ReadActivity(const store::RecordRow& row);
+  void Hold(const Activity& activity);
+  void CountHeld(std::size_t count);
+  void CountActivity(const Activity& activity);
+  void FollowBook(const Activity& turn);
   void AddLaunch(const store::RecordRow& row);
   void AddSettings(const store::RecordRow& row);
-  void CountReading(Summary* summary);
+  void AddLookup(const store::RecordRow& row);
+  void LearnNewBooks(const store::RecordRow& row);
+  void LearnNames(std::int32_t book_id, std::string title, std::string file_name);
 
   Range range_;
-  std::int64_t records_ = 0;
-  std::vector<Activity> activities_;
+  SummaryOptions options_;
+  bool hold_all_;
+  bool is_out_of_order_ = false;
+  std::unique_ptr<Payload> payload_;
+
+  std::vector<Activity> held_;
+  std::int64_t counted_ms_;  // the latest page event that was counted
+  SessionTracker tracker_;
+  std::int64_t counted_session_ = 0;
+  LocalClock clock_;
+
+  Summary summary_;
   std::unordered_map<std::int32_t, BookReading> books_;
-  std::int64_t launches_ = 0;
+  std::unordered_map<std::int32_t, BookNames> names_;
   Counts applications_;
   Counts events_;
+  Counts words_;
   std::map<std::string, Settings> settings_;
-};
-
-// Learns what books are called from the records that tell it.
-class BookNames {
- public:
-  // Only the names of these are kept.
-  explicit BookNames(std::vector<BookReading>* books);
-
-  // Takes records in order of time; later names win. Titles come with descriptions of new books,
-  // file names with those and with openings.
-  void Add(const store::RecordRow& row);
-
- private:
-  std::unordered_map<std::int32_t, BookReading*> books_;
 };
 
 }  // namespace velmora::usage_stat::report

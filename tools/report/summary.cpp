@@ -5,6 +5,8 @@
 #include <optional>
 #include <set>
 
+#include "src/stat_event/event_factory.h"
+#include "tools/base/status.h"
 #include "tools/report/record_counter.h"
 #include "tools/report/sessions.h"
 
@@ -29,37 +31,6 @@ Status CheckRange(const Range& range) {
     return Status::Failed("the range of time is longer than 100 years");
   }
   return {};
-}
-
-// The last opening before the range, whose session may reach into it; the begin of the range when
-// there is none.
-Status FindFirstOpening(Journal* journal, const Range& range, std::int64_t* first_ms,
-                        std::vector<std::string>* problems) {
-  Query query;
-  query.until_ms = range.since_ms;
-  query.events = {kOpening};
-  std::optional<std::int64_t> last_ms;
-  Status status = journal->ForEach(
-      query,
-      [&](const RecordRow& row) {
-        last_ms = std::max(last_ms.value_or(row.timestamp_ms), row.timestamp_ms);
-        return true;
-      },
-      problems);
-  *first_ms = last_ms.value_or(range.since_ms);
-  return status;
-}
-
-Status NameBooks(Journal* journal, const Range& range, std::vector<BookReading>* books) {
-  if (books->empty()) return {};
-  Query query;
-  query.until_ms = range.until_ms;
-  query.events = {kOpening, kNewBooks};
-  BookNames names(books);
-  return journal->ForEach(query, [&](const RecordRow& row) {
-    names.Add(row);
-    return true;
-  });
 }
 
 constexpr std::size_t kMostSenders = 5;
@@ -131,39 +102,64 @@ Status CountRefused(store::Reader* reader, Summary* summary) {
   return {};
 }
 
-}  // namespace
-
-Status ReadSummary(Journal* journal, Range range, Summary* summary) {
-  if (Status status = CheckRange(range); !status.ok()) return status;
-
-  std::vector<std::string> problems;
+// Reads what came before the range: it tells what books are called, and `first_ms`, the last
+// opening, whose session may reach into the range; its begin when there is none.
+Status ReadBefore(Journal* journal, const Range& range, RecordCounter* counter,
+                  std::int64_t* first_ms, std::vector<std::string>* problems) {
   Query query;
-  std::int64_t first_ms = 0;
-  if (Status status = FindFirstOpening(journal, range, &first_ms, &problems); !status.ok()) {
-    return status;
-  }
-  query.since_ms = first_ms;
-  query.until_ms = range.until_ms + kLongestPauseMs;
-  RecordCounter counter(range);
-  Status status = journal->ForEach(
+  query.until_ms = range.since_ms;
+  query.events = {kOpening, kNewBooks};
+  std::optional<std::int64_t> last_ms;
+  RETURN_IF_ERROR(journal->ForEach(
       query,
       [&](const RecordRow& row) {
-        counter.Add(row);
+        if (row.type == EventFactory::kOpenBook) {
+          last_ms = std::max(last_ms.value_or(row.timestamp_ms), row.timestamp_ms);
+        }
+        counter->Learn(row);
         return true;
       },
-      &problems);
-  if (!status.ok()) return status;
+      problems));
+  *first_ms = last_ms.value_or(range.since_ms);
+  return {};
+}
 
-  *summary = counter.Finish();
+Status CountRecords(Journal* journal, const Range& range, RecordCounter* counter,
+                    std::vector<std::string>* problems) {
+  Query query;
+  std::int64_t first_ms = 0;
+  RETURN_IF_ERROR(ReadBefore(journal, range, counter, &first_ms, problems));
+  query.since_ms = first_ms;
+  query.until_ms = range.until_ms + kLongestPauseMs;
+  return journal->ForEach(
+      query,
+      [&](const RecordRow& row) {
+        counter->Add(row);
+        return !counter->is_out_of_order();
+      },
+      problems);
+}
+
+}  // namespace
+
+Status ReadSummary(Journal* journal, Range range, SummaryOptions options, Summary* summary) {
+  RETURN_IF_ERROR(CheckRange(range));
+  std::vector<std::string> problems;
+  for (const bool hold_all : {false, true}) {
+    RecordCounter counter(range, options, hold_all);
+    problems.clear();
+    RETURN_IF_ERROR(CountRecords(journal, range, &counter, &problems));
+    *summary = counter.Finish();
+    if (!counter.is_out_of_order()) break;
+  }
   std::sort(problems.begin(), problems.end());
   problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
   summary->problems = std::move(problems);
-  if (status = NameBooks(journal, range, &summary->books); !status.ok()) return status;
 
   store::Reader& live = journal->live();
   std::int64_t quarantined = 0;
-  if (status = live.CountRows(&summary->all_records, &quarantined); !status.ok()) return status;
-  if (status = CountUndecodable(&live, summary); !status.ok()) return status;
+  RETURN_IF_ERROR(live.CountRows(&summary->all_records, &quarantined));
+  RETURN_IF_ERROR(CountUndecodable(&live, summary));
   return CountRefused(&live, summary);
 }
 

@@ -25,10 +25,12 @@ struct Count {
 struct Reading {
   std::int64_t time_ms = 0;
   std::int64_t turns = 0;  // page events: turns and jumps
+  std::int64_t paced = 0;  // of these, turns inside a session: what a pace can be told from
 
   Reading& operator+=(const Reading& other) {
     time_ms += other.time_ms;
     turns += other.turns;
+    paced += other.paced;
     return *this;
   }
   bool operator==(const Reading&) const = default;
@@ -38,8 +40,17 @@ struct BookReading {
   std::int32_t id = 0;
   Reading reading;
   std::int64_t openings = 0;
-  std::string title;      // empty when no record tells it
-  std::string file_name;  // likewise
+  std::int64_t lookups = 0;  // words looked up
+  std::string title;         // empty when no record tells it
+  std::string file_name;     // likewise
+
+  // What page turns tell, as far as they name the book and its pages; 0 where they don't.
+  std::int32_t pages = 0;     // how many it has
+  std::int32_t furthest = 0;  // the furthest page that was turned to
+  std::int64_t begun_ms = 0;  // the first turn, when it was within the first twentieth
+  std::int64_t finished_ms = 0;
+  std::int64_t finished_after_ms = 0;  // reading time from its beginning until then
+  std::map<Day, std::int64_t> turns_by_day;
 };
 
 // A named field of a settings record.
@@ -83,6 +94,9 @@ struct Summary {
 
   std::vector<Count> applications;
   std::int64_t launches = 0;
+  std::map<Day, std::int64_t> launches_by_day;
+  std::int64_t lookups = 0;
+  std::vector<Count> words;  // looked up; empty unless asked for
   std::vector<SettingsGroup> settings;
   std::vector<Count> events;
 
@@ -95,9 +109,14 @@ struct Summary {
 // More books than these are told as a sum.
 constexpr std::size_t kMostBooks = 100;
 
+struct SummaryOptions {
+  bool with_words = false;  // tell which words were looked up, not only how many
+};
+
 // Sums up what `journal` holds of `range`, archives included. The range must lie on the calendar
 // and be no longer than kLongestRangeMs; it is refused otherwise.
-store::Status ReadSummary(store::Journal* journal, Range range, Summary* summary);
+store::Status ReadSummary(store::Journal* journal, Range range, SummaryOptions options,
+                          Summary* summary);
 
 // A hundred years: more days than that make no page to look at.
 constexpr std::int64_t kLongestRangeMs = std::int64_t{36525} * 24 * 3600 * 1000;

@@ -69,6 +69,21 @@ class TextBuffer : public std::streambuf {
 
 std::string FileName(const Book& book) { return book.path.substr(book.path.rfind('/') + 1); }
 
+// "the-salt-lantern"; letters that are not English stay as they are.
+std::string Slug(const std::string& title) {
+  std::string slug;
+  for (const char c : title) {
+    const bool is_upper = c >= 'A' && c <= 'Z';
+    const bool is_kept = is_upper || (c >= 'a' && c <= 'z') || static_cast<signed char>(c) < 0;
+    if (is_kept) {
+      slug += is_upper ? static_cast<char>(c - 'A' + 'a') : c;
+    } else if (!slug.empty() && slug.back() != '-') {
+      slug += '-';
+    }
+  }
+  return slug;
+}
+
 std::vector<Book> MakeLibrary() {
   std::vector<Book> books = {
       {"", "Quiet Engines: A History of Small Machines", "T. Okonjo-Reyes", "en", 0, 528},
@@ -84,14 +99,13 @@ std::vector<Book> MakeLibrary() {
                        dice.Chance(80) ? "en" : "de", 0, dice.Around(320, 220)});
     }
   }
-  for (std::size_t i = 0; i < books.size(); ++i) {
+  for (Book& book : books) {
     const int kind = dice.Between(1, 10);
-    books[i].path = "/mnt/ext1/books/" + std::to_string(i + 1) + "-" +
-                    std::to_string(dice.Between(100, 999)) +
-                    (kind < 8    ? ".epub"
-                     : kind < 10 ? ".fb2.zip"
-                                 : ".pdf");
-    books[i].id = Stat_GetBookId(books[i].path.c_str());
+    book.path = "/mnt/ext1/books/" + Slug(book.title) +
+                (kind < 8    ? ".epub"
+                 : kind < 10 ? ".fb2.zip"
+                             : ".pdf");
+    book.id = Stat_GetBookId(book.path.c_str());
   }
   return books;
 }
@@ -201,13 +215,17 @@ void Person::Begin() {
   language.event_.language_ = std::string(dice_.Chance(70) ? "en" : "de");
   Send(language);
   ChangeSettings();
+  for (int i = dice_.Between(4, 12); i > 0; --i) ChooseBook();
+  AnnounceBooks(0);
+}
+
+// Describes the books of the shelf from the given one on, all but a few that are mere files.
+void Person::AnnounceBooks(std::size_t first) {
   NewBooksEventEx batch;
   batch.application_ = 1;
-  const int count = dice_.Between(4, 12);
-  for (int i = 0; i < count; ++i) {
-    ChooseBook();
-    const Book& book = *shelf_.back().book;
-    if (i % 7 == 5) continue;  // a file without a description
+  for (std::size_t i = first; i < shelf_.size(); ++i) {
+    const Book& book = *shelf_[i].book;
+    if (i % 9 == 8) continue;
     NewBookRecord& record = batch.records_.emplace_back();
     record.book_id_ = book.id;
     record.language_ = book.language;
@@ -217,7 +235,6 @@ void Person::Begin() {
   }
   batch.count_ = static_cast<std::int32_t>(batch.records_.size());
   Send(batch);
-  current_ = 0;
 }
 
 // Well-known books are chosen more often.
@@ -294,6 +311,7 @@ void Person::Read(int minutes) {
   if (shelf_[current_].page >= shelf_[current_].book->pages) {  // finished
     ChooseBook();
     current_ = shelf_.size() - 1;
+    AnnounceBooks(current_);
   }
   Reading& reading = shelf_[current_];
   const Book& book = *reading.book;

@@ -62,6 +62,7 @@ class Person {
   void Launch(const char* name);
   void ChangeSettings();
   void ChooseBook();
+  void AnnounceBooks(std::size_t first);
   void Read(int minutes);
   void At(std::int64_t ms);
   void Send(Event* event);

@@ -20,7 +20,10 @@
     if (ms % hour === 0) return (ms / hour).toLocaleString('en') + ' h';
     return ms < hour ? ms / minute + ' min' : ms / hour + ' h';
   };
-  const format = (unit, value) => (unit === 'time' ? duration(value) : value.toLocaleString('en'));
+  const format = (unit, value) => {
+    if (unit === 'time') return duration(value);
+    return value.toLocaleString('en') + (unit === 'percent' ? ' %' : '');
+  };
   const cut = (text, length) => {
     const characters = Array.from(text);
     return characters.length <= length ? text : characters.slice(0, length - 1).join('') + '…';
@@ -72,7 +75,7 @@
             maxTicksLimit: 6,
             stepSize: stepOf(chart),
             callback: (value) =>
-              chart.unit === 'time' ? shortDuration(value) : value.toLocaleString('en'),
+              chart.unit === 'time' ? shortDuration(value) : format(chart.unit, value),
           },
         },
       },
@@ -86,6 +89,29 @@
       },
     },
   });
+
+  // Several measures over time, on top of each other, with a legend.
+  const stacks = (chart) => {
+    const sums = chart.labels.map((_, i) => chart.values.reduce((sum, v) => sum + v[i], 0));
+    const config = columns({...chart, values: sums});
+    config.data.datasets = chart.values.map((values, i) => ({
+      label: cut(chart.names[i], 28),
+      data: values,
+      backgroundColor: colour('stack-' + (i + 1)),
+      maxBarThickness: 28,
+    }));
+    const {scales, plugins} = config.options;
+    scales.x.stacked = scales.y.stacked = true;
+    plugins.legend = {
+      display: true,
+      position: 'bottom',
+      align: 'start',
+      labels: {color: colour('ink'), boxWidth: 12, boxHeight: 12},
+    };
+    plugins.tooltip.callbacks.label = (item) =>
+      chart.names[item.datasetIndex] + ': ' + format(chart.unit, item.raw);
+    return config;
+  };
 
   // One bar for each name, its value written beside it.
   const rows = (chart) => ({
@@ -198,7 +224,7 @@
     };
   };
 
-  const kinds = {columns, rows, hours};
+  const kinds = {columns, stacks, rows, hours};
   const drawn = [];
 
   const draw = (canvas) => {
@@ -225,17 +251,22 @@
 
   matchMedia('(prefers-color-scheme: dark)').addEventListener('change', drawAll);
   // Paper is light, narrower than most screens, and finer.
+  const tables = [...document.querySelectorAll('main details')];
+  for (const table of tables) table.open = false; // they are open where no script runs
+  let opened = [];
   addEventListener('beforeprint', () => {
     root.classList.add('printing');
+    opened = tables.filter((table) => !table.open);
+    for (const table of opened) table.open = true;
     Chart.defaults.devicePixelRatio = 3;
     drawAll();
     for (const chart of drawn) {
-      const wide = chart.canvas.closest('.wide') !== null;
-      chart.resize(wide ? 660 : 305, chart.options.indexAxis === 'y' ? chart.height : 165);
+      chart.resize(660, chart.options.indexAxis === 'y' ? chart.height : 165);
     }
   });
   addEventListener('afterprint', () => {
     root.classList.remove('printing');
+    for (const table of opened) table.open = false;
     Chart.defaults.devicePixelRatio = undefined;
     drawAll();
   });
