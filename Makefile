@@ -4,7 +4,7 @@ PRESET ?= release
 BUILD := build/$(PRESET)
 
 .PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser \
-        demo records bench bench-smoke bench-build contract fuzz fuzz-long fuzz-build faults soak clean
+        demo records bench bench-smoke bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -81,6 +81,11 @@ bench-smoke: bench-build
 # What calls may cost at most, by counting.
 contract: bench-build
 	bench/contract build/bench
+
+# What the fleet's side takes, beside PostgreSQL's own COPY.
+bench-fleet: bench-build
+	scripts/setup fleet
+	bench/fleet build/bench
 
 bench-build:
 	scripts/setup build bench

@@ -106,8 +106,8 @@ Status Database::Check(pg_result* result, Rows* rows) {
   return {};
 }
 
-Status Database::Execute(const std::string& sql) {
-  return Check(PQexec(connection_.get(), sql.c_str()), nullptr);
+Status Database::Execute(const std::string& sql, Rows* rows) {
+  return Check(PQexec(connection_.get(), sql.c_str()), rows);
 }
 
 Status Database::Run(const char* sql, const std::vector<Parameter>& parameters, Rows* rows) {
@@ -148,15 +148,15 @@ Transaction::~Transaction() {
   if (is_open_) (void)database_->Execute("ROLLBACK");
 }
 
-Status Transaction::Begin() {
-  RETURN_IF_ERROR(database_->Execute("BEGIN"));
+Status Transaction::Begin(const std::string& sql, Rows* rows) {
   is_open_ = true;
-  return {};
+  return database_->Execute("BEGIN;" + sql, rows);
 }
 
-Status Transaction::Commit() {
+Status Transaction::Commit(const std::string& sql) {
+  RETURN_IF_ERROR(database_->Execute(sql + "COMMIT"));
   is_open_ = false;
-  return database_->Execute("COMMIT");
+  return {};
 }
 
 std::string ArrayOf(const std::vector<std::string>& values) {

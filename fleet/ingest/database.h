@@ -62,8 +62,8 @@ class Database {
   // `conninfo` as PostgreSQL's own programs take it; what it leaves open, the environment tells.
   static base::Status Open(const std::string& conninfo, Database* database);
 
-  // Statements without parameters or rows.
-  base::Status Execute(const std::string& sql);
+  // Statements without parameters, in one message; `rows` are those of the last one.
+  base::Status Execute(const std::string& sql, Rows* rows = nullptr);
   // One statement with parameters $1, $2, ...
   base::Status Run(const char* sql, const std::vector<Parameter>& parameters, Rows* rows = nullptr);
   // `target` is such as "records(day, device)".
@@ -90,8 +90,9 @@ class Transaction {
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
 
-  base::Status Begin();
-  base::Status Commit();
+  // Each with what `sql` does within it, in the same message; `rows` are of its last statement.
+  base::Status Begin(const std::string& sql = {}, Rows* rows = nullptr);
+  base::Status Commit(const std::string& sql = {});
 
  private:
   Database* database_;

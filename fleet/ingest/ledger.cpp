@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <set>
 #include <utility>
 #include <variant>
 
@@ -117,6 +118,13 @@ void PutRecord(const RecordRow& row, std::string_view fields, std::string_view p
 
 }  // namespace
 
+// The devices of a transaction that the fleet has not forgotten, and the day.
+struct Ledger::Entered {
+  std::map<std::string, std::int64_t> devices;
+  std::string day;
+  std::int64_t day_number = 0;  // since the first of the year 2000
+};
+
 // A store's cursor while its row is locked.
 struct Ledger::Store {
   std::int64_t id = 0;
@@ -165,67 +173,60 @@ Status Ledger::ChooseSlot() {
   return Status::Failed("too many ingesters");
 }
 
-// Locks the devices of `pending` and gives them rows. Whoever forgets a device holds the same lock,
-// so that nothing of it can arrive meanwhile.
-Status Ledger::EnterDevices(const Pending& pending, std::map<std::string, std::int64_t>* devices,
-                            std::set<std::string>* forgotten) {
+// Begins the transaction that takes `pending`: locks its devices and gives them rows. Whoever
+// forgets a device holds the same lock, so that nothing of it can arrive meanwhile. The values that
+// stand in the statements are digits, checked before.
+Status Ledger::EnterDevices(const Pending& pending, Transaction* transaction, Entered* entered) {
   std::set<std::string> unique;
   for (const auto& one : pending.all) unique.insert(one.delivery->name);
-  const Parameter names = ArrayOf({unique.begin(), unique.end()});
-  RETURN_IF_ERROR(database_.Run(
-      "SELECT pg_advisory_xact_lock(h) FROM (SELECT DISTINCT hashtextextended(n, 0) AS h "
-      "FROM unnest($1::text[]) n ORDER BY h) s",
-      {names}));
+  const std::string names =
+      "unnest('" + ArrayOf({unique.begin(), unique.end()}) + "'::text[]) AS n";
   Rows rows;
-  RETURN_IF_ERROR(
-      database_.Run("SELECT name FROM forgotten WHERE name = ANY($1::text[])", {names}, &rows));
-  for (int row = 0; row < rows.size(); ++row) forgotten->emplace(rows.Text(row, 0));
-  RETURN_IF_ERROR(
-      database_.Run("INSERT INTO devices(name) SELECT n FROM unnest($1::text[]) n "
-                    "WHERE NOT EXISTS (SELECT FROM devices WHERE name = n) "
-                    "AND NOT EXISTS (SELECT FROM forgotten WHERE name = n) ORDER BY n",
-                    {names}));
-  RETURN_IF_ERROR(
-      database_.Run("SELECT name, id FROM devices WHERE name = ANY($1::text[])", {names}, &rows));
-  for (int row = 0; row < rows.size(); ++row) devices->emplace(rows.Text(row, 0), rows.Int(row, 1));
+  RETURN_IF_ERROR(transaction->Begin(
+      "SELECT pg_advisory_xact_lock(h) FROM (SELECT DISTINCT hashtextextended(n, 0) AS h FROM " +
+          names +
+          " ORDER BY h) s;"
+          "INSERT INTO devices(name) SELECT n FROM " +
+          names +
+          " WHERE NOT EXISTS (SELECT FROM devices WHERE name = n) "
+          "AND NOT EXISTS (SELECT FROM forgotten WHERE name = n) ORDER BY n;"
+          "SELECT n, d.id, (now() AT TIME ZONE 'UTC')::date, "
+          "(now() AT TIME ZONE 'UTC')::date - '2000-01-01'::date FROM " +
+          names + " LEFT JOIN devices d ON d.name = n",
+      &rows));
+  for (int row = 0; row < rows.size(); ++row) {
+    if (!rows.IsNull(row, 1)) entered->devices.emplace(rows.Text(row, 0), rows.Int(row, 1));
+    entered->day = rows.Text(row, 2);
+    entered->day_number = rows.Int(row, 3);
+  }
   return {};
 }
 
 // Locks the cursors of all stores that are named, and makes those that are new.
-Status Ledger::EnterStores(const Pending& pending,
-                           const std::map<std::string, std::int64_t>& devices, Stores* stores) {
-  std::vector<std::string> ids;
-  std::vector<std::string> keys;
-  std::vector<std::string> firsts;
+Status Ledger::EnterStores(const Pending& pending, const Entered& entered, Stores* stores) {
+  std::string wanted;
   for (const auto& one : pending.all) {
-    const auto device = devices.find(one.delivery->name);
-    if (one.decoded.verdict != Verdict::kGood || device == devices.end()) continue;
+    const auto device = entered.devices.find(one.delivery->name);
+    if (one.decoded.verdict != Verdict::kGood || device == entered.devices.end()) continue;
     const Batch& batch = one.decoded.batch;
     Store& store = (*stores)[{one.delivery->name, batch.store}];
-    if (store.device == 0) {
-      store.device = device->second;
-      store.first = batch.store_first;
-      store.cursor = batch.store_first - 1;
-      ids.push_back(std::to_string(store.device));
-      keys.push_back(ToText(batch.store));
-      firsts.push_back(std::to_string(batch.store_first));
-    }
+    if (store.device != 0) continue;
+    store.device = device->second;
+    wanted += (wanted.empty() ? "(" : ",(") + std::to_string(store.device) + ",'\\x" +
+              ToText(batch.store) + "'::bytea," + std::to_string(batch.store_first) + "::bigint)";
   }
-  if (ids.empty()) return {};
-  const std::vector<Parameter> parameters = {ArrayOf(ids), ArrayOf(keys), ArrayOf(firsts)};
-  RETURN_IF_ERROR(
-      database_.Run("INSERT INTO stores(device, store_id, first, cursor) "
-                    "SELECT d, decode(k, 'hex'), f, f - 1 "
-                    "FROM unnest($1::int[], $2::text[], $3::bigint[]) AS n(d, k, f) ORDER BY d, k "
-                    "ON CONFLICT DO NOTHING",
-                    parameters));
+  if (wanted.empty()) return {};
+  wanted = "(VALUES " + wanted + ") AS n(d, k, f) ";
   Rows rows;
-  RETURN_IF_ERROR(
-      database_.Run("SELECT d.name, s.store_id, s.id, s.first, s.cursor, s.last_batch "
-                    "FROM unnest($1::int[], $2::text[]) AS n(d, k) "
-                    "JOIN stores s ON s.device = n.d AND s.store_id = decode(n.k, 'hex') "
-                    "JOIN devices d ON d.id = s.device ORDER BY s.id FOR UPDATE OF s",
-                    {parameters[0], parameters[1]}, &rows));
+  RETURN_IF_ERROR(database_.Execute(
+      "INSERT INTO stores(device, store_id, first, cursor) SELECT d, k, f, f - 1 FROM " + wanted +
+          "WHERE NOT EXISTS (SELECT FROM stores WHERE device = d AND store_id = k) "
+          "ORDER BY d, k;"
+          "SELECT d.name, s.store_id, s.id, s.first, s.cursor, s.last_batch FROM " +
+          wanted +
+          "JOIN stores s ON s.device = n.d AND s.store_id = n.k "
+          "JOIN devices d ON d.id = s.device ORDER BY s.id FOR UPDATE OF s",
+      &rows));
   for (int row = 0; row < rows.size(); ++row) {
     Id key{};
     std::ranges::copy(rows.Bytes(row, 1), key.begin());
@@ -247,34 +248,40 @@ Status Ledger::Reject(std::int64_t device, const std::string& problem, const std
       {id, problem, ByteaOf(message), std::to_string(kKeptRejections)});
 }
 
-Status Ledger::Save(const Stores& stores) {
+// What moves the cursors that were changed.
+std::string Ledger::SaveStatement(const Stores& stores) {
+  std::string rows;
   for (const auto& [key, store] : stores) {
     if (!store.changed) continue;
-    RETURN_IF_ERROR(database_.Run(
-        "UPDATE stores SET cursor = $2, last_batch = $3::bytea, stored = stored + $4::bigint, "
-        "quarantined = quarantined + $5::bigint, forks = forks + $6::bigint WHERE id = $1",
-        {std::to_string(store.id), std::to_string(store.cursor),
-         store.last_batch.empty() ? Parameter() : ByteaOf(store.last_batch),
-         std::to_string(store.stored), std::to_string(store.quarantined),
-         std::to_string(store.forks)}));
-    RETURN_IF_ERROR(database_.Run(
-        "UPDATE devices SET last_seen = now(), level = $2::smallint WHERE id = $1",
-        {std::to_string(store.device), std::to_string(static_cast<int>(store.level))}));
+    rows += (rows.empty() ? "(" : ",(") + std::to_string(store.id) + "," +
+            std::to_string(store.device) + "," + std::to_string(store.cursor) + ",'" +
+            ByteaOf(store.last_batch) + "'::bytea," + std::to_string(store.stored) + "," +
+            std::to_string(store.quarantined) + "," + std::to_string(store.forks) + "," +
+            std::to_string(static_cast<int>(store.level)) + ")";
   }
-  return {};
+  if (rows.empty()) return {};
+  rows = " FROM (VALUES " + rows +
+         ") AS n(id, device, cursor, last, stored, quarantined, forks, level) ";
+  return "UPDATE stores s SET cursor = n.cursor, last_batch = nullif(n.last, ''), "
+         "stored = s.stored + n.stored, quarantined = s.quarantined + n.quarantined, "
+         "forks = s.forks + n.forks" +
+         rows +
+         "WHERE s.id = n.id;"
+         "UPDATE devices d SET last_seen = now(), level = n.level" +
+         rows + "WHERE d.id = n.device;";
 }
 
-Status Ledger::Count(const Tallies& tallies) {
+// What adds to the counters of this ingester.
+std::string Ledger::CountStatement(const std::string& day, const Tallies& tallies) const {
+  std::string rows;
   for (const auto& [outcome, tally] : tallies) {
-    RETURN_IF_ERROR(database_.Run(
-        "INSERT INTO ingestion VALUES($1::date, $2::smallint, $3, $4::bigint, $5::bigint) "
-        "ON CONFLICT(day, ingester, outcome) DO UPDATE SET "
-        "batches = ingestion.batches + excluded.batches, "
-        "records = ingestion.records + excluded.records",
-        {day_, std::to_string(slot_), outcome, std::to_string(tally.batches),
-         std::to_string(tally.records)}));
+    rows += (rows.empty() ? "('" : ",('") + day + "'," + std::to_string(slot_) + ",'" + outcome +
+            "'," + std::to_string(tally.batches) + "," + std::to_string(tally.records) + ")";
   }
-  return {};
+  return "INSERT INTO ingestion VALUES " + rows +
+         " ON CONFLICT(day, ingester, outcome) DO UPDATE SET "
+         "batches = ingestion.batches + excluded.batches, "
+         "records = ingestion.records + excluded.records;";
 }
 
 Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Reply>* replies) {
@@ -292,15 +299,17 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
   }
 
   Transaction transaction(&database_);
-  std::map<std::string, std::int64_t> devices;
-  std::set<std::string> forgotten;
+  Entered entered;
   Stores stores;
-  RETURN_IF_ERROR(transaction.Begin());
-  RETURN_IF_ERROR(EnterDevices(pending, &devices, &forgotten));
-  RETURN_IF_ERROR(EnterStores(pending, devices, &stores));
-  Rows rows;
-  RETURN_IF_ERROR(database_.Run("SELECT $1::date - '2000-01-01'::date", {day_}, &rows));
-  const std::int64_t day = rows.Int(0, 0);
+  RETURN_IF_ERROR(EnterDevices(pending, &transaction, &entered));
+  if (entered.day != day_) {
+    RETURN_IF_ERROR(transaction.Commit());
+    RETURN_IF_ERROR(PreparePartition(&database_, entered.day));
+    day_ = entered.day;
+    return Attempt(deliveries, replies);
+  }
+  RETURN_IF_ERROR(EnterStores(pending, entered, &stores));
+  const std::int64_t day = entered.day_number;
 
   CopyRows record_rows;
   CopyRows missing_rows;
@@ -355,7 +364,8 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
     const std::string& name = one.delivery->name;
     Reply reply{name, {batch.id, Answer::kRefused, batch.store, 0}};
     std::string outcome;
-    if (forgotten.contains(name)) {
+    const auto device = entered.devices.find(name);
+    if (device == entered.devices.end()) {
       if (one.is_forget) reply.receipt.batch = one.request;
       reply.receipt.answer = Answer::kForgotten;
       outcome = "forgotten";
@@ -365,7 +375,7 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
     } else if (one.decoded.verdict != Verdict::kGood) {
       reply.receipt = {{}, Answer::kRefused, {}, 0};
       outcome = "malformed";
-      RETURN_IF_ERROR(Reject(devices[name], one.decoded.problem, one.delivery->message));
+      RETURN_IF_ERROR(Reject(device->second, one.decoded.problem, one.delivery->message));
     } else {
       Store& store = stores.at({name, batch.store});
       store.level = batch.level;
@@ -404,9 +414,7 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
   RETURN_IF_ERROR(database_.Copy(
       "quarantine(device, store, day, number, time_ms, type, level, actions, payload, reason)",
       quarantine_rows));
-  RETURN_IF_ERROR(Save(stores));
-  RETURN_IF_ERROR(Count(tallies));
-  RETURN_IF_ERROR(transaction.Commit());
+  RETURN_IF_ERROR(transaction.Commit(SaveStatement(stores) + CountStatement(day_, tallies)));
   for (const auto& [outcome, tally] : tallies) {
     tallies_[outcome].batches += tally.batches;
     tallies_[outcome].records += tally.records;
@@ -420,12 +428,6 @@ Status Ledger::Take(const std::vector<Delivery>& deliveries, std::vector<Reply>*
   for (const Delivery& delivery : deliveries) {
     Id request{};
     if (DecodeForget(delivery.message, &request)) RETURN_IF_ERROR(Forget(delivery.name));
-  }
-  std::string today;
-  RETURN_IF_ERROR(Today(&database_, &today));
-  if (today != day_) {
-    RETURN_IF_ERROR(PreparePartition(&database_, today));
-    day_ = today;
   }
   Status status = Attempt(deliveries, replies);
   if (status.ok() || deliveries.size() == 1 || !database_.is_connected()) return status;

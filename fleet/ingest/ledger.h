@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -64,16 +63,15 @@ class Ledger {
  private:
   struct Store;
   struct Pending;
+  struct Entered;
   using Stores = std::map<std::pair<std::string, Id>, Store>;
 
   base::Status Attempt(const std::vector<Delivery>& deliveries, std::vector<Reply>* replies);
-  base::Status EnterDevices(const Pending& pending, std::map<std::string, std::int64_t>* devices,
-                            std::set<std::string>* forgotten);
-  base::Status EnterStores(const Pending& pending,
-                           const std::map<std::string, std::int64_t>& devices, Stores* stores);
+  base::Status EnterDevices(const Pending& pending, Transaction* transaction, Entered* entered);
+  base::Status EnterStores(const Pending& pending, const Entered& entered, Stores* stores);
   base::Status Reject(std::int64_t device, const std::string& problem, const std::string& message);
-  base::Status Save(const Stores& stores);
-  base::Status Count(const Tallies& tallies);
+  static std::string SaveStatement(const Stores& stores);
+  std::string CountStatement(const std::string& day, const Tallies& tallies) const;
   base::Status ChooseSlot();
   base::Status ApplyTombstones();
   base::Status Delete(const std::string& name);

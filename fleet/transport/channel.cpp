@@ -111,6 +111,8 @@ Status Channel::Open(const BrokerOptions& options, int timeout_ms,
     mosquitto_int_option(session->client, MOSQ_OPT_TLS_USE_OS_CERTS, 0);
     mosquitto_tls_opts_set(session->client, /*verify=*/1, "tlsv1.2", nullptr);
   }
+  // A message is small and waited for: it must not wait itself for more to be sent.
+  mosquitto_int_option(session->client, MOSQ_OPT_TCP_NODELAY, 1);
   const int result =
       mosquitto_connect(session->client, options.host.c_str(), options.port, kKeepAliveS);
   if (result != MOSQ_ERR_SUCCESS) return Failure("cannot connect to the broker " + where, result);

@@ -141,7 +141,7 @@ class Mosquitto:
         config = pathlib.Path(folder) / "mosquitto.conf"
         config.write_text(f"{user}listener {self.port} 127.0.0.1\nallow_anonymous true\n"
                           f"persistence true\npersistence_location {self.state}/\n"
-                          f"max_packet_size 300000\n{extra}")
+                          f"max_packet_size 300000\nset_tcp_nodelay true\n{extra}")
         self.server = Process(folder, "mosquitto", ["mosquitto", "-c", config])
         self.start()
 
