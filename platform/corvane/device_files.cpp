@@ -25,7 +25,7 @@ UniqueFd::~UniqueFd() {
 }
 
 std::string HostPath(const char* device_path) {
-  const char* root = getenv("CORVANE_ROOT");
+  const char* root = secure_getenv("CORVANE_ROOT");
   if (!root || device_path[0] != '/') return device_path;
   return std::string(root) + device_path;
 }

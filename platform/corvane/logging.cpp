@@ -1,16 +1,24 @@
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
+#include <string_view>
 
 #include "corvane/corvane.h"
 #include "corvane/log.h"
@@ -23,7 +31,7 @@ constexpr std::size_t kMaxLine = 4096;
 
 // Read on every call, so that a debugger or a test can change it in a running process.
 int Threshold() {
-  const char* text = getenv("CORVANE_LOG_LEVEL");
+  const char* text = secure_getenv("CORVANE_LOG_LEVEL");
   int level = kLogError;
   if (text) std::from_chars(text, text + strlen(text), level);
   return level;
@@ -36,11 +44,12 @@ std::size_t Stored(int result, std::size_t capacity) {
   return result < 0 ? 0 : std::min(static_cast<std::size_t>(result), capacity - 1);
 }
 
+// The size of the time at the front of a line.
+constexpr std::size_t kTimeSize = sizeof("2031-05-04T07:08:09.123Z") - 1;
+
 // UTC by plain arithmetic: gmtime_r and localtime_r take a lock, on which a child forked from a
 // threaded process may wait for ever.
-std::size_t PrintTime(char* out, std::size_t capacity) {
-  timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
+std::size_t PrintTime(const timespec& now, char* out, std::size_t capacity) {
   const std::chrono::sys_seconds seconds{std::chrono::seconds(now.tv_sec)};
   const auto day = std::chrono::floor<std::chrono::days>(seconds);
   const std::chrono::year_month_day date(day);
@@ -66,9 +75,47 @@ std::size_t PrintMessage(char* out, std::size_t capacity, const char* format, va
   return Stored(result, capacity);
 }
 
-// Hands over the line with one write. A log that nobody reads any more must not end the
-// application, so the signal of a closed pipe is held back and taken off again.
-void WriteLine(const char* line, std::size_t size) {
+// ---- Writing without ever waiting ----
+
+// For what takes no request to do without waiting, such as a terminal, which may be stopped, or
+// full in the middle of a line. The application's own descriptor must keep its mode, which it
+// shares with other processes, so the same file is opened once more.
+ssize_t WriteWithoutWaitingByReopening(const char* line, std::size_t size) {
+  const int descriptor = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (descriptor >= 0) {
+    const ssize_t written = write(descriptor, line, size);
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    return written;
+  }
+  pollfd room = {STDERR_FILENO, POLLOUT, 0};
+  if (poll(&room, 1, 0) == 1) return write(STDERR_FILENO, line, size);
+  errno = EAGAIN;
+  return -1;
+}
+
+ssize_t WriteWithoutWaiting(const char* line, std::size_t size) {
+  const iovec part = {const_cast<char*>(line), size};
+  const ssize_t written = pwritev2(STDERR_FILENO, &part, 1, -1, RWF_NOWAIT);
+  const bool is_unable = errno == EOPNOTSUPP || errno == ENOSYS;
+  if (written >= 0 || (!is_unable && errno != EAGAIN)) return written;
+  struct stat status;
+  if (fstat(STDERR_FILENO, &status) != 0) return -1;
+  // Nobody has to read a file for it to take a line, whatever it has to do for that.
+  if (S_ISREG(status.st_mode)) return write(STDERR_FILENO, line, size);
+  if (!is_unable) {
+    errno = EAGAIN;
+    return -1;
+  }
+  if (S_ISSOCK(status.st_mode)) return send(STDERR_FILENO, line, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+  return WriteWithoutWaitingByReopening(line, size);
+}
+
+// Hands over the line with one write; false when it could not be taken at once. A log that nobody
+// reads any more must not end the application, so the signal of a closed pipe is held back and
+// taken off again.
+bool WriteLine(const char* line, std::size_t size) {
   sigset_t pipe_signal;
   sigset_t mask_before;
   sigset_t pending_before;
@@ -76,12 +123,94 @@ void WriteLine(const char* line, std::size_t size) {
   sigaddset(&pipe_signal, SIGPIPE);
   sigpending(&pending_before);
   pthread_sigmask(SIG_BLOCK, &pipe_signal, &mask_before);
-  const ssize_t written = write(STDERR_FILENO, line, size);
+  const ssize_t written = WriteWithoutWaiting(line, size);
   if (written == -1 && errno == EPIPE && sigismember(&pending_before, SIGPIPE) == 0) {
     constexpr timespec kNoWait = {};
     sigtimedwait(&pipe_signal, nullptr, &kNoWait);
   }
   pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+  return written == static_cast<ssize_t>(size);
+}
+
+// ---- What is left out ----
+//
+// Without a lock, on which a child forked from a threaded process might wait for ever.
+
+// Lines that the log did not take, and repetitions of lines, since this was last told.
+constinit std::atomic<unsigned> g_lost = 0;
+constinit std::atomic<unsigned> g_repeated = 0;
+constinit std::atomic<std::uint32_t> g_last_repetition = 0;  // the second
+
+// How often a line may be written within one second. Far more than come from failures that follow
+// one another: a loop writes them, and who reads the log wants the other lines.
+constexpr unsigned kMostEqualLines = 100;
+
+// The lines of the last seconds, each in the row that its hash says: 32 bits of the second, 24 of
+// the hash, 8 of how often the line came. Where a row has no place for another line of this second,
+// one is put out and begins anew: rather too many lines than one too few.
+constinit std::atomic<std::uint64_t> g_lines[32][8];
+
+// Counts the line `text`, written in `second`; false when that is one too many.
+bool MayRepeat(std::string_view text, std::uint32_t second) {
+  std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
+  for (const unsigned char byte : text) hash = (hash ^ byte) * 0x100000001b3;
+  auto& row = g_lines[hash % std::size(g_lines)];
+  const std::uint64_t line = std::uint64_t{second} << 32 | hash >> 40 << 8;
+  // Its own place, or else that of the line that came least often in this second, if at all.
+  std::atomic<std::uint64_t>& place =
+      *std::min_element(std::begin(row), std::end(row), [&](const auto& a, const auto& b) {
+        const auto rank = [&](std::uint64_t held) {
+          if (held >> 8 == line >> 8) return 0;
+          return held >> 32 != second ? 1 : 1 + static_cast<int>(held & 0xff);
+        };
+        return rank(a.load(std::memory_order_relaxed)) < rank(b.load(std::memory_order_relaxed));
+      });
+  std::uint64_t held = place.load(std::memory_order_relaxed);
+  std::uint64_t counted = 0;
+  do {
+    const bool is_equal = held >> 8 == line >> 8;
+    if (is_equal && (held & 0xff) == kMostEqualLines) return false;
+    counted = is_equal ? held + 1 : line + 1;
+  } while (!place.compare_exchange_weak(held, counted, std::memory_order_relaxed));
+  return true;
+}
+
+// ---- Lines ----
+
+// Prints the front of a line, up to its message.
+std::size_t PrintFront(const timespec& now, int level, const char* file, int line,
+                       const char* function, char* out, std::size_t capacity) {
+  const std::size_t size = PrintTime(now, out, capacity);
+  return size + Stored(snprintf(out + size, capacity - size, " %d [%d] %.256s:%d %.1024s: ", level,
+                                g_process_pid, OrEmpty(file), line, OrEmpty(function)),
+                       capacity - size);
+}
+
+// Tells how many lines are missing, and in `what` way, and forgets it once the log has taken that.
+void TellMissing(const timespec& now, const char* what, std::atomic<unsigned>* missing) {
+  const unsigned count = missing->exchange(0, std::memory_order_relaxed);
+  if (count == 0) return;
+  char text[256];
+  std::size_t size =
+      PrintFront(now, kLogError, "platform/corvane", __LINE__, "vm_print_log2", text, sizeof(text));
+  size += Stored(snprintf(text + size, sizeof(text) - size, "%s: %u\n", what, count),
+                 sizeof(text) - size);
+  if (!WriteLine(text, size)) missing->fetch_add(count, std::memory_order_relaxed);
+}
+
+void TellLost(const timespec& now) {
+  TellMissing(now, "lines lost before this one, which the log did not take", &g_lost);
+}
+
+void TellRepeated(const timespec& now) {
+  TellMissing(now, "repetitions of lines before this one, left out", &g_repeated);
+}
+
+__attribute__((destructor)) void TellAtTheEnd() {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  TellLost(now);
+  TellRepeated(now);
 }
 
 }  // namespace
@@ -90,23 +219,31 @@ void vm_print_log2(int level, const char* file, int line, const char* function, 
                    ...) {
   const int saved_errno = errno;
   if (level > Threshold()) return;
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
   char text[kMaxLine];
-  std::size_t size = PrintTime(text, sizeof(text));
-  size += Stored(snprintf(text + size, sizeof(text) - size, " %d [%d] %.256s:%d %.1024s: ", level,
-                          g_process_pid, OrEmpty(file), line, OrEmpty(function)),
-                 sizeof(text) - size);
+  std::size_t size = PrintFront(now, level, file, line, function, text, sizeof(text));
   va_list arguments;
   va_start(arguments, format);
   size += PrintMessage(text + size, sizeof(text) - size, OrEmpty(format), arguments);
   va_end(arguments);
 
-  while (text[size - 1] == '\n') {
-    --size;  // the line gets one of its own
-  }
+  while (text[size - 1] == '\n') --size;  // the line gets one of its own
   // Texts of strangers (a book's path) can neither start a line nor steer a terminal.
   std::replace_if(
       text, text + size, [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; }, '?');
-  text[size++] = '\n';  // takes the place of the terminating zero, which is always there
-  WriteLine(text, size);
+
+  const auto second = static_cast<std::uint32_t>(now.tv_sec);
+  const std::string_view timeless = std::string_view(text, size).substr(kTimeSize);
+  const bool is_repeated = !MayRepeat(timeless, second);
+  if (g_last_repetition.load(std::memory_order_relaxed) != second) TellRepeated(now);
+  if (is_repeated) {
+    g_repeated.fetch_add(1, std::memory_order_relaxed);
+    g_last_repetition.store(second, std::memory_order_relaxed);
+  } else {
+    TellLost(now);
+    text[size++] = '\n';  // takes the place of the terminating zero, which is always there
+    if (!WriteLine(text, size)) g_lost.fetch_add(1, std::memory_order_relaxed);
+  }
   errno = saved_errno;
 }

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tests/support/receiver.h"
+#include "tests/support/secure_mode.h"
 
 namespace {
 
@@ -125,6 +126,10 @@ TEST(MessageClientTest, TheEnvironmentNamesAnotherEndpoint) {
   receiver.Announce();
   EXPECT_EQ(Send(kNobody), 0);
   EXPECT_EQ(receiver.Receive(), "message");
+
+  usage_stat_test::g_has_more_rights = true;
+  EXPECT_EQ(Send(kNobody), ECONNREFUSED);
+  usage_stat_test::g_has_more_rights = false;
 
   setenv(kEndpointVariable, std::string(107, 'n').c_str(), 1);
   EXPECT_EQ(Send(receiver.name()), ENAMETOOLONG);

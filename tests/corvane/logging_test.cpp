@@ -1,13 +1,20 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pty.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "corvane/corvane.h"
 #include "tests/support/device_root.h"
+#include "tests/support/secure_mode.h"
 
 namespace {
 
@@ -43,6 +50,12 @@ TEST(Logging, LevelsAboveTheThresholdAreLeftOut) {
     vm_print_log2(highest, "f", 1, "g", "wanted");
     EXPECT_EQ(capture.Writes().size(), 1U);
   }
+  setenv("CORVANE_LOG_LEVEL", "4", 1);
+  usage_stat_test::g_has_more_rights = true;
+  StderrCapture capture;
+  vm_print_log2(2, "f", 1, "g", "not for everybody");
+  usage_stat_test::g_has_more_rights = false;
+  EXPECT_THAT(capture.Writes(), IsEmpty());
   unsetenv("CORVANE_LOG_LEVEL");
 }
 
@@ -92,13 +105,132 @@ TEST(Logging, ALogThatNobodyReadsEndsNoProcess) {
   capture.CloseReadEnd();
   vm_print_log2(1, "f", 1, "g", "into the void");
   EXPECT_EQ(write(STDERR_FILENO, "", 0), 0);  // a signal left pending would have come by now
+  StderrCapture of_a_new_reader;
+  vm_print_log2(1, "f", 1, "g", "read again");
+  EXPECT_EQ(of_a_new_reader.Writes().size(), 2U);  // this line, and how many are lost
+}
+
+// Two ends of something: what is written to `log` is read from `reader`.
+struct Channel {
+  int log = -1;
+  int reader = -1;
+};
+
+Channel Pipe() {
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  return {ends[1], ends[0]};
+}
+
+Channel SocketPair() {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  return {ends[1], ends[0]};
+}
+
+Channel Terminal() {
+  Channel terminal;
+  termios raw{};
+  cfmakeraw(&raw);
+  EXPECT_EQ(openpty(&terminal.reader, &terminal.log, nullptr, &raw, nullptr), 0);
+  return terminal;
+}
+
+Channel StoppedTerminal() {
+  const Channel terminal = Terminal();
+  EXPECT_EQ(tcflow(terminal.log, TCOOFF), 0);
+  return terminal;
+}
+
+constexpr char kLost[] = "lines lost before this one, which the log did not take";
+constexpr char kRepeated[] = "repetitions of lines before this one, left out";
+
+// The number that lines tell after `what`, the sum where there are several.
+int NumberOf(const char* what, const std::string& text) {
+  const std::regex number(what + std::string(": (\\d+)\n"));
+  int sum = 0;
+  for (std::sregex_iterator match(text.begin(), text.end(), number), end; match != end; ++match) {
+    sum += std::stoi((*match)[1]);
+  }
+  return sum;
+}
+
+TEST(Logging, ALogThatTakesNoMoreLosesCountedLinesAndHoldsNobodyUp) {
+  for (const auto make_channel : {Pipe, SocketPair, Terminal, StoppedTerminal}) {
+    const Channel channel = make_channel();
+    fcntl(channel.reader, F_SETFL, O_NONBLOCK);
+    const int saved = dup(STDERR_FILENO);
+    dup2(channel.log, STDERR_FILENO);
+    constexpr int kLines = 5000;
+    for (int i = 0; i < kLines; ++i) vm_print_log2(1, "f", 1, "g", "number %d.", i);
+    std::string text;
+    const auto drain = [&] {
+      char bytes[4096];
+      tcflow(channel.log, TCOON);
+      for (ssize_t size = 0; (size = read(channel.reader, bytes, sizeof(bytes))) > 0;) {
+        text.append(bytes, static_cast<std::size_t>(size));
+      }
+    };
+    drain();
+    vm_print_log2(1, "f", 1, "g", "afterwards");
+    drain();
+    dup2(saved, STDERR_FILENO);
+    for (const int descriptor : {saved, channel.log, channel.reader}) close(descriptor);
+
+    EXPECT_NE(text.find("afterwards\n"), std::string::npos);
+    const int lost = NumberOf(kLost, text);
+    // A terminal may take a part of a line, which counts as lost.
+    const std::regex whole_line("g: number \\d+[.]\n");
+    const auto written = std::distance(std::sregex_iterator(text.begin(), text.end(), whole_line),
+                                       std::sregex_iterator());
+    EXPECT_GT(lost, 0);
+    EXPECT_EQ(written + lost, kLines);
+  }
+}
+
+void AwaitANewSecond() {
+  for (const time_t begun = time(nullptr); time(nullptr) == begun;) usleep(10'000);
+}
+
+TEST(Logging, EqualLinesBeyondAHundredASecondAreCounted) {
+  AwaitANewSecond();  // one that the flood above has not filled
+  testing::internal::CaptureStderr();
+  constexpr int kLines = 5000;
+  for (int i = 0; i < kLines; ++i) {
+    vm_print_log2(1, "f", 1, "g", "equal");
+    if (i % 50 == 0) vm_print_log2(1, "f", 1, "g", "rare");
+  }
+  // What was left out is told with a line of a later second.
+  AwaitANewSecond();
+  vm_print_log2(1, "f", 1, "g", "later");
+  const std::string text = testing::internal::GetCapturedStderr();
+
+  std::map<std::string, int> equal_in_second;
+  std::map<std::string, int> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    const std::string message = line.substr(line.rfind(' ') + 1);
+    ++lines[message];
+    if (message == "equal") ++equal_in_second[line.substr(0, 19)];
+  }
+  int fullest = 0;
+  for (const auto& [second, count] : equal_in_second) fullest = std::max(fullest, count);
+  EXPECT_EQ(fullest, 100);
+  EXPECT_EQ(lines["equal"] + NumberOf(kRepeated, text), kLines);
+  EXPECT_EQ(lines["rare"], kLines / 50);
+  EXPECT_EQ(lines["later"], 1);
 }
 
 TEST(ProcessId, FollowsForks) {
   EXPECT_EQ(g_process_pid, getpid());
   const pid_t child = fork();
   if (child == 0) {
-    _exit(g_process_pid == getpid() ? 0 : 1);
+    // Its lines bear its own number.
+    const std::string pid = "[" + std::to_string(getpid()) + "]";
+    testing::internal::CaptureStderr();
+    vm_print_log2(1, "f", 1, "g", "from the child");
+    const bool is_its_own = testing::internal::GetCapturedStderr().find(pid) != std::string::npos;
+    _exit(g_process_pid == getpid() && is_its_own ? 0 : 1);
   }
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -37,6 +37,27 @@ TEST(TransportTest, WithoutACollectorCallsAreRefused) {
   EXPECT_EQ(Outcome(Stat_ForceRotationEvent), std::pair(0, std::string()));
 }
 
+TEST(TransportTest, AnApplicationWhoseErrorsNobodyReadsGoesOn) {
+  Receiver receiver;
+  receiver.Announce();
+  receiver.Stop();
+  int unread[2];
+  ASSERT_EQ(pipe(unread), 0);
+  const int saved = dup(STDERR_FILENO);
+  dup2(unread[1], STDERR_FILENO);
+  int refused = 0;
+  for (int i = 0; i < 3000; ++i) {
+    // Different texts, so that the lines are not left out as equal ones.
+    setenv("CORVANE_LOG_LEVEL", "3", 1);
+    LaunchByPath(i, ("/opt/" + std::to_string(i)).c_str(), {});
+    refused += Stat_ForceRotationEvent() == ECONNREFUSED;
+  }
+  unsetenv("CORVANE_LOG_LEVEL");
+  dup2(saved, STDERR_FILENO);
+  for (const int descriptor : {saved, unread[0], unread[1]}) close(descriptor);
+  EXPECT_EQ(refused, 3000);
+}
+
 TEST(TransportTest, AStuckCollectorCostsTheMessageAndNoMore) {
   Receiver receiver;
   receiver.Announce();

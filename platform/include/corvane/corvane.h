@@ -30,15 +30,18 @@ extern "C" {
 extern CORVANE_API int g_process_pid;
 
 /* Writes one log line to standard error, as a single write of at most 4096 bytes (a longer line
- * ends in "..."):
+ * ends in "..."), and never waits for a reader:
  *
  *   2031-05-04T07:08:09.123Z 1 [4711] src/events:42 int Function(): the message
  *
  * that is the time in UTC, the level, the process id, `file` with `line`, `function` and the
  * printed `format`. `level` is 1 for errors and higher for less important lines; lines above the
- * number in the environment variable CORVANE_LOG_LEVEL (1 when it is not set) are left out. Null
- * texts read as empty; control characters come out as '?'. Preserves the caller's errno and raises
- * no SIGPIPE. */
+ * number in the environment variable CORVANE_LOG_LEVEL (1 when it is not set, and in a program that
+ * runs with more rights than its user) are left out. Null texts read as empty; control characters
+ * come out as '?'. Preserves the caller's errno and raises no SIGPIPE.
+ *
+ * What standard error does not take at once is dropped, and so are equal lines beyond a hundred
+ * within one second of the clock, times apart. A later line tells how many were. */
 CORVANE_API void vm_print_log2(int level, const char* file, int line, const char* function,
                                const char* format, ...) CORVANE_PRINTF(5, 6);
 
