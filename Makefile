@@ -3,8 +3,9 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf build-armhf size package test-package abi-check abi-update test-browser \
-        demo records bench bench-smoke bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
+.PHONY: all test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
+        test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build \
+        bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -28,19 +29,35 @@ test-armhf: build-armhf
 
 build-armhf:
 	scripts/setup build armhf
-	scripts/armhf-sysroot
+	scripts/sysroot armhf
 	cmake --preset armhf
 	cmake --build --preset armhf
 
-# What the library costs a device, and whether that is within its ceilings.
+# The library and its tests on other emulated processors than the device's.
+test-armel test-arm64: test-%:
+	scripts/setup build cross
+	scripts/sysroot $*
+	cmake --preset $*
+	cmake --build --preset $*
+	scripts/test $*
+
+# What the library costs a device, and whether that is within its ceilings; size-armel and size-arm64
+# say it for those.
 size:
 	scripts/setup build armhf
-	scripts/armhf-sysroot
+	scripts/sysroot armhf
 	cmake --preset release
 	cmake --build --preset release --target usage_stat
 	cmake --preset armhf
 	cmake --build --preset armhf --target usage_stat
 	bench/size --check
+
+size-armel size-arm64: size-%:
+	scripts/setup build cross
+	scripts/sysroot $*
+	cmake --preset $*
+	cmake --build --preset $* --target usage_stat
+	bench/size --check $*
 
 # Debian packages, in build/package/packages.
 package:

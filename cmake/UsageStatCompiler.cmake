@@ -28,7 +28,13 @@ if(USAGE_STAT_WERROR)
   add_compile_options(-Werror)
 endif()
 
-# Timestamps must outlive 2038 on 32-bit targets too.
+# The std::string of before GCC 5, for platform libraries that were built with it.
+option(USAGE_STAT_OLD_STRING_ABI "Build with GCC 4's std::string" OFF)
+if(USAGE_STAT_OLD_STRING_ABI)
+  add_compile_definitions(_GLIBCXX_USE_CXX11_ABI=0)
+endif()
+
+# Timestamps must outlive 2038 on 32-bit targets too. (The library sees to that by itself.)
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_TIME_BITS=64)
@@ -39,7 +45,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   unset(CMAKE_REQUIRED_DEFINITIONS)
   unset(CMAKE_EXTRA_INCLUDE_FILES)
   if(USAGE_STAT_TIME_T LESS 8)
-    message(WARNING "This C library has no 64-bit time_t: events after 2038-01-19 will carry wrong times")
+    message(WARNING "This C library has no 64-bit time_t: what is built with it tells wrong times after 2038-01-19")
   endif()
 endif()
 

@@ -23,3 +23,8 @@ void __throw_out_of_range_fmt(const char* format, ...) {
 }
 
 }  // namespace std
+
+// Since glibc 2.32, and read by the reference counts of GCC 4's std::string: there may be threads.
+extern "C" {
+char __libc_single_threaded = 0;
+}

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 
 namespace velmora::utilities {
 namespace {
@@ -23,20 +24,24 @@ constexpr int kNone = -1;
 // foreign descriptors while another of its threads is sending can still lose a message into a
 // descriptor opened in that very instant, as it can with any descriptor of any library.
 constinit std::atomic<int> g_descriptor = kNone;
-constinit std::atomic<dev_t> g_device = 0;
-constinit std::atomic<ino_t> g_inode = 0;
-static_assert(std::atomic<ino_t>::is_always_lock_free);
+// Half of what dev_t and ino_t may hold is enough for sockets, which the kernel numbers with 32
+// bits on one device of a small number; and processors before ARMv6 read no more than that in one
+// piece.
+constinit std::atomic<std::uint32_t> g_device = 0;
+constinit std::atomic<std::uint32_t> g_inode = 0;
 
 // Held while a thread opens the socket. Nobody waits for it: other threads do without meanwhile,
 // and the child of a fork, where the holder does not exist, just clears it.
 constinit std::atomic_flag g_opening;
 constinit bool g_fork_is_handled = false;  // guarded by g_opening
 
+std::uint32_t Half(std::uint64_t number) { return static_cast<std::uint32_t>(number); }
+
 bool IsOurs(int descriptor) {
   struct stat status;
   return descriptor != kNone && fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode) &&
-         status.st_ino == g_inode.load(std::memory_order_relaxed) &&
-         status.st_dev == g_device.load(std::memory_order_relaxed);
+         Half(status.st_ino) == g_inode.load(std::memory_order_relaxed) &&
+         Half(status.st_dev) == g_device.load(std::memory_order_relaxed);
 }
 
 void CloseKeptSocket() {
@@ -81,8 +86,8 @@ int OpenKeptSocket() {
     close(descriptor);
     return error;
   }
-  g_device.store(status.st_dev, std::memory_order_relaxed);
-  g_inode.store(status.st_ino, std::memory_order_relaxed);
+  g_device.store(Half(status.st_dev), std::memory_order_relaxed);
+  g_inode.store(Half(status.st_ino), std::memory_order_relaxed);
   g_descriptor.store(descriptor, std::memory_order_release);
   return 0;
 }
