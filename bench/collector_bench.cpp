@@ -74,8 +74,8 @@ bool IsComplete(const std::string& database, const Load& load) {
   bool is_ordered = true;
   const auto visit = [&](const store::RecordRow& row) {
     const auto fields = nlohmann::json::parse(row.fields);
-    int& expected = next.at(fields.at("b").get<std::size_t>());
-    is_ordered = fields.at("a") == expected++;
+    int& expected = next.at(fields.at(1).get<std::size_t>());
+    is_ordered = fields.at(0) == expected++;
     return is_ordered;
   };
   return store::Reader::Open(database, &reader).ok() &&

@@ -83,7 +83,7 @@ class CollectorKillTest : public testing::Test {
   // Sends notes, one after the other committed, and has some of them archived. Returns how many
   // were seen committed.
   int Use(const KilledAtWrite& collector) const {
-    const std::string notes = "SELECT count(*) FROM records WHERE event = 'AddNoteEvent'";
+    const std::string notes = "SELECT count(*) FROM record_list WHERE event = 'AddNoteEvent'";
     int committed = 0;
     for (int i = 0; i < kNotes; ++i) {
       if (!Send(collector, Note(committed)) || !Await(collector, notes, i + 1)) return committed;

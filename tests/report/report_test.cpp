@@ -46,7 +46,6 @@ class ReportTest : public usage_stat_test::StoreTest {
     row.type = type;
     row.raw = std::move(raw);
     batch_.records.push_back(row);
-    ++batch_.received;
   }
 
   template <class EventClass>
@@ -134,9 +133,9 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   KeepReading();
   Commit();
   // Closed records count as those in the database do.
-  std::optional<store::Archive> archive;
-  EXPECT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
-  ASSERT_TRUE(archive);
+  std::vector<store::Archive> archives;
+  EXPECT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  ASSERT_EQ(archives.size(), 1U);
   KeepLaunch(kBegin, 28);
   KeepLaunch(kBegin, 33);
   KeepLaunch(kBegin, 28);
@@ -148,8 +147,8 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   lookup.a_ = 1;
   lookup.b_ = "tarn";
   Keep("UseDictionaryEvent", kBegin, lookup);
-  batch_.quarantine.push_back({0, 0, kBegin, {1, 1000}, "truncated", "why", {}, "{}", "x"});
-  batch_.quarantine.push_back({0, 0, kBegin - 1, {1, 1000}, "truncated", "early", {}, "{}", "x"});
+  batch_.quarantine.push_back({0, 0, kBegin, {1, 1000}, "truncated", "why", {}, 2, "x"});
+  batch_.quarantine.push_back({0, 0, kBegin - 1, {1, 1000}, "truncated", "early", {}, 2, "x"});
   batch_.refused[{33, "user not allowed"}] = 4;
   Commit();
 
@@ -272,7 +271,7 @@ TEST_F(ReportTest, HostileTextsStayTexts) {
   KeepOutsideLaunch(kBegin, evil);
   KeepFont(kBegin, evil);
   Keep(9999, "</script><b>", kBegin, "no record");
-  batch_.quarantine.push_back({0, 0, kBegin, {1, 1}, "<b>", "</script><b>", {}, "{}", "x"});
+  batch_.quarantine.push_back({0, 0, kBegin, {1, 1}, "<b>", "</script><b>", {}, 2, "x"});
   Commit();
   Summary summary;
   ASSERT_OK(Read(kTwoDays, &summary));

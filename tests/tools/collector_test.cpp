@@ -101,7 +101,7 @@ class CollectorTest : public testing::Test {
                     ->ForEach(query,
                               [&](const store::RecordRow& row) {
                                 const json fields = json::parse(row.fields);
-                                if (fields["b"] == sender) numbers.push_back(fields["a"]);
+                                if (fields[1] == sender) numbers.push_back(fields[0]);
                                 return true;
                               })
                     .ok());
@@ -127,12 +127,12 @@ class CollectorTest : public testing::Test {
   }
 
   void ExpectBalance() const {
-    EXPECT_EQ(Number("SELECT sum(received) FROM runs"),
-              Number("SELECT coalesce(sum(count), 0) FROM tally "
+    EXPECT_EQ(Number("SELECT sum(received) FROM run_counts"),
+              Number("SELECT coalesce(sum(count), 0) FROM outcomes "
                      "WHERE outcome IN ('stored', 'quarantined', 'refused')"));
     EXPECT_EQ(Number("SELECT (SELECT count(*) FROM records) + (SELECT count(*) FROM quarantine)"),
               Number("SELECT sum(CASE WHEN outcome IN ('archived', 'deleted') THEN -count "
-                     "ELSE count END) FROM tally WHERE outcome <> 'refused'"));
+                     "ELSE count END) FROM outcomes WHERE outcome <> 'refused'"));
     store::Connection connection;
     std::string integrity;
     ASSERT_TRUE(store::OpenForReading(database_, &connection).ok());
@@ -192,15 +192,17 @@ TEST_F(CollectorTest, ShowsKeepsAndSumsUp) {
   EXPECT_EQ(std::ranges::count(collector_->Err(), '\n'), 4);
 
   ExpectBalance();
-  EXPECT_EQ(
-      Number("SELECT count(*) FROM records WHERE json_extract(fields, '$.orientation') = 4464"), 1);
-  EXPECT_EQ(Number("SELECT length(raw) FROM quarantine WHERE kind = 'too long'"), 150'000);
-  EXPECT_EQ(Number("SELECT count(*) FROM records WHERE event = 'NewJournalFileEvent' AND uid = " +
-                   std::to_string(getuid())),
+  EXPECT_EQ(Number("SELECT count(*) FROM record_list WHERE event = 'OrientationEvent' AND "
+                   "json_extract(fields, '$[0]') = 4464"),
             1);
+  EXPECT_EQ(Number("SELECT length(raw) FROM quarantine WHERE kind = 'too long'"), 150'000);
+  EXPECT_EQ(
+      Number("SELECT count(*) FROM record_list WHERE event = 'NewJournalFileEvent' AND uid = " +
+             std::to_string(getuid())),
+      1);
   Start();
   EXPECT_EQ(collector_->End(), 0);
-  EXPECT_EQ(Number("SELECT count(*) FROM records WHERE event = 'OpenJournalFileEvent'"), 1);
+  EXPECT_EQ(Number("SELECT count(*) FROM record_list WHERE event = 'OpenJournalFileEvent'"), 1);
   EXPECT_EQ(Number("SELECT count(*) FROM runs WHERE ended_ms >= started_ms"), 2);
 }
 
@@ -355,13 +357,13 @@ TEST_F(CollectorTest, GoesOnWhenItsDatabaseBreaks) {
          ASSERT_TRUE(
              store::Connection::Open(database_, store::Connection::Mode::kWrite, &other).ok());
          ASSERT_TRUE(
-             other.Execute("PRAGMA user_version = 1; PRAGMA wal_checkpoint(TRUNCATE)").ok());
-         spoil(4096);
+             other.Execute("PRAGMA user_version = 2; PRAGMA wal_checkpoint(TRUNCATE)").ok());
+         spoil(1024);
        },
        "is kept as"},
       {[&] {
          EXPECT_EQ(collector_->End(), 0);
-         spoil(4096);
+         spoil(1024);
          Start();
        },
        "is kept as"},
@@ -439,13 +441,13 @@ TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
     ASSERT_TRUE(Eventually([&] { return sendmsg(socket_, &message, 0) == 1; }));
   }
   const int sent = count + kDescriptors;
-  ASSERT_TRUE(Eventually([&] { return Number("SELECT received FROM runs") == sent; }));
+  ASSERT_TRUE(Eventually([&] { return Number("SELECT received FROM run_counts") == sent; }));
   const std::string open_files = "/proc/" + std::to_string(collector_->pid()) + "/fd";
   EXPECT_LT(std::distance(std::filesystem::directory_iterator(open_files), {}), kDescriptors);
 
   EXPECT_EQ(collector_->End(), 0);
   ExpectBalance();
-  EXPECT_EQ(Number("SELECT sum(count) FROM tally WHERE outcome IN ('stored', 'quarantined')"),
+  EXPECT_EQ(Number("SELECT sum(count) FROM outcomes WHERE outcome IN ('stored', 'quarantined')"),
             sent);
   EXPECT_GT(CountWithArchives("ChangePageEvent"), 0);
   EXPECT_GT(CountWithArchives("NewBooksEvent"), 0);
@@ -501,9 +503,10 @@ TEST_F(CollectorTest, RotatesWhenAskedTo) {
   SendSurely(PageTurn(0, 1));
   EXPECT_EQ(collector_->End(), 0);
   EXPECT_EQ(PageTurns(0), std::vector<int>{1});
-  EXPECT_EQ(Number("SELECT count(*) FROM records r, archives a WHERE r.event = 'SendArchiveEvent' "
-                   "AND json_extract(r.fields, '$.archive') = a.path"),
-            1);
+  EXPECT_EQ(
+      Number("SELECT count(*) FROM record_list r, archives a WHERE r.event = 'SendArchiveEvent' "
+             "AND json_extract(r.fields, '$[0]') = a.path"),
+      1);
   ExpectBalance();
   EXPECT_EQ(CountWithArchives("ChangePageEvent"), 2);
 }

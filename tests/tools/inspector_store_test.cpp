@@ -44,13 +44,12 @@ class InspectorTest : public StoreTest {
         Row("OpenBookEvent", 2000, R"({"book_id":-645120848,"application":4})"),
         Row("NewBooksEventEx", 3000, R"({"count":1,"books":[{"book_id":7}],"application":1})"),
     };
-    batch.quarantine = {{0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, "{}", "ab"}};
+    batch.quarantine = {{0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, 2, "ab"}};
     batch.refused = {{{1000, "uid"}, 2}};
-    batch.received = 6;
     ASSERT_OK(first->Commit(batch));
     first.reset();
     auto second = OpenWriter();
-    ASSERT_OK(second->Commit({{Row("GoToPageEvent", 5000, R"({"a":5})")}, {}, {}, 1}));
+    ASSERT_OK(second->Commit({{Row("GoToPageEvent", 5000, R"({"a":5})")}, {}, {}, {}}));
     ASSERT_OK(second->Finish());
   }
 
@@ -69,10 +68,10 @@ std::string EventsOf(const std::string& json_lines) {
 
 TEST_F(InspectorTest, ListsWhatIsAskedFor) {
   Fill();
-  std::optional<store::Archive> archive;
-  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
   auto writer = OpenWriter();
-  ASSERT_OK(writer->Commit({{Row("ChangePageEvent", 6000)}, {}, {}, 1}));
+  ASSERT_OK(writer->Commit({{Row("ChangePageEvent", 6000)}, {}, {}, {}}));
 
   struct Case {
     Words words;
@@ -89,7 +88,7 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
       {{"--until", "@6", "-n", "2"}, "NewBooksEventEx GoToPageEvent"},
       {{"--until", "@6", "-n", "2", "-r"}, "GoToPageEvent NewBooksEventEx"},
       {{"--since", "tomorrow"}, ""},
-      {{"--file", archive->path, "--app", "4"}, "OpenBookEvent"},
+      {{"--file", archives.at(0).path, "--app", "4"}, "OpenBookEvent"},
       {{"--file", database_, "--event", "2032"}, "ChangePageEvent"},
   };
   for (const Case& c : cases) {
@@ -142,20 +141,20 @@ TEST_F(InspectorTest, EndsWhenItsOutputEnds) {
 
 TEST_F(InspectorTest, FollowsRecordsThroughRotationAndReplacement) {
   auto writer = OpenWriter();
-  ASSERT_OK(writer->Commit({{Row("GoToURLEvent", 1)}, {}, {}, 1}));
+  ASSERT_OK(writer->Commit({{Row("GoToURLEvent", 1)}, {}, {}, {}}));
   Program follow(Started({"follow", "-n", "1"}), "", environment_);
   ASSERT_TRUE(follow.AwaitOutput("GoToURLEvent")) << follow.err();
 
-  ASSERT_OK(writer->Commit({{Row("StartTtsEvent", 2)}, {}, {}, 1}));
-  std::optional<store::Archive> archive;
-  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archive));
-  ASSERT_OK(writer->Commit({{Row("StopTtsEvent", 3)}, {}, {}, 1}));
+  ASSERT_OK(writer->Commit({{Row("StartTtsEvent", 2)}, {}, {}, {}}));
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  ASSERT_OK(writer->Commit({{Row("StopTtsEvent", 3)}, {}, {}, {}}));
   ASSERT_TRUE(follow.AwaitOutput("StopTtsEvent"));
 
   writer.reset();
   for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(database_ + suffix);
   writer = OpenWriter();
-  ASSERT_OK(writer->Commit({{Row("AddNoteEvent", 4)}, {}, {}, 1}));
+  ASSERT_OK(writer->Commit({{Row("AddNoteEvent", 4)}, {}, {}, {}}));
   ASSERT_TRUE(follow.AwaitOutput("AddNoteEvent"));
 
   follow.Signal(SIGINT);
@@ -241,7 +240,7 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   auto writer = OpenWriter();
   store::RecordRow late = Row("GoToURLEvent", 1000);
   late.received_ms += 100'000;
-  ASSERT_OK(writer->Commit({{late}, {}, {}, 1}));
+  ASSERT_OK(writer->Commit({{late}, {}, {}, {}}));
   chmod(database_.c_str(), 0644);
   environment_.back() = "CORVANE_ROOT=" + folder_.path() + "/nowhere";
   states = examine({"--endpoint", Receiver::UniqueEndpoint()}, 1);
@@ -326,10 +325,9 @@ TEST_F(InspectorTest, ReleasesFromTheQuarantineWhatNowReads) {
   store::Batch batch;
   constexpr int kReadable = 150;
   batch.quarantine.assign(
-      kReadable, {0, 0, 4000, {42, 7}, "unknown type", "unknown type", 2032, "{}", datagram});
+      kReadable, {0, 0, 4000, {42, 7}, "unknown type", "unknown type", 2032, 28, datagram});
   batch.quarantine[7].raw = "ab";
   batch.quarantine.push_back(batch.quarantine[0]);
-  batch.received = kReadable + 1;
   ASSERT_OK(writer->Commit(batch));
   EXPECT_EQ(UsageStat({"replay", "--quarantine"}).out,
             "150 of 151 moved from the quarantine to the records\n");

@@ -1,8 +1,8 @@
 #include "tools/collector/housekeeper.h"
 
 #include <chrono>
-#include <optional>
 #include <utility>
+#include <vector>
 
 #include "tools/store/archive.h"
 
@@ -58,8 +58,8 @@ void Housekeeper::Run() {
 bool Housekeeper::Rotate() {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_rotation_) return false;
-  std::optional<store::Archive> archive;
-  const base::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archive);
+  std::vector<store::Archive> archives;
+  const base::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archives);
   if (status.ok()) {
     next_rotation_ = now + kRotationPause;
     rotation_trouble_.Over();

@@ -30,7 +30,6 @@ store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
   batch.records.reserve(datagrams->size());
   for (Datagram& datagram : *datagrams) {
     ++summary_.received;
-    ++batch.received;
     if (datagram.is_refused) {
       Refuse(datagram, &batch);
     } else if (datagram.size > base::kLargestMessage) {
@@ -60,16 +59,17 @@ void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batc
   if (view_) Show(record, datagram->sender);
   batch->records.push_back({0, datagram->received_ms, datagram->sender, record.type,
                             std::string(record.event), record.timestamp,
-                            records::Dump(record.fields), std::move(datagram->bytes)});
+                            records::Dump(records::ValuesOf(record.fields)),
+                            std::move(datagram->bytes)});
 }
 
 void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch) {
   ++summary_.rejected;
   flood_.Tell(fmt::format("undecodable: {} bytes from pid {} uid {}: {}", datagram->size,
                           datagram->sender.pid, datagram->sender.uid, damage.reason));
-  batch->quarantine.push_back({0, 0, datagram->received_ms, datagram->sender,
-                               std::string(damage.kind), damage.reason, damage.type,
-                               records::Dump(damage.fields), std::move(datagram->bytes)});
+  batch->quarantine.push_back(
+      {0, 0, datagram->received_ms, datagram->sender, std::string(damage.kind), damage.reason,
+       damage.type, static_cast<std::int64_t>(datagram->size), std::move(datagram->bytes)});
 }
 
 void Sorter::Show(const records::Record& record, const store::Sender& sender) {

@@ -3,8 +3,8 @@
 #include "tools/store/archive.h"
 
 #include <memory>
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
@@ -25,21 +25,23 @@ int Run(const Options& options) {
   const std::string directory = options.directory.empty()
                                     ? store::DefaultArchiveDirectory(options.database)
                                     : options.directory;
-  std::optional<store::Archive> archive;
-  const store::Status status = store::ArchiveRecords(options.database, directory, &archive);
+  std::vector<store::Archive> archives;
+  const store::Status status = store::ArchiveRecords(options.database, directory, &archives);
   if (!status.ok()) return Complain(kFailed, status.message);
   if (options.output == "json") {
-    records::Json json;
-    if (archive) {
-      json = {{"path", archive->path}, {"records", archive->records}, {"bytes", archive->bytes}};
+    records::Json json = records::Json::array();
+    for (const store::Archive& archive : archives) {
+      json.push_back(
+          {{"path", archive.path}, {"records", archive.records}, {"bytes", archive.bytes}});
     }
     Print("{}\n", records::Dump(json));
-  } else if (archive) {
-    Print("{} records moved to {} ({} bytes)\n", archive->records, Printable(archive->path),
-          archive->bytes);
-  } else {
-    Write("no records to move\n");
+    return kOk;
   }
+  for (const store::Archive& archive : archives) {
+    Print("{} records moved to {} ({} bytes)\n", archive.records, Printable(archive.path),
+          archive.bytes);
+  }
+  if (archives.empty()) Write("no records to move\n");
   return kOk;
 }
 

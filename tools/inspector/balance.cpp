@@ -8,6 +8,7 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
+using store::Outcome;
 using store::Status;
 
 std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
@@ -16,15 +17,16 @@ std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
 }
 
 void Count(const store::Tally& tally, Outcomes* outcomes) {
-  if (tally.outcome == "stored") outcomes->stored += tally.count;
-  if (tally.outcome == "quarantined") outcomes->quarantined[tally.reason] += tally.count;
-  if (tally.outcome == "refused") outcomes->refused[tally.reason] += tally.count;
+  if (tally.outcome == Outcome::kStored) outcomes->stored += tally.count;
+  if (tally.outcome == Outcome::kQuarantined) outcomes->quarantined[tally.reason] += tally.count;
+  if (tally.outcome == Outcome::kRefused) outcomes->refused[tally.reason] += tally.count;
+  if (tally.outcome == Outcome::kOff) outcomes->off += tally.count;
 }
 
 void Count(const store::Tally& tally, Balance* balance) {
-  if (tally.outcome == "journal") balance->journal += tally.count;
-  if (tally.outcome == "archived") balance->archived += tally.count;
-  if (tally.outcome == "deleted") balance->deleted += tally.count;
+  if (tally.outcome == Outcome::kOwn) balance->own += tally.count;
+  if (tally.outcome == Outcome::kArchived) balance->archived += tally.count;
+  if (tally.outcome == Outcome::kDeleted) balance->deleted += tally.count;
   Outcomes outcomes;
   Count(tally, &outcomes);
   if (outcomes.Sum() == 0) return;  // no datagrams, or all of them were released
@@ -85,10 +87,10 @@ Status ReadRates(store::Reader* reader, std::int64_t now_ms, Balance* balance) {
 
 }  // namespace
 
-std::int64_t Outcomes::Sum() const { return stored + SumOf(quarantined) + SumOf(refused); }
+std::int64_t Outcomes::Sum() const { return stored + SumOf(quarantined) + SumOf(refused) + off; }
 
 std::int64_t Balance::expected_rows() const {
-  return total.stored + SumOf(total.quarantined) + journal - archived - deleted;
+  return total.stored + SumOf(total.quarantined) + own - archived - deleted;
 }
 
 bool Balance::adds_up() const {

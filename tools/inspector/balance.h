@@ -18,6 +18,7 @@ struct Outcomes {
   std::int64_t stored = 0;
   std::map<std::string, std::int64_t> quarantined;  // by kind of damage
   std::map<std::string, std::int64_t> refused;      // by reason
+  std::int64_t off = 0;                             // came while collecting was switched off
 
   std::int64_t Sum() const;
 };
@@ -41,7 +42,7 @@ struct Balance {
   // Rows that the database has, and those that it should have.
   std::int64_t records = 0;
   std::int64_t in_quarantine = 0;
-  std::int64_t journal = 0;   // records that collectors wrote about their own lives
+  std::int64_t own = 0;       // records that collectors wrote about their own lives
   std::int64_t archived = 0;  // rows that were moved to archives
   std::int64_t deleted = 0;
   std::int64_t expected_rows() const;

@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "tools/records/record.h"
-#include "tools/store/archive.h"
 #include "tools/store/reader.h"
+#include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::inspector {
 

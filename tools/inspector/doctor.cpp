@@ -235,9 +235,9 @@ std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* 
         "may save what the old one holds");
   }
   struct stat file {};
-  if (stat(path.c_str(), &file) == 0 && (file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+  if (stat(path.c_str(), &file) == 0 && (file.st_mode & (S_IWGRP | S_IRWXO)) != 0) {
     add(State::kWarn, path + " is sound, and open to other users",
-        "chmod 600 it: it tells what its owner reads");
+        "chmod 640 it: it tells what its owner reads");
   } else {
     add(State::kOk, path + " is sound", "");
   }

@@ -77,8 +77,7 @@ class Tail {
   // Shows the last so many records of `query`; later ones are new.
   Status ShowLast(std::int64_t count, store::Query query, const RowPrinter& printer) {
     // Ids are counted on even when the newest records have moved to an archive.
-    Status status =
-        Read("SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'records'", &last_id_);
+    Status status = journal_->live().LastNumber(&last_id_);
     if (!status.ok() || count == 0) return status;
     query.newest = count;
     return Show(query, printer);

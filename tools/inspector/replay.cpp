@@ -197,7 +197,7 @@ int ReplayQuarantine(const Options& options) {
       found.record.type = record->type;
       found.record.event = record->event;
       found.record.timestamp_ms = record->timestamp;
-      found.record.fields = records::Dump(record->fields);
+      found.record.fields = records::Dump(records::ValuesOf(record->fields));
     }
     if (readable.size() == kRowsAtOnce) status = Release(&connection, &readable, &released);
     return status.ok();

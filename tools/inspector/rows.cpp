@@ -13,7 +13,7 @@ using store::RecordRow;
 void PrintShort(const RecordRow& row) {
   std::string line = fmt::format("{} {}[{}]", LocalTime(row.timestamp_ms),
                                  Coloured(Colour::kBold, Printable(row.event)), row.sender.pid);
-  const Json fields = records::ParseFields(row.fields);
+  const Json fields = records::FieldsOf(row.fields, row.raw);
   for (const auto& field : fields.items()) {
     line += fmt::format(" {}={}", Coloured(Colour::kDim, Printable(field.key())),
                         PrintableJson(field.value()));
@@ -29,7 +29,7 @@ Json ToJson(const RecordRow& row) {
           {"event", row.event},
           {"type", row.type},
           {"timestamp", row.timestamp_ms},
-          {"fields", records::ParseFields(row.fields)},
+          {"fields", records::FieldsOf(row.fields, row.raw)},
           {"raw", Hex(row.raw)}};
 }
 
@@ -38,7 +38,8 @@ void PrintPrettyJson(const RecordRow& row) { Print("{}\n", records::Dump(ToJson(
 
 void PrintCsv(const RecordRow& row) {
   std::string quoted;
-  for (const char c : row.fields) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  for (const char c : records::Dump(records::FieldsOf(row.fields, row.raw)))
+    quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
   Print("{},{},{},{},{},{},{},\"{}\",{}\r\n", row.id, row.received_ms, row.sender.pid,
         row.sender.uid, row.event, row.type, row.timestamp_ms, quoted, Hex(row.raw));
 }

@@ -42,7 +42,7 @@ store::Status ReadSizes(const std::string& path, store::Reader* reader, Sizes* s
   std::vector<store::Archive> archives;
   store::Status status = reader->ReadArchives(&archives);
   for (const store::Archive& archive : archives) {
-    if (archive.state != "complete") continue;
+    if (archive.state != store::ArchiveState::kComplete) continue;
     sizes->archives += archive.bytes;
     ++sizes->archive_count;
   }
@@ -77,7 +77,7 @@ std::string Reasons(const std::map<std::string, std::int64_t>& counts) {
 }
 
 std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
-  return Outcomes{0, counts, {}}.Sum();
+  return Outcomes{0, counts, {}, 0}.Sum();
 }
 
 std::string Verdict(bool adds_up) {
@@ -142,7 +142,7 @@ void PrintText(const Options& options, const Balance& balance, const Sizes& size
       "  {} records and {} in quarantine = {} stored + {} quarantined + {} by the collector "
       "itself - {} archived - {} deleted: {}\n",
       balance.records, balance.in_quarantine, balance.total.stored,
-      SumOf(balance.total.quarantined), balance.journal, balance.archived, balance.deleted,
+      SumOf(balance.total.quarantined), balance.own, balance.archived, balance.deleted,
       Verdict(balance.records + balance.in_quarantine == balance.expected_rows()));
   PrintRuns(balance);
 }
@@ -187,7 +187,7 @@ void PrintJson(const Options& options, const Balance& balance, const Sizes& size
   json["runs"] = runs;
   json["records"] = balance.records;
   json["in_quarantine"] = balance.in_quarantine;
-  json["journal"] = balance.journal;
+  json["own"] = balance.own;
   json["archived"] = balance.archived;
   json["deleted"] = balance.deleted;
   json["adds_up"] = balance.adds_up();

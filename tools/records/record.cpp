@@ -224,6 +224,24 @@ Json ToJson(const Record& record) {
           {"fields", record.fields}};
 }
 
+Json ValuesOf(const Json& fields) {
+  if (!fields.is_object() && !fields.is_array()) return fields;
+  Json values = Json::array();
+  for (const auto& field : fields.items()) {
+    // Names of values, which people need beside them, are no values of the record.
+    if (field.key() == "action_name" || field.key() == "model_name") continue;
+    values.push_back(ValuesOf(field.value()));
+  }
+  return values;
+}
+
+Json FieldsOf(std::string_view fields, std::string_view raw) {
+  if (fields.starts_with('{')) return ParseFields(fields);
+  auto decoded = Decode(raw);
+  auto* record = std::get_if<Record>(&decoded);
+  return record ? std::move(record->fields) : Json::object();
+}
+
 Json ParseFields(std::string_view text) {
   Json fields = Json::parse(text, nullptr, false);
   return fields.is_object() ? fields : Json::object();

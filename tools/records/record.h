@@ -68,6 +68,12 @@ Trace TraceFields(std::string_view datagram);
 // `record` as one object: event, type, timestamp, fields.
 Json ToJson(const Record& record);
 
+// The values of `fields` without their names, in wire order; what is named in them likewise.
+Json ValuesOf(const Json& fields);
+
+// The fields by name of a record whose database row holds `fields` and the datagram `raw`.
+Json FieldsOf(std::string_view fields, std::string_view raw);
+
 // The fields that Dump() once wrote; an empty object for what is no JSON object, since anybody can
 // write to a file.
 Json ParseFields(std::string_view text);

@@ -89,7 +89,7 @@ Status CountRefused(store::Reader* reader, Summary* summary) {
   if (Status status = reader->ReadTallies(&rows); !status.ok()) return status;
   std::map<std::string, ErrorTally> tallies;
   for (const store::Tally& row : rows) {
-    if (row.outcome != "refused" || row.last_ms < summary->range.since_ms ||
+    if (row.outcome != store::Outcome::kRefused || row.last_ms < summary->range.since_ms ||
         started_ms[row.run] >= summary->range.until_ms) {
       continue;
     }

@@ -45,9 +45,8 @@ class Keeper {
     row.type = record.type;
     row.event = record.event;
     row.timestamp_ms = record.timestamp;
-    row.fields = records::Dump(record.fields);
+    row.fields = records::Dump(records::ValuesOf(record.fields));
     row.raw = datagram;
-    ++batch_.received;
     if (batch_.records.size() == kBatchSize) Commit();
   }
 
@@ -59,7 +58,6 @@ class Keeper {
       const auto decoded = records::Decode(datagram);
       const auto* damage = std::get_if<records::Damage>(&decoded);
       if (!damage) continue;
-      ++batch_.received;
       batch_.quarantine.push_back({0,
                                    0,
                                    at_ms,
@@ -67,11 +65,10 @@ class Keeper {
                                    std::string(damage->kind),
                                    damage->reason,
                                    damage->type,
-                                   records::Dump(damage->fields),
+                                   static_cast<std::int64_t>(datagram.size()),
                                    datagram});
     }
     batch_.refused[{33, "user not allowed"}] = 4;
-    batch_.received += 4;
   }
 
   void Commit() {

@@ -3,31 +3,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
-#include <vector>
+#include <memory>
+#include <variant>
 
 #include "src/events/device_events.h"
+#include "tools/records/record.h"
 #include "tools/store/file.h"
-#include "tools/store/journal_events.h"
-#include "tools/store/keeper.h"
+#include "tools/store/ledger.h"
 #include "tools/store/schema.h"
 #include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
-
-// An administrator's archive must stay in the hands of the collector, which runs under a user of
-// its own. Best effort: only root may give files away, and nobody else has to.
-void GiveToOwnerOf(const std::string& database_path, const std::string& path) {
-  struct stat database {};
-  if (geteuid() == 0 && stat(database_path.c_str(), &database) == 0 &&
-      chown(path.c_str(), database.st_uid, database.st_gid) != 0) {
-    return;
-  }
-}
 
 // The order is what makes it safe to be killed: the complete file waits under a temporary name
 // while the database notes its final one ("begun"); then it gets that name; then one transaction
@@ -46,162 +38,175 @@ std::string NewName(const std::string& directory, const Archive& archive) {
          ".db.zst";
 }
 
-std::string TemporaryName(const std::string& path) { return path + ".tmp"; }
-
-// What is to be archived now; no records when there is nothing.
-Status PlanArchive(Connection* connection, const std::string& directory, Archive* archive) {
-  Statement select;
-  Status status = connection->Prepare(
-      "SELECT count(*), min(id), max(id), min(timestamp_ms), max(timestamp_ms) FROM records",
-      &select);
-  if (!status.ok()) return status;
-  if (!select.Step()) return select.status();
-  archive->records = select.Int(0);
-  archive->first_record = select.Int(1);
-  archive->last_record = select.Int(2);
-  archive->first_timestamp_ms = select.Int(3);
-  archive->last_timestamp_ms = select.Int(4);
-  archive->created_ms = NowMs();
-  archive->path = NewName(directory, *archive);
-  return {};
+// The folder's lock makes it one at a time.
+std::string PlainName(const std::string& directory) { return directory + "/unfinished.db"; }
+std::string TemporaryName(const std::string& directory) {
+  return directory + "/unfinished.db.zst.tmp";
 }
 
-// Copies the records of `archive` into a new database at `path`.
-Status CopyRecords(const std::string& database_path, const Archive& archive,
-                   const std::string& path) {
+// `row` as it is kept now, whatever file it comes from.
+void Renew(RecordRow* row) {
+  if (!row->fields.starts_with('{')) return;
+  const auto decoded = records::Decode(row->raw);
+  const auto* record = std::get_if<records::Record>(&decoded);
+  if (record) row->fields = records::Dump(records::ValuesOf(record->fields));
+}
+
+void Take(const RecordRow& row, Archive* archive) {
+  if (archive->records == 0) {
+    archive->first_record = row.id;
+    archive->first_timestamp_ms = archive->last_timestamp_ms = row.timestamp_ms;
+  }
+  ++archive->records;
+  archive->last_record = row.id;
+  archive->first_timestamp_ms = std::min(archive->first_timestamp_ms, row.timestamp_ms);
+  archive->last_timestamp_ms = std::max(archive->last_timestamp_ms, row.timestamp_ms);
+}
+
+// What else belongs to the records of `archive`.
+Status CopyBeside(const std::string& database_path, const Archive& archive, Connection* copy) {
+  const std::string first = std::to_string(archive.first_record);
+  const std::string range = first + " AND " + std::to_string(archive.last_record);
+  Statement attach;
+  RETURN_IF_ERROR(copy->Prepare("ATTACH ? AS live", &attach));
+  RETURN_IF_ERROR(attach.Bind(1, std::string_view(database_path)).Run());
+  return copy->Execute(
+      "INSERT INTO stores SELECT * FROM live.stores WHERE first_record BETWEEN " + range +
+      " OR first_record = (SELECT max(first_record) FROM live.stores WHERE first_record <= " +
+      first + ");INSERT INTO missing SELECT * FROM live.missing WHERE first_record BETWEEN " +
+      range + ";INSERT INTO clock_steps SELECT * FROM live.clock_steps WHERE record BETWEEN " +
+      range);
+}
+
+// Copies records of `source` into a new database at `path`, as many as fit.
+Status CopyRecords(Reader* source, const std::string& database_path, std::int64_t after,
+                   std::int64_t last, const std::string& path, Archive* archive) {
+  // A database has some pages beside the records, and the last rows may be large.
+  constexpr std::int64_t kReserve = std::int64_t{1024} * 1024;
+  constexpr std::int64_t kRowOverhead = 64;
   RETURN_IF_ERROR(CreatePrivateFile(path));
   Connection copy;
-  Statement attach;
-  Statement insert;
-  Status status = Connection::Open(path, Connection::Mode::kWrite, &copy);
+  RecordInserter inserter;
+  RETURN_IF_ERROR(Connection::Open(path, Connection::Mode::kWrite, &copy));
   // What is half done is thrown away after a crash, so nothing needs to be safe yet.
-  if (status.ok()) status = copy.Execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF");
-  if (status.ok()) status = InitializeSchema(&copy);
-  if (status.ok()) status = copy.Prepare("ATTACH ? AS live", &attach);
-  if (status.ok()) status = attach.Bind(1, std::string_view(database_path)).Run();
-  if (status.ok()) {
-    status = copy.Prepare(
-        "INSERT INTO records SELECT * FROM live.records WHERE id BETWEEN ? AND ? ORDER BY id",
-        &insert);
-  }
-  if (!status.ok()) return status;
-  return insert.Bind(1, archive.first_record).Bind(2, archive.last_record).Run();
-}
-
-// Makes the file of `archive` under its temporary name and tells its size.
-Status MakeFile(const std::string& database_path, Archive* archive) {
-  const std::string temporary = TemporaryName(archive->path);
-  const std::string plain = temporary + ".db";
-  // Left behind by a process that was killed.
-  unlink(temporary.c_str());
-  unlink(plain.c_str());
-  Status status = CopyRecords(database_path, *archive, plain);
-  if (status.ok()) status = CompressFile(plain, temporary);
-  unlink(plain.c_str());
-  struct stat file {};
-  if (status.ok() && stat(temporary.c_str(), &file) != 0) status = Status::Errno(temporary);
-  archive->bytes = file.st_size;
-  GiveToOwnerOf(database_path, temporary);
-  return status;
-}
-
-Status NoteBegun(Connection* connection, Archive* archive) {
-  Statement insert;
-  Status status = connection->Prepare(
-      "INSERT INTO archives(path, state, created_ms, first_record, last_record, records, "
-      "first_timestamp_ms, last_timestamp_ms, bytes) VALUES(?, 'begun', ?, ?, ?, ?, ?, ?, ?)",
-      &insert);
-  if (!status.ok()) return status;
-  status = insert.Bind(1, std::string_view(archive->path))
-               .Bind(2, archive->created_ms)
-               .Bind(3, archive->first_record)
-               .Bind(4, archive->last_record)
-               .Bind(5, archive->records)
-               .Bind(6, archive->first_timestamp_ms)
-               .Bind(7, archive->last_timestamp_ms)
-               .Bind(8, archive->bytes)
-               .Run();
-  archive->id = connection->LastId();
-  return status;
+  RETURN_IF_ERROR(copy.Execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF"));
+  RETURN_IF_ERROR(InitializeSchema(&copy));
+  RETURN_IF_ERROR(inserter.Prepare(&copy));
+  RETURN_IF_ERROR(copy.Execute("BEGIN"));
+  Status insertion;
+  std::int64_t bytes = 0;
+  RETURN_IF_ERROR(
+      source->ForEach({.after_id = after, .last_id = last}, [&](const RecordRow& found) {
+        RecordRow row = found;
+        Renew(&row);
+        insertion = inserter.Insert(row.id, row);
+        if (!insertion.ok()) return false;
+        Take(row, archive);
+        bytes += static_cast<std::int64_t>(row.fields.size() + row.raw.size()) + kRowOverhead;
+        return bytes < kLargestUnpacked - kReserve;
+      }));
+  RETURN_IF_ERROR(insertion);
+  RETURN_IF_ERROR(copy.Execute("COMMIT"));
+  return archive->records > 0 ? CopyBeside(database_path, *archive, &copy) : Status();
 }
 
 // Takes the records of an archive whose file is in place out of the database.
-Status Complete(Keeper* keeper, const Archive& archive) {
-  Connection& connection = keeper->connection;
+Status Complete(Connection* connection, const Archive& archive) {
   SendArchiveEvent event;
   event.archive_ = archive.path;
-  Statement remove;
-  Transaction transaction(&connection);
-  Status status = transaction.Begin();
-  if (status.ok()) {
-    status = connection.Prepare("DELETE FROM records WHERE id BETWEEN ? AND ?", &remove);
-  }
-  if (status.ok()) status = remove.Bind(1, archive.first_record).Bind(2, archive.last_record).Run();
-  if (status.ok()) status = CountRemoved(keeper, "archived", archive.path, connection.Changes());
-  if (status.ok()) status = SetState(&connection, archive.id, "complete");
-  if (status.ok()) status = AddJournalEvent(&connection, keeper->run, &event);
-  if (status.ok()) status = transaction.Commit();
-  return status;
+  std::int64_t removed = 0;
+  Transaction transaction(connection);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(RemoveRecords(connection, archive.first_record, archive.last_record,
+                                Outcome::kArchived, archive.path, &removed));
+  RETURN_IF_ERROR(SetState(connection, archive.id, ArchiveState::kComplete));
+  RETURN_IF_ERROR(AddOwnRecord(connection, &event));
+  return transaction.Commit();
 }
 
-Status Finish(Keeper* keeper) {
-  std::vector<Archive> begun;
-  Status status = ReadArchives(&keeper->connection, "begun", &begun);
-  for (const Archive& archive : begun) {
-    if (!status.ok()) return status;
-    if (access(archive.path.c_str(), F_OK) == 0) {
-      status = Complete(keeper, archive);
-      continue;
-    }
-    if (errno != ENOENT) return Status::Errno(archive.path);
-    status =
-        keeper->connection.Execute("DELETE FROM archives WHERE id = " + std::to_string(archive.id));
-    unlink(TemporaryName(archive.path).c_str());
-  }
-  return status;
+Status MakeFolder(const std::string& folder) {
+  if (mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST) return {};
+  return Status::Errno("cannot create " + folder);
 }
 
 }  // namespace
 
-Status ArchiveRecords(const std::string& database_path, const std::string& directory,
-                      std::optional<Archive>* archive) {
-  archive->reset();
-  Keeper keeper;
-  Archive made;
-  Status status = OpenKeeper(database_path, &keeper);
-  if (status.ok()) status = Finish(&keeper);
-  if (status.ok()) status = PlanArchive(&keeper.connection, directory, &made);
-  if (!status.ok() || made.records == 0) return status;
+Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reader* source,
+                   std::int64_t after, std::int64_t last, Archive* archive) {
+  const std::string plain = PlainName(directory);
+  const std::string temporary = TemporaryName(directory);
+  RETURN_IF_ERROR(MakeFolder(directory));
+  // Left behind by a process that was killed.
+  unlink(plain.c_str());
+  unlink(temporary.c_str());
+  *archive = {};
+  Status status = CopyRecords(source, maintenance->path, after, last, plain, archive);
+  if (status.ok() && archive->records > 0) status = CompressFile(plain, temporary);
+  unlink(plain.c_str());
+  if (!status.ok() || archive->records == 0) return status;
 
-  if (mkdir(directory.c_str(), S_IRWXU) == 0) {
-    GiveToOwnerOf(database_path, directory);
-  } else if (errno != EEXIST) {
-    return Status::Errno("cannot create " + directory);
+  archive->created_ms = NowMs();
+  archive->path = NewName(directory, *archive);
+  archive->schema = kSchemaVersion;
+  struct stat file {};
+  if (stat(temporary.c_str(), &file) != 0) return Status::Errno(temporary);
+  archive->bytes = file.st_size;
+  if (access(archive->path.c_str(), F_OK) == 0) {
+    status = Status::Failed(archive->path + " exists already");
   }
-  if (access(made.path.c_str(), F_OK) == 0) return Status::Failed(made.path + " exists already");
-  status = MakeFile(database_path, &made);
-  if (status.ok()) status = NoteBegun(&keeper.connection, &made);
-  if (status.ok() && rename(TemporaryName(made.path).c_str(), made.path.c_str()) != 0) {
-    status = Status::Errno("cannot create " + made.path);
+  if (status.ok()) status = InsertArchive(&maintenance->connection, archive);
+  if (status.ok() && rename(temporary.c_str(), archive->path.c_str()) != 0) {
+    status = Status::Errno("cannot create " + archive->path);
   }
-  if (!status.ok()) {
-    unlink(TemporaryName(made.path).c_str());
-    return status;
-  }
-  status = SyncFolder(directory);
-  if (status.ok()) status = Complete(&keeper, made);
-  if (status.ok()) {
-    GiveBackSpace(&keeper.connection);
-    made.state = "complete";
-    *archive = made;
-  }
+  if (status.ok()) status = SyncFolder(directory);
+  if (!status.ok()) unlink(temporary.c_str());
   return status;
 }
 
+Status ArchiveRecords(const std::string& database_path, const std::string& directory,
+                      std::vector<Archive>* archives) {
+  archives->clear();
+  Maintenance maintenance;
+  std::unique_ptr<Reader> reader;
+  std::int64_t last = 0;
+  RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
+  RETURN_IF_ERROR(FinishArchives(&maintenance));
+  RETURN_IF_ERROR(maintenance.connection.Read("SELECT coalesce(max(id), 0) FROM records", &last));
+  RETURN_IF_ERROR(Reader::Open(database_path, &reader));
+  for (std::int64_t after = 0; after < last;) {
+    Archive archive;
+    RETURN_IF_ERROR(MakeArchive(&maintenance, directory, reader.get(), after, last, &archive));
+    if (archive.records == 0) break;
+    RETURN_IF_ERROR(Complete(&maintenance.connection, archive));
+    archive.state = ArchiveState::kComplete;
+    after = archive.last_record;
+    archives->push_back(std::move(archive));
+  }
+  reader.reset();
+  if (!archives->empty()) maintenance.GiveBackSpace();
+  return {};
+}
+
+Status FinishArchives(Maintenance* maintenance) {
+  std::vector<Archive> begun;
+  RETURN_IF_ERROR(ReadArchives(&maintenance->connection, ArchiveState::kBegun, &begun));
+  for (const Archive& archive : begun) {
+    if (access(archive.path.c_str(), F_OK) == 0) {
+      RETURN_IF_ERROR(Complete(&maintenance->connection, archive));
+      continue;
+    }
+    if (errno != ENOENT) return Status::Errno(archive.path);
+    RETURN_IF_ERROR(maintenance->connection.Execute("DELETE FROM archives WHERE id = " +
+                                                    std::to_string(archive.id)));
+    unlink(TemporaryName(FolderOf(archive.path)).c_str());
+  }
+  return {};
+}
+
 Status FinishArchives(const std::string& database_path) {
-  Keeper keeper;
-  Status status = OpenKeeper(database_path, &keeper);
-  return status.ok() ? Finish(&keeper) : status;
+  Maintenance maintenance;
+  RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
+  return FinishArchives(&maintenance);
 }
 
 std::string LocateArchive(const std::string& database_path, const Archive& archive) {
@@ -210,11 +215,5 @@ std::string LocateArchive(const std::string& database_path, const Archive& archi
   const std::string beside = DefaultArchiveDirectory(database_path) + "/" + name;
   return access(beside.c_str(), F_OK) == 0 ? beside : archive.path;
 }
-
-Status UnpackArchive(const std::string& path, const std::string& unpacked_path) {
-  return DecompressFile(path, unpacked_path);
-}
-
-bool IsArchive(const std::string& path) { return path.ends_with(".zst"); }
 
 }  // namespace velmora::usage_stat::store

@@ -7,36 +7,37 @@
 #define TOOLS_STORE_ARCHIVE_H_
 
 #include <cstdint>
-#include <optional>
 #include <string>
+#include <vector>
 
+#include "tools/store/maintenance.h"
+#include "tools/store/reader.h"
 #include "tools/store/row.h"
 #include "tools/store/sqlite.h"
 
 namespace velmora::usage_stat::store {
 
-// Moves all records that are committed when the call begins to one new file in `directory`, which
-// is created if need be. Safe beside a running collector, and safe to be killed at any moment: the
-// next call, or FinishArchives(), ends what was begun, so that every record is either in the
-// database or in the archive once. Journals the archive. `archive` tells the file; without records
-// it is empty and nothing happens.
+// Moves all records that are committed when the call begins to new files in `directory`, which is
+// created if need be; `archives` tells them. Safe beside a running collector, and safe to be killed
+// at any moment: the next call, or FinishArchives(), ends what was begun, so that every record is
+// either in the database or in an archive once. Notes each archive as a record of its own.
 Status ArchiveRecords(const std::string& database_path, const std::string& directory,
-                      std::optional<Archive>* archive);
+                      std::vector<Archive>* archives);
 
 // Ends, or takes back, what a killed ArchiveRecords() left half done.
 Status FinishArchives(const std::string& database_path);
+Status FinishArchives(Maintenance* maintenance);
+
+// Makes one archive file of the records of `source` after number `after`, as many as fit, and those
+// up to `last` at most; the tables beside the records come from `maintenance`'s database. It is
+// noted as begun. `archive` tells what it holds: nothing when there are no such records, and then
+// no file is made.
+Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reader* source,
+                   std::int64_t after, std::int64_t last, Archive* archive);
 
 // Where the file of `archive` is: its path, or, when the database was copied elsewhere together
 // with its archives, its place in the archive folder of `database_path`.
 std::string LocateArchive(const std::string& database_path, const Archive& archive);
-
-// Unpacks the archive at `path` into the file at `unpacked_path`. Fails when it is damaged or
-// larger than the space left.
-Status UnpackArchive(const std::string& path, const std::string& unpacked_path);
-
-// Whether `path` names an archive: by its ending, since a look into a database in use would disturb
-// the locks of this process's connections to it.
-bool IsArchive(const std::string& path);
 
 }  // namespace velmora::usage_stat::store
 

@@ -22,7 +22,7 @@ std::string ImmutableUri(const std::string& path) {
 
 Status CreatePrivateFile(const std::string& path) {
   const Descriptor file(
-      open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+      open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   if (!file.is_open()) return Status::Errno("cannot create " + path);
   return {};
 }

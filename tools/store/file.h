@@ -3,6 +3,8 @@
 #ifndef TOOLS_STORE_FILE_H_
 #define TOOLS_STORE_FILE_H_
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "tools/base/status.h"
@@ -17,7 +19,11 @@ using base::Status;
 // The name by which SQLite opens the file at `path` without locks and without files beside it.
 std::string ImmutableUri(const std::string& path);
 
-// Makes an empty file, readable for its owner alone. One that is there already is emptied.
+// What records are kept in is readable for its owner and its group.
+constexpr mode_t kFileMode = 0640;
+constexpr mode_t kFolderMode = 0750;
+
+// Makes an empty file with kFileMode. One that is there already is emptied.
 Status CreatePrivateFile(const std::string& path);
 
 // The folder that holds `path`.

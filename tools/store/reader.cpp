@@ -6,14 +6,20 @@
 #include <cstdlib>
 #include <utility>
 
+#include "tools/records/record.h"
 #include "tools/store/archive.h"
 #include "tools/store/file.h"
+#include "tools/store/ledger.h"
 #include "tools/store/schema.h"
-#include "tools/store/statements.h"
+#include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
+
+// What one transaction of a reader looks at, and keeps of it, at most.
+constexpr std::int64_t kRowsInPiece = 2000;
+constexpr std::size_t kBytesInPiece = std::size_t{256} * 1024;
 
 // A statement's text and its parameters, which it owns.
 class Filter {
@@ -21,17 +27,8 @@ class Filter {
   explicit Filter(const Query& query) {
     if (query.since_ms) Add("timestamp_ms >= ?", *query.since_ms);
     if (query.until_ms) Add("timestamp_ms < ?", *query.until_ms);
-    if (query.after_id) Add("id > ?", *query.after_id);
-    if (query.application) Add("json_extract(fields, '$.application') = ?", *query.application);
-    if (query.book_id) {
-      Add("(json_extract(fields, '$.book_id') = ?", *query.book_id);
-      numbers_.push_back(*query.book_id);
-      text_ +=
-          " OR EXISTS (SELECT 1 FROM json_each(fields, '$.books')"
-          " WHERE json_extract(value, '$.book_id') = ?))";
-    }
     if (!query.events.empty()) {
-      text_ += text_.empty() ? " WHERE event IN (" : " AND event IN (";
+      text_ += " AND event IN (";
       for (std::size_t i = 0; i < query.events.size(); ++i) text_ += i == 0 ? "?" : ", ?";
       text_ += ")";
       names_ = &query.events;
@@ -40,20 +37,16 @@ class Filter {
 
   const std::string& text() const { return text_; }
 
-  // Binds the parameters; returns the index after the last one.
-  int Bind(Statement* statement) const {
-    int index = 1;
+  // Binds the parameters from `index` on.
+  void Bind(int index, Statement* statement) const {
     for (const std::int64_t number : numbers_) statement->Bind(index++, number);
-    if (names_) {
-      for (const std::string& name : *names_) statement->Bind(index++, name);
-    }
-    return index;
+    if (!names_) return;
+    for (const std::string& name : *names_) statement->Bind(index++, name);
   }
 
  private:
   void Add(const char* condition, std::int64_t number) {
-    text_ += text_.empty() ? " WHERE " : " AND ";
-    text_ += condition;
+    text_ += std::string(" AND ") + condition;
     numbers_.push_back(number);
   }
 
@@ -62,18 +55,22 @@ class Filter {
   const std::vector<std::string>* names_ = nullptr;
 };
 
-std::string RecordQuery(const Query& query, const Filter& filter) {
-  const std::string columns =
-      "SELECT id, received_ms, pid, uid, type, event, timestamp_ms, fields, raw FROM ";
-  const char* const oldest_first = " ORDER BY id";
-  const char* const newest_first = " ORDER BY id DESC";
-  std::string from = "records" + filter.text();
-  if (query.newest) {
-    from += std::string(newest_first) + " LIMIT ?";
-    if (query.reverse) return columns + from;
-    from = "(SELECT * FROM " + from + ")";
-  }
-  return columns + from + (query.reverse ? newest_first : oldest_first);
+// Whether what can't be asked for in SQL matches: the meaning of fields is not in the database.
+bool MatchesFields(const Query& query, const RecordRow& row) {
+  if (!query.application && !query.book_id) return true;
+  const records::Json fields = records::FieldsOf(row.fields, row.raw);
+  const auto holds = [](const records::Json& object, const char* name, std::int64_t number) {
+    const auto field = object.find(name);
+    return field != object.end() && field->is_number_integer() &&
+           field->get<std::int64_t>() == number;
+  };
+  if (query.application && !holds(fields, "application", *query.application)) return false;
+  if (!query.book_id || holds(fields, "book_id", *query.book_id)) return true;
+  const auto books = fields.find("books");
+  return books != fields.end() && books->is_array() &&
+         std::ranges::any_of(*books, [&](const records::Json& book) {
+           return book.is_object() && holds(book, "book_id", *query.book_id);
+         });
 }
 
 RecordRow RecordOf(const Statement& row) {
@@ -95,7 +92,7 @@ QuarantineRow QuarantinedOf(const Statement& row) {
           std::string(row.Text(5)),
           std::string(row.Text(6)),
           row.IsNull(7) ? std::nullopt : std::optional(static_cast<int>(row.Int(7))),
-          std::string(row.Text(8)),
+          row.Int(8),
           std::string(row.Text(9))};
 }
 
@@ -105,10 +102,14 @@ Run RunOf(const Statement& row) {
           row.Int(6)};
 }
 
-Tally TallyOf(const Statement& row) {
-  return {row.Int(0), row.Int(1), std::string(row.Text(2)), std::string(row.Text(3)),
-          row.Int(4), row.Int(5)};
+Store StoreOf(const Statement& row) { return {std::string(row.Text(0)), row.Int(1)}; }
+
+Missing MissingOf(const Statement& row) {
+  return {row.Int(0), row.Int(1),
+          ValueNamed<Absence>(kAbsenceNames, row.Text(2)).value_or(Absence::kUnreadable)};
 }
+
+ClockStep ClockStepOf(const Statement& row) { return {row.Int(0), row.Int(1), row.Int(2)}; }
 
 // Fills `rows` with what `make` makes of each row of a query.
 template <class Row>
@@ -122,101 +123,222 @@ Status ReadAll(Connection* connection, std::string_view sql, Row (*make)(const S
 }
 
 // Unpacks an archive and opens it; the file's name is gone when this returns.
-Status OpenUnpacked(const std::string& path, Connection* connection) {
+Status OpenUnpacked(const std::string& path, Connection* connection, int* schema) {
   const char* folder = std::getenv("TMPDIR");
   std::string unpacked =
       std::string(folder && *folder ? folder : "/tmp") + "/usage-stat-archive.XXXXXX";
   const Descriptor file(mkstemp(unpacked.data()));
   if (!file.is_open()) return Status::Errno("cannot create a file like " + unpacked);
   Status status = UnpackArchive(path, unpacked);
-  if (status.ok()) status = OpenForReading(unpacked, connection);
+  if (status.ok()) status = OpenForReading(unpacked, connection, schema);
   unlink(unpacked.c_str());
   return status;
 }
 
 bool MayHoldMatch(const Archive& archive, const Query& query) {
-  return archive.state == "complete" &&
-         (!query.after_id || archive.last_record > *query.after_id) &&
-         (!query.since_ms || archive.last_timestamp_ms >= *query.since_ms) &&
+  return (!query.since_ms || archive.last_timestamp_ms >= *query.since_ms) &&
          (!query.until_ms || archive.first_timestamp_ms < *query.until_ms);
 }
 
 // The newest matches, oldest of them first: they are those that come first in reverse.
-Status ForEachOfNewest(Journal* journal, Query query, const RecordVisitor& visit,
-                       std::vector<std::string>* problems) {
+template <class Source>
+Status ForEachOfNewest(Source source, Query query, const RecordVisitor& visit) {
   query.reverse = true;
   std::vector<RecordRow> rows;
-  const auto keep = [&rows](const RecordRow& row) {
+  RETURN_IF_ERROR(source(query, [&rows](const RecordRow& row) {
     rows.push_back(row);
     return true;
-  };
-  Status status = journal->ForEach(query, keep, problems);
+  }));
   for (auto row = rows.rbegin(); row != rows.rend() && visit(*row); ++row) {
   }
-  return status;
+  return {};
+}
+
+std::int64_t StartOf(const Query& query) {
+  if (query.reverse) return query.last_id.value_or(INT64_MAX);
+  return query.after_id && *query.after_id < INT64_MAX ? *query.after_id + 1 : INT64_MIN;
+}
+
+// Hands out rows until the visitor or the query has enough; false then.
+bool Visit(const std::vector<RecordRow>& rows, const RecordVisitor& visit,
+           std::optional<std::int64_t>* left) {
+  for (const RecordRow& row : rows) {
+    if (*left && **left <= 0) return false;
+    if (*left) --**left;
+    if (!visit(row) || (*left && **left == 0)) return false;
+  }
+  return true;
 }
 
 }  // namespace
 
 Status Reader::Open(const std::string& path, std::unique_ptr<Reader>* reader) {
   auto opened = std::unique_ptr<Reader>(new Reader);
-  Status status = IsArchive(path) ? OpenUnpacked(path, &opened->connection_)
-                                  : OpenForReading(path, &opened->connection_);
-  if (status.ok()) *reader = std::move(opened);
-  return status;
+  RETURN_IF_ERROR(IsArchive(path) ? OpenUnpacked(path, &opened->connection_, &opened->schema_)
+                                  : OpenForReading(path, &opened->connection_, &opened->schema_));
+  *reader = std::move(opened);
+  return {};
+}
+
+Status Reader::ReadPiece(const Query& query, std::int64_t* position, std::vector<RecordRow>* rows,
+                         bool* is_end) {
+  rows->clear();
+  const bool is_down = query.reverse;
+  const Filter filter(query);
+  Snapshot snapshot(&connection_);
+  RETURN_IF_ERROR(snapshot.Begin());
+
+  // The range of numbers that this piece looks at.
+  Statement bounds;
+  RETURN_IF_ERROR(connection_.Prepare(
+      is_down ? "SELECT min(id), max(id) FROM (SELECT id FROM records WHERE id <= ? "
+                "ORDER BY id DESC LIMIT ?)"
+              : "SELECT min(id), max(id) FROM (SELECT id FROM records WHERE id >= ? "
+                "ORDER BY id LIMIT ?)",
+      &bounds));
+  if (!bounds.Bind(1, *position).Bind(2, kRowsInPiece).Step()) return bounds.status();
+  *is_end = bounds.IsNull(0);
+  if (*is_end) return {};
+  std::int64_t first = bounds.Int(0);
+  std::int64_t last = bounds.Int(1);
+  if (query.last_id) last = std::min(last, *query.last_id);
+  if (query.after_id) first = std::max(first, *query.after_id + 1);
+  *is_end = first > last;
+  if (*is_end) return {};
+
+  Statement select;
+  RETURN_IF_ERROR(connection_.Prepare(
+      "SELECT id, received_ms, pid, uid, type, event, timestamp_ms, fields, raw FROM " +
+          std::string(schema_ == 1 ? "records" : "record_list") + " WHERE id BETWEEN ? AND ?" +
+          filter.text() + (is_down ? " ORDER BY id DESC" : " ORDER BY id"),
+      &select));
+  filter.Bind(3, &select);
+  select.Bind(1, first).Bind(2, last);
+  std::size_t bytes = 0;
+  while (bytes < kBytesInPiece && select.Step()) {
+    RecordRow row = RecordOf(select);
+    // What is passed over need not be looked at again.
+    *position = row.id;
+    bytes += row.fields.size() + row.raw.size();
+    if (MatchesFields(query, row)) rows->push_back(std::move(row));
+  }
+  if (bytes < kBytesInPiece) {
+    RETURN_IF_ERROR(select.status());
+    *position = is_down ? first : last;
+  }
+  *is_end = *position == (is_down ? INT64_MIN : INT64_MAX);
+  *position += *is_end ? 0 : is_down ? -1 : 1;
+  return {};
 }
 
 Status Reader::ForEach(const Query& query, const RecordVisitor& visit) {
-  const Filter filter(query);
-  Statement statement;
-  if (Status status = connection_.Prepare(RecordQuery(query, filter), &statement); !status.ok()) {
-    return status;
+  if (query.newest && !query.reverse) {
+    return ForEachOfNewest([this](const Query& backwards,
+                                  const RecordVisitor& keep) { return ForEach(backwards, keep); },
+                           query, visit);
   }
-  const int next = filter.Bind(&statement);
-  if (query.newest) statement.Bind(next, *query.newest);
-  while (statement.Step()) {
-    if (!visit(RecordOf(statement))) return {};
+  std::optional<std::int64_t> left = query.newest;
+  if (left == 0) return {};
+  std::int64_t position = StartOf(query);
+  std::vector<RecordRow> rows;
+  for (bool is_end = false; !is_end;) {
+    RETURN_IF_ERROR(ReadPiece(query, &position, &rows, &is_end));
+    if (!Visit(rows, visit, &left)) return {};
   }
-  return statement.status();
+  return {};
 }
 
 Status Reader::ForEachQuarantined(const QuarantineVisitor& visit) {
-  Statement statement;
-  if (Status status = connection_.Prepare(
-          "SELECT id, run, received_ms, pid, uid, kind, reason, type, fields, raw FROM quarantine "
-          "ORDER BY id",
-          &statement);
-      !status.ok()) {
-    return status;
+  const std::string size = schema_ == 1 ? "length(raw)" : "size";
+  std::int64_t after = 0;
+  for (std::vector<QuarantineRow> rows(1); !rows.empty();) {
+    rows.clear();
+    Statement statement;
+    RETURN_IF_ERROR(
+        connection_.Prepare("SELECT id, run, received_ms, pid, uid, kind, reason, type, " + size +
+                                ", raw FROM quarantine WHERE id > ? ORDER BY id",
+                            &statement));
+    statement.Bind(1, after);
+    for (std::size_t bytes = 0; bytes < kBytesInPiece && statement.Step();) {
+      rows.push_back(QuarantinedOf(statement));
+      bytes += rows.back().raw.size() + rows.back().reason.size();
+      after = rows.back().id;
+    }
+    RETURN_IF_ERROR(statement.status());
+    statement = Statement();
+    for (const QuarantineRow& row : rows) {
+      if (!visit(row)) return {};
+    }
   }
-  while (statement.Step()) {
-    if (!visit(QuarantinedOf(statement))) return {};
-  }
-  return statement.status();
+  return {};
 }
 
 Status Reader::ReadRuns(std::vector<Run>* runs) {
   return ReadAll(&connection_,
-                 "SELECT id, pid, endpoint, started_ms, last_commit_ms, ended_ms, received "
-                 "FROM runs ORDER BY id",
+                 schema_ == 1
+                     ? "SELECT id, pid, endpoint, started_ms, last_commit_ms, ended_ms, received "
+                       "FROM runs ORDER BY id"
+                     : "SELECT id, pid, endpoint, started_ms, last_commit_ms, ended_ms, received "
+                       "FROM runs JOIN run_counts ON run = id ORDER BY id",
                  &RunOf, runs);
 }
 
 Status Reader::ReadTallies(std::vector<Tally>* tallies) {
-  return ReadAll(&connection_,
-                 "SELECT run, uid, outcome, reason, count, last_ms FROM tally "
-                 "ORDER BY run, uid, outcome, reason",
-                 &TallyOf, tallies);
+  tallies->clear();
+  Statement select;
+  RETURN_IF_ERROR(connection_.Prepare("SELECT run, uid, outcome, reason, count, last_ms FROM " +
+                                          std::string(schema_ == 1 ? "tally" : "outcomes") +
+                                          " ORDER BY run, uid, outcome, reason",
+                                      &select));
+  while (select.Step()) {
+    // The first schema called the collector's own records its journal.
+    const auto outcome = select.Text(2) == "journal" ? Outcome::kOwn : OutcomeNamed(select.Text(2));
+    if (!outcome) continue;
+    tallies->push_back({select.Int(0), select.Int(1), *outcome, std::string(select.Text(3)),
+                        select.Int(4), select.Int(5)});
+  }
+  return select.status();
 }
 
 Status Reader::ReadArchives(std::vector<Archive>* archives) {
-  return store::ReadArchives(&connection_, archives);
+  return store::ReadArchives(&connection_, schema_, archives);
+}
+
+Status Reader::ReadStores(std::vector<Store>* stores) {
+  stores->clear();
+  if (schema_ == 1) return {};
+  return ReadAll(&connection_, "SELECT store_id, first_record FROM stores ORDER BY first_record",
+                 &StoreOf, stores);
+}
+
+Status Reader::ReadMissing(std::vector<Missing>* missing) {
+  missing->clear();
+  if (schema_ == 1) return {};
+  return ReadAll(&connection_,
+                 "SELECT first_record, last_record, reason FROM missing ORDER BY first_record",
+                 &MissingOf, missing);
+}
+
+Status Reader::ReadClockSteps(std::vector<ClockStep>* steps) {
+  steps->clear();
+  if (schema_ == 1) return {};
+  return ReadAll(&connection_,
+                 "SELECT record, wall_ms, step_ms FROM clock_steps ORDER BY record, rowid",
+                 &ClockStepOf, steps);
+}
+
+Status Reader::LastNumber(std::int64_t* number) {
+  if (schema_ == 1) {
+    return connection_.Read(
+        "SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'records'", number);
+  }
+  RETURN_IF_ERROR(NextRecord(&connection_, number));
+  --*number;
+  return {};
 }
 
 Status Reader::CountRows(std::int64_t* records, std::int64_t* quarantined) {
-  if (Status status = connection_.Read("SELECT count(*) FROM records", records); !status.ok()) {
-    return status;
-  }
+  RETURN_IF_ERROR(connection_.Read("SELECT count(*) FROM records", records));
   return connection_.Read("SELECT count(*) FROM quarantine", quarantined);
 }
 
@@ -224,55 +346,104 @@ Status Reader::CheckIntegrity(std::string* result) {
   return connection_.Read("PRAGMA integrity_check", result);
 }
 
-Status Journal::Open(const std::string& path, std::unique_ptr<Journal>* journal) {
-  auto opened = std::unique_ptr<Journal>(new Journal);
+// ---- The database and its archives ----
+
+Status History::Open(const std::string& path, std::unique_ptr<History>* history) {
+  auto opened = std::unique_ptr<History>(new History);
   opened->path_ = path;
-  Status status = Reader::Open(path, &opened->live_);
-  if (status.ok()) *journal = std::move(opened);
-  return status;
+  RETURN_IF_ERROR(Reader::Open(path, &opened->live_));
+  *history = std::move(opened);
+  return {};
 }
 
-Status Journal::ForEach(const Query& query, const RecordVisitor& visit,
+Status History::ForEach(const Query& query, const RecordVisitor& visit,
                         std::vector<std::string>* problems) {
-  if (query.newest && !query.reverse) return ForEachOfNewest(this, query, visit, problems);
+  if (!query.newest || query.reverse) return Walk(query, visit, problems);
+  return ForEachOfNewest([&](const Query& backwards,
+                             const RecordVisitor& keep) { return Walk(backwards, keep, problems); },
+                         query, visit);
+}
 
-  // One state of the database for the list of archives and the records that are not in them.
-  Transaction snapshot(&live_->connection());
-  RETURN_IF_ERROR(live_->connection().Execute("BEGIN"));
+Status History::FindNext(const Query& query, std::int64_t position, std::optional<Archive>* archive,
+                         std::optional<std::int64_t>* limit) {
+  archive->reset();
+  limit->reset();
+  Snapshot snapshot(&live_->connection());
+  RETURN_IF_ERROR(snapshot.Begin());
   std::vector<Archive> archives;
   RETURN_IF_ERROR(live_->ReadArchives(&archives));
-  std::erase_if(archives,
-                [&query](const Archive& archive) { return !MayHoldMatch(archive, query); });
-
-  Query rest = query;
-  bool more = true;
-  const auto count_and_visit = [&](const RecordRow& row) {
-    if (rest.newest) --*rest.newest;
-    more = visit(row) && rest.newest != 0;
-    return more;
+  if (query.reverse) std::ranges::reverse(archives);
+  const auto is_next = [&](const Archive& each) {
+    return each.state == ArchiveState::kComplete &&
+           (query.reverse ? each.first_record <= position : each.last_record >= position);
   };
-  const auto read_archive = [&](const Archive& archive) {
-    const std::string file = LocateArchive(path_, archive);
-    std::unique_ptr<Reader> reader;
-    Status status = Reader::Open(file, &reader);
-    if (status.ok()) status = reader->ForEach(Query(rest), count_and_visit);
-    if (!status.ok() && problems) problems->push_back(file + ": " + status.message);
-  };
-
-  if (rest.newest == 0) return {};
-  Status status;
-  if (query.reverse) {
-    status = live_->ForEach(Query(rest), count_and_visit);
-    for (auto archive = archives.rbegin(); archive != archives.rend() && more; ++archive) {
-      read_archive(*archive);
-    }
+  const auto next = std::ranges::find_if(archives, is_next);
+  if (next == archives.end()) return {};
+  Statement rows;
+  RETURN_IF_ERROR(live_->connection().Prepare(query.reverse
+                                                  ? "SELECT max(id) FROM records WHERE id <= ?"
+                                                  : "SELECT min(id) FROM records WHERE id >= ?",
+                                              &rows));
+  if (!rows.Bind(1, position).Step()) return rows.status();
+  const bool archive_first = rows.IsNull(0) || (query.reverse ? rows.Int(0) < next->last_record
+                                                              : rows.Int(0) > next->first_record);
+  if (archive_first) {
+    *archive = *next;
   } else {
-    for (const Archive& archive : archives) {
-      if (more) read_archive(archive);
-    }
-    if (more) status = live_->ForEach(Query(rest), count_and_visit);
+    *limit = query.reverse ? next->last_record + 1 : next->first_record - 1;
   }
-  return status;
+  return {};
+}
+
+// Numbers are walked through in order. Before each piece it is asked anew where they are now: rows
+// may have moved to an archive since the last one.
+Status History::Walk(const Query& query, const RecordVisitor& visit,
+                     std::vector<std::string>* problems) {
+  std::optional<std::int64_t> left = query.newest;
+  if (left == 0) return {};
+  std::int64_t position = StartOf(query);
+  std::vector<RecordRow> rows;
+  for (;;) {
+    std::optional<Archive> archive;
+    std::optional<std::int64_t> limit;
+    RETURN_IF_ERROR(FindNext(query, position, &archive, &limit));
+    Query piece = query;
+    piece.newest.reset();
+    if (!archive) {
+      if (limit)
+        (query.reverse ? piece.after_id : piece.last_id) = *limit - (query.reverse ? 1 : 0);
+      bool is_end = false;
+      RETURN_IF_ERROR(live_->ReadPiece(piece, &position, &rows, &is_end));
+      if (!Visit(rows, visit, &left)) return {};
+      if (!is_end) continue;
+      if (!limit) return {};
+      position = query.reverse ? *limit - 1 : *limit + 1;
+      continue;
+    }
+    const bool is_beyond = query.reverse ? query.after_id && archive->last_record <= *query.after_id
+                                         : query.last_id && archive->first_record > *query.last_id;
+    if (is_beyond) return {};
+    if (MayHoldMatch(*archive, query)) {
+      const std::string file = LocateArchive(path_, *archive);
+      std::unique_ptr<Reader> reader;
+      bool has_enough = false;
+      if (query.reverse) {
+        piece.last_id = std::min(position, piece.last_id.value_or(INT64_MAX));
+      } else if (position > INT64_MIN) {
+        piece.after_id = position - 1;
+      }
+      Status status = Reader::Open(file, &reader);
+      if (status.ok()) {
+        status = reader->ForEach(piece, [&](const RecordRow& row) {
+          has_enough = !Visit({row}, visit, &left);
+          return !has_enough;
+        });
+      }
+      if (has_enough) return {};
+      if (!status.ok() && problems) problems->push_back(file + ": " + status.message);
+    }
+    position = query.reverse ? archive->first_record - 1 : archive->last_record + 1;
+  }
 }
 
 }  // namespace velmora::usage_stat::store

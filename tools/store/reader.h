@@ -25,6 +25,7 @@ struct Query {
   std::optional<std::int64_t> book_id =
       {};  // the field `book_id`, of the record or of a book in it
   std::optional<std::int64_t> after_id = {};  // records that came later than this one
+  std::optional<std::int64_t> last_id = {};   // up to this one
   std::optional<std::int64_t> newest = {};    // the last so many of what matches
   bool reverse = false;                       // newest first
 };
@@ -34,10 +35,12 @@ using RecordVisitor = std::function<bool(const RecordRow&)>;
 using QuarantineVisitor = std::function<bool(const QuarantineRow&)>;
 
 // Reads one file. Records come in the order in which they were received, which is that of their
-// ids. Each operation sees one state of the database, whatever its collector does meanwhile.
+// numbers. They are read in pieces, each in a short transaction that is over when its rows are
+// handed out: whoever takes long over a row holds up neither the collector nor its log.
 class Reader {
  public:
-  // Opens a database or an archive. An archive is unpacked into a nameless temporary file.
+  // Opens a database or an archive. An archive is unpacked into a nameless temporary file of at
+  // most kLargestUnpacked bytes and a little.
   static Status Open(const std::string& path, std::unique_ptr<Reader>* reader);
 
   Status ForEach(const Query& query, const RecordVisitor& visit);
@@ -48,6 +51,15 @@ class Reader {
   Status ReadTallies(std::vector<Tally>* tallies);
   Status ReadArchives(std::vector<Archive>* archives);
 
+  // The stores that the numbers belong to, the runs of numbers without records, and the steps of
+  // the clock, each in order of numbers. An archive has those of its own numbers.
+  Status ReadStores(std::vector<Store>* stores);
+  Status ReadMissing(std::vector<Missing>* missing);
+  Status ReadClockSteps(std::vector<ClockStep>* steps);
+
+  // The largest number that a record was given.
+  Status LastNumber(std::int64_t* number);
+
   Status CountRows(std::int64_t* records, std::int64_t* quarantined);
 
   // SQLite's own check of the whole file: "ok", or what it found.
@@ -55,18 +67,26 @@ class Reader {
 
   // For queries that are not foreseen here. Reading only.
   Connection& connection() { return connection_; }
+  int schema() const { return schema_; }
 
  private:
+  friend class History;
   Reader() = default;
 
+  // The next rows from `*position` on that match; fewer than there are, and none while it passes
+  // over others. `*position` is moved; `*is_end` tells that there is nothing behind it.
+  Status ReadPiece(const Query& query, std::int64_t* position, std::vector<RecordRow>* rows,
+                   bool* is_end);
+
   Connection connection_;
+  int schema_ = 0;
 };
 
 // Reads a database together with the archives that its closed records were moved to, as if nothing
-// had been moved.
-class Journal {
+// had been moved, also while something is.
+class History {
  public:
-  static Status Open(const std::string& path, std::unique_ptr<Journal>* journal);
+  static Status Open(const std::string& path, std::unique_ptr<History>* history);
 
   // Archives that can't hold a match stay closed. One that is missing or damaged is skipped and
   // told by `problems`, if that is given.
@@ -77,11 +97,20 @@ class Journal {
   Reader& live() { return *live_; }
 
  private:
-  Journal() = default;
+  History() = default;
+
+  Status Walk(const Query& query, const RecordVisitor& visit, std::vector<std::string>* problems);
+  // The archive that is to be read next from `position` on; none when rows of the database come
+  // before it. Tells in `limit` how far those may be read.
+  Status FindNext(const Query& query, std::int64_t position, std::optional<Archive>* archive,
+                  std::optional<std::int64_t>* limit);
 
   std::string path_;
   std::unique_ptr<Reader> live_;
 };
+
+// Called so before; for callers that are not renamed yet.
+using Journal = History;
 
 }  // namespace velmora::usage_stat::store
 

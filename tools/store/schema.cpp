@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 #include "tools/store/file.h"
@@ -20,20 +22,24 @@ namespace velmora::usage_stat::store {
 
 namespace {
 
-// Ids are never used twice, also after the newest rows went to an archive: who follows the records
-// by id, or looks one up in an archive, relies on it.
+// A commit writes whole pages, and most commits hold one record: so a record touches one small page
+// and has no index; the counts of the newest records are derived from them (see AddUp()); and the
+// event's name stands once.
 constexpr const char* kTables = R"sql(
+CREATE TABLE events(
+  id INTEGER PRIMARY KEY,
+  type INTEGER NOT NULL,
+  name TEXT NOT NULL UNIQUE);
+
 CREATE TABLE records(
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  id INTEGER PRIMARY KEY,
   received_ms INTEGER NOT NULL,
   pid INTEGER NOT NULL,
   uid INTEGER NOT NULL,
-  type INTEGER NOT NULL,
-  event TEXT NOT NULL,
+  event INTEGER NOT NULL,
   timestamp_ms INTEGER NOT NULL,
   fields TEXT NOT NULL,
   raw BLOB NOT NULL);
-CREATE INDEX records_by_time ON records(timestamp_ms);
 
 CREATE TABLE quarantine(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -44,17 +50,19 @@ CREATE TABLE quarantine(
   kind TEXT NOT NULL,
   reason TEXT NOT NULL,
   type INTEGER,
-  fields TEXT NOT NULL,
+  size INTEGER NOT NULL,
   raw BLOB NOT NULL);
 
 CREATE TABLE runs(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   pid INTEGER NOT NULL,
   endpoint TEXT NOT NULL,
+  boot TEXT NOT NULL,
+  boot_offset_ms INTEGER NOT NULL,
   started_ms INTEGER NOT NULL,
-  last_commit_ms INTEGER NOT NULL,
   ended_ms INTEGER,
-  received INTEGER NOT NULL DEFAULT 0);
+  first_record INTEGER NOT NULL,
+  counted_record INTEGER NOT NULL);
 
 CREATE TABLE tally(
   run INTEGER NOT NULL,
@@ -69,6 +77,7 @@ CREATE TABLE archives(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   path TEXT NOT NULL,
   state TEXT NOT NULL,
+  schema INTEGER NOT NULL,
   created_ms INTEGER NOT NULL,
   first_record INTEGER NOT NULL,
   last_record INTEGER NOT NULL,
@@ -76,6 +85,42 @@ CREATE TABLE archives(
   first_timestamp_ms INTEGER NOT NULL,
   last_timestamp_ms INTEGER NOT NULL,
   bytes INTEGER NOT NULL);
+
+CREATE TABLE stores(
+  first_record INTEGER PRIMARY KEY,
+  store_id BLOB NOT NULL);
+
+CREATE TABLE missing(
+  first_record INTEGER PRIMARY KEY,
+  last_record INTEGER NOT NULL,
+  reason TEXT NOT NULL);
+
+CREATE TABLE clock_steps(
+  record INTEGER NOT NULL,
+  wall_ms INTEGER NOT NULL,
+  step_ms INTEGER NOT NULL);
+
+CREATE VIEW newest_counts AS
+  SELECT runs.id AS run, uid, count(*) AS count, max(received_ms) AS last_ms
+  FROM runs CROSS JOIN records ON records.id > counted_record
+  WHERE runs.id = (SELECT max(id) FROM runs) GROUP BY uid;
+
+CREATE VIEW outcomes AS
+  SELECT run, uid, outcome, reason, sum(count) AS count, max(last_ms) AS last_ms
+  FROM (SELECT run, uid, outcome, reason, count, last_ms FROM tally
+        UNION ALL SELECT run, uid, 'stored', '', count, last_ms FROM newest_counts)
+  GROUP BY run, uid, outcome, reason;
+
+CREATE VIEW run_counts AS
+  SELECT runs.id AS run, coalesce(max(started_ms, max(last_ms)), started_ms) AS last_commit_ms,
+    coalesce(sum(count) FILTER (
+      WHERE outcome IN ('stored', 'quarantined', 'refused', 'off')), 0) AS received
+  FROM runs LEFT JOIN outcomes ON run = runs.id GROUP BY runs.id;
+
+CREATE VIEW record_list AS
+  SELECT records.id, received_ms, pid, uid, events.type, events.name AS event, timestamp_ms,
+    fields, raw
+  FROM records CROSS JOIN events ON events.id = records.event;
 )sql";
 
 // What SQLite's header says about a file, read without SQLite: opening somebody else's database
@@ -87,30 +132,27 @@ struct Finding {
   std::uint32_t version = 0;
 };
 
-std::uint32_t BigEndian(const unsigned char* bytes) {
+constexpr std::size_t kHeadSize = 100;
+
+std::uint32_t BigEndian(std::string_view bytes) {
   std::uint32_t value = 0;
-  for (int i = 0; i < 4; ++i) value = value << 8 | bytes[i];
+  for (const char byte : bytes.substr(0, 4)) value = value << 8 | static_cast<std::uint8_t>(byte);
   return value;
 }
 
-// Reads the header of an open file.
-Status InspectHeader(const std::string& path, int file, Finding* finding) {
-  constexpr std::size_t kHeaderSize = 100;
-  constexpr std::size_t kUserVersionOffset = 60;
-  constexpr std::size_t kApplicationIdOffset = 68;
-
-  std::array<unsigned char, kHeaderSize> header{};
-  const ssize_t size = pread(file, header.data(), header.size(), 0);
+// Reads the head of an open file.
+Status InspectHead(const std::string& path, int file, Finding* finding) {
+  std::array<char, kHeadSize> head{};
+  const ssize_t size = pread(file, head.data(), head.size(), 0);
   if (size < 0) return Status::Errno("cannot read " + path);
-  finding->version = BigEndian(header.data() + kUserVersionOffset);
+  const DatabaseHead said = ReadHead({head.data(), static_cast<std::size_t>(size)});
+  finding->version = said.version;
   if (size == 0) {
     finding->kind = Kind::kEmpty;
-  } else if (static_cast<std::size_t>(size) < kHeaderSize ||
-             std::memcmp(header.data(), "SQLite format 3", 16) != 0 ||
-             BigEndian(header.data() + kApplicationIdOffset) != kApplicationId) {
+  } else if (!said.is_ours) {
     finding->kind = Kind::kForeign;
   } else {
-    finding->kind = finding->version == kSchemaVersion ? Kind::kOurs : Kind::kOtherVersion;
+    finding->kind = said.version == kSchemaVersion ? Kind::kOurs : Kind::kOtherVersion;
   }
   return {};
 }
@@ -134,11 +176,11 @@ Status Inspect(const std::string& path, Finding* finding) {
   if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
   const std::pair key(status.st_dev, status.st_ino);
   if (const auto found = kept.find(key); found != kept.end()) {
-    return InspectHeader(path, found->second.get(), finding);
+    return InspectHead(path, found->second.get(), finding);
   }
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.is_open()) return Status::Errno("cannot open " + path);
-  Status result = InspectHeader(path, file.get(), finding);
+  Status result = InspectHead(path, file.get(), finding);
   if (result.ok() && finding->kind == Kind::kOurs) kept.emplace(key, std::move(file));
   return result;
 }
@@ -166,7 +208,7 @@ Status Judge(const std::string& path, const Finding& finding) {
 // that was only begun is never met. `kind` is what stands there now.
 Status Create(const std::string& path, Kind kind) {
   const std::string folder = FolderOf(path);
-  if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+  if (mkdir(folder.c_str(), kFolderMode) != 0 && errno != EEXIST) {
     return Status::Errno("cannot create the folder " + folder);
   }
   // The log of a database that was taken away would be played into the new one.
@@ -191,11 +233,27 @@ Status Create(const std::string& path, Kind kind) {
 
 }  // namespace
 
+DatabaseHead ReadHead(std::string_view head) {
+  constexpr std::string_view kMagic("SQLite format 3", 16);
+  DatabaseHead said;
+  if (head.size() < kHeadSize || !head.starts_with(kMagic)) return said;
+  const auto byte = [head](std::size_t i) {
+    return std::uint32_t{static_cast<std::uint8_t>(head[i])};
+  };
+  const std::uint32_t page_size = byte(16) << 8 | byte(17);
+  said.bytes = std::uint64_t{BigEndian(head.substr(28))} * (page_size == 1 ? 65536 : page_size);
+  said.version = BigEndian(head.substr(60));
+  said.is_ours = BigEndian(head.substr(68)) == kApplicationId;
+  return said;
+}
+
 Status InitializeSchema(Connection* connection) {
   // The header's marks are written before the journal mode, while they still go to the file itself.
-  return connection->Execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA application_id = " +
-                             std::to_string(kApplicationId) + "; PRAGMA user_version = " +
-                             std::to_string(kSchemaVersion) + ";" + "BEGIN;" + kTables + "COMMIT;");
+  return connection->Execute(
+      "PRAGMA page_size = 1024; PRAGMA auto_vacuum = INCREMENTAL; "
+      "PRAGMA application_id = " +
+      std::to_string(kApplicationId) + "; PRAGMA user_version = " + std::to_string(kSchemaVersion) +
+      ";" + "BEGIN;" + kTables + "COMMIT;");
 }
 
 std::string DefaultDatabasePath() {
@@ -223,9 +281,14 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   }
   // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
   // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
-  return connection->Execute(
+  RETURN_IF_ERROR(connection->Execute(
       "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = "
-      "4194304");
+      "4194304"));
+  // The log and its index stay where they are when the last writer goes: who may only read could
+  // not make them.
+  int is_kept = 1;
+  (void)sqlite3_file_control(connection->handle(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &is_kept);
+  return {};
 }
 
 Status CheckInUse(const std::string& path, const Connection& connection) {
@@ -251,20 +314,23 @@ Status SetAside(const std::string& path, std::string* moved_path) {
   return {};
 }
 
-Status OpenForReading(const std::string& path, Connection* connection) {
+Status OpenForReading(const std::string& path, Connection* connection, int* schema) {
   Finding finding;
   RETURN_IF_ERROR(Inspect(path, &finding));
-  RETURN_IF_ERROR(Judge(path, finding));
+  const bool is_of_first_schema = finding.kind == Kind::kOtherVersion && finding.version == 1;
+  if (!is_of_first_schema) RETURN_IF_ERROR(Judge(path, finding));
+  if (schema) *schema = static_cast<int>(finding.version);
   if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
     return status;
   }
-  std::int64_t version = 0;
-  Status status = connection->Read("SELECT count(*) FROM sqlite_schema", &version);
+  std::int64_t tables = 0;
+  Status status = connection->Read("SELECT count(*) FROM sqlite_schema", &tables);
   // On a read-only medium SQLite can't make the files that it shares with writers. Then there are
-  // no writers either.
+  // no writers either; anywhere else there may be one that has just begun.
+  struct statvfs medium {};
   const bool unshareable =
       (status.code & 0xff) == SQLITE_CANTOPEN || (status.code & 0xff) == SQLITE_READONLY;
-  if (unshareable && access((path + "-wal").c_str(), F_OK) != 0) {
+  if (unshareable && statvfs(path.c_str(), &medium) == 0 && (medium.f_flag & ST_RDONLY) != 0) {
     status = Connection::Open(ImmutableUri(path), Connection::Mode::kRead, connection);
   }
   return status;

@@ -3,7 +3,9 @@
 #ifndef TOOLS_STORE_SCHEMA_H_
 #define TOOLS_STORE_SCHEMA_H_
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "tools/store/sqlite.h"
 
@@ -11,7 +13,19 @@ namespace velmora::usage_stat::store {
 
 // Marks a database as ours, in the field of SQLite's header that is made for it ("USrd").
 constexpr int kApplicationId = 0x55537264;
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
+
+// The largest database that is put into one archive, in bytes: what its reader needs for a moment
+// in the folder of temporary files, which on a device is often memory.
+constexpr std::int64_t kLargestUnpacked = std::int64_t{16} * 1024 * 1024;
+
+// What the first 100 bytes of a database say about it.
+struct DatabaseHead {
+  bool is_ours = false;
+  std::uint32_t version = 0;  // of the schema
+  std::uint64_t bytes = 0;    // of the file, when it was last complete
+};
+DatabaseHead ReadHead(std::string_view head);
 
 // Where the records are when nobody says otherwise: the environment variable USAGE_STAT_DATABASE,
 // else records.db in $STATE_DIRECTORY, which systemd sets for a service, else
@@ -41,7 +55,8 @@ Status InitializeSchema(Connection* connection);
 
 // Opens the database at `path` for reading. Refuses what OpenForWriting() refuses, and a missing
 // file. Nothing is written except what SQLite itself needs beside a database that is in use.
-Status OpenForReading(const std::string& path, Connection* connection);
+// `schema`, which may be null, tells its version: this program's, or 1, which it can read as well.
+Status OpenForReading(const std::string& path, Connection* connection, int* schema = nullptr);
 
 }  // namespace velmora::usage_stat::store
 

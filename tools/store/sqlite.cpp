@@ -164,4 +164,14 @@ Status Transaction::Begin() { return connection_->Execute("BEGIN IMMEDIATE"); }
 
 Status Transaction::Commit() { return connection_->Execute("COMMIT"); }
 
+Snapshot::~Snapshot() {
+  if (is_owner_ && connection_->in_transaction()) (void)connection_->Execute("ROLLBACK");
+}
+
+Status Snapshot::Begin() {
+  if (connection_->in_transaction()) return {};
+  is_owner_ = true;
+  return connection_->Execute("BEGIN");
+}
+
 }  // namespace velmora::usage_stat::store

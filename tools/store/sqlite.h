@@ -104,6 +104,22 @@ class Transaction {
   Connection* connection_;
 };
 
+// One state of the database for all that is read while it lives, or while a transaction around it
+// does.
+class Snapshot {
+ public:
+  explicit Snapshot(Connection* connection) : connection_(connection) {}
+  ~Snapshot();
+  Snapshot(const Snapshot&) = delete;
+  Snapshot& operator=(const Snapshot&) = delete;
+
+  Status Begin();
+
+ private:
+  Connection* connection_;
+  bool is_owner_ = false;
+};
+
 }  // namespace velmora::usage_stat::store
 
 #endif  // TOOLS_STORE_SQLITE_H_

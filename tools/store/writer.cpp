@@ -2,21 +2,25 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+#include <fstream>
+
 #include "src/events/device_events.h"
-#include "tools/store/file.h"
-#include "tools/store/journal_events.h"
+#include "tools/base/system.h"
 #include "tools/store/schema.h"
-#include "tools/store/statements.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
 
+constexpr std::int64_t kLongestSlipMs = 60'000;
+
+// How many records may wait for their counts to be added up.
+constexpr std::int64_t kAddUpAfter = 1000;
+
 constexpr std::string_view kInsertQuarantine =
-    "INSERT INTO quarantine(run, received_ms, pid, uid, kind, reason, type, fields, raw) "
+    "INSERT INTO quarantine(run, received_ms, pid, uid, kind, reason, type, size, raw) "
     "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)";
-constexpr std::string_view kAdvanceRun =
-    "UPDATE runs SET received = received + ?, last_commit_ms = ? WHERE id = ?";
 
 Status InsertQuarantine(Statement* insert, std::int64_t run, const QuarantineRow& row) {
   insert->Bind(1, run)
@@ -26,29 +30,77 @@ Status InsertQuarantine(Statement* insert, std::int64_t run, const QuarantineRow
       .Bind(5, row.kind)
       .Bind(6, row.reason);
   row.type ? insert->Bind(7, *row.type) : insert->BindNull(7);
-  return insert->Bind(8, row.fields).BindBlob(9, row.raw).Run();
+  return insert->Bind(8, row.size).BindBlob(9, row.raw).Run();
 }
 
-Status EnterRun(Connection* connection, const std::string& endpoint, std::int64_t* run) {
+// Names this start of the device.
+std::string BootId() {
+  std::string id;
+  std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id);
+  return id;
+}
+
+std::int64_t ClockOffsetMs() { return base::NowMs() - base::BootMs(); }
+
+Status InsertClockStep(Connection* connection, std::int64_t step_ms) {
+  std::int64_t number = 0;
   Statement insert;
-  if (Status status = connection->Prepare(
-          "INSERT INTO runs(pid, endpoint, started_ms, last_commit_ms) VALUES(?, ?, ?3, ?3)",
-          &insert);
-      !status.ok()) {
-    return status;
-  }
-  Status status = insert.Bind(1, getpid()).Bind(2, endpoint).Bind(3, NowMs()).Run();
-  *run = connection->LastId();
-  return status;
+  RETURN_IF_ERROR(NextRecord(connection, &number));
+  RETURN_IF_ERROR(connection->Prepare(
+      "INSERT INTO clock_steps(record, wall_ms, step_ms) VALUES(?, ?, ?)", &insert));
+  return insert.Bind(1, number).Bind(2, base::NowMs()).Bind(3, step_ms).Run();
 }
 
-Status JournalOpening(Connection* connection, std::int64_t run, bool created) {
+// What the run before this one tells: whether records may have been lost since, and whether the
+// clock was set.
+Status LookBack(Connection* connection, const std::string& boot, std::int64_t offset_ms) {
+  Statement latest;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT ended_ms, boot, boot_offset_ms FROM runs ORDER BY id DESC LIMIT 1", &latest));
+  if (!latest.Step()) {
+    RETURN_IF_ERROR(latest.status());
+    std::int64_t stores = 0;
+    RETURN_IF_ERROR(connection->Read("SELECT count(*) FROM stores", &stores));
+    return stores == 0 ? BeginStore(connection) : Status();
+  }
+  const bool was_killed = latest.IsNull(0);
+  const bool is_same_boot = latest.Text(1) == boot;
+  const std::int64_t step_ms = offset_ms - latest.Int(2);
+  latest = Statement();
+  if (was_killed) RETURN_IF_ERROR(BeginStore(connection));
+  if (!is_same_boot || std::llabs(step_ms) <= kLongestSlipMs) return {};
+  return InsertClockStep(connection, step_ms);
+}
+
+Status EnterRun(Connection* connection, const std::string& endpoint, const std::string& boot,
+                std::int64_t offset_ms, std::int64_t* run) {
+  std::int64_t number = 0;
+  Statement insert;
+  RETURN_IF_ERROR(AddUp(connection));
+  RETURN_IF_ERROR(NextRecord(connection, &number));
+  RETURN_IF_ERROR(connection->Prepare(
+      "INSERT INTO runs(pid, endpoint, boot, boot_offset_ms, started_ms, first_record, "
+      "counted_record) VALUES(?, ?, ?, ?, ?, ?, ?)",
+      &insert));
+  RETURN_IF_ERROR(insert.Bind(1, getpid())
+                      .Bind(2, endpoint)
+                      .Bind(3, boot)
+                      .Bind(4, offset_ms)
+                      .Bind(5, base::NowMs())
+                      .Bind(6, number)
+                      .Bind(7, number - 1)
+                      .Run());
+  *run = connection->LastId();
+  return {};
+}
+
+Status NoteOpening(Connection* connection, bool created) {
   if (created) {
     NewJournalFileEvent event;
-    return AddJournalEvent(connection, run, &event);
+    return AddOwnRecord(connection, &event);
   }
   OpenJournalFileEvent event;
-  return AddJournalEvent(connection, run, &event);
+  return AddOwnRecord(connection, &event);
 }
 
 // The record that a reread row becomes.
@@ -61,9 +113,10 @@ RecordRow RecordOf(const Reread& reread) {
 }
 
 Status CountReleased(Statement* count, const QuarantineRow& row) {
-  const std::int64_t now = NowMs();
-  Status status = Count(count, {row.run, row.sender.uid, "quarantined", row.kind, -1, now});
-  return status.ok() ? Count(count, {row.run, row.sender.uid, "stored", "", 1, now}) : status;
+  const std::int64_t now = base::NowMs();
+  RETURN_IF_ERROR(
+      Count(count, {row.run, row.sender.uid, Outcome::kQuarantined, row.kind, -1, now}));
+  return Count(count, {row.run, row.sender.uid, Outcome::kStored, "", 1, now});
 }
 
 }  // namespace
@@ -72,21 +125,23 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
                     std::unique_ptr<Writer>* writer) {
   auto opened = std::unique_ptr<Writer>(new Writer);
   opened->path_ = path;
+  opened->clock_offset_ms_ = ClockOffsetMs();
+  const std::string boot = BootId();
   Connection& connection = opened->connection_;
-  if (Status status = OpenForWriting(path, &connection, &opened->created_); !status.ok()) {
-    return status;
+  RETURN_IF_ERROR(OpenForWriting(path, &connection, &opened->created_));
+  {
+    Transaction transaction(&connection);
+    RETURN_IF_ERROR(transaction.Begin());
+    RETURN_IF_ERROR(LookBack(&connection, boot, opened->clock_offset_ms_));
+    RETURN_IF_ERROR(EnterRun(&connection, endpoint, boot, opened->clock_offset_ms_, &opened->run_));
+    RETURN_IF_ERROR(NoteOpening(&connection, opened->created_));
+    RETURN_IF_ERROR(transaction.Commit());
   }
-  Transaction transaction(&connection);
-  Status status = transaction.Begin();
-  if (status.ok()) status = EnterRun(&connection, endpoint, &opened->run_);
-  if (status.ok()) status = JournalOpening(&connection, opened->run_, opened->created_);
-  if (status.ok()) status = transaction.Commit();
-  if (status.ok()) status = connection.Prepare(kInsertRecord, &opened->insert_record_);
-  if (status.ok()) status = connection.Prepare(kInsertQuarantine, &opened->insert_quarantine_);
-  if (status.ok()) status = connection.Prepare(kCount, &opened->count_);
-  if (status.ok()) status = connection.Prepare(kAdvanceRun, &opened->advance_run_);
-  if (status.ok()) *writer = std::move(opened);
-  return status;
+  RETURN_IF_ERROR(opened->inserter_.Prepare(&connection));
+  RETURN_IF_ERROR(connection.Prepare(kInsertQuarantine, &opened->insert_quarantine_));
+  RETURN_IF_ERROR(connection.Prepare(kCount, &opened->count_));
+  *writer = std::move(opened);
+  return {};
 }
 
 Status Writer::Commit(const Batch& batch) {
@@ -96,68 +151,95 @@ Status Writer::Commit(const Batch& batch) {
     (void)connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
   }
   if (!status.ok()) return status;
+  // A small drift is forgotten, so that it never adds up to a step.
+  const std::int64_t offset_ms = ClockOffsetMs();
   Transaction transaction(&connection_);
   status = transaction.Begin();
+  if (status.ok()) status = NoteClockStep(offset_ms);
   if (status.ok()) status = Add(batch);
   if (status.ok()) status = transaction.Commit();
+  if (status.ok()) {
+    clock_offset_ms_ = offset_ms;
+  } else {
+    inserter_.Forget();
+  }
   return status;
 }
 
-Status Writer::Add(const Batch& batch) {
-  const std::int64_t now = NowMs();
-  Batch::Counts stored;
-  Batch::Counts quarantined;
+Status Writer::NoteClockStep(std::int64_t offset_ms) {
+  const std::int64_t step_ms = offset_ms - clock_offset_ms_;
+  if (std::llabs(step_ms) <= kLongestSlipMs) return {};
+  RETURN_IF_ERROR(InsertClockStep(&connection_, step_ms));
+  RETURN_IF_ERROR(
+      connection_.Execute("UPDATE runs SET boot_offset_ms = " + std::to_string(offset_ms) +
+                          " WHERE id = " + std::to_string(run_)));
+  return {};
+}
 
-  for (const RecordRow& row : batch.records) {
-    RETURN_IF_ERROR(InsertRecord(&insert_record_, row));
-    ++stored[{row.sender.uid, ""}];
-  }
+Status Writer::Add(const Batch& batch) {
+  const std::int64_t now = base::NowMs();
+  std::int64_t number = 0;
+  RETURN_IF_ERROR(NextRecord(&connection_, &number));
+  for (const RecordRow& row : batch.records) RETURN_IF_ERROR(inserter_.Insert(number++, row));
+
+  Batch::Counts quarantined = batch.not_kept;
   for (const QuarantineRow& row : batch.quarantine) {
-    if (Status status = InsertQuarantine(&insert_quarantine_, run_, row); !status.ok()) {
-      return status;
-    }
+    RETURN_IF_ERROR(InsertQuarantine(&insert_quarantine_, run_, row));
     ++quarantined[{row.sender.uid, row.kind}];
   }
-  const auto count = [&](const char* outcome, const Batch::Counts& counts) {
-    Status status;
-    for (auto entry = counts.begin(); entry != counts.end() && status.ok(); ++entry) {
-      const auto& [uid, reason] = entry->first;
-      status = Count(&count_, {run_, uid, outcome, reason, entry->second, now});
+  const auto count = [&](Outcome outcome, const Batch::Counts& counts) {
+    for (const auto& [sender, number_of] : counts) {
+      RETURN_IF_ERROR(Count(&count_, {run_, sender.first, outcome, sender.second, number_of, now}));
     }
-    return status;
+    return Status();
   };
-  RETURN_IF_ERROR(count("stored", stored));
-  RETURN_IF_ERROR(count("quarantined", quarantined));
-  RETURN_IF_ERROR(count("refused", batch.refused));
-  return advance_run_.Bind(1, batch.received).Bind(2, now).Bind(3, run_).Run();
+  RETURN_IF_ERROR(count(Outcome::kQuarantined, quarantined));
+  RETURN_IF_ERROR(count(Outcome::kRefused, batch.refused));
+  for (const auto& [sender, number_of] : batch.not_kept) {
+    RETURN_IF_ERROR(Count(
+        &count_, {run_, sender.first, Outcome::kDeleted, std::string(kByFlood), number_of, now}));
+  }
+  not_added_up_ += static_cast<std::int64_t>(batch.records.size());
+  if (not_added_up_ < kAddUpAfter) return {};
+  not_added_up_ = 0;
+  return AddUp(&connection_);
 }
 
 Status Writer::Finish() {
-  const std::string now = std::to_string(NowMs());
-  return connection_.Execute("UPDATE runs SET ended_ms = " + now + ", last_commit_ms = " + now +
-                             " WHERE id = " + std::to_string(run_));
+  Transaction transaction(&connection_);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(AddUp(&connection_));
+  RETURN_IF_ERROR(
+      connection_.Execute("UPDATE runs SET ended_ms = " + std::to_string(base::NowMs()) +
+                          " WHERE id = " + std::to_string(run_)));
+  return transaction.Commit();
 }
 
 Status Release(Connection* connection, const std::vector<Reread>& rows, std::int64_t* released) {
   Statement remove;
-  Statement insert;
   Statement count;
+  RecordInserter inserter;
+  std::int64_t number = 0;
   *released = 0;
   Transaction transaction(connection);
-  Status status = transaction.Begin();
-  if (status.ok()) status = connection->Prepare("DELETE FROM quarantine WHERE id = ?", &remove);
-  if (status.ok()) status = connection->Prepare(kInsertRecord, &insert);
-  if (status.ok()) status = connection->Prepare(kCount, &count);
+  RETURN_IF_ERROR(transaction.Begin());
+  // What is derived from the newest records must not count these as well.
+  RETURN_IF_ERROR(AddUp(connection));
+  RETURN_IF_ERROR(NextRecord(connection, &number));
+  RETURN_IF_ERROR(connection->Prepare("DELETE FROM quarantine WHERE id = ?", &remove));
+  RETURN_IF_ERROR(inserter.Prepare(connection));
+  RETURN_IF_ERROR(connection->Prepare(kCount, &count));
   for (const Reread& reread : rows) {
-    if (status.ok()) status = remove.Bind(1, reread.row.id).Run();
-    if (!status.ok()) return status;
+    RETURN_IF_ERROR(remove.Bind(1, reread.row.id).Run());
     if (connection->Changes() == 0) continue;
-    status = InsertRecord(&insert, RecordOf(reread));
-    if (status.ok()) status = CountReleased(&count, reread.row);
+    RETURN_IF_ERROR(inserter.Insert(number++, RecordOf(reread)));
+    RETURN_IF_ERROR(CountReleased(&count, reread.row));
     ++*released;
   }
-  if (status.ok()) status = transaction.Commit();
-  return status;
+  RETURN_IF_ERROR(
+      connection->Execute("UPDATE runs SET counted_record = " + std::to_string(number - 1) +
+                          " WHERE id = (SELECT max(id) FROM runs)"));
+  return transaction.Commit();
 }
 
 }  // namespace velmora::usage_stat::store

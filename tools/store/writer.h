@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/store/ledger.h"
 #include "tools/store/row.h"
 #include "tools/store/sqlite.h"
 
@@ -21,16 +22,16 @@ struct Batch {
 
   std::vector<RecordRow> records;
   std::vector<QuarantineRow> quarantine;
+  Counts not_kept;  // undecodable and beyond what is kept of such, by uid and kind
   Counts refused;
-  std::int64_t received = 0;  // datagrams, as counted by whoever received them
 
-  bool empty() const { return received == 0; }
+  bool has_rows() const { return !records.empty() || !quarantine.empty(); }
 };
 
 // One run of a collector, from its first row to its last.
 class Writer {
  public:
-  // Opens or creates the database at `path` and enters a new run. Journals the opening.
+  // Opens or creates the database at `path` and enters a new run. Notes the opening as a record.
   static Status Open(const std::string& path, const std::string& endpoint,
                      std::unique_ptr<Writer>* writer);
 
@@ -47,14 +48,16 @@ class Writer {
  private:
   Writer() = default;
   Status Add(const Batch& batch);
+  Status NoteClockStep(std::int64_t offset_ms);
 
   std::string path_;
   Connection connection_;
-  Statement insert_record_;
+  RecordInserter inserter_;
   Statement insert_quarantine_;
   Statement count_;
-  Statement advance_run_;
   std::int64_t run_ = 0;
+  std::int64_t clock_offset_ms_ = 0;  // of the wall clock against the boot clock
+  std::int64_t not_added_up_ = 0;     // records since counts were last added up
   bool created_ = false;
 };
 

@@ -5,11 +5,15 @@
 #include <unistd.h>
 #include <zstd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "tools/store/file.h"
+#include "tools/store/schema.h"
 
 namespace velmora::usage_stat::store {
 
@@ -50,10 +54,14 @@ struct Files {
 };
 
 Status OpenFiles(const std::string& from, const std::string& to, int flags, Files* files) {
-  files->from = Descriptor(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  files->from = Descriptor(open(from.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!files->from.is_open()) return Status::Errno("cannot open " + from);
+  struct stat source {};
+  if (fstat(files->from.get(), &source) != 0 || !S_ISREG(source.st_mode)) {
+    return Status::Failed(from + " is not a file");
+  }
   files->to =
-      Descriptor(open(to.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
+      Descriptor(open(to.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flags, kFileMode));
   if (!files->to.is_open()) return Status::Errno("cannot create " + to);
   return {};
 }
@@ -71,13 +79,50 @@ Status CompressChunk(ZSTD_CCtx* context, ZSTD_inBuffer input, bool is_last, File
   return {};
 }
 
+// How large the file that is being unpacked may become: as large as its head says, so that few
+// bytes can't fill the folder that they are unpacked to.
+class Bound {
+ public:
+  // Whether this may follow.
+  bool Allows(std::string_view bytes) {
+    if (head_.size() < kHeadSize) {
+      head_ += bytes.substr(0, kHeadSize - head_.size());
+      if (head_.size() == kHeadSize) limit_ = LimitOf(head_);
+    }
+    size_ += bytes.size();
+    return head_.size() < kHeadSize || size_ <= limit_;
+  }
+
+ private:
+  static constexpr std::size_t kHeadSize = 100;
+
+  static std::uint64_t LimitOf(const std::string& head) {
+    // One page and a little over what is put into an archive; archives of the first schema held all
+    // that there was.
+    constexpr std::uint64_t kLargest = kLargestUnpacked + std::int64_t{1024} * 1024;
+    constexpr std::uint64_t kLargestOfFirstSchema = std::uint64_t{1024} * 1024 * 1024;
+    const DatabaseHead said = ReadHead(head);
+    return std::min(said.bytes, said.version == 1 ? kLargestOfFirstSchema : kLargest);
+  }
+
+  std::string head_;
+  std::uint64_t size_ = 0;
+  std::uint64_t limit_ = 0;
+};
+
 // `rest` is 0 when the chunk ends where the frame does.
-Status DecompressChunk(ZSTD_DCtx* context, ZSTD_inBuffer input, Files* files, std::size_t* rest) {
-  while (input.pos < input.size) {
+Status DecompressChunk(ZSTD_DCtx* context, ZSTD_inBuffer input, Files* files, Bound* bound,
+                       std::size_t* rest) {
+  // What is left in the decoder can be more than one buffer of a well-compressed chunk.
+  for (bool is_full = false; input.pos < input.size || is_full;) {
     ZSTD_outBuffer output{files->out.data(), files->out.size(), 0};
     *rest = ZSTD_decompressStream(context, &output, &input);
     if (ZSTD_isError(*rest)) return Status::Failed(ZSTD_getErrorName(*rest));
+    if (!bound->Allows({files->out.data(), output.pos})) {
+      return Status::Failed("it holds more than a database of its kind");
+    }
     if (!WriteAll(files->to.get(), files->out.data(), output.pos)) return Status::Errno("write");
+    is_full = output.pos == output.size && *rest != 0;
   }
   return {};
 }
@@ -112,15 +157,18 @@ Status CompressFile(const std::string& from, const std::string& to) {
   return Status::Failed("cannot compress " + from + " into " + to + ": " + status.message);
 }
 
-Status DecompressFile(const std::string& from, const std::string& to) {
+bool IsArchive(const std::string& path) { return path.ends_with(".zst"); }
+
+Status UnpackArchive(const std::string& from, const std::string& to) {
   Files files;
   RETURN_IF_ERROR(OpenFiles(from, to, O_TRUNC, &files));
   const std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context(ZSTD_createDCtx(),
                                                                      &ZSTD_freeDCtx);
   ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, kLargestWindowLog);
   std::size_t rest = 1;
+  Bound bound;
   Status status = ForEachChunk(&files, [&](const ZSTD_inBuffer& chunk, bool) {
-    return DecompressChunk(context.get(), chunk, &files, &rest);
+    return DecompressChunk(context.get(), chunk, &files, &bound, &rest);
   });
   if (status.ok() && rest != 0) status = Status::Failed("it ends early");
   if (status.ok()) return {};
