@@ -23,6 +23,10 @@
  *   Numbers   Where a field of the record is narrower than the argument, its low bits are sent.
  *             Arguments with a letter for a name are the application's own: they are sent unchanged
  *             and mean what the application and the analyst agree on.
+ *   Names     The other names are conventions of the applications, not of the record, and are those
+ *             of docs/records.md, of JSON, CSV and SQL: `book_id` is Stat_GetBookId of the book's
+ *             path, `from_page` the page that was left, `to_page` the one that was gone to, `pages`
+ *             how many the book has as it is displayed. They do not change any more.
  *   Enums     Any int may be passed; its low byte is sent.
  *   Memory    A call allocates for its event's text and the like, and keeps nothing. When memory
  *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
@@ -193,16 +197,16 @@ struct MarginsEx {
 typedef struct Stat_BookInfo {
   int book_id;                    /* Stat_GetBookId of the book's path */
   const char* language;           /* sent as its first 2 characters */
-  const char* const* first_list;  /* ends with a null pointer */
+  const char* const* first_list;  /* authors; ends with a null pointer */
   const char* file_type;          /* suffix, such as ".epub" or ".fb2.zip" */
-  const char* const* second_list; /* ends with a null pointer */
-  int n1;
-  int16_t n2;
-  const char* file_name; /* without directories */
-  const char* s1;
-  const char* s2;
+  const char* const* second_list; /* other_people; ends with a null pointer */
+  int n1;                         /* year of publication, 0 when unknown */
+  int16_t n2;                     /* series_number, 0 when unknown */
+  const char* file_name;          /* without directories */
+  const char* s1;                 /* title */
+  const char* s2;                 /* series */
   const char* isbn;
-  const char* s3;
+  const char* s3; /* publisher */
 } Stat_BookInfo;
 
 /* ---- Device ---- */
@@ -260,44 +264,45 @@ STAT_API int Stat_SendStartOpenBookEvent(const char* path, Stat_ApplicationId ap
  * a null list is an empty one. `language` is cut to 2 characters; `d` is sent as 1 when it is not
  * 0; of `e` and `g` the low 16 bits are sent. */
 STAT_API int Stat_SendOpenBookEvent(const char* path, const char* language,
-                                    const char* const* first_list, const char* c,
-                                    const char* const* second_list, int d, int e, int f, int g,
+                                    const char* const* authors, const char* file_type,
+                                    const char* const* genres, int d, int e, int pages, int g,
                                     int h, const char* i, const char* j, const char* k,
                                     const char* l);
 
 /* ---- Inside a book ---- */
 
 /* A jump to a page; Stat_GoToPageEventEx has the wider numbers. */
-STAT_API int Stat_GoToPageEvent(int16_t a, int16_t c, int16_t d, bool b);
-STAT_API int Stat_GoToPageEventEx(int a, int16_t b, int c, int d, int e, bool f);
+STAT_API int Stat_GoToPageEvent(int16_t a, int16_t to_page, int16_t pages, bool b);
+STAT_API int Stat_GoToPageEventEx(int book_id, int16_t b, int from_page, int to_page, int pages,
+                                  bool f);
 
 /* A page turn. */
-STAT_API int Stat_ChangePageEvent(int a, int16_t b, int c, int d, int e);
+STAT_API int Stat_ChangePageEvent(int book_id, int16_t b, int from_page, int to_page, int pages);
 
 /* Reserved: sends nothing, logs nothing and returns 0, whatever it is passed. */
-STAT_API int Stat_ChangePageEventEx(int a, int16_t b, int c, int d, int e, char f, char g,
-                                    int16_t h, int i);
+STAT_API int Stat_ChangePageEventEx(int book_id, int16_t b, int from_page, int to_page, int pages,
+                                    char f, char g, int16_t h, int i);
 
-/* Text-to-speech began or ended. */
-STAT_API int Stat_StartTtsEvent(int16_t a, int b, const char* c, const char* d, int16_t e,
-                                int16_t f);
+/* Text-to-speech began, in `language`, with `voice`; or ended. */
+STAT_API int Stat_StartTtsEvent(int16_t a, int book_id, const char* language, const char* voice,
+                                int16_t e, int16_t f);
 STAT_API int Stat_StopTtsEvent(int16_t a);
 
-/* A note was added. */
-STAT_API int Stat_AddNoteEvent(int a, int16_t b);
+/* A note was added on `page`. */
+STAT_API int Stat_AddNoteEvent(int book_id, int16_t page);
 
-/* A word was looked up in a dictionary. */
-STAT_API int Stat_UseDictionaryEvent(int a, const char* b);
+/* `word` was looked up in a dictionary. */
+STAT_API int Stat_UseDictionaryEvent(int book_id, const char* word);
 
 /* The state of a book's notes and bookmarks. */
-STAT_API int Stat_NotesAndBookmarksEvent(int a, int16_t b, int16_t c, int16_t d, int16_t e,
+STAT_API int Stat_NotesAndBookmarksEvent(int book_id, int16_t b, int16_t c, int16_t d, int16_t e,
                                          int16_t f);
 
 /* A text tool was used. Of `b` the low 16 bits are sent. */
-STAT_API int Stat_UsingTextToolsEvent(int a, int b);
+STAT_API int Stat_UsingTextToolsEvent(int book_id, int b);
 
-/* A link was followed. */
-STAT_API int Stat_GoToURLEvent(int16_t a, const char* b);
+/* A link to `url` was followed. */
+STAT_API int Stat_GoToURLEvent(int16_t a, const char* url);
 
 /* ---- New books ---- */
 
@@ -342,35 +347,38 @@ STAT_API const Stat_BookInfo* const* StatUtils_GetStatList(void);
 /* ---- Settings ---- */
 
 /* The view settings of the library application and of the explorers. */
-STAT_API int Stat_LibrarySettingsEvent(int16_t a, char b, Stat_LibraryMode mode,
-                                       Stat_LibraryFilter filter, Stat_LibraryGroupBy group_by,
-                                       Stat_LibrarySortBy sort_by, Stat_LibraryView view,
-                                       Stat_LibraryShowMemory show_memory);
-STAT_API int Stat_MediaExplorerSettingsEvent(int16_t a, char b, Stat_LibraryView view,
-                                             Stat_LibraryShowMemory show_memory);
-STAT_API int Stat_ApplicationExplorerSettingsEvent(int16_t a, char b, Stat_LibraryView view,
-                                                   Stat_LibraryShowMemory show_memory);
-STAT_API int Stat_Explorer3SettingsEvent(int16_t a, char b, Stat_Explorer3Mode mode,
-                                         Stat_Explorer3GroupBy group_by,
-                                         Stat_Explorer3SortBy sort_by,
-                                         Stat_Explorer3Direction direction,
-                                         Stat_Explorer3View view);
-STAT_API int Stat_MediaExplorer3SettingsEvent(int16_t a, char b, Stat_Explorer3View view);
+STAT_API int Stat_LibrarySettingsEvent(int16_t a, char b, Stat_LibraryMode library_mode,
+                                       Stat_LibraryFilter library_filter,
+                                       Stat_LibraryGroupBy library_group_by,
+                                       Stat_LibrarySortBy library_sort_by,
+                                       Stat_LibraryView library_view,
+                                       Stat_LibraryShowMemory library_show_memory);
+STAT_API int Stat_MediaExplorerSettingsEvent(int16_t a, char b, Stat_LibraryView library_view,
+                                             Stat_LibraryShowMemory library_show_memory);
+STAT_API int Stat_ApplicationExplorerSettingsEvent(int16_t a, char b, Stat_LibraryView library_view,
+                                                   Stat_LibraryShowMemory library_show_memory);
+STAT_API int Stat_Explorer3SettingsEvent(int16_t a, char b, Stat_Explorer3Mode explorer3_mode,
+                                         Stat_Explorer3GroupBy explorer3_group_by,
+                                         Stat_Explorer3SortBy explorer3_sort_by,
+                                         Stat_Explorer3Direction explorer3_direction,
+                                         Stat_Explorer3View explorer3_view);
+STAT_API int Stat_MediaExplorer3SettingsEvent(int16_t a, char b, Stat_Explorer3View explorer3_view);
 
 /* How a book is displayed. */
-STAT_API int Stat_SetReadingModeEvent(int a, int16_t b, Stat_ReadingMode mode, Stat_ScaleType scale,
-                                      int16_t e, Stat_CropType crop, char g, char h);
+STAT_API int Stat_SetReadingModeEvent(int book_id, int16_t b, Stat_ReadingMode reading_mode,
+                                      Stat_ScaleType scale_type, int16_t e, Stat_CropType crop_type,
+                                      char g, char h);
 
 /* The font of a book. `e` is accepted and not sent. The margins travel as one number: the first in
  * the highest byte, a negative second to fourth one setting every bit above its own byte. */
-STAT_API int Stat_SetFontParamsEvent(int a, int16_t b, const char* font, char d, char e, int16_t f,
-                                     struct Margins margins, char g, Stat_LineBreak line_break,
-                                     Stat_UpdateMode update_mode);
+STAT_API int Stat_SetFontParamsEvent(int book_id, int16_t b, const char* font, char d, char e,
+                                     int16_t f, struct Margins margins, char g,
+                                     Stat_LineBreak line_break, Stat_UpdateMode update_mode);
 
 /* The same with margins as texts. Here too `e` is accepted and not sent. */
-STAT_API int Stat_SetFontParamsEventEx(int a, int16_t b, const char* font, char d, char e, char f,
-                                       int16_t g, const char* h, char i, struct MarginsEx margins,
-                                       char j, char k, char l, char m);
+STAT_API int Stat_SetFontParamsEventEx(int book_id, int16_t b, const char* font, char d, char e,
+                                       char f, int16_t g, const char* h, char i,
+                                       struct MarginsEx margins, char j, char k, char l, char m);
 
 #ifdef __cplusplus
 }

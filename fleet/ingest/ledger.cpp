@@ -82,7 +82,7 @@ Reading Read(const std::string& datagram, std::string_view actions) {
   } else {
     const auto& record = std::get<records::Record>(decoded);
     reading.event = record.event;
-    reading.fields = records::Dump(Positional(record.fields, actions));
+    reading.fields = records::Dump(Positional(record.values, actions));
   }
   return reading;
 }

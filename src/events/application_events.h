@@ -8,6 +8,9 @@
 
 namespace velmora::usage_stat {
 
+inline constexpr Meaning kArguments{Kind::kText, Sensitivity::kContent,
+                                    "arguments of the application, a blank before each"};
+
 // An application of the device was started.
 class StartApplicationEvent : public Event {
  public:
@@ -17,12 +20,16 @@ class StartApplicationEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"process_id", Int16{}, &StartApplicationEvent::process_id_},
-        Field{"application", Int16{}, &StartApplicationEvent::application_},
+        Field{"process_id", Int16{}, &StartApplicationEvent::process_id_,
+              Meaning{Kind::kProcessId, Sensitivity::kTechnical,
+                      "the application's process, low 16 bits"}},
+        Field{"application", Int16{}, &StartApplicationEvent::application_,
+              Meaning{Kind::kApplication, Sensitivity::kInteraction,
+                      "the application that was started"}},
         // Only 16 of its 32 bits travel, on purpose: 40000 comes back as -25536, and the collector
         // reads the field as a signed 16-bit number.
-        Field{"c", NarrowInt16{}, &StartApplicationEvent::c_},
-        Field{"arguments", String{}, &StartApplicationEvent::arguments_},
+        Field{"c", NarrowInt16{}, &StartApplicationEvent::c_, kOwn},
+        Field{"arguments", String{}, &StartApplicationEvent::arguments_, kArguments},
     };
   }
 
@@ -41,8 +48,10 @@ class StartOutsideApplicationEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"path", String{}, &StartOutsideApplicationEvent::path_},
-        Field{"arguments", String{}, &StartOutsideApplicationEvent::arguments_},
+        Field{"path", String{}, &StartOutsideApplicationEvent::path_,
+              Meaning{Kind::kText, Sensitivity::kContent,
+                      "path of the application, as its starter gave it"}},
+        Field{"arguments", String{}, &StartOutsideApplicationEvent::arguments_, kArguments},
     };
   }
 

@@ -31,10 +31,12 @@ class StartOpenBookEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"book_id", Int32{}, &StartOpenBookEvent::book_id_},
-        Field{"application", UInt16{}, &StartOpenBookEvent::application_},
-        Field{"a", UChar{}, &StartOpenBookEvent::a_},
-        Field{"b", String{}, &StartOpenBookEvent::b_},
+        Field{"book_id", Int32{}, &StartOpenBookEvent::book_id_, kBook},
+        Field{"application", UInt16{}, &StartOpenBookEvent::application_,
+              Meaning{Kind::kApplication, Sensitivity::kInteraction,
+                      "the application that opens the book"}},
+        Field{"a", UChar{}, &StartOpenBookEvent::a_, kOwn},
+        Field{"b", String{}, &StartOpenBookEvent::b_, kOwn},
     };
   }
 
@@ -62,21 +64,23 @@ class OpenBookEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"book_id", Int32{}, &OpenBookEvent::book_id_},
-        Field{"language", Language{}, &OpenBookEvent::language_},
-        Field{"first_list", StringVec{}, &OpenBookEvent::first_list_},
-        Field{"c", String{}, &OpenBookEvent::c_},
-        Field{"second_list", StringVec{}, &OpenBookEvent::second_list_},
-        Field{"d", ExactlyOneInt16{}, &OpenBookEvent::d_},
-        Field{"e", Int16{}, &OpenBookEvent::e_},
-        Field{"f", Int32{}, &OpenBookEvent::f_},
-        Field{"g", Int16{}, &OpenBookEvent::g_},
-        Field{"h", Int32{}, &OpenBookEvent::h_},
-        Field{"file_name", String{}, &OpenBookEvent::file_name_},
-        Field{"i", String{}, &OpenBookEvent::i_},
-        Field{"j", String{}, &OpenBookEvent::j_},
-        Field{"k", String{}, &OpenBookEvent::k_},
-        Field{"l", String{}, &OpenBookEvent::l_},
+        Field{"book_id", Int32{}, &OpenBookEvent::book_id_, kBook},
+        Field{"language", Language{}, &OpenBookEvent::language_, kBookLanguage},
+        Field{"authors", StringVec{}, &OpenBookEvent::first_list_,
+              Meaning{Kind::kTexts, Sensitivity::kContent, "authors of the book"}},
+        Field{"file_type", String{}, &OpenBookEvent::c_, kFileType},
+        Field{"genres", StringVec{}, &OpenBookEvent::second_list_,
+              Meaning{Kind::kTexts, Sensitivity::kContent, "genres of the book"}},
+        Field{"d", ExactlyOneInt16{}, &OpenBookEvent::d_, kOwn},
+        Field{"e", Int16{}, &OpenBookEvent::e_, kOwn},
+        Field{"pages", Int32{}, &OpenBookEvent::f_, kPages},
+        Field{"g", Int16{}, &OpenBookEvent::g_, kOwn},
+        Field{"h", Int32{}, &OpenBookEvent::h_, kOwn},
+        Field{"file_name", String{}, &OpenBookEvent::file_name_, kFileName},
+        Field{"i", String{}, &OpenBookEvent::i_, kOwn},
+        Field{"j", String{}, &OpenBookEvent::j_, kOwn},
+        Field{"k", String{}, &OpenBookEvent::k_, kOwn},
+        Field{"l", String{}, &OpenBookEvent::l_, kOwn},
     };
   }
 

@@ -36,7 +36,9 @@ class OrientationEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"orientation", NarrowInt16{}, &OrientationEvent::orientation_}};
+    return std::tuple{Field{"orientation", NarrowInt16{}, &OrientationEvent::orientation_,
+                            Meaning{Kind::kNumber, Sensitivity::kInteraction,
+                                    "how the screen is turned, in the platform's numbers"}}};
   }
 
   std::int32_t orientation_ = 0;
@@ -70,7 +72,9 @@ class SendArchiveEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"archive", String{}, &SendArchiveEvent::archive_}};
+    return std::tuple{Field{
+        "archive", String{}, &SendArchiveEvent::archive_,
+        Meaning{Kind::kText, Sensitivity::kTechnical, "the archive, as its sender named it"}}};
   }
 
   std::string archive_;
@@ -84,7 +88,9 @@ class DeleteArchiveEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"archive", String{}, &DeleteArchiveEvent::archive_}};
+    return std::tuple{Field{
+        "archive", String{}, &DeleteArchiveEvent::archive_,
+        Meaning{Kind::kText, Sensitivity::kTechnical, "the archive, as its keeper named it"}}};
   }
 
   std::string archive_;

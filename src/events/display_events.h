@@ -8,6 +8,8 @@
 
 namespace velmora::usage_stat {
 
+inline constexpr Meaning kMargin{Kind::kText, Sensitivity::kContent, "a margin, as text"};
+
 class SetReadingModeEvent : public Event {
  public:
   SetReadingModeEvent() : Event(EventFactory::kSetReadingMode) {}
@@ -16,14 +18,18 @@ class SetReadingModeEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &SetReadingModeEvent::a_},
-        Field{"b", Int16{}, &SetReadingModeEvent::b_},
-        Field{"reading_mode", Char{}, &SetReadingModeEvent::reading_mode_},
-        Field{"scale_type", Char{}, &SetReadingModeEvent::scale_type_},
-        Field{"e", Int16{}, &SetReadingModeEvent::e_},
-        Field{"crop_type", Char{}, &SetReadingModeEvent::crop_type_},
-        Field{"g", Char{}, &SetReadingModeEvent::g_},
-        Field{"h", Char{}, &SetReadingModeEvent::h_},
+        Field{"book_id", Int32{}, &SetReadingModeEvent::a_, kBook},
+        Field{"b", Int16{}, &SetReadingModeEvent::b_, kOwn},
+        Field{
+            "reading_mode", Char{}, &SetReadingModeEvent::reading_mode_,
+            Meaning{Kind::kReadingMode, Sensitivity::kInteraction, "how pages follow one another"}},
+        Field{"scale_type", Char{}, &SetReadingModeEvent::scale_type_,
+              Meaning{Kind::kScaleType, Sensitivity::kInteraction, "what a page is fitted to"}},
+        Field{"e", Int16{}, &SetReadingModeEvent::e_, kOwn},
+        Field{"crop_type", Char{}, &SetReadingModeEvent::crop_type_,
+              Meaning{Kind::kCropType, Sensitivity::kInteraction, "whether margins are cut off"}},
+        Field{"g", Char{}, &SetReadingModeEvent::g_, kOwn},
+        Field{"h", Char{}, &SetReadingModeEvent::h_, kOwn},
     };
   }
 
@@ -47,15 +53,21 @@ class SetFontParamsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &SetFontParamsEvent::a_},
-        Field{"b", Int16{}, &SetFontParamsEvent::b_},
-        Field{"font", String{}, &SetFontParamsEvent::font_},
-        Field{"d", Char{}, &SetFontParamsEvent::d_},
-        Field{"f", Int16{}, &SetFontParamsEvent::f_},
-        Field{"packed_margins", Int32{}, &SetFontParamsEvent::packed_margins_},
-        Field{"g", Char{}, &SetFontParamsEvent::g_},
-        Field{"line_break", Char{}, &SetFontParamsEvent::line_break_},
-        Field{"update_mode", Char{}, &SetFontParamsEvent::update_mode_},
+        Field{"book_id", Int32{}, &SetFontParamsEvent::a_, kBook},
+        Field{"b", Int16{}, &SetFontParamsEvent::b_, kOwn},
+        Field{"font", String{}, &SetFontParamsEvent::font_,
+              Meaning{Kind::kText, Sensitivity::kContent, "name of the font"}},
+        Field{"d", Char{}, &SetFontParamsEvent::d_, kOwn},
+        Field{"f", Int16{}, &SetFontParamsEvent::f_, kOwn},
+        Field{"packed_margins", Int32{}, &SetFontParamsEvent::packed_margins_,
+              Meaning{Kind::kPackedMargins, Sensitivity::kInteraction,
+                      "four margins, -128 to 127 each; a negative one hides those before it"}},
+        Field{"g", Char{}, &SetFontParamsEvent::g_, kOwn},
+        Field{"line_break", Char{}, &SetFontParamsEvent::line_break_,
+              Meaning{Kind::kLineBreak, Sensitivity::kInteraction, "how lines are broken"}},
+        Field{"update_mode", Char{}, &SetFontParamsEvent::update_mode_,
+              Meaning{Kind::kUpdateMode, Sensitivity::kInteraction,
+                      "how the screen is refreshed at a page turn"}},
     };
   }
 
@@ -87,26 +99,27 @@ class SetFontParamsEventEx : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &SetFontParamsEventEx::a_},
-        Field{"b", Int16{}, &SetFontParamsEventEx::b_},
-        Field{"font", String{}, &SetFontParamsEventEx::font_},
-        Field{"d", Char{}, &SetFontParamsEventEx::d_},
-        Field{"f", Char{}, &SetFontParamsEventEx::f_},
-        Field{"g", Int16{}, &SetFontParamsEventEx::g_},
-        Field{"h", String{}, &SetFontParamsEventEx::h_},
-        Field{"i", Char{}, &SetFontParamsEventEx::i_},
-        Field{"margin_1", String{}, &SetFontParamsEventEx::margin_1_},
-        Field{"margin_2", String{}, &SetFontParamsEventEx::margin_2_},
-        Field{"margin_3", String{}, &SetFontParamsEventEx::margin_3_},
-        Field{"margin_4", String{}, &SetFontParamsEventEx::margin_4_},
-        Field{"margin_5", String{}, &SetFontParamsEventEx::margin_5_},
-        Field{"margin_6", String{}, &SetFontParamsEventEx::margin_6_},
-        Field{"margin_7", String{}, &SetFontParamsEventEx::margin_7_},
-        Field{"margin_8", String{}, &SetFontParamsEventEx::margin_8_},
-        Field{"j", Char{}, &SetFontParamsEventEx::j_},
-        Field{"k", Char{}, &SetFontParamsEventEx::k_},
-        Field{"l", Char{}, &SetFontParamsEventEx::l_},
-        Field{"m", Char{}, &SetFontParamsEventEx::m_},
+        Field{"book_id", Int32{}, &SetFontParamsEventEx::a_, kBook},
+        Field{"b", Int16{}, &SetFontParamsEventEx::b_, kOwn},
+        Field{"font", String{}, &SetFontParamsEventEx::font_,
+              Meaning{Kind::kText, Sensitivity::kContent, "name of the font"}},
+        Field{"d", Char{}, &SetFontParamsEventEx::d_, kOwn},
+        Field{"f", Char{}, &SetFontParamsEventEx::f_, kOwn},
+        Field{"g", Int16{}, &SetFontParamsEventEx::g_, kOwn},
+        Field{"h", String{}, &SetFontParamsEventEx::h_, kOwn},
+        Field{"i", Char{}, &SetFontParamsEventEx::i_, kOwn},
+        Field{"margin_1", String{}, &SetFontParamsEventEx::margin_1_, kMargin},
+        Field{"margin_2", String{}, &SetFontParamsEventEx::margin_2_, kMargin},
+        Field{"margin_3", String{}, &SetFontParamsEventEx::margin_3_, kMargin},
+        Field{"margin_4", String{}, &SetFontParamsEventEx::margin_4_, kMargin},
+        Field{"margin_5", String{}, &SetFontParamsEventEx::margin_5_, kMargin},
+        Field{"margin_6", String{}, &SetFontParamsEventEx::margin_6_, kMargin},
+        Field{"margin_7", String{}, &SetFontParamsEventEx::margin_7_, kMargin},
+        Field{"margin_8", String{}, &SetFontParamsEventEx::margin_8_, kMargin},
+        Field{"j", Char{}, &SetFontParamsEventEx::j_, kOwn},
+        Field{"k", Char{}, &SetFontParamsEventEx::k_, kOwn},
+        Field{"l", Char{}, &SetFontParamsEventEx::l_, kOwn},
+        Field{"m", Char{}, &SetFontParamsEventEx::m_, kOwn},
     };
   }
 

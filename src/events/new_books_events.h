@@ -12,18 +12,28 @@ namespace velmora::usage_stat {
 struct NewBookRecord {
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"book_id", Int32{}, &NewBookRecord::book_id_},
-        Field{"language", Language{}, &NewBookRecord::language_},
-        Field{"first_list", StringVec{}, &NewBookRecord::first_list_},
-        Field{"file_type", String{}, &NewBookRecord::file_type_},
-        Field{"second_list", StringVec{}, &NewBookRecord::second_list_},
-        Field{"n1", Int32{}, &NewBookRecord::n1_},
-        Field{"n2", Int16{}, &NewBookRecord::n2_},
-        Field{"file_name", String{}, &NewBookRecord::file_name_},
-        Field{"s1", String{}, &NewBookRecord::s1_},
-        Field{"s2", String{}, &NewBookRecord::s2_},
-        Field{"isbn", String{}, &NewBookRecord::isbn_},
-        Field{"s3", String{}, &NewBookRecord::s3_},
+        Field{"book_id", Int32{}, &NewBookRecord::book_id_, kBook},
+        Field{"language", Language{}, &NewBookRecord::language_, kBookLanguage},
+        Field{"authors", StringVec{}, &NewBookRecord::first_list_,
+              Meaning{Kind::kTexts, Sensitivity::kContent, "the first author"}},
+        Field{"file_type", String{}, &NewBookRecord::file_type_, kFileType},
+        Field{"other_people", StringVec{}, &NewBookRecord::second_list_,
+              Meaning{Kind::kTexts, Sensitivity::kContent,
+                      "further people: authors, translators and others"}},
+        Field{"year", Int32{}, &NewBookRecord::n1_,
+              Meaning{Kind::kNumber, Sensitivity::kContent, "year of publication; 0 when unknown"}},
+        Field{
+            "series_number", Int16{}, &NewBookRecord::n2_,
+            Meaning{Kind::kNumber, Sensitivity::kContent, "number in the series; 0 when unknown"}},
+        Field{"file_name", String{}, &NewBookRecord::file_name_, kFileName},
+        Field{"title", String{}, &NewBookRecord::s1_,
+              Meaning{Kind::kText, Sensitivity::kContent, "title of the book"}},
+        Field{"series", String{}, &NewBookRecord::s2_,
+              Meaning{Kind::kText, Sensitivity::kContent, "series that it belongs to"}},
+        Field{"isbn", String{}, &NewBookRecord::isbn_,
+              Meaning{Kind::kText, Sensitivity::kContent, "ISBN, 13 digits"}},
+        Field{"publisher", String{}, &NewBookRecord::s3_,
+              Meaning{Kind::kText, Sensitivity::kContent, "publisher"}},
     };
   }
 
@@ -67,9 +77,14 @@ class NewBooksEventEx : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"count", Int32{}, &NewBooksEventEx::count_},
-        Section{"books", NewBookRecords{}},
-        Field{"application", Int16{}, &NewBooksEventEx::application_},
+        Field{"count", Int32{}, &NewBooksEventEx::count_,
+              Meaning{Kind::kRowCount, Sensitivity::kInteraction,
+                      "books that were found; their descriptions follow when it is 1 to 100"}},
+        Section{"books", NewBookRecords{},
+                Meaning{Kind::kRows, Sensitivity::kContent, "descriptions of the books"}},
+        Field{"application", Int16{}, &NewBooksEventEx::application_,
+              Meaning{Kind::kApplication, Sensitivity::kInteraction,
+                      "the application that found the books"}},
     };
   }
 
@@ -89,7 +104,9 @@ class NewBooksEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"count", Int32{}, &NewBooksEvent::count_}};
+    return std::tuple{
+        Field{"count", Int32{}, &NewBooksEvent::count_,
+              Meaning{Kind::kCount, Sensitivity::kInteraction, "books that were found"}}};
   }
 
   std::int32_t count_ = 0;

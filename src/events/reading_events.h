@@ -1,5 +1,5 @@
-// What the user does inside an open book. The numbers are the reading applications' own: they are
-// carried unchanged and known here by letters only.
+// What the user does inside an open book. Members have letters because the record gives them no
+// meaning: what the reading applications have agreed on stands in the lists of fields.
 
 #ifndef EVENTS_READING_EVENTS_H_
 #define EVENTS_READING_EVENTS_H_
@@ -8,6 +8,9 @@
 #include "src/stat_event/fields.h"
 
 namespace velmora::usage_stat {
+
+inline constexpr Meaning kFromPage{Kind::kPage, Sensitivity::kInteraction, "page that was left"};
+inline constexpr Meaning kToPage{Kind::kPage, Sensitivity::kInteraction, "page that was gone to"};
 
 // A jump to a page, in the older 16-bit form.
 class GoToPageEvent : public Event {
@@ -18,10 +21,10 @@ class GoToPageEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &GoToPageEvent::a_},
-        Field{"b", FlagChar{}, &GoToPageEvent::b_},
-        Field{"c", Int16{}, &GoToPageEvent::c_},
-        Field{"d", Int16{}, &GoToPageEvent::d_},
+        Field{"a", Int16{}, &GoToPageEvent::a_, kOwn},
+        Field{"b", FlagChar{}, &GoToPageEvent::b_, kOwn},
+        Field{"to_page", Int16{}, &GoToPageEvent::c_, kToPage},
+        Field{"pages", Int16{}, &GoToPageEvent::d_, kPages},
     };
   }
 
@@ -40,9 +43,12 @@ class GoToPageEventNew : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"b", Int16{}, &GoToPageEventNew::b_}, Field{"f", FlagChar{}, &GoToPageEventNew::f_},
-        Field{"c", Int32{}, &GoToPageEventNew::c_}, Field{"d", Int32{}, &GoToPageEventNew::d_},
-        Field{"e", Int32{}, &GoToPageEventNew::e_}, Field{"a", Int32{}, &GoToPageEventNew::a_},
+        Field{"b", Int16{}, &GoToPageEventNew::b_, kOwn},
+        Field{"f", FlagChar{}, &GoToPageEventNew::f_, kOwn},
+        Field{"from_page", Int32{}, &GoToPageEventNew::c_, kFromPage},
+        Field{"to_page", Int32{}, &GoToPageEventNew::d_, kToPage},
+        Field{"pages", Int32{}, &GoToPageEventNew::e_, kPages},
+        Field{"book_id", Int32{}, &GoToPageEventNew::a_, kBook},
     };
   }
 
@@ -66,9 +72,11 @@ class ChangePageEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &ChangePageEvent::a_}, Field{"b", Int16{}, &ChangePageEvent::b_},
-        Field{"c", Int32{}, &ChangePageEvent::c_}, Field{"d", Int32{}, &ChangePageEvent::d_},
-        Field{"e", Int32{}, &ChangePageEvent::e_},
+        Field{"book_id", Int32{}, &ChangePageEvent::a_, kBook},
+        Field{"b", Int16{}, &ChangePageEvent::b_, kOwn},
+        Field{"from_page", Int32{}, &ChangePageEvent::c_, kFromPage},
+        Field{"to_page", Int32{}, &ChangePageEvent::d_, kToPage},
+        Field{"pages", Int32{}, &ChangePageEvent::e_, kPages},
     };
   }
 
@@ -88,11 +96,15 @@ class ChangePageEventEx : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &ChangePageEventEx::a_}, Field{"b", Int16{}, &ChangePageEventEx::b_},
-        Field{"c", Int32{}, &ChangePageEventEx::c_}, Field{"d", Int32{}, &ChangePageEventEx::d_},
-        Field{"e", Int32{}, &ChangePageEventEx::e_}, Field{"f", Char{}, &ChangePageEventEx::f_},
-        Field{"g", Char{}, &ChangePageEventEx::g_},  Field{"h", Int16{}, &ChangePageEventEx::h_},
-        Field{"i", Int32{}, &ChangePageEventEx::i_},
+        Field{"book_id", Int32{}, &ChangePageEventEx::a_, kBook},
+        Field{"b", Int16{}, &ChangePageEventEx::b_, kOwn},
+        Field{"from_page", Int32{}, &ChangePageEventEx::c_, kFromPage},
+        Field{"to_page", Int32{}, &ChangePageEventEx::d_, kToPage},
+        Field{"pages", Int32{}, &ChangePageEventEx::e_, kPages},
+        Field{"f", Char{}, &ChangePageEventEx::f_, kOwn},
+        Field{"g", Char{}, &ChangePageEventEx::g_, kOwn},
+        Field{"h", Int16{}, &ChangePageEventEx::h_, kOwn},
+        Field{"i", Int32{}, &ChangePageEventEx::i_, kOwn},
     };
   }
 
@@ -119,9 +131,14 @@ class StartTtsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &StartTtsEvent::a_},  Field{"b", Int32{}, &StartTtsEvent::b_},
-        Field{"c", String{}, &StartTtsEvent::c_}, Field{"d", String{}, &StartTtsEvent::d_},
-        Field{"e", Int16{}, &StartTtsEvent::e_},  Field{"f", Int16{}, &StartTtsEvent::f_},
+        Field{"a", Int16{}, &StartTtsEvent::a_, kOwn},
+        Field{"book_id", Int32{}, &StartTtsEvent::b_, kBook},
+        Field{"language", String{}, &StartTtsEvent::c_,
+              Meaning{Kind::kText, Sensitivity::kContent, "language that is spoken"}},
+        Field{"voice", String{}, &StartTtsEvent::d_,
+              Meaning{Kind::kText, Sensitivity::kContent, "name of the voice"}},
+        Field{"e", Int16{}, &StartTtsEvent::e_, kOwn},
+        Field{"f", Int16{}, &StartTtsEvent::f_, kOwn},
     };
   }
 
@@ -140,7 +157,9 @@ class StopTtsEvent : public Event {
   int WriteStateToStream(std::ostream& out) override;
   int ReadStateFromStream(std::istream& in) override;
 
-  static constexpr auto Fields() { return std::tuple{Field{"a", Int16{}, &StopTtsEvent::a_}}; }
+  static constexpr auto Fields() {
+    return std::tuple{Field{"a", Int16{}, &StopTtsEvent::a_, kOwn}};
+  }
 
   std::int16_t a_ = 0;
 };
@@ -154,8 +173,9 @@ class AddNoteEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &AddNoteEvent::a_},
-        Field{"b", Int16{}, &AddNoteEvent::b_},
+        Field{"book_id", Int32{}, &AddNoteEvent::a_, kBook},
+        Field{"page", Int16{}, &AddNoteEvent::b_,
+              Meaning{Kind::kPage, Sensitivity::kInteraction, "page of the note"}},
     };
   }
 
@@ -172,8 +192,9 @@ class UseDictionaryEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &UseDictionaryEvent::a_},
-        Field{"b", String{}, &UseDictionaryEvent::b_},
+        Field{"book_id", Int32{}, &UseDictionaryEvent::a_, kBook},
+        Field{"word", String{}, &UseDictionaryEvent::b_,
+              Meaning{Kind::kText, Sensitivity::kContent, "the word that was looked up"}},
     };
   }
 
@@ -190,8 +211,8 @@ class UsingTextToolsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &UsingTextToolsEvent::a_},
-        Field{"b", Int16{}, &UsingTextToolsEvent::b_},
+        Field{"book_id", Int32{}, &UsingTextToolsEvent::a_, kBook},
+        Field{"b", Int16{}, &UsingTextToolsEvent::b_, kOwn},
     };
   }
 
@@ -208,12 +229,12 @@ class NotesAndBookmarksEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int32{}, &NotesAndBookmarksEvent::a_},
-        Field{"b", Int16{}, &NotesAndBookmarksEvent::b_},
-        Field{"c", Int16{}, &NotesAndBookmarksEvent::c_},
-        Field{"d", Int16{}, &NotesAndBookmarksEvent::d_},
-        Field{"e", Int16{}, &NotesAndBookmarksEvent::e_},
-        Field{"f", Int16{}, &NotesAndBookmarksEvent::f_},
+        Field{"book_id", Int32{}, &NotesAndBookmarksEvent::a_, kBook},
+        Field{"b", Int16{}, &NotesAndBookmarksEvent::b_, kOwn},
+        Field{"c", Int16{}, &NotesAndBookmarksEvent::c_, kOwn},
+        Field{"d", Int16{}, &NotesAndBookmarksEvent::d_, kOwn},
+        Field{"e", Int16{}, &NotesAndBookmarksEvent::e_, kOwn},
+        Field{"f", Int16{}, &NotesAndBookmarksEvent::f_, kOwn},
     };
   }
 
@@ -234,8 +255,9 @@ class GoToURLEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &GoToURLEvent::a_},
-        Field{"b", String{}, &GoToURLEvent::b_},
+        Field{"a", Int16{}, &GoToURLEvent::a_, kOwn},
+        Field{"url", String{}, &GoToURLEvent::b_,
+              Meaning{Kind::kText, Sensitivity::kContent, "where the link leads"}},
     };
   }
 

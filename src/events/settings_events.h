@@ -9,6 +9,12 @@
 
 namespace velmora::usage_stat {
 
+inline constexpr Meaning kView{Kind::kLibraryView, Sensitivity::kInteraction, "how it looks"};
+inline constexpr Meaning kShowMemory{Kind::kLibraryShowMemory, Sensitivity::kInteraction,
+                                     "whether the use of memory is shown"};
+inline constexpr Meaning kExplorerView{Kind::kExplorer3View, Sensitivity::kInteraction,
+                                       "how it looks"};
+
 class LibrarySettingsEvent : public Event {
  public:
   LibrarySettingsEvent() : Event(EventFactory::kLibrarySettings) {}
@@ -17,14 +23,19 @@ class LibrarySettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &LibrarySettingsEvent::a_},
-        Field{"b", Char{}, &LibrarySettingsEvent::b_},
-        Field{"library_mode", Char{}, &LibrarySettingsEvent::library_mode_},
-        Field{"library_filter", Char{}, &LibrarySettingsEvent::library_filter_},
-        Field{"library_group_by", Char{}, &LibrarySettingsEvent::library_group_by_},
-        Field{"library_sort_by", Char{}, &LibrarySettingsEvent::library_sort_by_},
-        Field{"library_view", Char{}, &LibrarySettingsEvent::library_view_},
-        Field{"library_show_memory", Char{}, &LibrarySettingsEvent::library_show_memory_},
+        Field{"a", Int16{}, &LibrarySettingsEvent::a_, kOwn},
+        Field{"b", Char{}, &LibrarySettingsEvent::b_, kOwn},
+        Field{"library_mode", Char{}, &LibrarySettingsEvent::library_mode_,
+              Meaning{Kind::kLibraryMode, Sensitivity::kInteraction, "what the library shows"}},
+        Field{"library_filter", Char{}, &LibrarySettingsEvent::library_filter_,
+              Meaning{Kind::kLibraryFilter, Sensitivity::kInteraction, "which books it shows"}},
+        Field{"library_group_by", Char{}, &LibrarySettingsEvent::library_group_by_,
+              Meaning{Kind::kLibraryGroupBy, Sensitivity::kInteraction, "how they are grouped"}},
+        Field{"library_sort_by", Char{}, &LibrarySettingsEvent::library_sort_by_,
+              Meaning{Kind::kLibrarySortBy, Sensitivity::kInteraction, "how they are sorted"}},
+        Field{"library_view", Char{}, &LibrarySettingsEvent::library_view_, kView},
+        Field{"library_show_memory", Char{}, &LibrarySettingsEvent::library_show_memory_,
+              kShowMemory},
     };
   }
 
@@ -46,10 +57,11 @@ class MediaExplorerSettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &MediaExplorerSettingsEvent::a_},
-        Field{"b", Char{}, &MediaExplorerSettingsEvent::b_},
-        Field{"library_view", Char{}, &MediaExplorerSettingsEvent::library_view_},
-        Field{"library_show_memory", Char{}, &MediaExplorerSettingsEvent::library_show_memory_},
+        Field{"a", Int16{}, &MediaExplorerSettingsEvent::a_, kOwn},
+        Field{"b", Char{}, &MediaExplorerSettingsEvent::b_, kOwn},
+        Field{"library_view", Char{}, &MediaExplorerSettingsEvent::library_view_, kView},
+        Field{"library_show_memory", Char{}, &MediaExplorerSettingsEvent::library_show_memory_,
+              kShowMemory},
     };
   }
 
@@ -67,11 +79,11 @@ class ApplicationExplorerSettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &ApplicationExplorerSettingsEvent::a_},
-        Field{"b", Char{}, &ApplicationExplorerSettingsEvent::b_},
-        Field{"library_view", Char{}, &ApplicationExplorerSettingsEvent::library_view_},
+        Field{"a", Int16{}, &ApplicationExplorerSettingsEvent::a_, kOwn},
+        Field{"b", Char{}, &ApplicationExplorerSettingsEvent::b_, kOwn},
+        Field{"library_view", Char{}, &ApplicationExplorerSettingsEvent::library_view_, kView},
         Field{"library_show_memory", Char{},
-              &ApplicationExplorerSettingsEvent::library_show_memory_},
+              &ApplicationExplorerSettingsEvent::library_show_memory_, kShowMemory},
     };
   }
 
@@ -89,13 +101,17 @@ class Explorer3SettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &Explorer3SettingsEvent::a_},
-        Field{"b", Char{}, &Explorer3SettingsEvent::b_},
-        Field{"explorer3_mode", Char{}, &Explorer3SettingsEvent::explorer3_mode_},
-        Field{"explorer3_group_by", Char{}, &Explorer3SettingsEvent::explorer3_group_by_},
-        Field{"explorer3_sort_by", Char{}, &Explorer3SettingsEvent::explorer3_sort_by_},
-        Field{"explorer3_direction", Char{}, &Explorer3SettingsEvent::explorer3_direction_},
-        Field{"explorer3_view", Char{}, &Explorer3SettingsEvent::explorer3_view_},
+        Field{"a", Int16{}, &Explorer3SettingsEvent::a_, kOwn},
+        Field{"b", Char{}, &Explorer3SettingsEvent::b_, kOwn},
+        Field{"explorer3_mode", Char{}, &Explorer3SettingsEvent::explorer3_mode_,
+              Meaning{Kind::kExplorer3Mode, Sensitivity::kInteraction, "what the explorer shows"}},
+        Field{"explorer3_group_by", Char{}, &Explorer3SettingsEvent::explorer3_group_by_,
+              Meaning{Kind::kExplorer3GroupBy, Sensitivity::kInteraction, "how that is grouped"}},
+        Field{"explorer3_sort_by", Char{}, &Explorer3SettingsEvent::explorer3_sort_by_,
+              Meaning{Kind::kExplorer3SortBy, Sensitivity::kInteraction, "how that is sorted"}},
+        Field{"explorer3_direction", Char{}, &Explorer3SettingsEvent::explorer3_direction_,
+              Meaning{Kind::kExplorer3Direction, Sensitivity::kInteraction, "in which direction"}},
+        Field{"explorer3_view", Char{}, &Explorer3SettingsEvent::explorer3_view_, kExplorerView},
     };
   }
 
@@ -116,9 +132,10 @@ class MediaExplorer3SettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"a", Int16{}, &MediaExplorer3SettingsEvent::a_},
-        Field{"b", Char{}, &MediaExplorer3SettingsEvent::b_},
-        Field{"explorer3_view", Char{}, &MediaExplorer3SettingsEvent::explorer3_view_},
+        Field{"a", Int16{}, &MediaExplorer3SettingsEvent::a_, kOwn},
+        Field{"b", Char{}, &MediaExplorer3SettingsEvent::b_, kOwn},
+        Field{"explorer3_view", Char{}, &MediaExplorer3SettingsEvent::explorer3_view_,
+              kExplorerView},
     };
   }
 

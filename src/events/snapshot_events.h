@@ -28,7 +28,9 @@ class LanguageChangeEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"language", TwoChars{}, &LanguageChangeEvent::language_}};
+    return std::tuple{Field{"language", TwoChars{}, &LanguageChangeEvent::language_,
+                            Meaning{Kind::kLanguage, Sensitivity::kTechnical,
+                                    "language of the interface, two letters; ?? when unknown"}}};
   }
 
   std::string language_;
@@ -43,7 +45,9 @@ class VersionEvent : public Event {
   int ReadStateFromStream(std::istream& in) override;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{"version", String{}, &VersionEvent::version_}};
+    return std::tuple{
+        Field{"version", String{}, &VersionEvent::version_,
+              Meaning{Kind::kText, Sensitivity::kTechnical, "version of the software"}}};
   }
 
   std::string version_;
@@ -66,7 +70,41 @@ struct KeyListCount {
   }
 };
 
-// The key assignments of one mapping set.
+// A byte of a key code on the wire, with its sign.
+struct KeyByte {
+  static constexpr const char* kPrimitive = "Int8";
+  static constexpr std::size_t kLeastSize = 1;
+  static int Write(std::int8_t value, std::ostream& out) {
+    return Char::Write(static_cast<char>(value), out);
+  }
+  static int Read(std::istream& in, std::int8_t* value) {
+    char byte = 0;
+    const int err = Char::Read(in, &byte);
+    if (err == 0) *value = static_cast<std::int8_t>(byte);
+    return err;
+  }
+};
+
+// One key assignment as its list carries it; SerializeKeyMapping and DeserializeKeyMapping do.
+struct KeyAssignment {
+  static constexpr auto Fields() {
+    return std::tuple{
+        Field{"key", KeyByte{}, &Keymapping::key,
+              Meaning{Kind::kKey, Sensitivity::kInteraction, "button index, 0 to 31"}},
+        Field{"kind", KeyByte{}, &Keymapping::kind,
+              Meaning{Kind::kNumber, Sensitivity::kInteraction,
+                      "0: the key's first action, 1: its second; read one less after a key below "
+                      "0"}},
+        Field{"action", Int16{}, &Keymapping::action,
+              Meaning{Kind::kKeyAction, Sensitivity::kInteraction, "what the key does"}},
+    };
+  }
+};
+
+inline constexpr Meaning kKeyList{Kind::kRows, Sensitivity::kInteraction,
+                                  "key assignments of one mapping set"};
+
+// The key assignments of one mapping set: its number, their count, then the assignments.
 template <std::int16_t kSet>
 struct KeyList {
   template <class Owner>
@@ -88,10 +126,11 @@ class KeyboardSettingsEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Section{"list_count", KeyListCount{}},
-        Section{"mappings_0", KeyList<0>{}},
-        Section{"mappings_1", KeyList<1>{}},
-        Section{"mappings_2", KeyList<2>{}},
+        Section{"list_count", KeyListCount{},
+                Meaning{Kind::kReserved, Sensitivity::kTechnical, "lists that follow, always 3"}},
+        Section{"mappings_0", KeyList<0>{}, kKeyList},
+        Section{"mappings_1", KeyList<1>{}, kKeyList},
+        Section{"mappings_2", KeyList<2>{}, kKeyList},
     };
   }
 
@@ -117,10 +156,19 @@ class DeviceInfoEvent : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"device_id", DeviceId{}, &DeviceInfoEvent::device_id_},
-        Field{"model_code", Int16{}, &DeviceInfoEvent::model_code_},
-        Field{"partner_name", String{}, &DeviceInfoEvent::partner_name_},
-        Field{"encrypted_serial", String{}, &DeviceInfoEvent::encrypted_serial_},
+        Field{"device_id", DeviceId{}, &DeviceInfoEvent::device_id_,
+              Meaning{Kind::kIdentifier, Sensitivity::kIdentifying,
+                      "what tells this device from all others"}},
+        Field{"model_code", Int16{}, &DeviceInfoEvent::model_code_,
+              Meaning{Kind::kDeviceModel, Sensitivity::kTechnical,
+                      "model of the device; 0 when unknown"}},
+        Field{"partner_name", String{}, &DeviceInfoEvent::partner_name_,
+              Meaning{Kind::kText, Sensitivity::kTechnical,
+                      "partner that sells the device; empty for none"}},
+        Field{"encrypted_serial", String{}, &DeviceInfoEvent::encrypted_serial_,
+              Meaning{Kind::kIdentifier, Sensitivity::kIdentifying,
+                      "serial number: an initialisation vector, then AES-256-CBC, in hexadecimal; "
+                      "empty for partners whose serial numbers are not reported"}},
     };
   }
 

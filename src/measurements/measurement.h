@@ -33,8 +33,11 @@ class Measurement : public Event {
 
   static constexpr auto Fields() {
     return std::tuple{
-        Field{"reserved", NarrowInt16{}, &Measurement::reserved_},
-        Section{"event", WrappedPayload<EventClass>{}},
+        Field{"reserved", NarrowInt16{}, &Measurement::reserved_,
+              Meaning{Kind::kReserved, Sensitivity::kTechnical, "0 as it is written today"}},
+        Section{
+            "event", WrappedPayload<EventClass>{},
+            Meaning{Kind::kRows, Sensitivity::kTechnical, "fields of the event that is wrapped"}},
     };
   }
 

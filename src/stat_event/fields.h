@@ -3,12 +3,16 @@
 // An event class lists its fields in wire order:
 //
 //   static constexpr auto Fields() {
-//     return std::tuple{Field{"a", Int16{}, &GoToPageEvent::a_}, ...};
+//     return std::tuple{Field{"page", Int16{}, &AddNoteEvent::b_, kPage}, ...};
 //   }
 //
 // and defines both stream operations in its source file with STAT_DEFINE_STREAM_OPERATIONS(Class).
-// Writer, reader and the named dump of the tools all run over that one list. The codec belongs to
-// the list because it does not always follow from the member's type.
+// Writer, reader, and everything that the tools know of a field run over that one list. The codec
+// belongs to the list because it does not always follow from the member's type.
+//
+// The name is the one that people use: the member's own where it has one, else the one that the
+// applications have agreed on (include/usage_stat.h), else its letter. Names never change again:
+// queries, files and programs that others wrote depend on them.
 //
 // Each class repeats its constructor and the two declarations, though a base template could have
 // them once: a failed step is logged with the signature of the class's own operation and with the
@@ -88,6 +92,93 @@ struct FlagChar {
   }
 };
 
+// ---- What a field means ----
+//
+// For tools alone: nothing of it is in the library of the device.
+
+// How a value is to be taken. tools/records/kinds.cpp has the words for people, and the names of
+// the values that have some.
+enum class Kind : std::uint8_t {
+  kOwn,       // the application's own: it means what application and analyst agree on
+  kReserved,  // no meaning yet
+  kNumber,
+  kCount,
+  kRowCount,  // the number of rows that follow
+  kRows,      // a list whose rows have fields of their own
+  kFlag,      // 0 or 1
+  kBookId,    // Stat_GetBookId of the book's path; a record with one is a record of that book
+  kPage,      // a page number
+  kPages,     // how many pages a book has
+  kApplication,
+  kProcessId,
+  kKey,
+  kKeyAction,
+  kDeviceModel,
+  kPackedMargins,  // four bytes, the first margin in the highest
+  kText,
+  kTexts,
+  kLanguage,
+  kIdentifier,
+  // The enumerations of the public header.
+  kLibraryMode,
+  kLibraryFilter,
+  kLibraryGroupBy,
+  kLibrarySortBy,
+  kLibraryView,
+  kLibraryShowMemory,
+  kExplorer3Mode,
+  kExplorer3GroupBy,
+  kExplorer3SortBy,
+  kExplorer3Direction,
+  kExplorer3View,
+  kReadingMode,
+  kScaleType,
+  kCropType,
+  kLineBreak,
+  kUpdateMode,
+};
+
+// What a value may tell about a person. Policies on what leaves a device go by it.
+enum class Sensitivity : std::uint8_t {
+  kTechnical,    // the device and its software
+  kInteraction,  // what somebody does with the device
+  kContent,      // what somebody reads, writes or looks up, or anything at all
+  kIdentifying,  // tells one device or one book from all others
+};
+
+template <class...>
+inline constexpr bool kNever = false;
+
+struct Meaning {
+  constexpr Meaning(Kind its_kind, Sensitivity its_sensitivity, const char* its_text)
+      : kind(its_kind), sensitivity(its_sensitivity), text(its_text) {}
+
+  template <class... Given>
+  constexpr explicit Meaning(Kind, Given...) {
+    static_assert(
+        kNever<Given...>,
+        "a Meaning lacks something: it takes a Kind, a Sensitivity and a text of one line "
+        "(src/stat_event/fields.h)");
+  }
+
+  Kind kind;
+  Sensitivity sensitivity;
+  const char* text;  // one line: unit and range, and what 0 or an empty text stands for
+};
+
+// Meanings that many fields share.
+inline constexpr Meaning kOwn{Kind::kOwn, Sensitivity::kContent, "the application's own"};
+inline constexpr Meaning kBook{Kind::kBookId, Sensitivity::kIdentifying,
+                               "the book, by the id of its path"};
+inline constexpr Meaning kBookLanguage{Kind::kLanguage, Sensitivity::kContent,
+                                       "language of the book, two letters; empty when unknown"};
+inline constexpr Meaning kFileType{Kind::kText, Sensitivity::kContent,
+                                   "type of the file, such as .epub or .fb2.zip"};
+inline constexpr Meaning kFileName{Kind::kText, Sensitivity::kContent,
+                                   "name of the book's file, without folders"};
+inline constexpr Meaning kPages{Kind::kPages, Sensitivity::kInteraction,
+                                "pages that the book has, as it is displayed"};
+
 // ---- Fields ----
 
 // One member of an event and its place in the payload.
@@ -95,8 +186,16 @@ template <class FieldCodec, class Owner, class Member>
 struct Field {
   using Codec = FieldCodec;
 
-  constexpr Field(const char* field_name, Codec, Member Owner::*field_member)
-      : name(field_name), member(field_member) {}
+  constexpr Field(const char* field_name, Codec, Member Owner::*field_member, Meaning field_meaning)
+      : name(field_name), member(field_member), meaning(field_meaning) {}
+
+  template <class... Given>
+  constexpr Field(const char*, Codec, Member Owner::*, Given...) : meaning(kOwn) {
+    static_assert(
+        kNever<Given...>,
+        "a Field lacks its Meaning: what it means to people, of which kind it is, and how "
+        "sensitive; kOwn for what is the application's own (src/stat_event/fields.h)");
+  }
 
   int Write(const Owner& owner, std::ostream& out) const {
     return Codec::Write(owner.*member, out);
@@ -105,17 +204,24 @@ struct Field {
 
   const char* name;
   Member Owner::*member;
+  Meaning meaning;
 };
 
-template <class Codec, class Owner, class Member>
-Field(const char*, Codec, Member Owner::*) -> Field<Codec, Owner, Member>;
+template <class Codec, class Owner, class Member, class... Given>
+Field(const char*, Codec, Member Owner::*, Given...) -> Field<Codec, Owner, Member>;
 
 // A piece of the payload that is not one member: its codec sees the whole event.
 template <class SectionCodec>
 struct Section {
   using Codec = SectionCodec;
 
-  constexpr Section(const char* section_name, Codec) : name(section_name) {}
+  constexpr Section(const char* section_name, Codec, Meaning section_meaning)
+      : name(section_name), meaning(section_meaning) {}
+
+  template <class... Given>
+  constexpr Section(const char*, Codec, Given...) : meaning(kOwn) {
+    static_assert(kNever<Given...>, "a Section lacks its Meaning (src/stat_event/fields.h)");
+  }
 
   template <class Owner>
   int Write(Owner& owner, std::ostream& out) const {
@@ -127,10 +233,11 @@ struct Section {
   }
 
   const char* name;
+  Meaning meaning;
 };
 
-template <class Codec>
-Section(const char*, Codec) -> Section<Codec>;
+template <class Codec, class... Given>
+Section(const char*, Codec, Given...) -> Section<Codec>;
 
 // The fields of an event class as a constant, so that each step of the runners below has its member
 // built in and no list is made at run time.

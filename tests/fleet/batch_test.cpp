@@ -153,7 +153,7 @@ TEST(Batch, WhatDoesNotAddUpIsRefusedOnBothSides) {
       {"consent", [](Batch* b) { b->level = Level::kNone; }},
       {"layout", [](Batch* b) { b->shapes[0].layout = "r4"; }},
       {"layout", [](Batch* b) { b->shapes[0].layout = "3"; }},
-      {"action", [](Batch* b) { b->shapes[0].actions = "\4"; }},
+      {"action", [](Batch* b) { b->shapes[0].actions.assign(1, '\4'); }},
       {"no shape", [](Batch* b) { b->records[0].shape = b->shapes.size(); }},
       {"does not fit", [](Batch* b) { b->records[0].payload += 'x'; }},
       {"too large",

@@ -335,7 +335,7 @@ TEST_F(InspectorTest, ReleasesFromTheQuarantineWhatNowReads) {
   EXPECT_EQ(row["event"], "ChangePageEvent");
   EXPECT_EQ(row["received"], 4000);
   EXPECT_EQ(row["pid"], 42);
-  EXPECT_EQ(row["fields"]["a"], 2);
+  EXPECT_EQ(row["fields"]["book_id"], 2);
   const Json status = Status();
   EXPECT_EQ(status["stored"], kReadable);
   EXPECT_EQ(status["in_quarantine"], 1);

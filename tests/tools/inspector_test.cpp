@@ -92,9 +92,10 @@ TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
       {"e5", "field type (Int16) at offset 0 lacks 1 byte", 0, "type", 1, 0},
       {"e5077b6c", "field timestamp (Timestamp) at offset 2 lacks 6 bytes", 2, "timestamp", 6, 0},
       {"f407" + time, "unknown type code 2036", 0, "type", 0, 0},
-      {"e507" + time + "05000107", "field c (Int16) at offset 13 lacks 1 byte", 13, "c", 1, 0},
-      {"f307" + time + "030005000000616263", "field b (String) at offset 12 lacks 2 bytes", 12, "b",
-       2, 0},
+      {"e507" + time + "05000107", "field to_page (Int16) at offset 13 lacks 1 byte", 13, "to_page",
+       1, 0},
+      {"f307" + time + "030005000000616263", "field url (String) at offset 12 lacks 2 bytes", 12,
+       "url", 2, 0},
       {"e707" + time + "d4feff", "1 byte left over after the record", 12, "", 0, 1},
       {"e007" + time + "0300" + "0100", "field mappings_0.type (Int16) at offset 12 holds", 12,
        "mappings_0.type", 0, 0},
@@ -192,7 +193,8 @@ TEST(Send, HandsArgumentsToTheLibrary) {
        "\xB0\x3C\x8C\xD9"s + "\0\0"s + "\2\0\0\0\1\0\0\0a\1\0\0\0b"s + "\0\0\0\0"s +
            "\1\0\0\0\2\0\0\0c,"s + "\1\0\2\0\3\0\0\0\4\0\5\0\0\0"s + "\3\0\0\0abc"s +
            std::string(16, '\0')},
-      {{"NewBooksEventEx", "1", R"([{"book_id": 7, "language": "en", "n2": -1, "s1": "x"}])", "4"},
+      {{"NewBooksEventEx", "1",
+        R"([{"book_id": 7, "language": "en", "series_number": -1, "title": "x"}])", "4"},
        "\1\0\0\0"s + "\7\0\0\0en"s + std::string(12, '\0') + "\0\0\0\0\xFF\xFF"s + "\0\0\0\0"s +
            "\1\0\0\0x"s + std::string(12, '\0') + "\4\0"s},
   };
@@ -225,7 +227,7 @@ TEST(Send, ReportsResultsAndWrongArguments) {
        2,
        "argument 1 (a) is 32768, not a whole number from -32768"},
       {{"GoToURLEvent", "1.0", "x"}, 2, "argument 1 (a) is 1.0"},
-      {{"GoToURLEvent", "3", "null:"}, 2, "argument 2 (b) must not be null"},
+      {{"GoToURLEvent", "3", "null:"}, 2, "argument 2 (url) must not be null"},
       {{"NewBooksEventEx", "1", "/no/book.epub", "1"}, 2, "argument 2 (books)"},
       {{"SetFontParamsEvent", "1", "2", "", "0", "0", "6", "1,2,128,4", "7", "1", "0"},
        2,

@@ -38,9 +38,9 @@ ENCODE = {
     "HexChars": bytes.fromhex,
 }
 
-BOOK = ("book_id Int32, language Language, first_list StringVec, file_type String, "
-        "second_list StringVec, n1 Int32, n2 Int16, file_name String, s1 String, s2 String, "
-        "isbn String, s3 String")
+BOOK = ("book_id Int32, language Language, authors StringVec, file_type String, "
+        "other_people StringVec, year Int32, series_number Int16, file_name String, title String, "
+        "series String, isbn String, publisher String")
 
 
 def encode(layout, fields):
@@ -68,7 +68,11 @@ def batch(fields):
 def measured(layout):
     """A snapshot: a reserved number before the payload of another record."""
     payload = layout if callable(layout) else lambda fields: encode(layout, fields)
-    return lambda fields: struct.pack("<h", fields["reserved"]) + payload(fields["event"])
+
+    def snapshot(fields):
+        rest = {k: v for k, v in fields.items() if k != "reserved"}
+        return struct.pack("<h", fields["reserved"]) + payload(rest)
+    return snapshot
 
 
 LIBRARY_VIEW = "a Int16, b Char, library_view Char, library_show_memory Char"
@@ -79,27 +83,29 @@ KEYS = {
     "mappings_1": [],
     "mappings_2": [{"key": 31, "kind": 1, "action": -1}],
 }
-PAGE = "a Int32, b Int16, c Int32, d Int32, e Int32"
-FULL_BOOK = {"book_id": -5, "language": "en", "first_list": ["A. Writer"], "file_type": ".epub",
-             "second_list": ["A Book", ""], "n1": 70000, "n2": -32768, "file_name": "a.epub",
-             "s1": "s1", "s2": "s2", "isbn": "978", "s3": "Ünïcode ✓"}
-BARE_BOOK = {"book_id": 0, "language": "", "first_list": [], "file_type": "", "second_list": [],
-             "n1": 0, "n2": 0, "file_name": "", "s1": "", "s2": "", "isbn": "", "s3": ""}
+PAGE = "book_id Int32, b Int16, from_page Int32, to_page Int32, pages Int32"
+FULL_BOOK = {"book_id": -5, "language": "en", "authors": ["A. Writer"], "file_type": ".epub",
+             "other_people": ["A Friend", ""], "year": 70000, "series_number": -32768,
+             "file_name": "a.epub", "title": "A Book", "series": "Books", "isbn": "978",
+             "publisher": "Ünïcode ✓"}
+BARE_BOOK = {"book_id": 0, "language": "", "authors": [], "file_type": "", "other_people": [],
+             "year": 0, "series_number": 0, "file_name": "", "title": "", "series": "", "isbn": "",
+             "publisher": ""}
 
 # Code, name, layout (or function that encodes), fields.
 RECORDS = [
     (1, "OrientationMeasurement", measured("orientation Int16"),
-     {"reserved": 0, "event": {"orientation": 3}}),
-    (3, "KeyboradMappingMeasurement", measured(keys), {"reserved": -1, "event": KEYS}),
+     {"reserved": 0, "orientation": 3}),
+    (3, "KeyboradMappingMeasurement", measured(keys), {"reserved": -1, **KEYS}),
     (4, "LanguageMeasurement", measured("language Chars"),
-     {"reserved": 0, "event": {"language": "de"}}),
+     {"reserved": 0, "language": "de"}),
     (5, "DeviceInfoMeasurement",
      measured("device_id HexChars, model_code Int16, partner_name String, encrypted_serial String"),
-     {"reserved": 0, "event": {"device_id": "000102030405060708090a0b0c0d0e0f80ff0000",
-                               "model_code": 21, "partner_name": "varsk",
-                               "encrypted_serial": "00ff", "model_name": "Velmora Yew"}}),
+     {"reserved": 0, "device_id": "000102030405060708090a0b0c0d0e0f80ff0000",
+      "model_code": 21, "model_name": "Velmora Yew", "partner_name": "varsk",
+      "encrypted_serial": "00ff"}),
     (6, "VersionMeasurement", measured("version String"),
-     {"reserved": 0, "event": {"version": "6.8.2441"}}),
+     {"reserved": 0, "version": "6.8.2441"}),
     (2001, "TurnOnEvent", "", {}),
     (2002, "TurnOffEvent", "", {}),
     (2004, "StartApplicationEvent",
@@ -109,11 +115,11 @@ RECORDS = [
     (2009, "StartOpenBookEvent", "book_id Int32, application UInt16, a UChar, b String",
      {"book_id": -645120848, "application": 65535, "a": 255, "b": "b"}),
     (2010, "OpenBookEvent",
-     "book_id Int32, language Language, first_list StringVec, c String, second_list StringVec, "
-     "d Int16, e Int16, f Int32, g Int16, h Int32, file_name String, i String, j String, k String, "
+     "book_id Int32, language Language, authors StringVec, file_type String, genres StringVec, "
+     "d Int16, e Int16, pages Int32, g Int16, h Int32, file_name String, i String, j String, k String, "
      "l String",
-     {"book_id": 943781977, "language": "en", "first_list": ["x"], "c": "c",
-      "second_list": ["p", ""], "d": True, "e": 4464, "f": 100000, "g": -1, "h": -2147483648,
+     {"book_id": 943781977, "language": "en", "authors": ["x"], "file_type": ".c",
+      "genres": ["p", ""], "d": True, "e": 4464, "pages": 100000, "g": -1, "h": -2147483648,
       "file_name": "a.epub", "i": "i", "j": "", "k": "k", "l": "l"}),
     (2012, "NewJournalFileEvent", "", {}),
     (2013, "OpenJournalFileEvent", "", {}),
@@ -124,51 +130,60 @@ RECORDS = [
     (2018, "LibrarySettingsEvent",
      "a Int16, b Char, library_mode Char, library_filter Char, library_group_by Char, "
      "library_sort_by Char, library_view Char, library_show_memory Char",
-     {"a": -1, "b": 128, "library_mode": 2, "library_filter": 255, "library_group_by": 0,
-      "library_sort_by": 1, "library_view": 127, "library_show_memory": 1}),
+     {"a": -1, "b": 128, "library_mode": 2, "library_mode_name": "genres", "library_filter": 255,
+      "library_group_by": 0, "library_group_by_name": "nothing", "library_sort_by": 2,
+      "library_sort_by_name": "date added", "library_view": 127, "library_show_memory": 1,
+      "library_show_memory_name": "yes"}),
     (2019, "MediaExplorerSettingsEvent", LIBRARY_VIEW,
-     {"a": 9, "b": 98, "library_view": 1, "library_show_memory": 2}),
+     {"a": 9, "b": 98, "library_view": 1, "library_view_name": "details",
+      "library_show_memory": 2}),
     (2020, "ApplicationExplorerSettingsEvent", LIBRARY_VIEW,
-     {"a": 10, "b": 99, "library_view": 2, "library_show_memory": 0}),
-    (2021, "GoToPageEvent", "a Int16, b Char, c Int16, d Int16",
-     {"a": 5, "b": True, "c": 7, "d": -9}),
-    (2022, "StartTtsEvent", "a Int16, b Int32, c String, d String, e Int16, f Int16",
-     {"a": -1, "b": -2, "c": "voice", "d": "", "e": 3, "f": -4}),
+     {"a": 10, "b": 99, "library_view": 2, "library_view_name": "covers",
+      "library_show_memory": 0, "library_show_memory_name": "no"}),
+    (2021, "GoToPageEvent", "a Int16, b Char, to_page Int16, pages Int16",
+     {"a": 5, "b": True, "to_page": 7, "pages": -9}),
+    (2022, "StartTtsEvent", "a Int16, book_id Int32, language String, voice String, e Int16, f Int16",
+     {"a": -1, "book_id": -2, "language": "en", "voice": "", "e": 3, "f": -4}),
     (2023, "StopTtsEvent", "a Int16", {"a": -300}),
-    (2024, "AddNoteEvent", "a Int32, b Int16", {"a": -100000, "b": 32767}),
-    (2025, "UseDictionaryEvent", "a Int32, b String", {"a": 7, "b": "déjà vu"}),
+    (2024, "AddNoteEvent", "book_id Int32, page Int16", {"book_id": -100000, "page": 32767}),
+    (2025, "UseDictionaryEvent", "book_id Int32, word String", {"book_id": 7, "word": "déjà vu"}),
     (2026, "SetReadingModeEvent",
-     "a Int32, b Int16, reading_mode Char, scale_type Char, e Int16, crop_type Char, g Char, h Char",
-     {"a": -1, "b": 2, "reading_mode": 3, "scale_type": 44, "e": -5, "crop_type": 6, "g": 7,
+     "book_id Int32, b Int16, reading_mode Char, scale_type Char, e Int16, crop_type Char, g Char, "
+     "h Char",
+     {"book_id": -1, "b": 2, "reading_mode": 3, "reading_mode_name": "reflow", "scale_type": 44, "e": -5, "crop_type": 6, "g": 7,
       "h": 128}),
     (2027, "SetFontParamsEvent",
-     "a Int32, b Int16, font String, d Char, f Int16, packed_margins Int32, g Char, "
+     "book_id Int32, b Int16, font String, d Char, f Int16, packed_margins Int32, g Char, "
      "line_break Char, update_mode Char",
-     {"a": 1, "b": -2, "font": "Serif", "d": 100, "f": 6, "packed_margins": -256,
-      "g": 103, "line_break": 1, "update_mode": 255}),
+     {"book_id": 1, "b": -2, "font": "Serif", "d": 100, "f": 6, "packed_margins": -256,
+      "margins": "-1 -1 -1 0", "g": 103, "line_break": 1, "line_break_name": "hyphens",
+      "update_mode": 255}),
     (2028, "NewBooksEvent", "count Int32", {"count": 5}),
     (2028, "NewBooksEventEx", batch,
      {"count": 2, "books": [FULL_BOOK, BARE_BOOK], "application": -1}),
-    (2029, "UsingTextToolsEvent", "a Int32, b Int16", {"a": 1, "b": 4464}),
-    (2030, "NotesAndBookmarksEvent", "a Int32, b Int16, c Int16, d Int16, e Int16, f Int16",
-     {"a": -1, "b": 2, "c": 3, "d": 4, "e": 5, "f": -6}),
-    (2031, "GoToPageEventNew", "b Int16, f Char, c Int32, d Int32, e Int32, a Int32",
-     {"b": 2, "f": False, "c": 3, "d": 4, "e": 5, "a": 100}),
-    (2032, "ChangePageEvent", PAGE, {"a": 70000, "b": -1, "c": 2, "d": -2147483648, "e": -4}),
+    (2029, "UsingTextToolsEvent", "book_id Int32, b Int16", {"book_id": 1, "b": 4464}),
+    (2030, "NotesAndBookmarksEvent", "book_id Int32, b Int16, c Int16, d Int16, e Int16, f Int16",
+     {"book_id": -1, "b": 2, "c": 3, "d": 4, "e": 5, "f": -6}),
+    (2031, "GoToPageEventNew", "b Int16, f Char, from_page Int32, to_page Int32, pages Int32, book_id Int32",
+     {"b": 2, "f": False, "from_page": 3, "to_page": 4, "pages": 5, "book_id": 100}),
+    (2032, "ChangePageEvent", PAGE, {"book_id": 70000, "b": -1, "from_page": 2,
+                                        "to_page": -2147483648, "pages": -4}),
     (2032, "ChangePageEventEx", PAGE + ", f Char, g Char, h Int16, i Int32",
-     {"a": 1, "b": -2, "c": 3, "d": 4, "e": 5, "f": 102, "g": 128, "h": 8, "i": -9}),
+     {"book_id": 1, "b": -2, "from_page": 3, "to_page": 4, "pages": 5, "f": 102, "g": 128, "h": 8,
+      "i": -9}),
     (2033, "Explorer3SettingsEvent",
      "a Int16, b Char, explorer3_mode Char, explorer3_group_by Char, explorer3_sort_by Char, "
      "explorer3_direction Char, explorer3_view Char",
-     {"a": 9, "b": 98, "explorer3_mode": 1, "explorer3_group_by": 2, "explorer3_sort_by": 3,
-      "explorer3_direction": 1, "explorer3_view": 200}),
+     {"a": 9, "b": 98, "explorer3_mode": 1, "explorer3_mode_name": "books", "explorer3_group_by": 2,
+      "explorer3_group_by_name": "type", "explorer3_sort_by": 3, "explorer3_sort_by_name": "type",
+      "explorer3_direction": 1, "explorer3_direction_name": "descending", "explorer3_view": 200}),
     (2034, "MediaExplorer3SettingsEvent", "a Int16, b Char, explorer3_view Char",
-     {"a": 9, "b": 98, "explorer3_view": 1}),
-    (2035, "GoToURLEvent", "a Int16, b String", {"a": 3, "b": "https://example.org/ä"}),
+     {"a": 9, "b": 98, "explorer3_view": 1, "explorer3_view_name": "details"}),
+    (2035, "GoToURLEvent", "a Int16, url String", {"a": 3, "url": "https://example.org/ä"}),
     (2037, "SetFontParamsEventEx",
-     "a Int32, b Int16, font String, d Char, f Char, g Int16, h String, i Char, "
+     "book_id Int32, b Int16, font String, d Char, f Char, g Int16, h String, i Char, "
      + ", ".join(f"margin_{i} String" for i in range(1, 9)) + ", j Char, k Char, l Char, m Char",
-     {"a": -1, "b": 2, "font": "Sans", "d": 100, "f": 102, "g": -7, "h": "h", "i": 105,
+     {"book_id": -1, "b": 2, "font": "Sans", "d": 100, "f": 102, "g": -7, "h": "h", "i": 105,
       "margin_1": "m1", "margin_2": "m2", "margin_3": "", "margin_4": "m4", "margin_5": "m5",
       "margin_6": "m6", "margin_7": "m7", "margin_8": "a margin of thirty-one bytes ..", "j": 1,
       "k": 2, "l": 3, "m": 128}),
@@ -181,10 +196,12 @@ RECORDS = [
 
 def without_names(fields):
     """Leaves out what decoders add for people: the names of codes."""
-    if isinstance(fields, dict):
-        return {k: without_names(v) for k, v in fields.items()
-                if k not in ("action_name", "model_name")}
-    return [without_names(v) for v in fields] if isinstance(fields, list) else fields
+    if isinstance(fields, list):
+        return [without_names(v) for v in fields]
+    if not isinstance(fields, dict):
+        return fields
+    names = {column.removesuffix("_code") + "_name" for column in fields} | {"margins"}
+    return {k: without_names(v) for k, v in fields.items() if k not in names}
 
 
 def main():

@@ -59,8 +59,7 @@ void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batc
   if (view_) Show(record, datagram->sender);
   batch->records.push_back({0, datagram->received_ms, datagram->sender, record.type,
                             std::string(record.event), record.timestamp,
-                            records::Dump(records::ValuesOf(record.fields)),
-                            std::move(datagram->bytes)});
+                            records::Dump(record.values), std::move(datagram->bytes)});
 }
 
 void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch) {
@@ -75,9 +74,7 @@ void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store
 void Sorter::Show(const records::Record& record, const store::Sender& sender) {
   if (format_ == Format::kText) {
     std::string line = fmt::format("{} {}", records::LocalTime(record.timestamp), record.event);
-    for (const auto& field : record.fields.items()) {
-      line += fmt::format(" {}={}", field.key(), records::PrintableJson(field.value()));
-    }
+    line += records::FieldsLine(*records::FindEvent(record.event), record.values);
     view_->Show(std::move(line));
     return;
   }

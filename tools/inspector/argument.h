@@ -245,18 +245,19 @@ struct Argument<const Stat_BookInfo* const*> {
   bool AddDescribed(const Json& json) {
     Description& book = descriptions.emplace_back();
     const auto member = [&json](const char* name) { return json.value(name, Json()); };
-    const char* const names[] = {"language", "file_type", "file_name", "s1", "s2", "isbn", "s3"};
+    const char* const names[] = {"language", "file_type", "file_name", "title",
+                                 "series",   "isbn",      "publisher"};
     for (std::size_t i = 0; i < book.texts.size(); ++i) {
       if (!book.texts[i].Set(member(names[i]))) return false;
     }
-    if (!book.lists[0].Set(member("first_list")) || !book.lists[1].Set(member("second_list"))) {
+    if (!book.lists[0].Set(member("authors")) || !book.lists[1].Set(member("other_people"))) {
       return false;
     }
     Argument<int> book_id;
     Argument<int> n1;
     Argument<std::int16_t> n2;
-    if (!book_id.Set(json.value("book_id", Json(0))) || !n1.Set(json.value("n1", Json(0))) ||
-        !n2.Set(json.value("n2", Json(0)))) {
+    if (!book_id.Set(json.value("book_id", Json(0))) || !n1.Set(json.value("year", Json(0))) ||
+        !n2.Set(json.value("series_number", Json(0)))) {
       return false;
     }
     const auto text = [&book](std::size_t i) { return book.texts[i].Get(); };

@@ -25,16 +25,16 @@ Json ToJson(const Stat_BookInfo& book) {
   const auto text = [](const char* t) { return t ? Json(t) : Json(); };
   return {{"book_id", book.book_id},
           {"language", text(book.language)},
-          {"first_list", ToJson(book.first_list)},
+          {"authors", ToJson(book.first_list)},
           {"file_type", text(book.file_type)},
-          {"second_list", ToJson(book.second_list)},
-          {"n1", book.n1},
-          {"n2", book.n2},
+          {"other_people", ToJson(book.second_list)},
+          {"year", book.n1},
+          {"series_number", book.n2},
           {"file_name", text(book.file_name)},
-          {"s1", text(book.s1)},
-          {"s2", text(book.s2)},
+          {"title", text(book.s1)},
+          {"series", text(book.s2)},
           {"isbn", text(book.isbn)},
-          {"s3", text(book.s3)}};
+          {"publisher", text(book.s3)}};
 }
 
 // Only the new-book list comes back as books.
@@ -119,21 +119,25 @@ std::vector<Function> MakeFunctions() {
 
       STAT_FUNCTION(Stat_GetBookId, "", "path"),
       STAT_FUNCTION(Stat_SendStartOpenBookEvent, "", "path", "application", "a", "b?"),
-      STAT_FUNCTION(Stat_SendOpenBookEvent, "", "path", "language?", "first_list?", "c?",
-                    "second_list?", "d", "e", "f", "g", "h", "i?", "j?", "k?", "l?"),
+      STAT_FUNCTION(Stat_SendOpenBookEvent, "", "path", "language?", "authors?", "file_type?",
+                    "genres?", "d", "e", "pages", "g", "h", "i?", "j?", "k?", "l?"),
 
-      STAT_FUNCTION(Stat_GoToPageEvent, "GoToPageEvent", "a", "c", "d", "b"),
-      STAT_FUNCTION(Stat_GoToPageEventEx, "GoToPageEventNew", "a", "b", "c", "d", "e", "f"),
-      STAT_FUNCTION(Stat_ChangePageEvent, "ChangePageEvent", "a", "b", "c", "d", "e"),
-      STAT_FUNCTION(Stat_ChangePageEventEx, "", "a", "b", "c", "d", "e", "f", "g", "h", "i"),
-      STAT_FUNCTION(Stat_StartTtsEvent, "StartTtsEvent", "a", "b", "c", "d", "e", "f"),
-      STAT_FUNCTION(Stat_StopTtsEvent, "StopTtsEvent", "a"),
-      STAT_FUNCTION(Stat_AddNoteEvent, "AddNoteEvent", "a", "b"),
-      STAT_FUNCTION(Stat_UseDictionaryEvent, "UseDictionaryEvent", "a", "b"),
-      STAT_FUNCTION(Stat_NotesAndBookmarksEvent, "NotesAndBookmarksEvent", "a", "b", "c", "d", "e",
+      STAT_FUNCTION(Stat_GoToPageEvent, "GoToPageEvent", "a", "to_page", "pages", "b"),
+      STAT_FUNCTION(Stat_GoToPageEventEx, "GoToPageEventNew", "book_id", "b", "from_page",
+                    "to_page", "pages", "f"),
+      STAT_FUNCTION(Stat_ChangePageEvent, "ChangePageEvent", "book_id", "b", "from_page", "to_page",
+                    "pages"),
+      STAT_FUNCTION(Stat_ChangePageEventEx, "", "book_id", "b", "from_page", "to_page", "pages",
+                    "f", "g", "h", "i"),
+      STAT_FUNCTION(Stat_StartTtsEvent, "StartTtsEvent", "a", "book_id", "language", "voice", "e",
                     "f"),
-      STAT_FUNCTION(Stat_UsingTextToolsEvent, "UsingTextToolsEvent", "a", "b"),
-      STAT_FUNCTION(Stat_GoToURLEvent, "GoToURLEvent", "a", "b"),
+      STAT_FUNCTION(Stat_StopTtsEvent, "StopTtsEvent", "a"),
+      STAT_FUNCTION(Stat_AddNoteEvent, "AddNoteEvent", "book_id", "page"),
+      STAT_FUNCTION(Stat_UseDictionaryEvent, "UseDictionaryEvent", "book_id", "word"),
+      STAT_FUNCTION(Stat_NotesAndBookmarksEvent, "NotesAndBookmarksEvent", "book_id", "b", "c", "d",
+                    "e", "f"),
+      STAT_FUNCTION(Stat_UsingTextToolsEvent, "UsingTextToolsEvent", "book_id", "b"),
+      STAT_FUNCTION(Stat_GoToURLEvent, "GoToURLEvent", "a", "url"),
 
       STAT_FUNCTION(Stat_NewBooksEvent, "NewBooksEvent", "count"),
       STAT_FUNCTION(Stat_NewBooksEventEx, "NewBooksEventEx", "count", "books?", "application"),
@@ -156,12 +160,12 @@ std::vector<Function> MakeFunctions() {
       STAT_FUNCTION(Stat_MediaExplorer3SettingsEvent, "MediaExplorer3SettingsEvent", "a", "b",
                     "explorer3_view"),
 
-      STAT_FUNCTION(Stat_SetReadingModeEvent, "SetReadingModeEvent", "a", "b", "reading_mode",
+      STAT_FUNCTION(Stat_SetReadingModeEvent, "SetReadingModeEvent", "book_id", "b", "reading_mode",
                     "scale_type", "e", "crop_type", "g", "h"),
-      STAT_FUNCTION(Stat_SetFontParamsEvent, "SetFontParamsEvent", "a", "b", "font", "d", "e", "f",
-                    "margins", "g", "line_break", "update_mode"),
-      STAT_FUNCTION(Stat_SetFontParamsEventEx, "SetFontParamsEventEx", "a", "b", "font", "d", "e",
-                    "f", "g", "h", "i", "margins", "j", "k", "l", "m"),
+      STAT_FUNCTION(Stat_SetFontParamsEvent, "SetFontParamsEvent", "book_id", "b", "font", "d", "e",
+                    "f", "margins", "g", "line_break", "update_mode"),
+      STAT_FUNCTION(Stat_SetFontParamsEventEx, "SetFontParamsEventEx", "book_id", "b", "font", "d",
+                    "e", "f", "g", "h", "i", "margins", "j", "k", "l", "m"),
   };
 }
 
@@ -174,6 +178,7 @@ const Function* FindIf(Matches matches) {
   return found == functions.end() ? nullptr : &*found;
 }
 
+// The margins of a record: packed in one number, or eight texts.
 Json MarginsOf(const Json& fields) {
   if (const auto packed = fields.find("packed_margins"); packed != fields.end()) return *packed;
   Json margins = Json::array();
@@ -209,10 +214,10 @@ std::vector<Json> ArgumentsFor(const Function& sender, const Json& fields) {
   std::vector<Json> arguments;
   for (const Parameter& parameter : sender.parameters) {
     const auto field = fields.find(std::string(parameter.name));
-    if (field != fields.end()) {
-      arguments.push_back(*field);
-    } else if (parameter.name == "margins") {
+    if (parameter.name == "margins") {
       arguments.push_back(MarginsOf(fields));
+    } else if (field != fields.end()) {
+      arguments.push_back(*field);
     } else {
       arguments.emplace_back(0);  // accepted and never sent
     }

@@ -101,7 +101,7 @@ std::string Renewed(std::string datagram) {
 // was none.
 int SendAgain(const Captured& captured, bool* is_raw) {
   if (const Function* sender = FindSender(captured.record.event)) {
-    const auto arguments = ArgumentsFor(*sender, captured.record.fields);
+    const auto arguments = ArgumentsFor(*sender, records::FieldsOf(captured.record));
     const CallResult result = sender->invoke(*sender, arguments);
     if (result.error.empty()) return result.value.get<int>();
     // The record holds what no caller could have passed, such as a text with a NUL.
@@ -197,7 +197,7 @@ int ReplayQuarantine(const Options& options) {
       found.record.type = record->type;
       found.record.event = record->event;
       found.record.timestamp_ms = record->timestamp;
-      found.record.fields = records::Dump(records::ValuesOf(record->fields));
+      found.record.fields = records::Dump(record->values);
     }
     if (readable.size() == kRowsAtOnce) status = Release(&connection, &readable, &released);
     return status.ok();

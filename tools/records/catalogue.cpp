@@ -1,11 +1,11 @@
 #include "tools/records/catalogue.h"
 
 #include <algorithm>
+#include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "src/events/events.h"
-#include "src/measurements/device_models.h"
-#include "src/measurements/key_actions.h"
 #include "src/measurements/measurements.h"
 
 namespace velmora::usage_stat::records {
@@ -26,66 +26,148 @@ Json ToValue(DeviceId, const DeviceId::Bytes& id) {
   return SerializationUtils::ToHex(std::vector<unsigned char>(id.begin(), id.end()));
 }
 
-Json ToValue(const Keymapping& mapping) {
-  Json json = {{"key", mapping.key}, {"kind", mapping.kind}, {"action", mapping.action}};
-  const auto* action =
-      std::find_if(kKeyActions.begin(), kKeyActions.end(),
-                   [&](const KeyAction& row) { return row.code == mapping.action; });
-  if (action != kKeyActions.end()) json["action_name"] = action->name;
-  return json;
-}
-
-// ---- Payloads by name ----
-
 template <class Owner>
-Json FieldsOf(const Owner& owner);
+void AppendValues(const Owner& owner, Json* values);
 
-Json SectionOf(NewBookRecords, const NewBooksEventEx& event) {
-  Json books = Json::array();
-  for (const NewBookRecord& record : event.records_) books.push_back(FieldsOf(record));
-  return books;
+template <class Row>
+Json RowOf(const Row& row) {
+  Json values = Json::array();
+  AppendValues(row, &values);
+  return values;
 }
 
-Json SectionOf(KeyListCount, const KeyboardSettingsEvent&) { return KeyListCount::kCount; }
+Json RowOf(const Keymapping& mapping) { return {mapping.key, mapping.kind, mapping.action}; }
 
-template <std::int16_t kSet>
-Json SectionOf(KeyList<kSet>, const KeyboardSettingsEvent& event) {
+template <class Rows>
+Json ListOf(const Rows& rows) {
   Json list = Json::array();
-  for (const Keymapping& mapping : event.mappings_[kSet]) list.push_back(ToValue(mapping));
+  for (const auto& row : rows) list.push_back(RowOf(row));
   return list;
 }
 
+void AppendSection(NewBookRecords, const NewBooksEventEx& event, Json* values) {
+  values->push_back(ListOf(event.records_));
+}
+void AppendSection(KeyListCount, const KeyboardSettingsEvent&, Json* values) {
+  values->push_back(KeyListCount::kCount);
+}
+template <std::int16_t kSet>
+void AppendSection(KeyList<kSet>, const KeyboardSettingsEvent& event, Json* values) {
+  values->push_back(ListOf(event.mappings_[kSet]));
+}
 template <class EventClass, class Owner>
-Json SectionOf(WrappedPayload<EventClass>, const Owner& owner) {
-  return FieldsOf(owner.event_);
+void AppendSection(WrappedPayload<EventClass>, const Owner& owner, Json* values) {
+  AppendValues(owner.event_, values);
 }
 
 template <class Codec, class Base, class Member, class Owner>
-Json ValueOf(const Field<Codec, Base, Member>& field, const Owner& owner) {
-  return ToValue(Codec{}, owner.*field.member);
+void AppendField(const Field<Codec, Base, Member>& field, const Owner& owner, Json* values) {
+  values->push_back(ToValue(Codec{}, owner.*field.member));
 }
 template <class Codec, class Owner>
-Json ValueOf(const Section<Codec>&, const Owner& owner) {
-  return SectionOf(Codec{}, owner);
-}
-
-// What people need beside the fields, added after them.
-template <class Owner>
-void Annotate(const Owner&, Json*) {}
-void Annotate(const DeviceInfoEvent& event, Json* json) {
-  const auto* model =
-      std::find_if(kDeviceModels.begin(), kDeviceModels.end(),
-                   [&](const DeviceModel& row) { return row.code == event.model_code_; });
-  if (model != kDeviceModels.end()) (*json)["model_name"] = model->name;
+void AppendField(const Section<Codec>&, const Owner& owner, Json* values) {
+  AppendSection(Codec{}, owner, values);
 }
 
 template <class Owner>
-Json FieldsOf(const Owner& owner) {
-  Json json = Json::object();
-  std::apply([&](const auto&... field) { ((json[field.name] = ValueOf(field, owner)), ...); },
-             Owner::Fields());
-  Annotate(owner, &json);
-  return json;
+void AppendValues(const Owner& owner, Json* values) {
+  std::apply([&](const auto&... field) { (AppendField(field, owner, values), ...); },
+             kFields<Owner>);
+}
+
+// ---- Editing ----
+
+template <class Owner>
+void EditOwner(Owner* owner, std::size_t* number, FieldEditor* editor);
+
+// The bytes of `text` as far as they fit, then zeros.
+template <class Bytes>
+void Fill(const std::string& text, Bytes* bytes) {
+  for (std::size_t i = 0; i < bytes->size(); ++i) {
+    (*bytes)[i] = static_cast<typename Bytes::value_type>(i < text.size() ? text[i] : 0);
+  }
+}
+
+template <class Codec, class Number>
+void EditValue(Codec codec, std::size_t field, Number* value, FieldEditor* editor) {
+  const auto number = ToValue(codec, *value).template get<std::int64_t>();
+  *value = static_cast<Number>(editor->Number(field, number));
+}
+void EditValue(FlagChar, std::size_t field, bool* value, FieldEditor* editor) {
+  *value = editor->Number(field, *value ? 1 : 0) != 0;
+}
+void EditValue(ExactlyOneInt16, std::size_t field, bool* value, FieldEditor* editor) {
+  EditValue(FlagChar{}, field, value, editor);
+}
+void EditValue(NarrowInt16, std::size_t field, std::int32_t* value, FieldEditor* editor) {
+  *value = static_cast<std::int16_t>(editor->Number(field, *value));
+}
+void EditValue(String, std::size_t field, std::string* value, FieldEditor* editor) {
+  editor->Text(field, value);
+}
+void EditValue(StringVec, std::size_t field, std::vector<std::string>* value, FieldEditor* editor) {
+  editor->Texts(field, value);
+}
+void EditValue(Language, std::size_t field, std::string* value, FieldEditor* editor) {
+  editor->Text(field, value);
+  *value = value->substr(0, std::min<std::size_t>(2, value->find('\0')));
+}
+void EditValue(TwoChars, std::size_t field, std::string* value, FieldEditor* editor) {
+  editor->Text(field, value);
+  value->resize(2);
+}
+void EditValue(DeviceId, std::size_t field, DeviceId::Bytes* value, FieldEditor* editor) {
+  std::string text(value->begin(), value->end());
+  editor->Text(field, &text);
+  Fill(text, value);
+}
+
+// Counts that frame a list stay as they are.
+void EditSection(NewBookRecords, NewBooksEventEx* event, std::size_t* number, FieldEditor* editor) {
+  const std::size_t first = *number;
+  *number += std::tuple_size_v<decltype(NewBookRecord::Fields())>;
+  for (NewBookRecord& record : event->records_) {
+    std::size_t column = first;
+    EditOwner(&record, &column, editor);
+  }
+}
+void EditSection(KeyListCount, KeyboardSettingsEvent*, std::size_t* number, FieldEditor*) {
+  ++*number;
+}
+template <std::int16_t kSet>
+void EditSection(KeyList<kSet>, KeyboardSettingsEvent* event, std::size_t* number,
+                 FieldEditor* editor) {
+  const std::size_t first = *number + 2;  // after the list's number and count
+  for (Keymapping& mapping : event->mappings_[kSet]) {
+    EditValue(KeyByte{}, first, &mapping.key, editor);
+    EditValue(KeyByte{}, first + 1, &mapping.kind, editor);
+    EditValue(Int16{}, first + 2, &mapping.action, editor);
+  }
+  *number = first + 3;
+}
+template <class EventClass, class Owner>
+void EditSection(WrappedPayload<EventClass>, Owner* owner, std::size_t* number,
+                 FieldEditor* editor) {
+  EditOwner(&owner->event_, number, editor);
+}
+
+template <class Codec, class Base, class Member, class Owner>
+void EditField(const Field<Codec, Base, Member>& field, Owner* owner, std::size_t* number,
+               FieldEditor* editor) {
+  if (field.meaning.kind != Kind::kRowCount) {
+    EditValue(Codec{}, *number, &(owner->*field.member), editor);
+  }
+  ++*number;
+}
+template <class Codec, class Owner>
+void EditField(const Section<Codec>&, Owner* owner, std::size_t* number, FieldEditor* editor) {
+  EditSection(Codec{}, owner, number, editor);
+}
+
+template <class Owner>
+void EditOwner(Owner* owner, std::size_t* number, FieldEditor* editor) {
+  std::apply([&](const auto&... field) { (EditField(field, owner, number, editor), ...); },
+             kFields<Owner>);
 }
 
 // ---- Field by field ----
@@ -128,22 +210,22 @@ bool TraceSection(KeyList<kSet>, std::istream& in, const std::string& name, Keyb
   if (!TraceValue(Int16{}, in, name + ".count", &count, sink)) return false;
   for (std::int16_t i = 0; i < count; ++i) {
     const std::string prefix = name + "[" + std::to_string(i) + "].";
-    char key = 0;
-    char kind = 0;
-    std::int16_t action = 0;
-    if (!TraceValue(Char{}, in, prefix + "key", &key, sink) ||
-        !TraceValue(Char{}, in, prefix + "kind", &kind, sink) ||
-        !TraceValue(Int16{}, in, prefix + "action", &action, sink)) {
-      return false;
-    }
+    Keymapping mapping{};
+    if (!TraceValue(KeyByte{}, in, prefix + "key", &mapping.key, sink)) return false;
+    // The value is the one of the key code that readers rebuild, as in the record.
+    sink->Begin(prefix + "kind", KeyByte::kPrimitive, KeyByte::kLeastSize);
+    if (KeyByte::Read(in, &mapping.kind) != 0) return false;
+    const int key_code = mapping.key + 256 * static_cast<std::uint8_t>(mapping.kind);
+    sink->End(Keymapping::FromKeyCode(key_code, 0).kind);
+    if (!TraceValue(Int16{}, in, prefix + "action", &mapping.action, sink)) return false;
   }
   return true;
 }
 
 template <class EventClass, class Owner>
-bool TraceSection(WrappedPayload<EventClass>, std::istream& in, const std::string& name,
-                  Owner* owner, FieldSink* sink) {
-  return TraceOwner(in, name + ".", &owner->event_, sink);
+bool TraceSection(WrappedPayload<EventClass>, std::istream& in, const std::string&, Owner* owner,
+                  FieldSink* sink) {
+  return TraceOwner(in, "", &owner->event_, sink);
 }
 
 template <class Codec, class Base, class Member, class Owner>
@@ -164,45 +246,87 @@ bool TraceOwner(std::istream& in, const std::string& prefix, Owner* owner, Field
       Owner::Fields());
 }
 
-// ---- Documentation ----
+// ---- What fields are ----
+
+// The name of a member as its class has it, without the underscore at its end.
+template <auto kMember>
+constexpr std::string_view MemberName() {
+  const std::string_view function = __PRETTY_FUNCTION__;  // "... [kMember = &AddNoteEvent::a_]"
+  const std::size_t end = function.find_first_of(";]", function.rfind("kMember = "));
+  const std::size_t begin = function.rfind(':', end) + 1;
+  return function.substr(begin, end - 1 - begin);
+}
+static_assert(MemberName<&NewBookRecord::s1_>() == "s1");
+
+// The key of the name that stands beside a value.
+std::string NameKey(Kind kind, std::string column) {
+  if (kind == Kind::kPackedMargins) return "margins";
+  if (NamedValues(kind).empty()) return {};
+  if (column.ends_with("_code")) column.resize(column.size() - 5);
+  return column + "_name";
+}
+
+void AddValue(const std::string& prefix, const std::string& column, std::string_view member,
+              std::string_view primitive, const Meaning& meaning, bool is_structure,
+              std::vector<FieldType>* fields) {
+  fields->push_back({prefix + column, column, member, primitive, meaning.kind, meaning.sensitivity,
+                     meaning.text, is_structure, NameKey(meaning.kind, column)});
+}
 
 template <class Owner>
-void ListFields(const std::string& prefix, std::vector<FieldType>* list);
+void AddFields(const std::string& prefix, RecordType* type);
 
-void ListSection(NewBookRecords, const std::string& name, std::vector<FieldType>* list) {
-  ListFields<NewBookRecord>(name + "[].", list);
+// Adds a list whose rows have the fields of Row.
+template <class Row>
+void AddList(const std::string& name, const Meaning& meaning, RecordType* type) {
+  const std::size_t slots = type->slots.size();
+  const std::size_t first = type->fields.size();
+  AddFields<Row>(name + "[].", type);
+  type->slots.resize(slots);
+  type->slots.push_back({name, meaning.text, true, first, type->fields.size() - first});
 }
-void ListSection(KeyListCount, const std::string& name, std::vector<FieldType>* list) {
-  list->push_back({name, KeyListCount::kPrimitive});
+
+void AddSection(NewBookRecords, const std::string& name, const Meaning& meaning, RecordType* type) {
+  AddList<NewBookRecord>(name, meaning, type);
+}
+void AddSection(KeyListCount, const std::string& name, const Meaning& meaning, RecordType* type) {
+  type->slots.push_back({name, meaning.text, false, type->fields.size(), 1});
+  AddValue("", name, name, KeyListCount::kPrimitive, meaning, true, &type->fields);
 }
 template <std::int16_t kSet>
-void ListSection(KeyList<kSet>, const std::string& name, std::vector<FieldType>* list) {
-  list->push_back({name + ".type", Int16::kPrimitive});
-  list->push_back({name + ".count", Int16::kPrimitive});
-  list->push_back({name + "[].key", Char::kPrimitive});
-  list->push_back({name + "[].kind", Char::kPrimitive});
-  list->push_back({name + "[].action", Int16::kPrimitive});
+void AddSection(KeyList<kSet>, const std::string& name, const Meaning& meaning, RecordType* type) {
+  constexpr Meaning kNumber{Kind::kReserved, Sensitivity::kTechnical,
+                            "number of the list; any other makes the record invalid"};
+  constexpr Meaning kCount{Kind::kRowCount, Sensitivity::kTechnical,
+                           "assignments that follow; none when it is below 1"};
+  AddValue(name + ".", "type", "type", Int16::kPrimitive, kNumber, true, &type->fields);
+  AddValue(name + ".", "count", "count", Int16::kPrimitive, kCount, true, &type->fields);
+  AddList<KeyAssignment>(name, meaning, type);
 }
 template <class EventClass>
-void ListSection(WrappedPayload<EventClass>, const std::string& name,
-                 std::vector<FieldType>* list) {
-  ListFields<EventClass>(name + ".", list);
+void AddSection(WrappedPayload<EventClass>, const std::string&, const Meaning&, RecordType* type) {
+  AddFields<EventClass>("", type);
 }
 
-template <class Codec, class Owner, class Member>
-void ListField(const Field<Codec, Owner, Member>& field, const std::string& prefix,
-               std::vector<FieldType>* list) {
-  list->push_back({prefix + field.name, Codec::kPrimitive});
-}
-template <class Codec>
-void ListField(const Section<Codec>& section, const std::string& prefix,
-               std::vector<FieldType>* list) {
-  ListSection(Codec{}, prefix + section.name, list);
+template <class Owner, std::size_t kIndex>
+void AddField(const std::string& prefix, RecordType* type) {
+  constexpr const auto& kField = std::get<kIndex>(kFields<Owner>);
+  using Codec = typename std::remove_cvref_t<decltype(kField)>::Codec;
+  if constexpr (requires { kField.member; }) {
+    type->slots.push_back({kField.name, kField.meaning.text, false, type->fields.size(), 1});
+    AddValue(prefix, kField.name, MemberName<kField.member>(), Codec::kPrimitive, kField.meaning,
+             kField.meaning.kind == Kind::kRowCount, &type->fields);
+  } else {
+    AddSection(Codec{}, prefix + kField.name, kField.meaning, type);
+  }
 }
 
 template <class Owner>
-void ListFields(const std::string& prefix, std::vector<FieldType>* list) {
-  std::apply([&](const auto&... field) { (ListField(field, prefix, list), ...); }, Owner::Fields());
+void AddFields(const std::string& prefix, RecordType* type) {
+  const auto add = [&]<std::size_t... kIndices>(std::index_sequence<kIndices...>) {
+    (AddField<Owner, kIndices>(prefix, type), ...);
+  };
+  add(std::make_index_sequence<std::tuple_size_v<decltype(Owner::Fields())>>());
 }
 
 // ---- The catalogue ----
@@ -210,9 +334,14 @@ void ListFields(const std::string& prefix, std::vector<FieldType>* list) {
 template <class EventClass>
 RecordType TypeOf(int code, std::string_view enumerator, std::string_view event,
                   bool made_by_factory) {
-  RecordType type{code, enumerator, event, made_by_factory, {}, nullptr, nullptr, nullptr};
-  ListFields<EventClass>("", &type.fields);
-  type.fields_of = [](const Event& e) { return FieldsOf(static_cast<const EventClass&>(e)); };
+  RecordType type{code, enumerator, event,   made_by_factory, {},
+                  {},   nullptr,    nullptr, nullptr,         nullptr};
+  AddFields<EventClass>("", &type);
+  type.values_of = [](const Event& e) { return RowOf(static_cast<const EventClass&>(e)); };
+  type.edit = [](Event* e, FieldEditor* editor) {
+    std::size_t number = 0;
+    EditOwner(static_cast<EventClass*>(e), &number, editor);
+  };
   type.read = [](std::istream& in) -> std::unique_ptr<Event> {
     auto e = std::make_unique<EventClass>();
     if (ReadFields(in, e.get()) != 0) return nullptr;
@@ -238,6 +367,26 @@ std::vector<RecordType> MakeCatalogue() {
   return types;
 }
 
+// Adds the value of `field` to `named`, and its name if it has one.
+void AddNamed(const FieldType& field, const Json& value, Json::object_t* named) {
+  named->Container::emplace_back(field.column, value);
+  if (field.name_key.empty() || !value.is_number_integer()) return;
+  std::string name = ValueName(field.kind, value.get<std::int64_t>());
+  if (!name.empty()) named->Container::emplace_back(field.name_key, std::move(name));
+}
+
+Json NamedRows(const RecordType& type, const Slot& slot, const Json& rows) {
+  Json list = Json::array();
+  if (!rows.is_array()) return list;
+  for (const Json& row : rows) {
+    Json::object_t named;
+    const std::size_t size = row.is_array() ? std::min(slot.size, row.size()) : 0;
+    for (std::size_t i = 0; i < size; ++i) AddNamed(type.fields[slot.first + i], row[i], &named);
+    list.push_back(std::move(named));
+  }
+  return list;
+}
+
 const RecordType* Find(int code, bool made_by_factory) {
   for (const RecordType& type : Catalogue()) {
     if (type.code == code && type.made_by_factory == made_by_factory) return &type;
@@ -255,5 +404,32 @@ const std::vector<RecordType>& Catalogue() {
 const RecordType* FindType(int code) { return Find(code, true); }
 
 const RecordType* FindShorterType(int code) { return Find(code, false); }
+
+const RecordType* FindEvent(std::string_view event) {
+  for (const RecordType& type : Catalogue()) {
+    if (type.event == event) return &type;
+  }
+  return nullptr;
+}
+
+bool RecordType::carries_book() const {
+  return std::any_of(fields.begin(), fields.end(),
+                     [](const FieldType& field) { return field.kind == Kind::kBookId; });
+}
+
+Json NamedFields(const RecordType& type, const Json& values) {
+  // The names differ by themselves: looking for each first, as the operators do, is left out.
+  Json::object_t named;
+  const std::size_t size = values.is_array() ? std::min(type.slots.size(), values.size()) : 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    const Slot& slot = type.slots[i];
+    if (slot.is_list) {
+      named.Container::emplace_back(slot.name, NamedRows(type, slot, values[i]));
+    } else {
+      AddNamed(type.fields[slot.first], values[i], &named);
+    }
+  }
+  return named;
+}
 
 }  // namespace velmora::usage_stat::records

@@ -9,7 +9,6 @@
 #include "src/events/new_books_events.h"
 #include "src/stat_event/event.h"
 #include "src/stat_event/fields.h"
-#include "tools/records/catalogue.h"
 
 namespace velmora::usage_stat::records {
 
@@ -172,38 +171,45 @@ Damage Diagnose(std::string_view datagram) {
     damage.kind = "short batch";
     damage.reason = "batch of " + std::to_string(batch.count_) + " books holds " +
                     std::to_string(batch.records_.size());
-    damage.fields = FindType(EventFactory::kNewBooks)->fields_of(batch);
+    const RecordType& type = *FindType(EventFactory::kNewBooks);
+    damage.fields = NamedFields(type, type.values_of(batch));
   }
   return damage;
 }
 
-Record RecordOf(const RecordType& type, const Event& event) {
-  return {event.type_, type.event, event.timestamp_, type.fields_of(event)};
-}
-
 // Reads `datagram` with the shorter class of its code, if there is one and it fits exactly.
-std::optional<Record> DecodeShorter(std::string_view datagram) {
+std::optional<ReadEvent> ReadShorter(std::string_view datagram) {
   ViewStream in(datagram);
   std::int16_t code = 0;
   long long timestamp = 0;
   if (Int16::Read(in, &code) != 0) return std::nullopt;
   const RecordType* type = FindShorterType(code);
   if (!type || SerializationUtils::DeserializeTimestamp(in, &timestamp) != 0) return std::nullopt;
-  const std::unique_ptr<Event> event = type->read(in);
+  std::unique_ptr<Event> event = type->read(in);
   if (!event || in.position() != datagram.size()) return std::nullopt;
   event->timestamp_ = timestamp;
-  return RecordOf(*type, *event);
+  return ReadEvent{type, std::move(event)};
 }
 
 }  // namespace
 
-std::variant<Record, Damage> Decode(std::string_view datagram) {
-  if (std::optional<Record> record = DecodeShorter(datagram)) return *std::move(record);
+std::optional<ReadEvent> Read(std::string_view datagram) {
+  if (auto shorter = ReadShorter(datagram)) return shorter;
   ViewStream in(datagram);
-  const std::unique_ptr<Event> event(Event::CreateFromStream(in));
-  if (!event || in.position() != datagram.size()) return Diagnose(datagram);
-  return RecordOf(*FindType(event->type_), *event);
+  std::unique_ptr<Event> event(Event::CreateFromStream(in));
+  if (!event || in.position() != datagram.size()) return std::nullopt;
+  const RecordType* type = FindType(event->type_);
+  return ReadEvent{type, std::move(event)};
 }
+
+std::variant<Record, Damage> Decode(std::string_view datagram) {
+  const auto read = Read(datagram);
+  if (!read) return Diagnose(datagram);
+  const Event& event = *read->event;
+  return Record{event.type_, read->type->event, event.timestamp_, read->type->values_of(event)};
+}
+
+Json FieldsOf(const Record& record) { return NamedFields(*FindEvent(record.event), record.values); }
 
 Trace TraceFields(std::string_view datagram) {
   ViewStream in(datagram);
@@ -221,30 +227,15 @@ Json ToJson(const Record& record) {
   return {{"event", record.event},
           {"type", record.type},
           {"timestamp", record.timestamp},
-          {"fields", record.fields}};
-}
-
-Json ValuesOf(const Json& fields) {
-  if (!fields.is_object() && !fields.is_array()) return fields;
-  Json values = Json::array();
-  for (const auto& field : fields.items()) {
-    // Names of values, which people need beside them, are no values of the record.
-    if (field.key() == "action_name" || field.key() == "model_name") continue;
-    values.push_back(ValuesOf(field.value()));
-  }
-  return values;
+          {"fields", FieldsOf(record)}};
 }
 
 Json FieldsOf(std::string_view fields, std::string_view raw) {
-  if (fields.starts_with('{')) return ParseFields(fields);
-  auto decoded = Decode(raw);
-  auto* record = std::get_if<Record>(&decoded);
-  return record ? std::move(record->fields) : Json::object();
-}
-
-Json ParseFields(std::string_view text) {
-  Json fields = Json::parse(text, nullptr, false);
-  return fields.is_object() ? fields : Json::object();
+  if (const auto read = Read(raw)) {
+    return NamedFields(*read->type, read->type->values_of(*read->event));
+  }
+  Json named = Json::parse(fields, nullptr, false);
+  return named.is_object() ? named : Json::object();
 }
 
 std::string Dump(const Json& json, int indent) {

@@ -4,24 +4,27 @@
 #define TOOLS_RECORDS_RECORD_H_
 
 #include <cstddef>
-#include <nlohmann/json.hpp>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
-namespace velmora::usage_stat::records {
+#include "tools/records/catalogue.h"
 
-using Json = nlohmann::ordered_json;  // fields keep their order on the wire
+namespace velmora::usage_stat::records {
 
 // A datagram that reads as exactly one record.
 struct Record {
   int type = 0;             // type code
   std::string_view event;   // name of the class that read it
   long long timestamp = 0;  // milliseconds since the Unix epoch
-  Json fields;              // by name, in wire order
+  Json values;              // as RecordType::values_of has them
 };
+
+// The fields of `record` by name, in wire order.
+Json FieldsOf(const Record& record);
 
 // A datagram that does not.
 struct Damage {
@@ -38,12 +41,21 @@ struct Damage {
   Json fields = Json::object();  // what could be read
 };
 
-// Reads one datagram with the library's own classes.
+// One event and its class.
+struct ReadEvent {
+  const RecordType* type;
+  std::unique_ptr<Event> event;
+};
+
+// Reads one datagram with the library's own classes; nothing when it is damaged.
 //
 // Two type codes are written by two classes each. For those the shorter class is tried first and
 // taken when it consumes the datagram exactly, because the factory would only make the longer one:
 // page turns and bare counts of new books would be lost. A batch of new books that holds fewer
 // books than its count is damaged, and reported with the books that were there.
+std::optional<ReadEvent> Read(std::string_view datagram);
+
+// The same as named values, or as where and why it is damaged.
 std::variant<Record, Damage> Decode(std::string_view datagram);
 
 // One field of a datagram, envelope included.
@@ -68,15 +80,10 @@ Trace TraceFields(std::string_view datagram);
 // `record` as one object: event, type, timestamp, fields.
 Json ToJson(const Record& record);
 
-// The values of `fields` without their names, in wire order; what is named in them likewise.
-Json ValuesOf(const Json& fields);
-
-// The fields by name of a record whose database row holds `fields` and the datagram `raw`.
+// The fields by name of a record whose database row holds the datagram `raw`. What the row says in
+// `fields`, which anybody can write to a file, counts only when `raw` is no record and `fields` an
+// object.
 Json FieldsOf(std::string_view fields, std::string_view raw);
-
-// The fields that Dump() once wrote; an empty object for what is no JSON object, since anybody can
-// write to a file.
-Json ParseFields(std::string_view text);
 
 // `json` as text that is always valid UTF-8, whatever bytes the texts in it hold. One line unless
 // `indent` is given.

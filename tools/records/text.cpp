@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -39,6 +40,23 @@ std::string Printable(std::string_view text) {
 }
 
 std::string PrintableJson(const Json& json) { return Printable(Dump(json)); }
+
+std::string FieldsLine(const RecordType& type, const Json& values) {
+  std::string line;
+  std::string_view name_key;  // of the value before
+  const Json named = NamedFields(type, values);
+  for (const auto& [key, value] : named.items()) {
+    if (key == name_key) {
+      line += fmt::format("({})", Printable(value.get<std::string>()));
+      continue;
+    }
+    line += fmt::format(" {}={}", key, PrintableJson(value));
+    const auto field = std::find_if(type.fields.begin(), type.fields.end(),
+                                    [&](const FieldType& row) { return row.name == key; });
+    name_key = field == type.fields.end() ? std::string_view() : field->name_key;
+  }
+  return line;
+}
 
 std::string LocalTime(std::int64_t ms) {
   const std::int64_t rest = (ms % 1000 + 1000) % 1000;

@@ -18,6 +18,10 @@ std::string Printable(std::string_view text);
 // `json` on one line, printable.
 std::string PrintableJson(const Json& json);
 
+// The values of a record on one line, each after a blank, with the names of those that have one:
+// " book_id=5 library_mode=1(authors)". Printable.
+std::string FieldsLine(const RecordType& type, const Json& values);
+
 // A moment, in local time: "2026-11-24 19:00:49.123"; seconds since the epoch,
 // "@99999999999999.000", when its year is beyond what the calendar of this machine knows.
 std::string LocalTime(std::int64_t ms);

@@ -36,13 +36,6 @@ std::string Shortened(std::string text) {
   return text + "…";
 }
 
-// The fields of a record by name; none for what is no record.
-Json Fields(const store::RecordRow& row) {
-  auto decoded = records::Decode(row.raw);
-  auto* record = std::get_if<records::Record>(&decoded);
-  return record ? std::move(record->fields) : Json::object();
-}
-
 std::string FileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 bool TellsSettings(int type) {
@@ -59,14 +52,11 @@ bool TellsSettings(int type) {
   return std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
 }
 
-// A field called by a letter has no meaning that is known here.
-bool HasMeaning(const std::string& field) { return field.size() > 1; }
-
-std::string SettingText(const std::string& field, const Json& value) {
+std::string SettingText(Kind kind, const Json& value) {
   if (value.is_number_integer()) {
     const auto number = value.get<std::int64_t>();
-    const std::string_view name = SettingValueName(field, number);
-    return name.empty() ? std::to_string(number) : std::string(name);
+    std::string name = records::ValueName(kind, number);
+    return name.empty() ? std::to_string(number) : name;
   }
   return value.is_string() ? Shortened(value.get<std::string>()) : records::Dump(value);
 }
@@ -232,12 +222,16 @@ void RecordCounter::AddSettings(const store::RecordRow& row) {
   const bool is_latest = settings.records == 0 || row.timestamp_ms >= settings.latest_ms;
   if (is_latest) settings.latest_ms = row.timestamp_ms;
   ++settings.records;
-  const Json fields = Fields(row);
-  for (const auto& [name, value] : fields.items()) {
-    if (!HasMeaning(name)) continue;
-    const std::string text = SettingText(name, value);
+  const auto read = records::Read(row.raw);
+  if (!read) return;
+  const Json values = read->type->values_of(*read->event);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const records::FieldType& type = read->type->fields[read->type->slots[i].first];
+    if (type.kind == Kind::kOwn || type.kind == Kind::kBookId) continue;
+    const std::string& name = type.name;
+    const std::string text = SettingText(type.kind, values[i]);
     auto field = std::find_if(settings.fields.begin(), settings.fields.end(),
-                              [&name = name](const auto& known) { return known.first == name; });
+                              [&name](const auto& known) { return known.first == name; });
     if (field == settings.fields.end()) {
       field = settings.fields.insert(field, {name, SettingValues{}});
     }

@@ -45,7 +45,7 @@ class Keeper {
     row.type = record.type;
     row.event = record.event;
     row.timestamp_ms = record.timestamp;
-    row.fields = records::Dump(records::ValuesOf(record.fields));
+    row.fields = records::Dump(record.values);
     row.raw = datagram;
     if (batch_.records.size() == kBatchSize) Commit();
   }

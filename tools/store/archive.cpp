@@ -49,7 +49,7 @@ void Renew(RecordRow* row) {
   if (!row->fields.starts_with('{')) return;
   const auto decoded = records::Decode(row->raw);
   const auto* record = std::get_if<records::Record>(&decoded);
-  if (record) row->fields = records::Dump(records::ValuesOf(record->fields));
+  if (record) row->fields = records::Dump(record->values);
 }
 
 void Take(const RecordRow& row, Archive* archive) {

@@ -104,7 +104,7 @@ Status AddOwnRecord(Connection* connection, Event* event) {
   row.type = record->type;
   row.event = record->event;
   row.timestamp_ms = record->timestamp;
-  row.fields = records::Dump(records::ValuesOf(record->fields));
+  row.fields = records::Dump(record->values);
 
   std::int64_t run = 0;
   std::int64_t number = 0;
