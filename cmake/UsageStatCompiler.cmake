@@ -17,8 +17,8 @@ endif()
 # Programs and tests find the libraries of this build wherever the tree lies.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
-# So do installed ones, except where the system's own search path leads to them.
-if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+# So do installed ones, except where the system's own search path leads to them, as on a device.
+if(USAGE_STAT_BUILD_PLATFORM AND NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   file(RELATIVE_PATH libdir_from_bindir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/${libdir_from_bindir}")
 endif()
