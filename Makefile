@@ -4,8 +4,8 @@ PRESET ?= release
 BUILD := build/$(PRESET)
 
 .PHONY: all test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
-        test-package abi-check abi-update test-browser demo records bench bench-smoke bench-build \
-        bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
+        test-package abi-check abi-update test-browser demo records reference bench bench-smoke \
+        bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -59,15 +59,21 @@ size-armel size-arm64: size-%:
 	cmake --build --preset $* --target usage_stat
 	bench/size --check $*
 
-# Debian packages, in build/package/packages.
+# Debian packages, in build/packages.
 package:
 	scripts/setup build package
-	cmake --preset package
-	cmake --build --preset package
-	cd build/package && cpack
+	packaging/build build/packages
 
+# They are made alike twice, have no fault that Debian's checks know, install, work and go away.
 test-package: package
-	packaging/test build/package/packages
+	packaging/reproduce build/packages
+	packaging/check build/packages
+	packaging/test build/packages
+
+# The public header as pages, in build/reference/html.
+reference:
+	scripts/setup reference
+	scripts/reference build/reference
 
 abi-check abi-update: abi-%:
 	scripts/setup build package
