@@ -14,7 +14,8 @@
  *                     EAGAIN when it stayed too busy, EMSGSIZE when the event is larger than
  *                     100 KiB, EMFILE and the like when the process has run out of resources
  *   Blocking  A call hands over its message before it returns. When the collector's queue is full
- *             it waits for room for at most 100 ms, never longer. No signal is raised.
+ *             it waits for room until the first tick of the kernel's clock after 100 ms, and then
+ *             as long as a busy machine keeps it from running. No signal is raised.
  *   Threads   Any function may be called from any thread at any time, except that the new-book list
  *             (StatUtils_...) belongs to one thread.
  *   Text      NUL-terminated bytes, UTF-8 by custom, copied before the call returns. Null is
@@ -31,6 +32,8 @@
  *   Memory    A call allocates for its event's text and the like, and keeps nothing. When memory
  *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
  *             sent as 0 when it can't be computed.
+ *   Stack     Of the calling thread's stack a call takes at most 4 KiB for itself; what the
+ * platform libraries take comes on top, at most 16 KiB with those of the host.
  */
 
 #ifndef USAGE_STAT_H_

@@ -181,6 +181,11 @@ TEST(SerializationUtilsTest, FailedReadsKeepThePartThatWasRead) {
   std::istringstream short_list("\x03\0\0\0\1\0\0\0a\2\0\0\0b"s);
   EXPECT_NE(SerializationUtils::DeserializeStringVec(short_list, &texts), 0);
   EXPECT_THAT(texts, testing::ElementsAre("a", "b"));
+
+  int number = 7;
+  std::istringstream short_number("\x05\0\0"s);
+  EXPECT_NE(SerializationUtils::DeserializeInt32(short_number, &number), 0);
+  EXPECT_EQ(number, 7);
 }
 
 TEST(SerializationUtilsTest, LanguagesAreTwoBytesWithoutNul) {

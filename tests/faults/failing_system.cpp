@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 
@@ -21,7 +23,11 @@ struct Fault {
   int failed;
 };
 
+long g_longest_wait = 0;
+
 Fault g_faults[static_cast<int>(SystemCall::kClose) + 1];
+
+void NoteWait(long microseconds) { g_longest_wait = std::max(g_longest_wait, microseconds); }
 
 Fault& FaultOf(SystemCall call) { return g_faults[static_cast<int>(call)]; }
 
@@ -45,11 +51,14 @@ void StopFailing() {
   for (Fault& fault : g_faults) fault.is_armed = false;
 }
 
+long LongestWait() { return g_longest_wait; }
+
 int Failures(SystemCall call) { return FaultOf(call).failed; }
 
 }  // namespace usage_stat_test
 
 using usage_stat_test::Fails;
+using usage_stat_test::NoteWait;
 using usage_stat_test::SystemCall;
 
 #pragma GCC visibility push(default)
@@ -86,6 +95,10 @@ int getsockopt(int descriptor, int level, int name, void* value, socklen_t* leng
 }
 
 int setsockopt(int descriptor, int level, int name, const void* value, socklen_t length) noexcept {
+  if (name == SO_SNDTIMEO && length == sizeof(timeval)) {
+    const auto* wait = static_cast<const timeval*>(value);
+    NoteWait(wait->tv_sec * 1'000'000L + wait->tv_usec);
+  }
   if (Fails(SystemCall::kSetsockopt)) return -1;
   return static_cast<int>(syscall(SYS_setsockopt, descriptor, level, name, value, length));
 }

@@ -18,6 +18,9 @@ void FailSystemCall(SystemCall call, int nth, bool once, int error);
 // Lets all succeed again.
 void StopFailing();
 
+// The longest wait that any socket was set to, in microseconds.
+long LongestWait();
+
 // How many calls of this kind have failed so.
 int Failures(SystemCall call);
 

@@ -54,8 +54,15 @@ TEST(ApplicationIdTest, StoresDependOnThePartner) {
       ++thrown;
     }
   }
+  // The diagnostic line comes before the look-up.
+  const char* no_arguments = nullptr;
+  try {
+    Stat_StartApplicationByPathEvent(1, "explorer.app", 0, &no_arguments);
+  } catch (const std::logic_error&) {
+    thrown += Recorded().log.size() == 1;
+  }
   Recorded().partner_name = "varsk";
-  ExitWith(thrown == 2 && Stat_GetApplicationId("bookstore.app") == 34);
+  ExitWith(thrown == 3 && Stat_GetApplicationId("bookstore.app") == 34);
 }
 
 TEST(ApplicationIdTest, NullPartnerNameLeavesTheNextCallToTryAgain) {

@@ -278,6 +278,18 @@ inline std::vector<GoldenRecord> GoldenRecords() {
          return Stat_SetFontParamsEvent(1, 2, "", 'd', 'e', 6, Margins{-1, 0, 0, 0}, 'g',
                                         Any<Stat_LineBreak>(0), Any<Stat_UpdateMode>(0));
        }},
+      {2027, "SetFontParamsEvent",
+       I32(1) + I16(2) + Text("") + "d" + I16(6) + I32(-130300) + "g" + Ch(0) + Ch(0), font,
+       [] {
+         return Stat_SetFontParamsEvent(1, 2, "", 'd', 'e', 6, Margins{1, -2, 3, 4}, 'g',
+                                        Any<Stat_LineBreak>(0), Any<Stat_UpdateMode>(0));
+       }},
+      {2027, "SetFontParamsEvent",
+       I32(1) + I16(2) + Text("") + "d" + I16(6) + I32(-764) + "g" + Ch(0) + Ch(0), font,
+       [] {
+         return Stat_SetFontParamsEvent(1, 2, "", 'd', 'e', 6, Margins{1, 2, -3, 4}, 'g',
+                                        Any<Stat_LineBreak>(0), Any<Stat_UpdateMode>(0));
+       }},
       {2037, "SetFontParamsEventEx",
        I32(-1) + I16(2) + Text("Sans") + "d" + "f" + I16(-7) + Text("h") + "i" + Text("m1") +
            Text("m2") + Text("m3") + Text("m4") + Text("") + Text("m6") + Text("m7") + Text("m8") +

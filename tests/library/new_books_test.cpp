@@ -13,6 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 class NewBooksTest : public testing::Test {
  protected:
@@ -28,7 +29,6 @@ constexpr BookInfo OfType(int file_type) {
   info.file_type = file_type;
   return info;
 }
-constexpr BookInfo kPicture = OfType(2);
 constexpr BookInfo kNowhere = OfType(1);  // a book without a path
 
 constexpr char kListB[] = "StringVec []; ";
@@ -48,6 +48,22 @@ TEST_F(NewBooksTest, BooksOfASimpleBatchShareTheListsOfTheLastOne) {
                 kListB + "String .epub.zip; " + kNamesB +
                 "Int32 -8; Int16 8; String b.epub.zip; String ; String ; String asked; String ; "
                 "Int16 3; ");
+}
+
+TEST_F(NewBooksTest, AnEmptyIsbnIsOne) {
+  BookInfo book = kBookB;
+  book.isbn = "";
+  Recorded().books = {{"/x/a", book}};
+  Recorded().isbns = {{"/x/a", "asked"}};
+  const char* path = "/x/a";
+  EXPECT_EQ(Stat_NewBooksEventSimple(1, &path, 1), 0);
+  EXPECT_THAT(Recorded().message, Not(HasSubstr("asked")));
+}
+
+TEST_F(NewBooksTest, MoreThanAHundredPathsAreSentAsTheirNumberAlone) {
+  const std::vector<const char*> paths(101, "/x/a");
+  EXPECT_EQ(Stat_NewBooksEventSimple(101, paths.data(), 3), 0);
+  EXPECT_EQ(Recorded().message, "Int16 2028; Timestamp now; Int32 101; Int16 3; ");
 }
 
 TEST_F(NewBooksTest, FileTypesFollowTwoRules) {
@@ -87,7 +103,9 @@ TEST_F(NewBooksTest, FileTypesFollowTwoRules) {
 }
 
 TEST_F(NewBooksTest, TheListOwnsItsRecords) {
-  Recorded().books = {{"/x/a.epub", kBookA}, {"/x/b", kBookB}, {"/x/pic.png", kPicture}};
+  Recorded().books = {{"/x/a.epub", kBookA}, {"/x/b", kBookB}};
+  const std::vector<int> other_types = {-1, 0, 2, 3, 257};
+  for (const int type : other_types) Recorded().books["/x/" + std::to_string(type)] = OfType(type);
   Recorded().isbns = {{"/x/b", "asked"}};
   StatUtils_AddNewBookToStatList("/x/a.epub");
   const std::string function = "void StatUtils_AddNewBookToStatList(const char *)";
@@ -98,9 +116,11 @@ TEST_F(NewBooksTest, TheListOwnsItsRecords) {
                           LogLine{4, "src/usage_stat_client", function,
                                   "[pid:%d]StatUtils_AddNewBookToStatList FTYPE_BOOK",
                                   "[pid:4711]StatUtils_AddNewBookToStatList FTYPE_BOOK"}));
-  for (const char* path : {"/x/unknown", "/x/pic.png", "/x/b"})
-    StatUtils_AddNewBookToStatList(path);
-  EXPECT_EQ(Recorded().log.size(), 6U);  // no second line for what is no book
+  for (const char* path : {"/x/unknown", "/x/b"}) StatUtils_AddNewBookToStatList(path);
+  for (const int type : other_types) {
+    StatUtils_AddNewBookToStatList(("/x/" + std::to_string(type)).c_str());
+  }
+  EXPECT_EQ(Recorded().log.size(), 5U + other_types.size());  // no second line for what is no book
   ASSERT_EQ(StatUtils_StatListSize(), 2);
 
   Recorded().books.clear();

@@ -116,6 +116,7 @@ TEST_F(PlatformTest, EveryFailureOfEveryFunctionIsLoggedAndReturned) {
     EXPECT_EQ(golden.send(), 0);
     EXPECT_THAT(Errors(), IsEmpty());
     const int steps = Recorded().steps;
+    ASSERT_GE(steps, 2);  // the envelope
     // A launch by path logs a diagnostic line, and does not tell what came of sending.
     const bool is_launch_by_path = !Recorded().log.empty();
     const auto result = [&](int error) { return is_launch_by_path ? 0 : error; };
@@ -157,6 +158,21 @@ TEST_F(PlatformTest, PrimitivesMayGoBackInTheStreamAndReadIt) {
   }
 }
 
+#ifndef USAGE_STAT_SANITIZED
+TEST_F(PlatformTest, TheLibraryItselfTakesAtMost4KiBOfStack) {
+  for (const GoldenRecord& golden : GoldenRecords()) {
+    if (!golden.send) continue;
+    for (const int failing_step : {0, 4}) {
+      Forget();
+      Recorded().failing_step = failing_step;
+      golden.send();
+      const auto* const here = static_cast<const char*>(__builtin_frame_address(0));
+      EXPECT_LE(here - static_cast<const char*>(Recorded().deepest), 4096) << golden.signature;
+    }
+  }
+}
+#endif
+
 TEST_F(PlatformTest, RejectedArgumentsAreLogged) {
   EXPECT_EQ(Stat_NewBooksEventSimple(0, kUnknownBooks, 1), -2);
   EXPECT_EQ(Stat_NewBooksEventSimple(2, nullptr, 1), -2);
@@ -166,6 +182,11 @@ TEST_F(PlatformTest, RejectedArgumentsAreLogged) {
            "[pid:%d]Condition: \"books_quantity <= 0 || !bookPaths\", return(\"VM_INVAL\")]");
   EXPECT_THAT(Recorded().log, ElementsAre(line, line));
   EXPECT_THAT(Recorded().calls, IsEmpty());
+
+  g_process_pid = 4712;  // as after a fork
+  EXPECT_EQ(Stat_NewBooksEventSimple(0, kUnknownBooks, 1), -2);
+  EXPECT_THAT(Recorded().log.back().message, HasSubstr("[pid:4712]"));
+  g_process_pid = kRecordedPid;
 }
 
 TEST_F(PlatformTest, NullTextsLeaveAsExceptionsAndSendNothing) {

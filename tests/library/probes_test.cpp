@@ -20,11 +20,13 @@ namespace {
 
 // What the next read from the random source does, if anything: that many bytes, or -1.
 std::optional<int> g_read_result;
+int g_reads = 0;
 
 }  // namespace
 
 // Stands before the C library's.
 extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+  ++g_reads;
   if (g_read_result == -1) {
     errno = EIO;
     return -1;
@@ -66,6 +68,8 @@ TEST_F(ProbesTest, OrientationAsksTheScreenOnlyWithoutASensor) {
   Recorded().orientation = 70000;
   EXPECT_EQ(Measure<OrientationMeasurement>().event_.orientation_, 0);
   EXPECT_THAT(Recorded().calls, ElementsAre("ReadGSensor null null null"));
+  Recorded().gsensor = -2;
+  EXPECT_EQ(Measure<OrientationMeasurement>().event_.orientation_, -2);
   Recorded().gsensor = -1;
   EXPECT_EQ(Measure<OrientationMeasurement>().event_.orientation_, 70000);
 }
@@ -155,6 +159,21 @@ TEST_F(ProbesTest, OnlyButtonsOfTheDeviceAreReportedInOrder) {
             (Keys{{0, 0, 32}, {0, 1, 44}, {30, 0, 32}, {30, 1, 44}}));
 }
 
+TEST_F(ProbesTest, ActionCodesFollowTheOrderOfTheNames) {
+  std::istringstream names(
+      "abou appc blnk bmks btsw calc cnts comm conf dict drpc exit frst ftsk goto hidp hist kill "
+      "last link lock lrus menu mmnu move mp3 mp3o mp3p mpdf nbmk netw next nnot none note nx10 "
+      "nxse obmk olnk onot pgdn pgup pr10 prev prof prse rtte savp scrn spwr srch stsk stty syst "
+      "task tctl volm volp zmin zoom zout flgh");
+  std::vector<std::pair<std::string, int>> expected;
+  for (std::string name; names >> name;) {
+    expected.emplace_back("KA_" + name, name == "none" ? 0 : expected.size() + 1);
+  }
+  std::vector<std::pair<std::string, int>> actions;
+  for (const KeyAction& action : kKeyActions) actions.emplace_back(action.name, action.code);
+  EXPECT_EQ(actions, expected);
+}
+
 // ---- Device identity ----
 
 std::string BytesOf(const std::string& hex) {
@@ -228,7 +247,9 @@ TEST_F(ProbesTest, OnlyTwoPartnersReportSerialNumbers) {
   }
   Recorded().serial_number = nullptr;
   Recorded().partner = 6;
+  g_reads = 0;
   EXPECT_THROW(EncryptedSerial(), std::logic_error);
+  EXPECT_EQ(g_reads, 0);  // no vector is made for a number that is not there
   Recorded().partner_name = nullptr;
   EXPECT_THROW(EncryptedSerial(), std::logic_error);
 }
@@ -240,6 +261,8 @@ TEST_F(ProbesTest, ModelCodesComeFromTheTableOrTheNumberInTheName) {
                                    {"", 0},
                                    {"Velmora VR-", 0},
                                    {"Velmora VR-7", 7},
+                                   {"Velmora VR-0100", 100},
+                                   {"Velmora VR-0x1F", 0},
                                    {"Velmora VR-606b", 606},
                                    {"Velmora VR-X606", 0},
                                    {"Another 11 70000", 4464},

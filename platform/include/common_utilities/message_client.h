@@ -35,7 +35,8 @@ class __attribute__((visibility("default"))) MessageClient {
   int Init(const char* name, unsigned int name_length, unsigned int capacity);
 
   // Delivers the `size` bytes at `data` as one message, whole or not at all. Waits for a full
-  // receiver for at most 100 ms.
+  // receiver until the first tick of the kernel's clock after 100 ms (and for a processor to run
+  // on).
   //
   // EMSGSIZE: more than `capacity` bytes. ECONNREFUSED: nobody listens. EAGAIN: the receiver stayed
   // full. ENOTCONN: no successful Init came before. EINVAL: `data` is null and `size` is not 0.

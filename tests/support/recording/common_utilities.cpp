@@ -8,6 +8,7 @@
 
 namespace velmora::utilities {
 
+using usage_stat_test::NoteDepth;
 using usage_stat_test::Recorded;
 
 namespace {
@@ -16,6 +17,7 @@ constexpr int kStepError = 77;
 
 template <class Value>
 int Write(const char* primitive, const Value& value, std::ostream& out) {
+  NoteDepth();
   if (++Recorded().steps == Recorded().failing_step) return kStepError;
   out << primitive << ' ' << value << "; ";
   return 0;
@@ -58,6 +60,7 @@ int MessageClient::Init(const char* name, unsigned int name_length, unsigned int
 }
 
 int MessageClient::SendMessage(const char* data, unsigned int size) {
+  NoteDepth();
   Recorded().calls.emplace_back("SendMessage");
   Recorded().message.assign(data, size);
   return Recorded().send_result;

@@ -5,6 +5,7 @@
 
 #include "tests/support/recording/recorder.h"
 
+using usage_stat_test::NoteDepth;
 using usage_stat_test::Recorded;
 using usage_stat_test::Recording;
 
@@ -15,7 +16,10 @@ namespace {
 CorvaneConfig g_global_config;
 CorvaneConfig g_opened_config;
 
-void Note(std::string call) { Recorded().calls.push_back(std::move(call)); }
+void Note(std::string call) {
+  NoteDepth();
+  Recorded().calls.push_back(std::move(call));
+}
 
 const char* NameOf(const CorvaneConfig* config) {
   if (config == &g_global_config) return "global";
@@ -38,8 +42,10 @@ Recording& usage_stat_test::Recorded() {
 int g_process_pid = usage_stat_test::kRecordedPid;
 CorvaneState g_corvane = {&g_global_config};
 
-void vm_print_log2(int level, const char* file, int, const char* function, const char* format,
+void vm_print_log2(int level, const char* file, int line, const char* function, const char* format,
                    ...) {
+  NoteDepth();
+  if (line < 1) format = "a line without its number";
   char message[4096];
   va_list arguments;
   va_start(arguments, format);

@@ -35,8 +35,9 @@ struct Recording {
   // What was asked, in order.
   std::vector<std::string> calls;
   std::vector<LogLine> log;
-  std::string message;  // the last one, as text
-  int steps = 0;        // primitives written since the last client was made
+  std::string message;            // the last one, as text
+  const void* deepest = nullptr;  // the furthest down the stack that a sending function stood
+  int steps = 0;                  // primitives written since the last client was made
 
   // What is answered.
   int failing_step = 0;        // the primitive that fails, counted from 1 for each client
@@ -62,6 +63,12 @@ struct Recording {
 
 // The one of this process.
 __attribute__((visibility("default"))) Recording& Recorded();
+
+// Notes where on the stack the calling function stands.
+inline __attribute__((always_inline)) void NoteDepth() {
+  const void* const here = __builtin_frame_address(0);
+  if (!Recorded().deepest || here < Recorded().deepest) Recorded().deepest = here;
+}
 
 }  // namespace usage_stat_test
 
