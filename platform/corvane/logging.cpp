@@ -145,31 +145,39 @@ constinit std::atomic<std::uint32_t> g_last_repetition = 0;  // the second
 // one another: a loop writes them, and who reads the log wants the other lines.
 constexpr unsigned kMostEqualLines = 100;
 
-// The lines of the last seconds, each in the row that its hash says: 32 bits of the second, 24 of
-// the hash, 8 of how often the line came. Where a row has no place for another line of this second,
-// one is put out and begins anew: rather too many lines than one too few.
-constinit std::atomic<std::uint64_t> g_lines[32][8];
+// The lines of this second, each in the row that its hash says: 25 bits of the hash, 7 of how often
+// the line came. Where a row has no place for another line, one is put out, to begin anew if it
+// comes again: rather too many lines than one too few.
+constinit std::atomic<std::uint32_t> g_second = 0;
+constinit std::atomic<std::uint32_t> g_lines[32][8];
+constexpr int kCountBits = 7;
+constexpr std::uint32_t kCount = (1U << kCountBits) - 1;
+static_assert(kMostEqualLines <= kCount);
 
 // Counts the line `text`, written in `second`; false when that is one too many.
 bool MayRepeat(std::string_view text, std::uint32_t second) {
+  if (g_second.exchange(second, std::memory_order_relaxed) != second) {
+    for (auto& row : g_lines) {
+      for (auto& place : row) place.store(0, std::memory_order_relaxed);
+    }
+  }
   std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
   for (const unsigned char byte : text) hash = (hash ^ byte) * 0x100000001b3;
+  const auto line = static_cast<std::uint32_t>(hash >> 32) & ~kCount;
   auto& row = g_lines[hash % std::size(g_lines)];
-  const std::uint64_t line = std::uint64_t{second} << 32 | hash >> 40 << 8;
-  // Its own place, or else that of the line that came least often in this second, if at all.
-  std::atomic<std::uint64_t>& place =
-      *std::min_element(std::begin(row), std::end(row), [&](const auto& a, const auto& b) {
-        const auto rank = [&](std::uint64_t held) {
-          if (held >> 8 == line >> 8) return 0;
-          return held >> 32 != second ? 1 : 1 + static_cast<int>(held & 0xff);
+  // Its own place, or else that of the line that came least often, if any did.
+  std::atomic<std::uint32_t>& place =
+      *std::min_element(std::begin(row), std::end(row), [line](const auto& a, const auto& b) {
+        const auto rank = [line](std::uint32_t held) {
+          return (held & ~kCount) == line ? 0 : 1 + (held & kCount);
         };
         return rank(a.load(std::memory_order_relaxed)) < rank(b.load(std::memory_order_relaxed));
       });
-  std::uint64_t held = place.load(std::memory_order_relaxed);
-  std::uint64_t counted = 0;
+  std::uint32_t held = place.load(std::memory_order_relaxed);
+  std::uint32_t counted = 0;
   do {
-    const bool is_equal = held >> 8 == line >> 8;
-    if (is_equal && (held & 0xff) == kMostEqualLines) return false;
+    const bool is_equal = (held & ~kCount) == line;
+    if (is_equal && (held & kCount) == kMostEqualLines) return false;
     counted = is_equal ? held + 1 : line + 1;
   } while (!place.compare_exchange_weak(held, counted, std::memory_order_relaxed));
   return true;
