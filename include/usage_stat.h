@@ -20,7 +20,8 @@
  *             (StatUtils_...) belongs to one thread.
  *   Text      NUL-terminated bytes, UTF-8 by custom, copied before the call returns. Null is
  *             allowed only where stated. Anywhere else it raises a C++ exception
- *             (std::logic_error), which ends a C program: never pass it.
+ *             (std::logic_error), which ends a C program: never pass it. Compilers that know how
+ *             warn of it, unless STAT_ALLOW_NULL is defined.
  *   Numbers   Where a field of the record is narrower than the argument, its low bits are sent.
  *             Arguments with a letter for a name are the application's own: they are sent unchanged
  *             and mean what the application and the analyst agree on.
@@ -32,8 +33,8 @@
  *   Memory    A call allocates for its event's text and the like, and keeps nothing. When memory
  *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
  *             sent as 0 when it can't be computed.
- *   Stack     Of the calling thread's stack a call takes at most 4 KiB for itself; what the
- * platform libraries take comes on top, at most 16 KiB with those of the host.
+ *   Stack     A call takes at most 4 KiB of its thread's stack for itself. What the platform
+ *             libraries take comes on top: at most 16 KiB with those of the host.
  */
 
 #ifndef USAGE_STAT_H_
@@ -46,6 +47,13 @@
 #define STAT_API __attribute__((visibility("default")))
 #else
 #define STAT_API
+#endif
+
+/* Which arguments must not be null. The library itself looks at them all the same. */
+#if defined(__GNUC__) && !defined(STAT_ALLOW_NULL)
+#define STAT_NONNULL(...) __attribute__((nonnull(__VA_ARGS__)))
+#else
+#define STAT_NONNULL(...)
 #endif
 
 /* Enumerations hold any int, in C++ too. */
@@ -239,8 +247,9 @@ STAT_API Stat_ApplicationId Stat_GetApplicationId(const char* path);
 
 /* An application was started as process `process_id` with the text `arguments` (not null). Of
  * `process_id`, `application` and `c` the low 16 bits are sent. */
-STAT_API int Stat_StartApplicationEvent(int process_id, Stat_ApplicationId application, int c,
-                                        const char* arguments);
+STAT_API STAT_NONNULL(4) int Stat_StartApplicationEvent(int process_id,
+                                                        Stat_ApplicationId application, int c,
+                                                        const char* arguments);
 
 /* The application at `path` (not null) was started as process `process_id` with `arguments` (not
  * null), a list that ends with a null pointer and may be empty. A bare name that the device knows
@@ -248,29 +257,31 @@ STAT_API int Stat_StartApplicationEvent(int process_id, Stat_ApplicationId appli
  *
  * Returns 0 when an event was sent or tried, whatever came of it; -1, sending nothing, when the
  * application is a book reader, since readers report their books themselves. */
-STAT_API int Stat_StartApplicationByPathEvent(int process_id, const char* path, int c,
-                                              const char** arguments);
+STAT_API STAT_NONNULL(2, 4) int Stat_StartApplicationByPathEvent(int process_id, const char* path,
+                                                                 int c, const char** arguments);
 
 /* ---- Opening books ---- */
 
 /* The id that stands for the book at `path` (not null): a digest of the path's bytes, the same on
  * every device; 0 when memory runs out. Sends and logs nothing. */
-STAT_API int Stat_GetBookId(const char* path);
+STAT_API STAT_NONNULL(1) int Stat_GetBookId(const char* path);
 
 /* `application` begins to open the book at `path` (not null). `b` may be null, which is sent as the
  * empty text. Of `application` the low 16 bits are sent, as an unsigned number. */
-STAT_API int Stat_SendStartOpenBookEvent(const char* path, Stat_ApplicationId application,
-                                         uint8_t a, const char* b);
+STAT_API STAT_NONNULL(1) int Stat_SendStartOpenBookEvent(const char* path,
+                                                         Stat_ApplicationId application, uint8_t a,
+                                                         const char* b);
 
 /* The book at `path` (not null) is open. What is sent is its id and its file name, never the path.
  * Every other text may be null, which is sent as the empty text. The lists end with a null pointer;
  * a null list is an empty one. `language` is cut to 2 characters; `d` is sent as 1 when it is not
  * 0; of `e` and `g` the low 16 bits are sent. */
-STAT_API int Stat_SendOpenBookEvent(const char* path, const char* language,
-                                    const char* const* authors, const char* file_type,
-                                    const char* const* genres, int d, int e, int pages, int g,
-                                    int h, const char* i, const char* j, const char* k,
-                                    const char* l);
+STAT_API STAT_NONNULL(1) int Stat_SendOpenBookEvent(const char* path, const char* language,
+                                                    const char* const* authors,
+                                                    const char* file_type,
+                                                    const char* const* genres, int d, int e,
+                                                    int pages, int g, int h, const char* i,
+                                                    const char* j, const char* k, const char* l);
 
 /* ---- Inside a book ---- */
 
@@ -287,15 +298,15 @@ STAT_API int Stat_ChangePageEventEx(int book_id, int16_t b, int from_page, int t
                                     char f, char g, int16_t h, int i);
 
 /* Text-to-speech began, in `language`, with `voice`; or ended. */
-STAT_API int Stat_StartTtsEvent(int16_t a, int book_id, const char* language, const char* voice,
-                                int16_t e, int16_t f);
+STAT_API STAT_NONNULL(3, 4) int Stat_StartTtsEvent(int16_t a, int book_id, const char* language,
+                                                   const char* voice, int16_t e, int16_t f);
 STAT_API int Stat_StopTtsEvent(int16_t a);
 
 /* A note was added on `page`. */
 STAT_API int Stat_AddNoteEvent(int book_id, int16_t page);
 
 /* `word` was looked up in a dictionary. */
-STAT_API int Stat_UseDictionaryEvent(int book_id, const char* word);
+STAT_API STAT_NONNULL(2) int Stat_UseDictionaryEvent(int book_id, const char* word);
 
 /* The state of a book's notes and bookmarks. */
 STAT_API int Stat_NotesAndBookmarksEvent(int book_id, int16_t b, int16_t c, int16_t d, int16_t e,
@@ -305,7 +316,7 @@ STAT_API int Stat_NotesAndBookmarksEvent(int book_id, int16_t b, int16_t c, int1
 STAT_API int Stat_UsingTextToolsEvent(int book_id, int b);
 
 /* A link to `url` was followed. */
-STAT_API int Stat_GoToURLEvent(int16_t a, const char* url);
+STAT_API STAT_NONNULL(2) int Stat_GoToURLEvent(int16_t a, const char* url);
 
 /* ---- New books ---- */
 
@@ -374,14 +385,18 @@ STAT_API int Stat_SetReadingModeEvent(int book_id, int16_t b, Stat_ReadingMode r
 
 /* The font of a book. `e` is accepted and not sent. The margins travel as one number: the first in
  * the highest byte, a negative second to fourth one setting every bit above its own byte. */
-STAT_API int Stat_SetFontParamsEvent(int book_id, int16_t b, const char* font, char d, char e,
-                                     int16_t f, struct Margins margins, char g,
-                                     Stat_LineBreak line_break, Stat_UpdateMode update_mode);
+STAT_API STAT_NONNULL(3) int Stat_SetFontParamsEvent(int book_id, int16_t b, const char* font,
+                                                     char d, char e, int16_t f,
+                                                     struct Margins margins, char g,
+                                                     Stat_LineBreak line_break,
+                                                     Stat_UpdateMode update_mode);
 
 /* The same with margins as texts. Here too `e` is accepted and not sent. */
-STAT_API int Stat_SetFontParamsEventEx(int book_id, int16_t b, const char* font, char d, char e,
-                                       char f, int16_t g, const char* h, char i,
-                                       struct MarginsEx margins, char j, char k, char l, char m);
+STAT_API STAT_NONNULL(3, 8) int Stat_SetFontParamsEventEx(int book_id, int16_t b, const char* font,
+                                                          char d, char e, char f, int16_t g,
+                                                          const char* h, char i,
+                                                          struct MarginsEx margins, char j, char k,
+                                                          char l, char m);
 
 #ifdef __cplusplus
 }

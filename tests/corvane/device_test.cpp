@@ -7,6 +7,7 @@
 
 #include "corvane/corvane.h"
 #include "tests/support/device_root.h"
+#include "tests/support/secure_mode.h"
 
 namespace {
 
@@ -49,6 +50,9 @@ TEST(DeviceFacts, FollowTheFileAtOnce) {
   root.Write(kDeviceConfig,
              "serial_number=S 1\nmodel=M\nsoftware_version=V\npartner_number=21\n"
              "partner_name=P\norientation=3\n");
+  usage_stat_test::g_has_more_rights = true;  // then nobody else says where the device's files are
+  EXPECT_STREQ(GetSerialNumber(), "");
+  usage_stat_test::g_has_more_rights = false;
   EXPECT_STREQ(GetSerialNumber(), "S 1");
   EXPECT_STREQ(GetDeviceModel(), "M");
   EXPECT_STREQ(GetSoftwareVersion(), "V");

@@ -1,6 +1,8 @@
 // libusage_stat.so on another pair of platform libraries: what it asks of them, in which order, and
 // what it logs when they fail.
 
+#define STAT_ALLOW_NULL  // on purpose
+
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <sys/syscall.h>
