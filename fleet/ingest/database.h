@@ -4,7 +4,9 @@
 #define FLEET_INGEST_DATABASE_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,6 +56,17 @@ class CopyRows {
   std::size_t rows_ = 0;
 };
 
+// A row of a COPY that is read, valid until the next.
+class CopiedRow {
+ public:
+  std::optional<std::string_view> Text(std::size_t column) const { return fields_[column]; }
+  std::optional<std::int64_t> Number(std::size_t column) const;  // a smallint, integer or bigint
+
+ private:
+  friend class Database;
+  std::vector<std::optional<std::string_view>> fields_;
+};
+
 using Parameter = std::optional<std::string>;
 
 // One connection.
@@ -68,6 +81,12 @@ class Database {
   base::Status Run(const char* sql, const std::vector<Parameter>& parameters, Rows* rows = nullptr);
   // `target` is such as "records(day, device)".
   base::Status Copy(const std::string& target, const CopyRows& rows);
+
+  // Hands the rows of a query to `take` as they come, without holding them.
+  base::Status Read(const std::string& sql, std::size_t columns,
+                    const std::function<void(const CopiedRow&)>& take);
+  // The rows of a query as objects, by column name, in its order.
+  base::Status Ask(const std::string& sql, nlohmann::json* rows);
 
   // False after the connection is lost, which only Open() mends.
   bool is_connected() const;

@@ -11,6 +11,7 @@
 #include "fleet/ingest/ingest.h"
 #include "fleet/ingest/ledger.h"
 #include "fleet/ingest/overview.h"
+#include "fleet/lake/commands.h"
 #include "tools/command_line/command_line.h"
 
 using namespace velmora::usage_stat;
@@ -95,5 +96,8 @@ int main(int argc, char** argv) {
   add_tombstones(forget);
   forget.Argument("NAME", "The device's name: 32 hexadecimal digits", &name, /*is_required=*/true);
   forget.OnRun([&] { return Forget(options, name); });
+  fleet::AddExport(&line);
+  fleet::AddReport(&line);
+  fleet::AddSql(&line);
   return line.Run(argc, argv);
 }

@@ -127,8 +127,9 @@ SELECT r.*, CASE
     WHEN t.ms BETWEEN 1420070400000 AND (extract(epoch FROM r.day)::bigint + 172800) * 1000
     THEN t.ms END AS corrected_ms
 FROM records r CROSS JOIN LATERAL (
-  SELECT r.time_ms + coalesce(sum(c.step_ms), 0)::bigint AS ms
-  FROM clock_steps c WHERE c.store = r.store AND c.number > r.number) t;
+  SELECT r.time_ms + CASE WHEN r.store IN (SELECT store FROM clock_steps) THEN (
+    SELECT coalesce(sum(c.step_ms), 0)::bigint
+    FROM clock_steps c WHERE c.store = r.store AND c.number > r.number) ELSE 0 END AS ms) t;
 
 -- The balance sheet: announced = stored + quarantined + missing, store by store.
 CREATE VIEW balance AS
