@@ -162,7 +162,7 @@ bool MayRepeat(std::string_view text, std::uint32_t second) {
     }
   }
   std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  for (const unsigned char byte : text) hash = (hash ^ byte) * 0x100000001b3;
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
   const auto line = static_cast<std::uint32_t>(hash >> 32) & ~kCount;
   auto& row = g_lines[hash % std::size(g_lines)];
   // Its own place, or else that of the line that came least often, if any did.
