@@ -5,7 +5,7 @@ BUILD := build/$(PRESET)
 
 .PHONY: all test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
         test-package abi-check abi-update test-browser demo records reference bench bench-smoke \
-        bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults soak clean
+        bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -138,6 +138,11 @@ soak: all
 # What becomes of calls when memory, system calls and the collector fail.
 faults: all
 	scripts/faults $(BUILD)
+
+# Puts faults into a copy of the tree, one by one, and tells which tests see them. Takes a while.
+mutate:
+	scripts/setup build
+	scripts/mutate
 
 clean:
 	rm -rf build

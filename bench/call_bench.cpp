@@ -26,7 +26,7 @@ struct Row {
   bench::CostPerCall cost;
 
   std::string Benchmark(Pace pace) const {
-    return message + "/" + sender.name + (pace == Pace::kPaced ? "/paced" : "/flooding");
+    return message + "/" + sender.name + (pace == Pace::kPaced ? "/paced" : "/awake");
   }
 };
 
@@ -50,14 +50,14 @@ bench::Sender SendingAlone(const std::string& bytes) {
 }
 
 void PrintTable(const std::deque<Row>& rows, const Figures& figures) {
-  bench::PrintHead({"message", "sender", "flooding p50", "x floor", "p99", "x floor", "paced p50",
+  bench::PrintHead({"message", "sender", "awake p50", "x floor", "p99", "x floor", "paced p50",
                     "x floor", "p99", "x floor", "system calls", "allocations"},
                    2);
   const Row* floor = nullptr;
   for (const Row& row : rows) {
     if (row.sender.name == "the floor") floor = &row;
     std::vector<std::string> cells = {row.message, row.sender.name};
-    for (const Pace pace : {Pace::kFlooding, Pace::kPaced}) {
+    for (const Pace pace : {Pace::kAwake, Pace::kPaced}) {
       for (const char* const figure : {"p50", "p99"}) {
         const double time = figures.Get(row.Benchmark(pace), figure);
         cells.push_back(bench::Cell(time / 1000, 2, " us"));
@@ -85,6 +85,7 @@ int main(int argc, char** argv) {
   for (const bench::Message& message : bench::kMessages) {
     const std::string bytes = bench::Capture(message.send);
     add(message.name, bench::Floor(endpoint, bytes));
+    add(message.name, bench::FloorWithLook(endpoint, bytes));
     add(message.name, LibraryCall(message));
     add(message.name, SendingAlone(bytes));
     add(message.name, bench::PlainSocketContract(endpoint, bytes));
@@ -93,7 +94,7 @@ int main(int argc, char** argv) {
     }
   }
   for (const Row& row : rows) {
-    for (const Pace pace : {Pace::kFlooding, Pace::kPaced}) {
+    for (const Pace pace : {Pace::kAwake, Pace::kPaced}) {
       bench::AddTimedCalls(row.Benchmark(pace), pace, row.sender.call);
     }
   }

@@ -3,6 +3,7 @@
 #ifndef BENCH_HARNESS_H_
 #define BENCH_HARNESS_H_
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -11,9 +12,13 @@
 namespace bench {
 
 enum class Pace {
-  kFlooding,  // one call after the other
-  kPaced,     // one call every 30 us, so that waking the receiver counts
+  kAwake,  // one call after the other, to a receiver that never sleeps
+  kPaced,  // one call every 30 us, so that waking the receiver counts
 };
+
+// Whether receivers poll instead of sleeping, while calls are timed so. Shared by all processes
+// that are forked after the first use.
+std::atomic<bool>& ReceiversStayAwake();
 
 // Adds a benchmark that times each single call. Its figures are "p50", "p99" and "mean" in
 // nanoseconds, less what reading the clock costs.

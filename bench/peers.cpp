@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -18,6 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "bench/harness.h"
 
 namespace bench {
 namespace {
@@ -214,13 +217,16 @@ ChildProcess::~ChildProcess() {
 }
 
 std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t length) {
-  return std::make_unique<ChildProcess>([address, length](const ChildProcess::Ready& ready) {
+  const std::atomic<bool>& stays_awake = ReceiversStayAwake();
+  return std::make_unique<ChildProcess>([&, address, length](const ChildProcess::Ready& ready) {
     const int descriptor = socket(address->sa_family, SOCK_DGRAM, 0);
     Check(bind(descriptor, address, length) == 0, "bind");
     ready();
     std::vector<char> message(kLargestMessage);
-    while (recv(descriptor, message.data(), message.size(), 0) >= 0) {
-    }
+    ssize_t size = 0;
+    do {
+      size = recv(descriptor, message.data(), message.size(), stays_awake ? MSG_DONTWAIT : 0);
+    } while (size >= 0 || errno == EAGAIN);
   });
 }
 
@@ -237,6 +243,19 @@ Sender Floor(const std::string& endpoint, const std::string& bytes) {
   return {
       "the floor", [descriptor, address, bytes] {
         ReadClock();
+        Check(sendto(descriptor, bytes.data(), bytes.size(), 0, address.get(), address.length) >= 0,
+              "sendto");
+      }};
+}
+
+Sender FloorWithLook(const std::string& endpoint, const std::string& bytes) {
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const UnixAddress address = UnixAddress::Abstract(endpoint);
+  return {
+      "the floor and `fstat`", [descriptor, address, bytes] {
+        ReadClock();
+        struct stat status;
+        Check(fstat(descriptor, &status) == 0, "fstat");
         Check(sendto(descriptor, bytes.data(), bytes.size(), 0, address.get(), address.length) >= 0,
               "sendto");
       }};

@@ -28,7 +28,7 @@ class ChildProcess {
   pid_t pid_;
 };
 
-// A child process that takes all datagrams from the address.
+// A child process that takes all datagrams from the address, and polls while ReceiversStayAwake().
 std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t length);
 // The same at the abstract endpoint NUL, `endpoint`, NUL.
 std::unique_ptr<ChildProcess> DrainEndpoint(const std::string& endpoint);
@@ -41,7 +41,9 @@ struct Sender {
 // What any sender of `bytes` to `endpoint` must do at least: read the clock, and hand the bytes to
 // the kernel on a socket that is open already.
 Sender Floor(const std::string& endpoint, const std::string& bytes);
-// The same with a socket opened, connected and closed for each message.
+// The same with a look at the descriptor before, whether it is still the one that was opened.
+Sender FloorWithLook(const std::string& endpoint, const std::string& bytes);
+// The same as the floor with a socket opened, connected and closed for each message.
 Sender PlainSocketContract(const std::string& endpoint, const std::string& bytes);
 
 // What applications use instead: the journal, syslog, a D-Bus signal and a statsd counter, sending
