@@ -13,6 +13,7 @@
 #include "fleet/batch/shapes.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
+#include "tools/records/catalogue.h"
 #include "tools/records/record.h"
 
 namespace velmora::usage_stat::fleet {
@@ -44,27 +45,39 @@ std::string ReasonName(Reason reason) {
   return "reason " + std::to_string(static_cast<int>(reason));
 }
 
-// The values of a payload without their names, null where the policy dropped one. A text that the
-// database could not hold is mended.
-records::Json Positional(const records::Json& json, std::string_view actions) {
-  if (json.is_string()) {
-    std::string text = base::ToUtf8(json.get_ref<const std::string&>());
+// A text that the database could not hold, mended.
+void Mend(records::Json* json) {
+  if (json->is_structured()) {
+    for (records::Json& item : *json) Mend(&item);
+  } else if (json->is_string()) {
+    std::string text = base::ToUtf8(json->get_ref<const std::string&>());
     constexpr std::string_view kReplacement = "\xef\xbf\xbd";
     for (auto at = text.find('\0'); at != std::string::npos; at = text.find('\0', at)) {
       text.replace(at, 1, kReplacement);
     }
-    return text;
+    *json = std::move(text);
   }
-  if (!json.is_structured()) return json;
-  records::Json values = records::Json::array();
-  std::size_t index = 0;
-  for (const auto& value : json) {
+}
+
+// Puts null where the policy dropped a value.
+void Blank(const records::RecordType& type, std::string_view actions, records::Json* values) {
+  const auto blank = [actions](std::size_t field, records::Json* value) {
     const bool dropped =
-        index < actions.size() && actions[index] == static_cast<char>(Action::kDrop);
-    values.push_back(dropped ? records::Json() : Positional(value, {}));
-    ++index;
+        field < actions.size() && actions[field] == static_cast<char>(Action::kDrop);
+    if (dropped) *value = nullptr;
+  };
+  for (std::size_t i = 0; i < type.slots.size() && i < values->size(); ++i) {
+    const records::Slot& slot = type.slots[i];
+    if (!slot.is_list) {
+      blank(slot.first, &(*values)[i]);
+      continue;
+    }
+    for (records::Json& row : (*values)[i]) {
+      for (std::size_t column = 0; column < row.size(); ++column) {
+        blank(slot.first + column, &row[column]);
+      }
+    }
   }
-  return values;
 }
 
 // What a record becomes in the database: its class and values, or why it stays in quarantine.
@@ -80,9 +93,11 @@ Reading Read(const std::string& datagram, std::string_view actions) {
   if (const auto* damage = std::get_if<records::Damage>(&decoded)) {
     reading.damage = damage->reason;
   } else {
-    const auto& record = std::get<records::Record>(decoded);
-    reading.event = record.event;
-    reading.fields = records::Dump(Positional(record.values, actions));
+    records::Json values = std::get<records::Record>(decoded).values;
+    reading.event = std::get<records::Record>(decoded).event;
+    Mend(&values);
+    if (const auto* type = records::FindEvent(reading.event)) Blank(*type, actions, &values);
+    reading.fields = records::Dump(values);
   }
   return reading;
 }
