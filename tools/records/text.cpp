@@ -51,8 +51,9 @@ std::string FieldsLine(const RecordType& type, const Json& values) {
       continue;
     }
     line += fmt::format(" {}={}", key, PrintableJson(value));
-    const auto field = std::find_if(type.fields.begin(), type.fields.end(),
-                                    [&](const FieldType& row) { return row.name == key; });
+    const auto field =
+        std::find_if(type.fields.begin(), type.fields.end(),
+                     [&field_name = key](const FieldType& row) { return row.name == field_name; });
     name_key = field == type.fields.end() ? std::string_view() : field->name_key;
   }
   return line;
