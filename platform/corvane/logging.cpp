@@ -81,7 +81,10 @@ std::size_t PrintMessage(char* out, std::size_t capacity, const char* format, va
 // full in the middle of a line. The application's own descriptor must keep its mode, which it
 // shares with other processes, so the same file is opened once more.
 ssize_t WriteWithoutWaitingByReopening(const char* line, std::size_t size) {
-  const int descriptor = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  // A pipe that keeps writes apart would not do so for another opening of it.
+  const bool keeps_apart = (fcntl(STDERR_FILENO, F_GETFL) & O_DIRECT) != 0;
+  const int descriptor =
+      keeps_apart ? -1 : open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (descriptor >= 0) {
     const ssize_t written = write(descriptor, line, size);
     const int error = errno;
