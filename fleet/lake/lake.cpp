@@ -140,11 +140,13 @@ Status Lake::LoadDay(Database* database, const std::string& day) {
       "CREATE OR REPLACE TABLE ingestion(outcome VARCHAR, batches BIGINT, records BIGINT)"));
   DuckDb::Appender records;
   RETURN_IF_ERROR(engine_->Append("records", &records));
+  // What stands for a device and a store is computed once for each, not for each record.
   RETURN_IF_ERROR(database->Read(
       fmt::format(
-          "SELECT {}, {}, r.number, r.event, r.level, r.corrected_ms, r.time_ms, r.fields "
-          "FROM timed_records r JOIN devices d ON d.id = r.device JOIN stores s ON s.id = r.store "
-          "WHERE r.day = '{}'",
+          "WITH keys AS MATERIALIZED (SELECT s.id, {} AS device, {} AS store FROM stores s "
+          "JOIN devices d ON d.id = s.device) SELECT k.device, k.store, r.number, r.event, "
+          "r.level, r.corrected_ms, r.time_ms, r.fields FROM timed_records r JOIN keys k ON "
+          "k.id = r.store WHERE r.day = '{}'",
           kDeviceSql, kStoreSql, day),
       8, [&](const CopiedRow& row) {
         for (std::size_t i = 0; i < 7; ++i) records.Add(row.Number(i));

@@ -14,7 +14,7 @@ import tempfile
 
 import rig as rigs
 
-BUILD = pathlib.Path(sys.argv[1]).resolve()
+BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ".").resolve()
 FLEET = BUILD / "fleet/ingest/usage-stat-fleet"
 DUCKDB = os.environ.get("USAGE_STAT_DUCKDB", "/usr/local/lib/usage-stat/libduckdb.so")
 DAYS = 16
