@@ -3,7 +3,7 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
+.PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
         test-package abi-check abi-update test-browser demo records reference bench bench-smoke \
         bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults mutate soak clean
 
@@ -130,6 +130,12 @@ fuzz-build:
 # The documentation of the records, from the lists that write them.
 records: all
 	$(BUILD)/tools/inspector/usage-stat types -o markdown > docs/records.md
+
+# What each field may tell about a person and at which level it leaves, from the same lists and the
+# shipped policy.
+privacy: all
+	sed -i '/<!-- generated -->/q' docs/privacy.md
+	$(BUILD)/fleet/uplink/usage-stat-uplink policy fleet/consent/policy.json -o markdown >> docs/privacy.md
 
 # Two minutes of applications and collectors that come and go; descriptors and memory stay flat.
 soak: all

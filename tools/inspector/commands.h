@@ -19,6 +19,7 @@ void AddReport(CommandLine* line);
 void AddSend(CommandLine* line);
 void AddStatus(CommandLine* line);
 void AddTypes(CommandLine* line);
+void AddUplink(CommandLine* line);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -1,0 +1,42 @@
+// usage-stat-uplink: what may leave this device, and the road it takes.
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "fleet/consent/commands.h"
+#include "fleet/uplink/preview.h"
+#include "tools/command_line/command_line.h"
+
+namespace velmora::usage_stat {
+
+namespace {
+
+int Run(int argc, char** argv) {
+  // The library's log lines repeat what the subcommands report in their own words.
+  setenv("CORVANE_LOG_LEVEL", "0", 0);
+
+  CommandLine line("usage-stat-uplink", "Decides what may leave this device, and shows it.",
+                   USAGE_STAT_VERSION);
+  line.main().Footer("Exit codes: 0 done, 1 failed, 2 called wrongly. See usage-stat-uplink(8).");
+  consent::AddConsent(&line);
+  consent::AddStatus(&line);
+  uplink::AddPreview(&line);
+  consent::AddForget(&line);
+  consent::AddPolicy(&line);
+  return line.Run(argc, argv);
+}
+
+}  // namespace
+
+}  // namespace velmora::usage_stat
+
+int main(int argc, char** argv) {
+  try {
+    return velmora::usage_stat::Run(argc, argv);
+  } catch (const std::exception& error) {  // lack of memory, for one
+    (void)std::fprintf(stderr, "usage-stat-uplink: %s\n", error.what());
+    return velmora::usage_stat::kFailed;
+  }
+}
