@@ -160,7 +160,7 @@ TEST_F(PlatformTest, PrimitivesMayGoBackInTheStreamAndReadIt) {
   }
 }
 
-#ifndef USAGE_STAT_SANITIZED
+#ifdef USAGE_STAT_OPTIMISED
 TEST_F(PlatformTest, TheLibraryItselfTakesAtMost4KiBOfStack) {
   for (const GoldenRecord& golden : GoldenRecords()) {
     if (!golden.send) continue;
