@@ -11,6 +11,19 @@
 
 namespace velmora::usage_stat::collector {
 
+namespace {
+
+// What a batch takes in the database, roughly.
+std::int64_t BytesOf(const store::Batch& batch) {
+  constexpr std::size_t kRow = 32;
+  std::size_t bytes = 0;
+  for (const auto& row : batch.records) bytes += kRow + row.fields.size() + row.raw.size();
+  for (const auto& row : batch.quarantine) bytes += kRow + row.reason.size() + row.raw.size();
+  return static_cast<std::int64_t>(bytes);
+}
+
+}  // namespace
+
 // A record waits for others for half of the interval; the other half is the commit's own.
 Collector::Collector(const Options& options)
     : options_(options), intake_(options.commit_interval / 2) {}
@@ -18,8 +31,9 @@ Collector::Collector(const Options& options)
 base::Status Collector::Start() {
   RETURN_IF_ERROR(endpoint_.Bind(options_.endpoint));
   if (options_.store) {
+    housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention,
+                         [this](const std::string& damage) { NoteDamage(damage); });
     RETURN_IF_ERROR(OpenDatabase());
-    housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention);
   }
   if (options_.print != Format::kNone) view_.emplace();
   sorter_.emplace(options_.print, view_ ? &*view_ : nullptr);
@@ -29,8 +43,10 @@ base::Status Collector::Start() {
 }
 
 Summary Collector::Stop() {
-  is_stopping_ = true;
+  // The socket is shut before anybody is told: what was accepted until then is still received.
   endpoint_.Shut();
+  stop_by_ = Clock::now() + kPatience;
+  is_stopping_ = true;
   receiving_.join();
   intake_.Close();
   keeping_.join();
@@ -41,7 +57,8 @@ Summary Collector::Stop() {
     }
     writer_.reset();
   }
-  const Summary summary = sorter_->summary();
+  Summary summary = sorter_->summary();
+  summary.lost = lost_;
   sorter_.reset();
   view_.reset();
   return summary;
@@ -49,12 +66,36 @@ Summary Collector::Stop() {
 
 base::Status Collector::OpenDatabase() {
   const auto open = [this] {
-    return store::Writer::Open(options_.database_path, options_.endpoint, &writer_);
+    return store::Writer::Open(options_.database_path, options_.endpoint, &writer_,
+                               options_.archive_directory);
   };
   base::Status status = open();
-  if (!store::IsDamage(status)) return status;
-  status = SetAside(status.message);
-  return status.ok() ? open() : status;
+  if (store::IsDamage(status)) {
+    status = SetAside(status.message);
+    if (status.ok()) status = open();
+  }
+  if (status.ok()) housekeeper_->Opened(writer_->is_after_loss());
+  return status;
+}
+
+void Collector::NoteDamage(const std::string& damage) {
+  {
+    const std::lock_guard lock(damage_mutex_);
+    damage_ = damage;
+  }
+  intake_.Interrupt();
+}
+
+void Collector::HandleDamage() {
+  std::string damage;
+  {
+    const std::lock_guard lock(damage_mutex_);
+    damage.swap(damage_);
+  }
+  if (damage.empty()) return;
+  base::Status status = SetAside(damage);
+  if (status.ok()) status = OpenDatabase();
+  if (!status.ok()) trouble_.Met("cannot begin a new database: " + status.message);
 }
 
 base::Status Collector::SetAside(const std::string& damage) {
@@ -63,22 +104,21 @@ base::Status Collector::SetAside(const std::string& damage) {
   base::Status status = store::SetAside(options_.database_path, &moved_path);
   if (status.ok()) {
     Tell("the database is damaged (" + damage + "): it is kept as " + moved_path +
-         ", and a new one is begun");
+         ", and a new one is begun; usage-stat recover may save what it still holds");
   }
   return status;
 }
 
 void Collector::ReceiveAll() {
+  const auto may_send = [this](const store::Sender& sender) {
+    return options_.allow_any || options_.allowed_uids.contains(sender.uid);
+  };
   for (;;) {
     // Asked before the socket is found empty: what came until the stop is received.
     const bool is_stopping = is_stopping_;
     Datagram datagram;
-    switch (endpoint_.Receive(&datagram)) {
+    switch (endpoint_.Receive(may_send, &datagram)) {
       case Endpoint::Result::kDatagram:
-        if (!options_.allow_any && !options_.allowed_uids.contains(datagram.sender.uid)) {
-          datagram.is_refused = true;
-          datagram.bytes = {};
-        }
         intake_.Put(std::move(datagram));
         break;
       case Endpoint::Result::kEmpty:
@@ -99,12 +139,14 @@ void Collector::KeepAll() {
   while (intake_.Take(&datagrams)) {
     const store::Batch batch = sorter_->Sort(&datagrams);
     if (!options_.store) continue;
-    Commit(batch);
+    HandleDamage();
+    if (datagrams.empty()) continue;
+    Commit(batch, static_cast<std::int64_t>(datagrams.size()));
     if (sorter_->TakeRotationRequest()) housekeeper_->RequestRotation();
   }
 }
 
-void Collector::Commit(const store::Batch& batch) {
+void Collector::Commit(const store::Batch& batch, std::int64_t datagrams) {
   constexpr std::chrono::milliseconds kLongestPause{1000};
   for (std::chrono::milliseconds pause{20};; pause = std::min(2 * pause, kLongestPause)) {
     base::Status status;
@@ -122,9 +164,14 @@ void Collector::Commit(const store::Batch& batch) {
       trouble_.Met("cannot write the database: " + status.message +
                    "; nothing more is received until it can be written");
     }
+    if (is_stopping_ && Clock::now() >= stop_by_.load()) {
+      lost_ += datagrams;
+      return;
+    }
     std::this_thread::sleep_for(pause);
   }
   trouble_.Over();
+  housekeeper_->Committed(BytesOf(batch));
 }
 
 }  // namespace velmora::usage_stat::collector

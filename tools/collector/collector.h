@@ -3,8 +3,13 @@
 #ifndef TOOLS_COLLECTOR_COLLECTOR_H_
 #define TOOLS_COLLECTOR_COLLECTOR_H_
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "tools/collector/endpoint.h"
@@ -33,10 +38,17 @@ class Collector {
   // Moves the damaged database out of the way: a device that stopped collecting for ever would lose
   // more.
   base::Status SetAside(const std::string& damage);
+  // From the housekeeper's thread: damage that it met. The thread that writes acts on it.
+  void NoteDamage(const std::string& damage);
+  void HandleDamage();
   void ReceiveAll();
   void KeepAll();
-  // Tries until it succeeds, whatever becomes of the database meanwhile.
-  void Commit(const store::Batch& batch);
+  // Tries until it succeeds, whatever becomes of the database meanwhile; when it is to stop, only
+  // until its patience ends.
+  void Commit(const store::Batch& batch, std::int64_t datagrams);
+
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kPatience{5};
 
   const Options options_;
   Endpoint endpoint_;
@@ -49,6 +61,10 @@ class Collector {
   std::thread receiving_;
   std::thread keeping_;
   std::atomic<bool> is_stopping_ = false;
+  std::atomic<Clock::time_point> stop_by_{};
+  std::int64_t lost_ = 0;  // datagrams
+  std::mutex damage_mutex_;
+  std::string damage_;
 };
 
 }  // namespace velmora::usage_stat::collector

@@ -48,7 +48,8 @@ base::Status Endpoint::Bind(const std::string& name) {
   return {};
 }
 
-Endpoint::Result Endpoint::Receive(Datagram* datagram) {
+Endpoint::Result Endpoint::Receive(const std::function<bool(const store::Sender&)>& may_send,
+                                   Datagram* datagram) {
   // Room for the credentials and nothing more: descriptors that a stranger sends along do not fit,
   // so the kernel closes them instead of opening them here.
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
@@ -66,8 +67,11 @@ Endpoint::Result Endpoint::Receive(Datagram* datagram) {
   if (size < 0) return errno == EAGAIN ? Result::kEmpty : Result::kFailed;
 
   datagram->size = static_cast<std::size_t>(size);
-  datagram->bytes.assign(buffer_.data(), std::min(datagram->size, buffer_.size()));
   datagram->sender = SenderOf(&message);
+  datagram->is_refused = !may_send(datagram->sender);
+  if (!datagram->is_refused) {
+    datagram->bytes.assign(buffer_.data(), std::min(datagram->size, buffer_.size()));
+  }
   datagram->received_ms = base::NowMs();
   return Result::kDatagram;
 }

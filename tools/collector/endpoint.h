@@ -3,6 +3,7 @@
 #ifndef TOOLS_COLLECTOR_ENDPOINT_H_
 #define TOOLS_COLLECTOR_ENDPOINT_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ class Endpoint {
   // Takes the address NUL, `name`, NUL. Fails when another process has it.
   base::Status Bind(const std::string& name);
 
-  // Takes the next datagram, if there is one. kFailed: errno tells.
-  Result Receive(Datagram* datagram);
+  // Takes the next datagram, if there is one. The bytes of a sender for whom `may_send` is false
+  // are never kept: many large ones wait as long as the database does. kFailed: errno tells.
+  Result Receive(const std::function<bool(const store::Sender&)>& may_send, Datagram* datagram);
 
   // Waits until there is a datagram, or nothing more can come.
   void Wait() const;

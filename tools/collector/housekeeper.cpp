@@ -1,27 +1,40 @@
 #include "tools/collector/housekeeper.h"
 
+#include <sqlite3.h>
+
+#include <algorithm>
 #include <chrono>
+#include <memory>
 #include <utility>
 #include <vector>
 
 #include "tools/store/archive.h"
+#include "tools/store/reader.h"
+#include "tools/store/recover.h"
+#include "tools/store/upgrade.h"
 
 namespace velmora::usage_stat::collector {
 
 namespace {
 
-// How often age and size are looked at, and a failed rotation is tried again.
-constexpr std::chrono::seconds kRound{10};
+// When what failed is tried again.
+constexpr std::chrono::seconds kRetry{10};
 
 constexpr std::chrono::minutes kRotationPause{1};
+
+// How often age is looked at, and the whole file.
+constexpr std::chrono::hours kAgeRound{6};
+constexpr std::chrono::hours kCheckRound{24};
 
 }  // namespace
 
 Housekeeper::Housekeeper(std::string database_path, std::string archive_directory,
-                         store::Retention retention)
+                         store::Retention retention,
+                         std::function<void(const std::string& damage)> on_damage)
     : database_path_(std::move(database_path)),
       archive_directory_(std::move(archive_directory)),
       retention_(retention),
+      on_damage_(std::move(on_damage)),
       thread_([this] { Run(); }) {}
 
 Housekeeper::~Housekeeper() {
@@ -30,7 +43,15 @@ Housekeeper::~Housekeeper() {
     is_ending_ = true;
   }
   wake_.notify_one();
+  has_retained_.notify_all();
   thread_.join();
+}
+
+void Housekeeper::Opened(bool check) {
+  const std::lock_guard lock(mutex_);
+  is_opened_ = true;
+  is_check_wanted_ = is_check_wanted_ || check;
+  wake_.notify_one();
 }
 
 void Housekeeper::RequestRotation() {
@@ -39,44 +60,113 @@ void Housekeeper::RequestRotation() {
   wake_.notify_one();
 }
 
-void Housekeeper::Run() {
-  if (const base::Status status = store::FinishArchives(database_path_); !status.ok()) {
-    rotation_trouble_.Met("cannot finish the archive that was begun: " + status.message);
-  }
+void Housekeeper::Committed(std::int64_t bytes) {
+  if (!limits_size()) return;
+  const std::int64_t look_after = std::max<std::int64_t>(retention_.max_bytes / 64, 64 * 1024);
+  const std::int64_t wait_after = std::max<std::int64_t>(retention_.max_bytes / 8, 1024 * 1024);
+  constexpr std::chrono::seconds kLongestWait{1};
   std::unique_lock lock(mutex_);
+  committed_bytes_ += bytes;
+  if (committed_bytes_ < look_after) return;
+  wake_.notify_one();
+  has_retained_.wait_for(lock, kLongestWait,
+                         [&] { return committed_bytes_ < wait_after || is_ending_; });
+}
+
+bool Housekeeper::IsEnding() {
+  const std::lock_guard lock(mutex_);
+  return is_ending_;
+}
+
+void Housekeeper::Run() {
+  const std::int64_t look_after = std::max<std::int64_t>(retention_.max_bytes / 64, 64 * 1024);
+  const bool has_retention = retention_.keep_days > 0 || limits_size();
+  auto next_age = Clock::now();
+  auto next_check = Clock::now() + kCheckRound;
+  auto next_try = Clock::time_point::max();
   bool is_rotation_due = false;
+  std::unique_lock lock(mutex_);
+  const auto has_work = [&] {
+    return is_ending_ || is_opened_ || is_rotation_wanted_ ||
+           (limits_size() && committed_bytes_ >= look_after);
+  };
   while (!is_ending_ || is_rotation_wanted_) {
+    auto next = std::min(next_check, next_try);
+    if (has_retention) next = std::min(next, next_age);
+    wake_.wait_until(lock, next, has_work);
+    const bool is_opened = std::exchange(is_opened_, false);
+    const bool is_full = limits_size() && committed_bytes_ >= look_after;
+    const bool is_check_due = std::exchange(is_check_wanted_, false) || Clock::now() >= next_check;
     is_rotation_due |= std::exchange(is_rotation_wanted_, false);
+    if (is_full) {
+      committed_bytes_ = 0;
+      has_retained_.notify_all();
+    }
     lock.unlock();
+    next_try = Clock::time_point::max();
+    if (is_opened) Prepare(is_check_due);
     if (is_rotation_due) is_rotation_due = !Rotate();
-    Retain();
+    if (is_rotation_due) next_try = std::max(next_rotation_, Clock::now() + kRetry);
+    const bool is_age_due = Clock::now() >= next_age;
+    if (has_retention && (is_full || is_age_due || is_opened)) Retain(is_age_due || is_opened);
+    if (is_age_due) next_age = Clock::now() + kAgeRound;
+    if (is_check_due) {
+      Check();
+      next_check = Clock::now() + kCheckRound;
+    }
     lock.lock();
-    wake_.wait_for(lock, kRound, [this] { return is_ending_ || is_rotation_wanted_; });
+    has_retained_.notify_all();
   }
+}
+
+void Housekeeper::Prepare(bool check) {
+  base::Status status = store::FinishArchives(database_path_);
+  if (status.ok()) {
+    status =
+        store::GoOnUpgrading(database_path_, archive_directory_, [this] { return IsEnding(); });
+  }
+  if (status.ok() && check) {
+    std::vector<std::string> adopted;
+    std::vector<std::string> problems;
+    status = store::AdoptArchives(database_path_, archive_directory_, &adopted, &problems);
+    for (const std::string& path : adopted) Tell("the archive " + path + " belongs to it now");
+    for (const std::string& problem : problems) Tell("an archive is left aside: " + problem);
+  }
+  Handle(status, "older files can't be put in order", &preparing_trouble_);
 }
 
 bool Housekeeper::Rotate() {
-  const auto now = std::chrono::steady_clock::now();
+  const auto now = Clock::now();
   if (now < next_rotation_) return false;
   std::vector<store::Archive> archives;
   const base::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archives);
-  if (status.ok()) {
-    next_rotation_ = now + kRotationPause;
-    rotation_trouble_.Over();
-  } else {
-    rotation_trouble_.Met("cannot archive: " + status.message);
-  }
+  if (status.ok()) next_rotation_ = now + kRotationPause;
+  Handle(status, "cannot archive", &rotation_trouble_);
   return status.ok();
 }
 
-void Housekeeper::Retain() {
-  if (retention_.keep_days == 0 && retention_.max_bytes == 0) return;
-  const base::Status status = store::ApplyRetention(database_path_, retention_);
-  if (status.ok()) {
-    retention_trouble_.Over();
-  } else {
-    retention_trouble_.Met("cannot delete old records: " + status.message);
-  }
+void Housekeeper::Retain(bool by_age) {
+  store::Retention due = retention_;
+  if (!by_age) due.keep_days = 0;
+  Handle(store::ApplyRetention(database_path_, due), "cannot delete old records",
+         &retention_trouble_);
+}
+
+// A look at every page, in a connection of its own: what is damaged is found before it is needed.
+void Housekeeper::Check() {
+  std::unique_ptr<store::Reader> reader;
+  std::string verdict = "ok";
+  base::Status status = store::Reader::Open(database_path_, &reader);
+  if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
+  reader.reset();
+  if (status.ok() && verdict != "ok") status = {SQLITE_CORRUPT, verdict};
+  if (store::IsDamage(status)) on_damage_(status.message);
+}
+
+void Housekeeper::Handle(const base::Status& status, const char* what, Trouble* trouble) {
+  if (status.ok()) return trouble->Over();
+  if (store::IsDamage(status)) return on_damage_(status.message);
+  trouble->Met(std::string(what) + ": " + status.message);
 }
 
 }  // namespace velmora::usage_stat::collector

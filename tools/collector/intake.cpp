@@ -16,12 +16,20 @@ void Intake::Put(Datagram datagram) {
 bool Intake::Take(std::vector<Datagram>* batch) {
   batch->clear();
   std::unique_lock lock(mutex_);
-  has_work_.wait(lock, [this] { return !waiting_.empty() || is_closed_; });
-  has_work_.wait_until(lock, first_came_ + patience_, [this] { return is_full() || is_closed_; });
+  has_work_.wait(lock, [this] { return !waiting_.empty() || is_closed_ || is_interrupted_; });
+  if (!waiting_.empty()) {
+    has_work_.wait_until(lock, first_came_ + patience_, [this] { return is_full() || is_closed_; });
+  }
   waiting_.swap(*batch);
   waiting_bytes_ = 0;
   has_room_.notify_one();
-  return !batch->empty();
+  return !batch->empty() || std::exchange(is_interrupted_, false) || !is_closed_;
+}
+
+void Intake::Interrupt() {
+  const std::lock_guard lock(mutex_);
+  is_interrupted_ = true;
+  has_work_.notify_one();
 }
 
 void Intake::Close() {

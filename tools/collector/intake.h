@@ -26,6 +26,9 @@ class Intake {
   // more comes.
   bool Take(std::vector<Datagram>* batch);
 
+  // Has Take() return soon, if need be with nothing.
+  void Interrupt();
+
   // Nothing more comes.
   void Close();
 
@@ -45,6 +48,7 @@ class Intake {
   std::size_t waiting_bytes_ = 0;
   std::chrono::steady_clock::time_point first_came_;
   bool is_closed_ = false;
+  bool is_interrupted_ = false;
 };
 
 }  // namespace velmora::usage_stat::collector

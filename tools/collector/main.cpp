@@ -50,10 +50,17 @@ int main(int argc, char** argv) {
     collector::Tell(status.message);
     return EXIT_FAILURE;
   }
+  collector::Tell("listens on the endpoint " + options->endpoint);
   collector::AnnounceReadiness();
   WaitForEnd(signals);
   const collector::Summary summary = collecting.Stop();
-  collector::Tell(fmt::format("{} received, {} decoded, {} rejected, {} refused", summary.received,
-                              summary.decoded, summary.rejected, summary.refused));
+  collector::Tell(fmt::format("{} received, {} decoded, {} quarantined, {} refused",
+                              summary.received, summary.decoded, summary.quarantined,
+                              summary.refused));
+  if (summary.lost > 0) {
+    collector::Tell(fmt::format("{} datagrams are lost: the database could not be written in time",
+                                summary.lost));
+    return EXIT_FAILURE;
+  }
   return EXIT_SUCCESS;
 }

@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace velmora::usage_stat::collector {
 
 void Tell(const std::string& line) {
@@ -14,16 +16,17 @@ void Tell(const std::string& line) {
 
 void Flood::Tell(const std::string& line) {
   const auto now = std::chrono::steady_clock::now();
-  if (now - second_ >= std::chrono::seconds(1)) {
-    Flush();
-    second_ = now;
-    told_ = 0;
+  const auto more = (now - refilled_) / kPerLine;
+  if (more > 0) {
+    lines_ = std::min<long long>(kMostLines, lines_ + more);
+    refilled_ = now;
   }
-  if (told_ == kLinesPerSecond) {
+  if (lines_ == 0) {
     ++left_out_;
     return;
   }
-  ++told_;
+  --lines_;
+  Flush();
   collector::Tell(line);
 }
 

@@ -13,8 +13,8 @@ namespace velmora::usage_stat::collector {
 // stop the collection by not reading.
 void Tell(const std::string& line);
 
-// Tells what strangers can cause any number of times: a few lines in a second, then how many more
-// there were.
+// Tells what strangers can cause any number of times: a few lines at first, then now and then one,
+// with how many more there were.
 class Flood {
  public:
   void Tell(const std::string& line);
@@ -22,10 +22,11 @@ class Flood {
   void Flush();
 
  private:
-  static constexpr int kLinesPerSecond = 10;
+  static constexpr int kMostLines = 10;                // at once
+  static constexpr std::chrono::seconds kPerLine{20};  // after which there may be one more
 
-  std::chrono::steady_clock::time_point second_;
-  int told_ = 0;
+  std::chrono::steady_clock::time_point refilled_;
+  long long lines_ = kMostLines;
   long long left_out_ = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <variant>
@@ -63,12 +64,37 @@ void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batc
 }
 
 void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch) {
-  ++summary_.rejected;
+  ++summary_.quarantined;
   flood_.Tell(fmt::format("undecodable: {} bytes from pid {} uid {}: {}", datagram->size,
                           datagram->sender.pid, datagram->sender.uid, damage.reason));
+  const std::size_t kept = TakeAllowance(datagram->bytes.size());
+  if (kept == 0) {
+    ++batch->not_kept[{datagram->sender.uid, std::string(damage.kind)}];
+    return;
+  }
+  if (kept < datagram->bytes.size()) datagram->bytes.resize(kept);
   batch->quarantine.push_back(
       {0, 0, datagram->received_ms, datagram->sender, std::string(damage.kind), damage.reason,
        damage.type, static_cast<std::int64_t>(datagram->size), std::move(datagram->bytes)});
+}
+
+std::size_t Sorter::TakeAllowance(std::size_t wanted) {
+  // A row takes some bytes beside the datagram's own; and the front of one tells what it was.
+  constexpr std::int64_t kRow = 256;
+  constexpr std::size_t kFront = 256;
+  const auto now = std::chrono::steady_clock::now();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - allowed_at_);
+  if (seconds.count() > 0) {
+    allowance_ = std::min(kMostAllowance, allowance_ + seconds.count() * kAllowancePerSecond);
+    allowed_at_ = now;
+  }
+  for (const std::size_t kept : {wanted, std::min(wanted, kFront)}) {
+    const std::int64_t price = kRow + static_cast<std::int64_t>(kept);
+    if (price > allowance_) continue;
+    allowance_ -= price;
+    return std::max<std::size_t>(kept, 1);
+  }
+  return 0;
 }
 
 void Sorter::Show(const records::Record& record, const store::Sender& sender) {

@@ -3,6 +3,8 @@
 #ifndef TOOLS_COLLECTOR_SORTER_H_
 #define TOOLS_COLLECTOR_SORTER_H_
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -19,8 +21,9 @@ namespace velmora::usage_stat::collector {
 struct Summary {
   std::int64_t received = 0;
   std::int64_t decoded = 0;
-  std::int64_t rejected = 0;  // undecodable
-  std::int64_t refused = 0;   // from senders that may not send
+  std::int64_t quarantined = 0;  // undecodable
+  std::int64_t refused = 0;      // from senders that may not send
+  std::int64_t lost = 0;         // could not be written before the end
 };
 
 class Sorter {
@@ -45,6 +48,15 @@ class Sorter {
   void Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch);
   void Show(const records::Record& record, const store::Sender& sender);
 
+  // How many bytes of an undecodable datagram may be kept now.
+  std::size_t TakeAllowance(std::size_t wanted);
+
+  // What a sender gone wild may put into the quarantine: so much at once, and so much a second.
+  static constexpr std::int64_t kMostAllowance = std::int64_t{1024} * 1024;
+  static constexpr std::int64_t kAllowancePerSecond = 4096;
+
+  std::int64_t allowance_ = kMostAllowance;
+  std::chrono::steady_clock::time_point allowed_at_ = std::chrono::steady_clock::now();
   const Format format_;
   LiveView* const view_;
   Flood flood_;

@@ -151,7 +151,7 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   return insert.Bind(1, first).Bind(2, last).Bind(3, NameOf(reason)).Run();
 }
 
-Status BeginStore(Connection* connection) {
+Status BeginStore(Connection* connection, std::int64_t first) {
   std::string id(16, '\0');
   if (getrandom(id.data(), id.size(), 0) != static_cast<ssize_t>(id.size())) {
     return Status::Errno("no random numbers");
@@ -161,7 +161,7 @@ Status BeginStore(Connection* connection) {
   RETURN_IF_ERROR(NextRecord(connection, &number));
   RETURN_IF_ERROR(connection->Prepare(
       "INSERT OR REPLACE INTO stores(first_record, store_id) VALUES(?, ?)", &insert));
-  return insert.Bind(1, number).BindBlob(2, id).Run();
+  return insert.Bind(1, std::max(number, first)).BindBlob(2, id).Run();
 }
 
 Status InsertArchive(Connection* connection, Archive* archive) {

@@ -68,8 +68,8 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
 // Notes that the numbers `first` to `last` have no records any more.
 Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason);
 
-// Begins a new store with the next number.
-Status BeginStore(Connection* connection);
+// Begins a new store with the next number, or with `first` when that is larger.
+Status BeginStore(Connection* connection, std::int64_t first = 0);
 
 Status InsertArchive(Connection* connection, Archive* archive);
 Status SetState(Connection* connection, std::int64_t archive, ArchiveState state);

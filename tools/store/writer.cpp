@@ -1,5 +1,7 @@
 #include "tools/store/writer.h"
 
+#include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -7,7 +9,9 @@
 
 #include "src/events/device_events.h"
 #include "tools/base/system.h"
+#include "tools/store/recover.h"
 #include "tools/store/schema.h"
+#include "tools/store/upgrade.h"
 
 namespace velmora::usage_stat::store {
 
@@ -33,6 +37,14 @@ Status InsertQuarantine(Statement* insert, std::int64_t run, const QuarantineRow
   return insert->Bind(8, row.size).BindBlob(9, row.raw).Run();
 }
 
+FilesBeside FilesBesideOf(const std::string& path) {
+  const auto number_of = [](const std::string& file) -> std::uint64_t {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+  };
+  return {number_of(path + "-wal"), number_of(path + "-shm")};
+}
+
 // Names this start of the device.
 std::string BootId() {
   std::string id;
@@ -53,7 +65,8 @@ Status InsertClockStep(Connection* connection, std::int64_t step_ms) {
 
 // What the run before this one tells: whether records may have been lost since, and whether the
 // clock was set.
-Status LookBack(Connection* connection, const std::string& boot, std::int64_t offset_ms) {
+Status LookBack(Connection* connection, const std::string& boot, std::int64_t offset_ms,
+                bool* was_killed) {
   Statement latest;
   RETURN_IF_ERROR(connection->Prepare(
       "SELECT ended_ms, boot, boot_offset_ms FROM runs ORDER BY id DESC LIMIT 1", &latest));
@@ -63,11 +76,11 @@ Status LookBack(Connection* connection, const std::string& boot, std::int64_t of
     RETURN_IF_ERROR(connection->Read("SELECT count(*) FROM stores", &stores));
     return stores == 0 ? BeginStore(connection) : Status();
   }
-  const bool was_killed = latest.IsNull(0);
+  *was_killed = latest.IsNull(0);
   const bool is_same_boot = latest.Text(1) == boot;
   const std::int64_t step_ms = offset_ms - latest.Int(2);
   latest = Statement();
-  if (was_killed) RETURN_IF_ERROR(BeginStore(connection));
+  if (*was_killed) RETURN_IF_ERROR(BeginStore(connection));
   if (!is_same_boot || std::llabs(step_ms) <= kLongestSlipMs) return {};
   return InsertClockStep(connection, step_ms);
 }
@@ -122,30 +135,44 @@ Status CountReleased(Statement* count, const QuarantineRow& row) {
 }  // namespace
 
 Status Writer::Open(const std::string& path, const std::string& endpoint,
-                    std::unique_ptr<Writer>* writer) {
+                    std::unique_ptr<Writer>* writer, std::string archive_directory) {
   auto opened = std::unique_ptr<Writer>(new Writer);
   opened->path_ = path;
   opened->clock_offset_ms_ = ClockOffsetMs();
   const std::string boot = BootId();
   Connection& connection = opened->connection_;
-  RETURN_IF_ERROR(OpenForWriting(path, &connection, &opened->created_));
+  if (NeedsUpgrade(path)) RETURN_IF_ERROR(BeginUpgrade(path));
+  bool created = false;
+  bool was_killed = false;
+  RETURN_IF_ERROR(OpenForWriting(path, &connection, &created));
+  if (archive_directory.empty()) archive_directory = DefaultArchiveDirectory(path);
+  const std::int64_t known = created ? LargestKnownNumber(path, archive_directory) : 0;
   {
     Transaction transaction(&connection);
     RETURN_IF_ERROR(transaction.Begin());
-    RETURN_IF_ERROR(LookBack(&connection, boot, opened->clock_offset_ms_));
+    if (known > 0) RETURN_IF_ERROR(BeginStore(&connection, known + 1));
+    RETURN_IF_ERROR(LookBack(&connection, boot, opened->clock_offset_ms_, &was_killed));
     RETURN_IF_ERROR(EnterRun(&connection, endpoint, boot, opened->clock_offset_ms_, &opened->run_));
-    RETURN_IF_ERROR(NoteOpening(&connection, opened->created_));
+    RETURN_IF_ERROR(NoteOpening(&connection, created));
     RETURN_IF_ERROR(transaction.Commit());
   }
+  // A power cut may take the log, but never that this run began: it tells that numbers may have
+  // been lost.
+  RETURN_IF_ERROR(connection.Execute("PRAGMA wal_checkpoint(PASSIVE)"));
   RETURN_IF_ERROR(opened->inserter_.Prepare(&connection));
   RETURN_IF_ERROR(connection.Prepare(kInsertQuarantine, &opened->insert_quarantine_));
   RETURN_IF_ERROR(connection.Prepare(kCount, &opened->count_));
+  opened->is_after_loss_ = created || was_killed;
+  opened->files_beside_ = FilesBesideOf(path);
   *writer = std::move(opened);
   return {};
 }
 
 Status Writer::Commit(const Batch& batch) {
   Status status = CheckInUse(path_, connection_);
+  if (status.ok() && FilesBesideOf(path_) != files_beside_) {
+    status = {SQLITE_READONLY_DBMOVED, "the log of " + path_ + " was removed while in use"};
+  }
   if (IsMoved(status)) {
     // What was committed goes along with the file, wherever that is now: its log stays behind.
     (void)connection_.Execute("PRAGMA wal_checkpoint(TRUNCATE)");

@@ -28,12 +28,21 @@ struct Batch {
   bool has_rows() const { return !records.empty() || !quarantine.empty(); }
 };
 
+// The files of one database that SQLite keeps beside it, as opposed to others of their names.
+struct FilesBeside {
+  std::uint64_t log = 0;
+  std::uint64_t index = 0;
+  bool operator==(const FilesBeside&) const = default;
+};
+
 // One run of a collector, from its first row to its last.
 class Writer {
  public:
   // Opens or creates the database at `path` and enters a new run. Notes the opening as a record.
+  // `archive_directory` is where archives are by default when it is empty: a new database gives
+  // other numbers than those there.
   static Status Open(const std::string& path, const std::string& endpoint,
-                     std::unique_ptr<Writer>* writer);
+                     std::unique_ptr<Writer>* writer, std::string archive_directory = {});
 
   // Commits all of `batch` or nothing. After a failure the same batch can be tried again; when the
   // status IsMoved() or IsDamage(), with a new writer.
@@ -43,7 +52,9 @@ class Writer {
   Status Finish();
 
   Connection& connection() { return connection_; }
-  bool created() const { return created_; }  // whether there was no database before
+  // Whether something may have been lost before: there was no database, or the last run did not end
+  // in order.
+  bool is_after_loss() const { return is_after_loss_; }
 
  private:
   Writer() = default;
@@ -58,7 +69,8 @@ class Writer {
   std::int64_t run_ = 0;
   std::int64_t clock_offset_ms_ = 0;  // of the wall clock against the boot clock
   std::int64_t not_added_up_ = 0;     // records since counts were last added up
-  bool created_ = false;
+  bool is_after_loss_ = false;
+  FilesBeside files_beside_;
 };
 
 // A row of the quarantine that now reads as a record, of which only type, event, timestamp and

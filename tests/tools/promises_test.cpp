@@ -1,0 +1,496 @@
+// What the collector promises when things go wrong around it, and what it may cost when they don't.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "collector_process.h"
+#include "store_fixture.h"
+#include "tests/support/run_program.h"
+#include "tools/base/system.h"
+#include "tools/store/archive.h"
+#include "tools/store/recover.h"
+#include "tools/store/retention.h"
+#include "tools/store/schema.h"
+
+namespace usage_stat_test {
+namespace {
+
+namespace base = velmora::usage_stat::base;
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+class PromisesTest : public StoreTest {
+ protected:
+  ~PromisesTest() override {
+    if (HasFailure() && collector_) std::cerr << collector_->Err();
+    close(socket_);
+  }
+
+  void Start(std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.end(), {"--database", database_});
+    fs::remove(folder_ / "err");  // what an earlier one said
+    collector_.emplace(COLLECTOR_COMMAND, folder_.path(), std::move(arguments));
+    ASSERT_TRUE(Says("listens on the endpoint")) << collector_->Err();
+    address_ = base::AddressOf(collector_->endpoint());
+  }
+
+  int Send(const std::string& bytes) const {
+    return sendto(socket_, bytes.data(), bytes.size(), 0, address_->get(), address_->length) < 0
+               ? errno
+               : 0;
+  }
+  void SendSurely(const std::string& bytes) const {
+    ASSERT_TRUE(Eventually([&] { return Send(bytes) == 0; }));
+  }
+  // Sends page turns as another user, until `count` of `bytes` were sent or refused by the socket.
+  void FloodAs(uid_t uid, const std::string& bytes, int count) const {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setuid(uid) != 0) _exit(1);
+      for (int i = 0; i < count; ++i) (void)Send(bytes);
+      _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+  }
+
+  bool Says(const std::string& text) const {
+    return Eventually([&] { return collector_->Err().find(text) != std::string::npos; });
+  }
+
+  std::int64_t Number(const std::string& sql) const {
+    store::Connection connection;
+    std::int64_t number = -1;
+    store::Status status = store::OpenForReading(database_, &connection);
+    if (status.ok()) status = connection.Read(sql, &number);
+    EXPECT_TRUE(status.ok()) << status.message;
+    return number;
+  }
+
+  void ExpectBalance() const {
+    EXPECT_EQ(Number("SELECT (SELECT count(*) FROM records) + (SELECT count(*) FROM quarantine)"),
+              Number("SELECT sum(CASE WHEN outcome IN ('archived', 'deleted') THEN -count "
+                     "ELSE count END) FROM outcomes WHERE outcome NOT IN ('refused', 'off')"));
+  }
+
+  // The numbers that the page turns of sender 0 carry, from database and archives.
+  std::vector<int> Turns() const {
+    std::vector<int> numbers;
+    std::unique_ptr<store::History> history;
+    std::vector<std::string> problems;
+    EXPECT_OK(store::History::Open(database_, &history));
+    const auto visit = [&numbers](const store::RecordRow& row) {
+      std::istringstream in(row.raw.substr(10));
+      velmora::usage_stat::ChangePageEvent event;
+      EXPECT_EQ(velmora::usage_stat::ReadFields(in, &event), 0);
+      numbers.push_back(event.a_);
+      return true;
+    };
+    EXPECT_OK(history->ForEach({.events = {"ChangePageEvent"}}, visit, &problems));
+    EXPECT_TRUE(problems.empty()) << problems.front();
+    return numbers;
+  }
+
+  std::optional<CollectorProcess> collector_;
+  std::optional<base::EndpointAddress> address_;
+  const int socket_ = [] {
+    const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const timeval patience{0, 200'000};
+    setsockopt(opened, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    const int room = 1024 * 1024;
+    setsockopt(opened, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    return opened;
+  }();
+};
+
+// ---- Upgrades ----
+
+// Puts a copy of the checked-in database and archive of the first schema into the test's folder.
+void CopyFirstSchema(const std::string& folder) {
+  fs::copy(FIRST_SCHEMA, folder, fs::copy_options::recursive);
+}
+
+std::vector<std::string> EventsIn(const std::string& database) {
+  std::vector<std::string> events;
+  std::unique_ptr<store::History> history;
+  std::vector<std::string> problems;
+  EXPECT_OK(store::History::Open(database, &history));
+  EXPECT_OK(history->ForEach(
+      {},
+      [&](const store::RecordRow& row) {
+        if (row.id <= 12) events.push_back(std::to_string(row.id) + row.event);
+        return true;
+      },
+      &problems));
+  EXPECT_TRUE(problems.empty()) << problems.front();
+  return events;
+}
+
+TEST_F(PromisesTest, FirstSchemaIsUpgradedWhileTheSocketIsServed) {
+  CopyFirstSchema(folder_.path());
+  const std::vector<std::string> before = EventsIn(database_);  // it can be read as it is
+  ASSERT_EQ(before.size(), 12U);
+  Start();
+  SendSurely(PageTurn(0, 1));
+  ASSERT_TRUE(
+      Eventually([this] { return Number("SELECT count(*) FROM archives WHERE schema = 1") == 0; }));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(EventsIn(database_), before);
+  EXPECT_EQ(Number("SELECT count(*) FROM quarantine"), 2);
+  EXPECT_EQ(Number("SELECT received FROM run_counts WHERE run = 1"), 6);
+  EXPECT_EQ(Number("SELECT min(id) FROM records"), 13);
+  EXPECT_FALSE(fs::exists(database_ + ".schema-1"));
+  ExpectBalance();
+
+  std::unique_ptr<store::Reader> reader;
+  std::vector<store::Archive> archives;
+  std::vector<store::Store> stores;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  ASSERT_OK(reader->ReadArchives(&archives));
+  ASSERT_EQ(archives.size(), 2U);
+  ASSERT_OK(store::Reader::Open(archives[1].path, &reader));
+  ASSERT_OK(reader->ReadStores(&stores));
+  ASSERT_EQ(stores.size(), 1U);
+  EXPECT_EQ(stores[0].id.size(), 16U);
+  std::string fields;
+  ASSERT_OK(reader->connection().Read(
+      "SELECT fields FROM record_list WHERE event = 'ChangePageEvent'", &fields));
+  EXPECT_EQ(fields, "[1,2,3,4,5]");
+}
+
+// ---- What others do ----
+
+TEST_F(PromisesTest, RefusedUserFillsNoMemory) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can send as another user";
+  Start();
+  store::Connection other;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &other));
+  ASSERT_OK(other.Execute("BEGIN IMMEDIATE"));
+  // While the database is locked, what came waits in the collector.
+  FloodAs(12345, std::string(260'000, 'x'), 900);
+  ASSERT_OK(other.Execute("COMMIT"));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_LT(collector_->peak_kib(), 64 * 1024);
+  EXPECT_GT(Number("SELECT sum(count) FROM outcomes WHERE outcome = 'refused'"), 0);
+  EXPECT_LE(std::ranges::count(collector_->Err(), '\n'), 20);
+  ExpectBalance();
+}
+
+TEST_F(PromisesTest, MaxSizeHoldsUnderAFlood) {
+  constexpr std::uintmax_t kLimit = 1024 * 1024;
+  Start({"--max-size", "1M"});
+  std::uintmax_t largest = 0;
+  int turn = 0;
+  for (int i = 0; i < 400; ++i) {
+    SendSurely(std::string(102'000, 'x'));
+    velmora::usage_stat::GoToURLEvent url;
+    url.b_ = std::string(50'000, 'u');
+    std::ostringstream out;
+    url.WriteToStream(out);
+    SendSurely(out.str());
+    SendSurely(PageTurn(0, turn++));
+    std::uintmax_t size = 0;
+    for (const char* suffix : {"", "-wal"}) {
+      std::error_code error;
+      const auto bytes = fs::file_size(database_ + suffix, error);
+      if (!error) size += bytes;
+    }
+    largest = std::max(largest, size);
+  }
+  EXPECT_EQ(collector_->End(), 0);
+  // A round of deleting lags behind a few batches, and the log holds a few more.
+  EXPECT_LT(largest, kLimit + 16 * 1024 * 1024);
+  EXPECT_LT(Number("SELECT sum(length(raw)) FROM quarantine"), 1'100'000);
+  EXPECT_EQ(Number("SELECT sum(count) FROM outcomes WHERE outcome = 'quarantined'"), 400);
+  ExpectBalance();
+}
+
+TEST_F(PromisesTest, EndingHasPatienceWithALockedDatabase) {
+  Start();
+  store::Connection other;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &other));
+  ASSERT_OK(other.Execute("BEGIN IMMEDIATE"));
+  for (int i = 0; i < 3; ++i) SendSurely(PageTurn(0, i));
+  EXPECT_EQ(collector_->End(), 1);
+  EXPECT_THAT(collector_->Err(), HasSubstr("3 datagrams are lost"));
+}
+
+TEST_F(PromisesTest, ALogThatIsRemovedTakesNothingAlong) {
+  Start();
+  for (int i = 0; i < 20; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 20; }));
+  fs::remove(database_ + "-wal");
+  fs::remove(database_ + "-shm");
+  for (int i = 20; i < 40; ++i) SendSurely(PageTurn(0, i));
+  EXPECT_TRUE(Says("was removed while in use"));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 40; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  EXPECT_EQ(Turns().size(), 40U);
+}
+
+// Garbles the pages in the second half of the file, as failing flash does.
+void Garble(const std::string& path) {
+  std::string bytes = ReadFile(path);
+  for (std::size_t i = bytes.size() / 2048 * 1024; i + 4096 < bytes.size(); i += 4096)
+    bytes[i] = '\x55';
+  WriteFile(path, bytes);
+}
+
+TEST_F(PromisesTest, DamageIsFoundAndWhatCanBeReadIsRecovered) {
+  // An archive, and a database at rest whose pages went bad.
+  Start();
+  for (int i = 0; i < 50; ++i) SendSurely(PageTurn(0, i));
+  EXPECT_EQ(collector_->End(), 0);
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  Start();
+  for (int i = 50; i < 2000; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() > 1900; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  const std::size_t kept = Turns().size();
+  ASSERT_GT(kept, 1000U);
+  store::Connection connection;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &connection));
+  ASSERT_OK(connection.Execute("PRAGMA wal_checkpoint(TRUNCATE)"));
+  connection = store::Connection();
+  Garble(database_);
+
+  // Nobody else meets the damage: the check after the kill does.
+  Start();
+  EXPECT_TRUE(Says("is kept as"));
+  ASSERT_TRUE(Says("belongs to it now"));
+  SendSurely(PageTurn(0, 5000));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 51; }));
+  EXPECT_EQ(collector_->End(), 0);
+
+  std::string aside;
+  for (const auto& file : fs::directory_iterator(folder_.path())) {
+    const std::string path = file.path();
+    if (path.find(".damaged-") != std::string::npos && !path.ends_with("-wal") &&
+        !path.ends_with("-shm")) {
+      aside = path;
+    }
+  }
+  store::Recovered recovered;
+  ASSERT_OK(store::Recover(aside, database_, folder_ / "archives", &recovered));
+  EXPECT_GT(recovered.records, 500);
+  EXPECT_GT(recovered.unreadable, 0);
+  const std::vector<int> turns = Turns();
+  EXPECT_GT(turns.size(), 500U);
+  EXPECT_LT(turns.size(), kept + 1);
+  EXPECT_TRUE(std::ranges::is_sorted(turns));
+  EXPECT_EQ(turns.back(), 5000);
+  EXPECT_EQ(Number("SELECT sum(last_record - first_record + 1) FROM missing "
+                   "WHERE reason = 'unreadable'"),
+            recovered.unreadable);
+  EXPECT_FALSE(store::Recover(aside, database_, folder_ / "archives", &recovered).ok());
+}
+
+TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  Start();
+  for (int i = 0; i < 5; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 5; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  // A power cut takes the log; a reader had seen all that was in it.
+  fs::remove(database_ + "-wal");
+  fs::remove(database_ + "-shm");
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  std::unique_ptr<store::Reader> reader;
+  std::vector<store::Store> stores;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  ASSERT_OK(reader->ReadStores(&stores));
+  ASSERT_EQ(stores.size(), 2U) << "one for the file, one after the cut, none after an orderly end";
+  EXPECT_NE(stores[0].id, stores[1].id);
+  EXPECT_EQ(stores[0].first_record, 1);
+}
+
+// ---- Clocks ----
+
+TEST_F(PromisesTest, AWrongClockDeletesNothing) {
+  constexpr std::int64_t kDay = 24LL * 60 * 60 * 1000;
+  const std::int64_t now = base::NowMs();
+  auto writer = OpenWriter();
+  const auto keep = [&](const std::string& event, std::int64_t received_ms) {
+    store::RecordRow row = Row(event, received_ms);
+    row.received_ms = received_ms;
+    store::Batch batch;
+    batch.records = {row};
+    ASSERT_OK(writer->Commit(batch));
+  };
+  const auto left = [&] {
+    std::unique_ptr<store::Reader> reader;
+    EXPECT_OK(store::Reader::Open(database_, &reader));
+    std::vector<std::string> events = Read(*reader);
+    std::erase_if(events, [](const std::string& event) { return event.ends_with("Event"); });
+    return events;
+  };
+  keep("future", now + 5000 * kDay);
+  keep("1970", 1000);
+  keep("old", now - 500 * kDay);
+  keep("young", now - 100 * kDay);
+  // Nothing was received lately by this clock: it may be wrong.
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
+  EXPECT_EQ(left(), (std::vector<std::string>{"future", "1970", "old", "young"}));
+  keep("yesterday", now - 2 * kDay);
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
+  EXPECT_EQ(left(), (std::vector<std::string>{"future", "1970", "young", "yesterday"}));
+  EXPECT_EQ(Number("SELECT count(*) FROM missing WHERE first_record = 4 AND last_record = 4"), 1);
+}
+
+// ---- Who may read ----
+
+TEST_F(PromisesTest, AMemberOfTheGroupReadsInEveryState) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can become another user";
+  constexpr gid_t kGroup = 23456;
+  fs::permissions(folder_.path(), fs::perms(0750));
+  ASSERT_EQ(chown(folder_.path().c_str(), 0, kGroup), 0);
+  fs::permissions(folder_.path(), fs::perms::set_gid, fs::perm_options::add);
+  const auto reads = [this] {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setgid(kGroup) != 0 || setuid(12345) != 0) _exit(2);
+      std::unique_ptr<store::History> history;
+      int count = 0;
+      const bool is_read =
+          store::History::Open(database_, &history).ok() &&
+          history->ForEach({}, [&count](const store::RecordRow&) { return ++count > 0; }).ok();
+      _exit(is_read && count > 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status == 0;
+  };
+  Start();
+  SendSurely(PageTurn(0, 1));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 1; }));
+  EXPECT_TRUE(reads()) << "while it runs";
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  EXPECT_TRUE(reads()) << "killed";
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_TRUE(reads()) << "stopped";
+  Start();
+  EXPECT_TRUE(reads()) << "starting";
+}
+
+// ---- What it costs ----
+
+// How often the threads of a process were given the processor.
+std::int64_t Switches(pid_t pid) {
+  std::int64_t sum = 0;
+  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+    std::istringstream lines(ReadFile(task.path() / "status"));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.find("ctxt_switches:") != std::string::npos)
+        sum += std::stoll(line.substr(line.find(':') + 1));
+    }
+  }
+  return sum;
+}
+
+TEST_F(PromisesTest, AnIdleCollectorNeverWakesUp) {
+  Start({"--keep-days", "400", "--max-size", "256M"});
+  SendSurely(PageTurn(0, 1));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 1; }));
+  // What the beginning brings along is done when nothing has happened for a second.
+  std::int64_t before = -1;
+  ASSERT_TRUE(Eventually([&] {
+    const std::int64_t last = std::exchange(before, Switches(collector_->pid()));
+    if (last == before) return true;
+    sleep(1);
+    return false;
+  }));
+  sleep(12);  // the rounds that there once were came every ten seconds
+  EXPECT_EQ(Switches(collector_->pid()), before);
+}
+
+// What the system calls of a traced collector have written so far.
+struct Written {
+  std::int64_t bytes = 0;
+  std::int64_t syncs = 0;
+};
+Written CountWritten(const std::string& trace) {
+  Written written;
+  std::istringstream lines(ReadFile(trace));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("sync(") != std::string::npos) ++written.syncs;
+    const std::size_t result = line.rfind(" = ");
+    const bool is_write = line.find("pwrite64(") != std::string::npos ||
+                          line.find("pwrite64 resumed") != std::string::npos;
+    if (is_write && result != std::string::npos) {
+      written.bytes += std::max(0LL, std::atoll(line.c_str() + result + 3));
+    }
+  }
+  return written;
+}
+
+TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
+  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to count with";
+  const std::string script = folder_ / "traced";
+  const std::string trace = folder_ / "trace";
+  WriteFile(script, "#!/bin/sh\nexec strace -D -f -o " + trace +
+                        " --seccomp-bpf -e trace=pwrite64,fsync,fdatasync \"" COLLECTOR_COMMAND
+                        "\" \"$@\"\n");
+  fs::permissions(script, fs::perms::owner_all);
+  collector_.emplace(script, folder_.path(), std::vector<std::string>{"--database", database_});
+  ASSERT_TRUE(Says("listens on the endpoint"));
+  address_ = base::AddressOf(collector_->endpoint());
+  const auto count = [this] { return Number("SELECT count(*) FROM records"); };
+  const auto send = [&](int number) {
+    const std::int64_t before = count();
+    SendSurely(PageTurn(0, number));
+    ASSERT_TRUE(Eventually([&] { return count() > before; }));
+  };
+  for (int i = 0; i < 10; ++i) send(i);
+
+  // Each by itself, as they come from a reader.
+  constexpr int kSingle = 200;
+  Written before = CountWritten(trace);
+  for (int i = 0; i < kSingle; ++i) send(i);
+  Written after = CountWritten(trace);
+  const auto single = (after.bytes - before.bytes) / kSingle;
+  EXPECT_LE(single, 2000);
+  EXPECT_EQ(after.syncs - before.syncs, 0) << "flash is written in bulk";
+
+  // A burst, from an empty log on: what the log is played into the file with comes on top later.
+  constexpr int kSenders = 4;
+  constexpr int kBurst = 10'000;
+  const std::int64_t rows = count();
+  store::Connection connection;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &connection));
+  ASSERT_OK(connection.Execute("PRAGMA wal_checkpoint(TRUNCATE)"));
+  before = CountWritten(trace);
+  std::vector<Sender> senders;
+  for (int i = 0; i < kSenders; ++i) {
+    senders.emplace_back(collector_->endpoint(), i, kBurst / kSenders);
+  }
+  for (Sender& sender : senders) sender.Wait();
+  ASSERT_TRUE(Eventually([&] { return count() == rows + kBurst; }));
+  after = CountWritten(trace);
+  const auto burst = (after.bytes - before.bytes) / kBurst;
+  EXPECT_LE(burst, 150);
+  std::printf("| bytes a record, one by one | %lld |\n| in a burst | %lld |\n",
+              static_cast<long long>(single), static_cast<long long>(burst));
+  EXPECT_EQ(collector_->End(), 0);
+}
+
+}  // namespace
+}  // namespace usage_stat_test

@@ -1,0 +1,39 @@
+// What is left after damage: archives that no database lists, and databases that were set aside.
+
+#ifndef TOOLS_STORE_RECOVER_H_
+#define TOOLS_STORE_RECOVER_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/store/row.h"
+#include "tools/store/sqlite.h"
+
+namespace velmora::usage_stat::store {
+
+// The largest number that any file beside the database at `path`, or any archive in `directory`, is
+// known to have given. A database that is begun anew goes on behind it.
+std::int64_t LargestKnownNumber(const std::string& path, const std::string& directory);
+
+// Lists the archives in `directory` that the database does not list, with the stores of what they
+// hold. `adopted` tells which, `problems` what can't be read or holds numbers that another has.
+Status AdoptArchives(const std::string& database_path, const std::string& directory,
+                     std::vector<std::string>* adopted, std::vector<std::string>* problems);
+
+struct Recovered {
+  std::int64_t records = 0;
+  std::int64_t unreadable = 0;  // numbers whose records could not be read
+  std::vector<Archive> archives;
+};
+
+// Reads what SQLite still gives of the damaged database `file`: its records by number, from both
+// ends, halving around pages that fail. They become archives in `directory` under the file's own
+// stores and numbers, which the database at `database_path` lists; so does what could not be read,
+// as missing. The file stays as it is.
+Status Recover(const std::string& file, const std::string& database_path,
+               const std::string& directory, Recovered* recovered);
+
+}  // namespace velmora::usage_stat::store
+
+#endif  // TOOLS_STORE_RECOVER_H_

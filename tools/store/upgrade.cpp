@@ -1,0 +1,230 @@
+#include "tools/store/upgrade.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "tools/store/archive.h"
+#include "tools/store/file.h"
+#include "tools/store/ledger.h"
+#include "tools/store/maintenance.h"
+#include "tools/store/reader.h"
+#include "tools/store/schema.h"
+
+namespace velmora::usage_stat::store {
+
+namespace {
+
+// What stays as it is. A run's counted records are all that it has: none of them is in the new
+// database. What was begun of an archive is forgotten, since its records are in the database still.
+constexpr const char* kTakeAlong = R"sql(
+INSERT INTO runs(id, pid, endpoint, boot, boot_offset_ms, started_ms, ended_ms, first_record,
+                 counted_record)
+  SELECT id, pid, endpoint, '', 0, started_ms, ended_ms, 0,
+    (SELECT coalesce(max(seq), 0) FROM old.sqlite_sequence WHERE name = 'records')
+  FROM old.runs;
+INSERT INTO tally SELECT run, uid, replace(outcome, 'journal', 'own'), reason, count, last_ms
+  FROM old.tally;
+INSERT INTO archives
+  SELECT id, path, state, 1, created_ms, first_record, last_record, records, first_timestamp_ms,
+    last_timestamp_ms, bytes FROM old.archives WHERE state <> 'begun';
+INSERT INTO sqlite_sequence SELECT name, seq FROM old.sqlite_sequence WHERE name = 'quarantine';
+)sql";
+
+// Brings all that was committed into the file itself.
+Status Settle(const std::string& path) {
+  Connection connection;
+  RETURN_IF_ERROR(Connection::Open(path, Connection::Mode::kWrite, &connection));
+  return connection.Execute("PRAGMA wal_checkpoint(TRUNCATE); PRAGMA journal_mode = DELETE");
+}
+
+// Lists the old database in the new one: as an archive, with counts as if its rows had been moved.
+Status ListOldRows(Connection* connection, const std::string& old_path) {
+  Archive archive;
+  archive.path = old_path;
+  archive.state = ArchiveState::kComplete;
+  archive.schema = 1;
+  archive.created_ms = NowMs();
+  Statement select;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT count(*), min(id), max(id), min(timestamp_ms), max(timestamp_ms), "
+      "(SELECT coalesce(max(seq), 0) FROM old.sqlite_sequence WHERE name = 'records'), "
+      "(SELECT count(*) FROM old.quarantine) FROM old.records",
+      &select));
+  if (!select.Step()) return select.status();
+  archive.records = select.Int(0);
+  archive.first_record = select.Int(1);
+  archive.last_record = select.Int(2);
+  archive.first_timestamp_ms = select.Int(3);
+  archive.last_timestamp_ms = select.Int(4);
+  const std::int64_t last = select.Int(5);
+  const std::int64_t rows = archive.records + select.Int(6);
+  select = Statement();
+  struct stat file {};
+  if (stat(old_path.c_str(), &file) == 0) archive.bytes = file.st_size;
+  // It is listed also when only its quarantine is left.
+  if (archive.records == 0) archive.first_record = archive.last_record = last;
+  RETURN_IF_ERROR(InsertArchive(connection, &archive));
+  std::int64_t run = 0;
+  RETURN_IF_ERROR(LatestRun(connection, &run));
+  RETURN_IF_ERROR(Count(connection, {run, getuid(), Outcome::kArchived, old_path, rows, NowMs()}));
+
+  // Numbers that are neither here nor in an archive went by retention.
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
+  std::int64_t next = 1;
+  for (const Archive& each : archives) {
+    if (each.records > 0 && each.first_record > next) {
+      RETURN_IF_ERROR(NoteMissing(connection, next, each.first_record - 1, Absence::kRetention));
+    }
+    if (each.records > 0) next = std::max(next, each.last_record + 1);
+  }
+  return next <= last ? NoteMissing(connection, next, last, Absence::kRetention) : Status();
+}
+
+Status MakeNew(const std::string& source, const std::string& old_path,
+               const std::string& new_path) {
+  Connection connection;
+  Statement attach;
+  RETURN_IF_ERROR(CreatePrivateFile(new_path));
+  RETURN_IF_ERROR(Connection::Open(new_path, Connection::Mode::kWrite, &connection));
+  RETURN_IF_ERROR(InitializeSchema(&connection));
+  RETURN_IF_ERROR(connection.Prepare("ATTACH ? AS old", &attach));
+  RETURN_IF_ERROR(attach.Bind(1, std::string_view(source)).Run());
+  attach = Statement();
+  Transaction transaction(&connection);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(BeginStore(&connection));
+  RETURN_IF_ERROR(connection.Execute(kTakeAlong));
+  RETURN_IF_ERROR(ListOldRows(&connection, old_path));
+  return transaction.Commit();
+}
+
+// Moves the quarantine of the old database, a few rows at once. They are deleted there after they
+// are here: what is here already is passed over.
+Status MoveQuarantine(Connection* connection, const Archive& old) {
+  Statement attach;
+  RETURN_IF_ERROR(connection->Prepare("ATTACH ? AS old", &attach));
+  RETURN_IF_ERROR(attach.Bind(1, std::string_view(old.path)).Run());
+  attach = Statement();
+  const auto move = [&](const std::string& until) {
+    Statement count;
+    Transaction transaction(connection);
+    RETURN_IF_ERROR(transaction.Begin());
+    RETURN_IF_ERROR(connection->Execute(
+        "INSERT OR IGNORE INTO main.quarantine(id, run, received_ms, pid, uid, kind, reason, type, "
+        "size, raw) SELECT id, run, received_ms, pid, uid, kind, reason, type, length(raw), raw "
+        "FROM old.quarantine WHERE id <= " +
+        until));
+    const std::int64_t moved = connection->Changes();
+    RETURN_IF_ERROR(connection->Prepare(
+        "UPDATE tally SET count = count - ? WHERE outcome = 'archived' AND reason = ?", &count));
+    RETURN_IF_ERROR(count.Bind(1, moved).Bind(2, std::string_view(old.path)).Run());
+    RETURN_IF_ERROR(transaction.Commit());
+    return connection->Execute("DELETE FROM old.quarantine WHERE id <= " + until);
+  };
+  Status status;
+  for (std::int64_t last = 1; status.ok() && last > 0;) {
+    status = connection->Read(
+        "SELECT coalesce(max(id), 0) FROM (SELECT id FROM old.quarantine ORDER BY id LIMIT 100)",
+        &last);
+    if (status.ok() && last > 0) status = move(std::to_string(last));
+  }
+  const Status end = connection->Execute("DETACH old");
+  return status.ok() ? end : status;
+}
+
+// Moves the records of one file, and the file out of the way.
+Status MoveRecords(Maintenance* maintenance, const std::string& directory, const Archive& old,
+                   const std::function<bool()>& should_stop) {
+  const std::string path = LocateArchive(maintenance->path, old);
+  {
+    std::unique_ptr<Reader> reader;
+    RETURN_IF_ERROR(Reader::Open(path, &reader));
+    for (std::int64_t after = old.first_record - 1; after < old.last_record;) {
+      if (should_stop()) return {};
+      Archive made;
+      RETURN_IF_ERROR(
+          MakeArchive(maintenance, directory, reader.get(), after, old.last_record, &made));
+      if (made.records == 0) break;
+      RETURN_IF_ERROR(FinishArchives(maintenance));
+      after = made.last_record;
+    }
+  }
+  // A file that is not listed any more is a stranger; so it goes first.
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
+  return maintenance->connection.Execute("DELETE FROM archives WHERE id = " +
+                                         std::to_string(old.id));
+}
+
+bool IsOfFirstSchema(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  std::string head(100, '\0');
+  struct stat status {};
+  if (!file.is_open() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (pread(file.get(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size())) {
+    return false;
+  }
+  const DatabaseHead said = ReadHead(head);
+  return said.is_ours && said.version == 1;
+}
+
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+}  // namespace
+
+std::string UpgradedPath(const std::string& path) { return path + ".schema-1"; }
+
+bool NeedsUpgrade(const std::string& path) {
+  return IsOfFirstSchema(Exists(path) ? path : UpgradedPath(path));
+}
+
+Status BeginUpgrade(const std::string& path) {
+  // The old file steps aside before the new one takes its name. Whoever is killed in between leaves
+  // only the old one, under its other name.
+  const bool is_aside = !Exists(path);
+  std::string old_path = UpgradedPath(path);
+  if (!is_aside && Exists(old_path)) old_path.append("-").append(std::to_string(NowMs()));
+  const std::string new_path = path + ".new." + std::to_string(getpid());
+  const std::string& source = is_aside ? old_path : path;
+  RETURN_IF_ERROR(Settle(source));
+  Status status = MakeNew(source, old_path, new_path);
+  if (status.ok() && !is_aside && rename(path.c_str(), old_path.c_str()) != 0) {
+    status = Status::Errno("cannot move " + path);
+  }
+  if (status.ok() && rename(new_path.c_str(), path.c_str()) != 0) {
+    status = Status::Errno("cannot create " + path);
+  }
+  if (status.ok()) status = SyncFolder(FolderOf(path));
+  if (!status.ok()) unlink(new_path.c_str());
+  return status;
+}
+
+Status GoOnUpgrading(const std::string& database_path, const std::string& directory,
+                     const std::function<bool()>& should_stop) {
+  Maintenance maintenance;
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
+  RETURN_IF_ERROR(FinishArchives(&maintenance));
+  RETURN_IF_ERROR(ReadArchives(&maintenance.connection, ArchiveState::kComplete, &archives));
+  Status first_failure;
+  for (const Archive& old : archives) {
+    if (old.schema != 1) continue;
+    if (should_stop()) break;
+    // One that can't be read stays, and holds up nothing else.
+    Status status =
+        old.path.ends_with(".zst") ? Status() : MoveQuarantine(&maintenance.connection, old);
+    if (status.ok()) status = MoveRecords(&maintenance, directory, old, should_stop);
+    if (!status.ok() && first_failure.ok()) first_failure = status;
+  }
+  return first_failure;
+}
+
+}  // namespace velmora::usage_stat::store
