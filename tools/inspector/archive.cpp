@@ -1,4 +1,4 @@
-// usage-stat archive: rotation by hand.
+// usage-stat archive and recover: rotation by hand, and what is left of a damaged database.
 
 #include "tools/store/archive.h"
 
@@ -9,6 +9,8 @@
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/store/file.h"
+#include "tools/store/recover.h"
 #include "tools/store/schema.h"
 
 namespace velmora::usage_stat::inspector {
@@ -21,12 +23,16 @@ struct Options {
   std::string output;
 };
 
+std::string DirectoryOf(const Options& options) {
+  return options.directory.empty() ? store::DefaultArchiveDirectory(options.database)
+                                   : options.directory;
+}
+
 int Run(const Options& options) {
-  const std::string directory = options.directory.empty()
-                                    ? store::DefaultArchiveDirectory(options.database)
-                                    : options.directory;
   std::vector<store::Archive> archives;
-  const store::Status status = store::ArchiveRecords(options.database, directory, &archives);
+  store::Status status = store::ActAsOwnerOf(options.database);
+  if (status.ok())
+    status = store::ArchiveRecords(options.database, DirectoryOf(options), &archives);
   if (!status.ok()) return Complain(kFailed, status.message);
   if (options.output == "json") {
     records::Json json = records::Json::array();
@@ -45,7 +51,35 @@ int Run(const Options& options) {
   return kOk;
 }
 
+int RunRecover(const Options& options, const std::string& file) {
+  store::Recovered recovered;
+  store::Status status = store::ActAsOwnerOf(options.database);
+  if (status.ok())
+    status = store::Recover(file, options.database, DirectoryOf(options), &recovered);
+  if (!status.ok()) return Complain(kFailed, status.message);
+  Print("{} records recovered, {} could not be read\n", recovered.records, recovered.unreadable);
+  for (const store::Archive& archive : recovered.archives) {
+    Print("  {} to {}: {}\n", archive.first_record, archive.last_record, Printable(archive.path));
+  }
+  return kOk;
+}
+
 }  // namespace
+
+void AddRecover(CommandLine* line) {
+  auto options = std::make_shared<Options>();
+  auto file = std::make_shared<std::string>();
+  Command command =
+      line->AddCommand("recover", "Save what a damaged database still holds, as an archive");
+  command.Argument("FILE", "A database that was set aside, such as records.db.damaged-TIME",
+                   file.get(), true);
+  AddDatabaseOption(command, &options->database);
+  command.Option("--directory", "FOLDER",
+                 "Where the archive goes (default: archives, beside the database)",
+                 &options->directory);
+  command.Footer("FILE stays as it is. What could not be read is noted as missing.");
+  command.OnRun([options, file] { return RunRecover(*options, *file); });
+}
 
 void AddArchive(CommandLine* line) {
   auto options = std::make_shared<Options>();

@@ -14,6 +14,7 @@ void AddDecode(CommandLine* line);
 void AddDoctor(CommandLine* line);
 void AddFollow(CommandLine* line);
 void AddList(CommandLine* line);
+void AddRecover(CommandLine* line);
 void AddReplay(CommandLine* line);
 void AddReport(CommandLine* line);
 void AddSend(CommandLine* line);

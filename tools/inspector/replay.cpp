@@ -181,7 +181,8 @@ int ReplayQuarantine(const Options& options) {
   constexpr std::size_t kRowsAtOnce = 100;  // between which a collector gets its turn
   std::unique_ptr<store::Reader> reader;
   store::Connection connection;
-  Status status = store::Reader::Open(options.database, &reader);
+  Status status = store::ActAsOwnerOf(options.database);
+  if (status.ok()) status = store::Reader::Open(options.database, &reader);
   if (status.ok()) status = store::OpenForWriting(options.database, &connection, nullptr);
   if (!status.ok()) return Complain(kFailed, status.message);
 

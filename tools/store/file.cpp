@@ -1,7 +1,9 @@
 #include "tools/store/file.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -24,6 +26,21 @@ Status CreatePrivateFile(const std::string& path) {
   const Descriptor file(
       open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   if (!file.is_open()) return Status::Errno("cannot create " + path);
+  return {};
+}
+
+Status ActAsOwnerOf(const std::string& path) {
+  if (geteuid() != 0) return {};
+  const Descriptor folder(open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat status {};
+  if (!folder.is_open() || fstat(folder.get(), &status) != 0) {
+    return Status::Errno("cannot open the folder of " + path);
+  }
+  if (status.st_uid == 0) return {};
+  if (setgroups(1, &status.st_gid) != 0 || setegid(status.st_gid) != 0 ||
+      seteuid(status.st_uid) != 0) {
+    return Status::Errno("cannot act as the owner of " + FolderOf(path));
+  }
   return {};
 }
 

@@ -26,6 +26,10 @@ constexpr mode_t kFolderMode = 0750;
 // Makes an empty file with kFileMode. One that is there already is emptied.
 Status CreatePrivateFile(const std::string& path);
 
+// Has root act as the owner of the folder that holds the database at `path`, from now on: whoever
+// owns a folder can lead whoever trusts it to any other file. Does nothing for anybody else.
+Status ActAsOwnerOf(const std::string& path);
+
 // The folder that holds `path`.
 std::string FolderOf(const std::string& path);
 
