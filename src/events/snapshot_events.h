@@ -85,13 +85,17 @@ struct KeyByte {
   }
 };
 
+// The second byte of a key code, as readers rebuild it: with 1 taken away after a first byte below
+// 0.
+struct KeyKindByte : KeyByte {};
+
 // One key assignment as its list carries it; SerializeKeyMapping and DeserializeKeyMapping do.
 struct KeyAssignment {
   static constexpr auto Fields() {
     return std::tuple{
         Field{"key", KeyByte{}, &Keymapping::key,
               Meaning{Kind::kKey, Sensitivity::kInteraction, "button index, 0 to 31"}},
-        Field{"kind", KeyByte{}, &Keymapping::kind,
+        Field{"kind", KeyKindByte{}, &Keymapping::kind,
               Meaning{Kind::kNumber, Sensitivity::kInteraction,
                       "0: the key's first action, 1: its second; read one less after a key below "
                       "0"}},

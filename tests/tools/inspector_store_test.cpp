@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <map>
 
+#include "src/events/events.h"
 #include "tests/support/run_program.h"
 #include "tests/tools/collector_process.h"
 #include "tests/tools/store_fixture.h"
@@ -37,19 +38,33 @@ class InspectorTest : public StoreTest {
 
   // A database with records of a first run that was killed, and a second run.
   void Fill() {
+    velmora::usage_stat::GoToURLEvent url;
+    url.a_ = 3;
+    url.b_ = "x\x1b[31m\"é\u009b";
+    velmora::usage_stat::StartOpenBookEvent opening;
+    opening.book_id_ = -645120848;
+    opening.application_ = 4;
+    velmora::usage_stat::NewBooksEventEx books;
+    books.count_ = 1;
+    books.application_ = 1;
+    books.records_.resize(1);
+    books.records_[0].book_id_ = 7;
+    books.records_[0].s1_ = "The Alder Walk";
+    velmora::usage_stat::GoToPageEvent jump;
+    jump.a_ = 5;
     auto first = OpenWriter();
     store::Batch batch;
     batch.records = {
-        Row("GoToURLEvent", 1000, R"({"a":3,"b":"x\u001b[31m\"é"})"),
-        Row("OpenBookEvent", 2000, R"({"book_id":-645120848,"application":4})"),
-        Row("NewBooksEventEx", 3000, R"({"count":1,"books":[{"book_id":7}],"application":1})"),
+        RowOf(url, 1000),
+        RowOf(opening, 2000),
+        RowOf(books, 3000),
     };
     batch.quarantine = {{0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, 2, "ab"}};
     batch.refused = {{{1000, "uid"}, 2}};
     ASSERT_OK(first->Commit(batch));
     first.reset();
     auto second = OpenWriter();
-    ASSERT_OK(second->Commit({{Row("GoToPageEvent", 5000, R"({"a":5})")}, {}, {}, {}}));
+    ASSERT_OK(second->Commit({{RowOf(jump, 5000)}, {}, {}, {}}));
     ASSERT_OK(second->Finish());
   }
 
@@ -79,16 +94,17 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
   };
   const Case cases[] = {
       {{"--event", "GoToURL", "--event", "gotopageevent"}, "GoToURLEvent GoToPageEvent"},
-      {{"--event", "2032", "--event", "kOpenBook"}, "OpenBookEvent ChangePageEvent"},
-      {{"--app", "4"}, "OpenBookEvent"},
+      {{"--event", "2032", "--event", "kStartOpenBook"}, "StartOpenBookEvent ChangePageEvent"},
+      {{"--app", "4"}, "StartOpenBookEvent"},
       {{"--app", "explorer.app"}, "NewBooksEventEx"},
-      {{"--book", "abc"}, "OpenBookEvent"},
+      {{"--book", "abc"}, "StartOpenBookEvent"},
+      {{"--book", "the alder walk"}, "NewBooksEventEx"},
       {{"--book", "7"}, "NewBooksEventEx"},
-      {{"--since", "1970-01-01 00:00:02", "--until", "@5"}, "OpenBookEvent NewBooksEventEx"},
+      {{"--since", "1970-01-01 00:00:02", "--until", "@5"}, "StartOpenBookEvent NewBooksEventEx"},
       {{"--until", "@6", "-n", "2"}, "NewBooksEventEx GoToPageEvent"},
       {{"--until", "@6", "-n", "2", "-r"}, "GoToPageEvent NewBooksEventEx"},
       {{"--since", "tomorrow"}, ""},
-      {{"--file", archives.at(0).path, "--app", "4"}, "OpenBookEvent"},
+      {{"--file", archives.at(0).path, "--app", "4"}, "StartOpenBookEvent"},
       {{"--file", database_, "--event", "2032"}, "ChangePageEvent"},
   };
   for (const Case& c : cases) {
@@ -112,22 +128,72 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
 
 TEST_F(InspectorTest, WritesRecordsInEveryForm) {
   Fill();
+  const std::string raw =
+      "f307e8030000000000000300"
+      "0b000000"
+      "781b5b33316d22c3a9c29b";
   const std::map<std::string, std::string> expected = {
-      {"short", "1970-01-01 00:00:01.000 GoToURLEvent[42] a=3 b=\"x\\u001b[31m\\\"é\"\n"},
-      {"json", R"({"id":2,"received":1001,"pid":42,"uid":7,"event":"GoToURLEvent","type":2021,)"
-               R"("timestamp":1000,"fields":{"a":3,"b":"x\u001b[31m\"é"},"raw":"00ff"})"
-               "\n"},
+      {"short", "1970-01-01 00:00:01.000 GoToURLEvent[42] a=3 url=\"x\\u001b[31m\\\"é\\u009b\"\n"},
+      {"json", R"({"id":2,"received":1001,"pid":42,"uid":7,"event":"GoToURLEvent","type":2035,)"
+               R"("timestamp":1000,"fields":{"a":3,"url":"x\u001b[31m\"é\u009b"},"raw":")" +
+                   raw + "\"}\n"},
       {"csv",
-       "id,received,pid,uid,event,type,timestamp,fields,raw\r\n"
-       R"(2,1001,42,7,GoToURLEvent,2021,1000,"{""a"":3,""b"":""x\u001b[31m\""é""}",00ff)"
-       "\r\n"},
-      {"raw", "00ff\n"},
+       "id,received,pid,uid,event,type,timestamp,a,url,raw\r\n"
+       R"(2,1001,42,7,GoToURLEvent,2035,1000,3,"x\x1b[31m""é\u009b",)" +
+           raw + "\r\n"},
+      {"raw", raw + "\n"},
   };
   for (const auto& [format, text] : expected) {
     EXPECT_EQ(UsageStat({"list", "--event", "2035", "-o", format}).out, text);
   }
+  EXPECT_EQ(
+      UsageStat({"list", "--event", "GoToURL", "-o", "csv", "--fields", "timestamp,a", "--iso"})
+          .out,
+      "timestamp,a\r\n1970-01-01T00:00:01.000Z,3\r\n");
+  EXPECT_EQ(UsageStat({"list", "-o", "csv", "--fields", "nothing"}).exit_code, 2);
+  EXPECT_EQ(UsageStat({"list", "--quarantine", "-o", "csv", "--fields", "kind,size,raw"}).out,
+            "kind,size,raw\r\ncut short,2,6162\r\n");
+  EXPECT_THAT(UsageStat({"list", "--quarantine"}).out, HasSubstr("cut short[42] 2 bytes: lacks 2"));
   const std::string pretty = UsageStat({"list", "--event", "2035", "-o", "json-pretty"}).out;
   EXPECT_EQ(Json::parse(pretty), Json::parse(expected.at("json")));
+}
+
+TEST_F(InspectorTest, QueriesTheDatabaseAndItsArchivesAsOne) {
+  Fill();
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  auto writer = OpenWriter();
+  // More archives than SQLite attaches files.
+  for (int i = 0; i < 12; ++i) {
+    velmora::usage_stat::ChangePageEvent turn;
+    turn.a_ = 7;
+    turn.d_ = i;
+    ASSERT_OK(writer->Commit({{RowOf(turn, 10'000 + i)}, {}, {}, {}}));
+    if (i < 11) ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  }
+  const auto query = [this](const std::string& sql) {
+    const ProgramResult result = UsageStat({"sql", sql, "-o", "csv"});
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    return result.out;
+  };
+  EXPECT_EQ(query("select count(*) n, sum(to_page) s, min(timestamp_ms) m from change_page where "
+                  "book_id = 7"),
+            "n,s,m\r\n12,66,10000\r\n");
+  EXPECT_EQ(
+      query("select title, application_name from new_books_ex_books join new_books_ex using (id)"),
+      "title,application_name\r\nThe Alder Walk,explorer.app\r\n");
+  EXPECT_EQ(query("select to_page from change_page where timestamp_ms >= 10010 order by 1 desc"),
+            "to_page\r\n11\r\n10\r\n");
+  EXPECT_EQ(query("select name, hex(substr(raw, 1, 2)) h from records join events on events.id = "
+                  "event where records.id = 2"),
+            "name,h\r\nGoToURLEvent,F307\r\n");
+  EXPECT_EQ(query("select archives, records > 11 m from in_archives"), "archives,m\r\n12,1\r\n");
+  for (const char* wrong : {"delete from runs", "select 1; select 2", "attach 'x' as y",
+                            "pragma writable_schema = 1", "select", ""}) {
+    EXPECT_EQ(UsageStat({"sql", wrong}).exit_code, 2) << wrong;
+  }
+  WriteFile(archives.at(0).path, "damaged");
+  EXPECT_EQ(UsageStat({"sql", "select count(*) from change_page"}).exit_code, 1);
 }
 
 TEST_F(InspectorTest, EndsWhenItsOutputEnds) {

@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
@@ -73,7 +75,7 @@ TEST(Types, AreDocumentedAsTheyAre) {
   EXPECT_EQ(UsageStat({"types", "-o", "markdown"}).out, ReadFile(SOURCE_DIR "/docs/records.md"))
       << "run make records";
   const Json types = Json::parse(UsageStat({"types", "-o", "json"}).out);
-  EXPECT_GT(types.size(), 40U);
+  EXPECT_GT(types["records"].size(), 40U);
   EXPECT_THAT(UsageStat({"types"}).out, HasSubstr("2032  ChangePageEvent  kChangePage"));
 }
 
@@ -114,6 +116,47 @@ TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
     EXPECT_EQ(text.exit_code, 1);
     EXPECT_THAT(text.out, HasSubstr(c.reason));
   }
+}
+
+// What stands between the parentheses after `function` in the public header, as names.
+std::vector<std::string> ParametersInHeader(const std::string& header,
+                                            const std::string& function) {
+  const std::size_t begin = header.find(" " + function + "(") + function.size() + 2;
+  std::stringstream list(header.substr(begin, header.find(')', begin) - begin));
+  std::vector<std::string> names;
+  for (std::string parameter; std::getline(list, parameter, ',');) {
+    const std::size_t name = parameter.find_last_of(" *\n") + 1;
+    if (parameter != "void") names.push_back(parameter.substr(name));
+  }
+  return names;
+}
+
+TEST(Types, HeaderNamesArgumentsAsRecordsNameFields) {
+  const std::string header = ReadFile(SOURCE_DIR "/include/usage_stat.h");
+  std::map<std::string, std::set<std::string>> fields;
+  const Json dictionary = Json::parse(UsageStat({"types", "-o", "json"}).out);
+  for (const Json& record : dictionary["records"]) {
+    for (const Json& field : record["fields"]) fields[record["name"]].insert(field["name"]);
+  }
+  int checked = 0;
+  for (const Json& function : Json::parse(UsageStat({"send", "--list", "-o", "json"}).out)) {
+    const std::string name = function["function"];
+    SCOPED_TRACE(name);
+    std::vector<std::string> names;
+    for (const Json& parameter : function["parameters"]) names.push_back(parameter["name"]);
+    EXPECT_EQ(ParametersInHeader(header, name), names);
+    const std::string record = function["record"];
+    for (const std::string& parameter : names) {
+      // The margins are one argument and several fields, `e` is accepted and not sent.
+      if (record.empty() || parameter == "margins" ||
+          (record.starts_with("SetFontParams") && parameter == "e")) {
+        continue;
+      }
+      EXPECT_EQ(fields[record].count(parameter), 1) << parameter;
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 80);
 }
 
 TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {

@@ -50,5 +50,35 @@ TEST(Vectors, ReadAsTheyTellAndAreWrittenAgain) {
   EXPECT_EQ(events.size(), Catalogue().size()) << "a type without a vector";
 }
 
+TEST(Vectors, OddOnesReadAsTheyTellAndTheRefusedAreRefused) {
+  int read = 0;
+  int refused = 0;
+  for (const char* folder : {"odd", "refused"}) {
+    const std::string path = std::string(SOURCE_DIR "/tests/vectors/") + folder;
+    for (const auto& file : std::filesystem::directory_iterator(path)) {
+      SCOPED_TRACE(file.path());
+      std::ifstream in(file.path());
+      const Json vector = Json::parse(in);
+      const auto decoded = Decode(FromHex(vector["hex"]));
+      const auto* record = std::get_if<Record>(&decoded);
+      EXPECT_EQ(record != nullptr, vector.contains("record")) << vector["about"];
+      if (!record) {
+        ++refused;
+        continue;
+      }
+      ++read;
+      EXPECT_EQ(Dump(ToJson(*record)), Dump(vector["record"])) << vector["about"];
+      // Decoding byte by byte says the same of keys whose code is rebuilt.
+      for (const TracedField& field : TraceFields(FromHex(vector["hex"])).fields) {
+        if (field.name == "mappings_0[1].kind") {
+          EXPECT_EQ(field.value, record->values[1][1][1]);
+        }
+      }
+    }
+  }
+  EXPECT_GE(read, 8);
+  EXPECT_GE(refused, 15);
+}
+
 }  // namespace
 }  // namespace velmora::usage_stat::records

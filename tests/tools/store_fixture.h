@@ -7,10 +7,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/support/files.h"
+#include "tools/records/record.h"
 #include "tools/store/reader.h"
 #include "tools/store/writer.h"
 
@@ -51,6 +53,24 @@ class StoreTest : public testing::Test {
                               const std::string& fields = "{}") {
     return {0,     timestamp_ms + 1, {42, 7}, 2021,
             event, timestamp_ms,     fields,  std::string("\0\xff", 2)};
+  }
+
+  // A row of a real record.
+  template <class EventClass>
+  static store::RecordRow RowOf(EventClass event, std::int64_t timestamp_ms) {
+    event.timestamp_ = timestamp_ms;
+    std::ostringstream out;
+    event.WriteToStream(out);
+    const auto decoded = velmora::usage_stat::records::Decode(out.str());
+    const auto& record = std::get<velmora::usage_stat::records::Record>(decoded);
+    return {0,
+            timestamp_ms + 1,
+            {42, 7},
+            record.type,
+            std::string(record.event),
+            timestamp_ms,
+            velmora::usage_stat::records::Dump(record.values),
+            out.str()};
   }
 
   const TempFolder folder_;

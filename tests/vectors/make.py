@@ -194,6 +194,60 @@ RECORDS = [
 ]
 
 
+# The odd ones: bytes that no writer of ours sends, and what they say. Name, hex of the payload.
+ODD = [
+    ("a flag of another value than 1", 2021, "GoToPageEvent", "0500" "80" "0700" "f7ff",
+     {"a": 5, "b": True, "to_page": 7, "pages": -9}),
+    ("a count of lists that is not 3, and lists with a count below 1", 2016, "KeyboardSettingsEvent",
+     "ffff" "0000" "0000" "0100" "ffff" "0200" "0080",
+     {"list_count": 3, "mappings_0": [], "mappings_1": [], "mappings_2": []}),
+    ("keys below 0, which take 1 away from their kind", 2016, "KeyboardSettingsEvent",
+     "0300" "0000" "0200" "80012900" "ff00e703" "0100" "0000" "0200" "0000",
+     {"list_count": 3, "mappings_0": [
+         {"key": -128, "kind": 0, "action": 41, "action_name": "KA_pgdn"},
+         {"key": -1, "kind": -1, "action": 999}], "mappings_1": [], "mappings_2": []}),
+    ("a count of books out of range, after which none follow", 2028, "NewBooksEventEx",
+     "65000000" "0700", {"count": 101, "books": [], "application": 7, "application_name":
+                         "Dictionary.app"}),
+    ("a negative count of books", 2028, "NewBooksEventEx",
+     "ffffffff" "0100", {"count": -1, "books": [], "application": 1, "application_name":
+                         "explorer.app"}),
+    ("bytes that are not UTF-8, and a NUL", 2035, "GoToURLEvent", "0300" "03000000" "41ff00",
+     {"a": 3, "url": "A\ufffd\0"}),
+    ("a language of two Chars that are NULs", 2017, "LanguageChangeEvent", "0000",
+     {"language": "\0\0"}),
+    ("a language that ends at a NUL, though a letter follows", 2010, "OpenBookEvent",
+     "00000000" "0065" + "00000000" * 3 + "0200" + "0000" + "00000000" + "0000" + "00000000"
+     + "00000000" * 5,
+     {"book_id": 0, "language": "", "authors": [], "file_type": "", "genres": [], "d": False,
+      "e": 0, "pages": 0, "g": 0, "h": 0, "file_name": "", "i": "", "j": "", "k": "", "l": ""}),
+]
+
+HEAD = struct.pack("<q", TIMESTAMP).hex()
+
+# What must be refused, and why. Name, the datagram as hex.
+REFUSED = [
+    ("nothing at all", ""),
+    ("half a type code", "e5"),
+    ("an envelope that is cut", "e507" + HEAD[:6]),
+    ("a type code that is not in use", "f407" + HEAD),
+    ("a negative type code", "ffff" + HEAD),
+    ("a number that is cut", "e507" + HEAD + "0500" "01" "07"),
+    ("a byte left over", "d807" + HEAD + "0000" "00"),
+    ("bytes after a record without fields", "d107" + HEAD + "00"),
+    ("a text that is shorter than its length", "f307" + HEAD + "0300" "05000000" "616263"),
+    ("a text whose length is the largest", "f307" + HEAD + "0300" "ffffffff" "61"),
+    ("a list that claims more texts than there are", "da07" + HEAD + "00000000" "656e" "02000000"
+     "01000000" "61"),
+    ("a list with the number of another", "e007" + HEAD + "0300" "0100" "0000" "0100" "0000" "0200"
+     "0000"),
+    ("a list that claims more keys than there are", "e007" + HEAD + "0300" "0000" "0200" "00002900"),
+    ("a batch with fewer books than its count", "ec07" + HEAD + "01000000" "0100"),
+    ("a page turn between the short form and the long one", "f007" + HEAD + "00000000" "0000"
+     "00000000" "00000000" "00000000" "00"),
+]
+
+
 def without_names(fields):
     """Leaves out what decoders add for people: the names of codes."""
     if isinstance(fields, list):
@@ -204,20 +258,33 @@ def without_names(fields):
     return {k: without_names(v) for k, v in fields.items() if k not in names}
 
 
+def vector(code, name, payload, fields):
+    data = struct.pack("<hq", code, TIMESTAMP) + payload
+    record = {"event": name, "type": code, "timestamp": TIMESTAMP, "fields": fields}
+    return {"hex": data.hex(), "record": record}
+
+
 def main():
     folder = pathlib.Path(__file__).parent
-    wrong = []
+    files = {}
     for code, name, layout, fields in RECORDS:
         plain = without_names(fields)
         payload = layout(plain) if callable(layout) else encode(layout, plain)
-        data = struct.pack("<hq", code, TIMESTAMP) + payload
-        record = {"event": name, "type": code, "timestamp": TIMESTAMP, "fields": fields}
-        vector = json.dumps({"hex": data.hex(), "record": record}, indent=2, ensure_ascii=False)
-        path = folder / f"{code:04}-{name}.json"
+        files[f"{code:04}-{name}.json"] = vector(code, name, payload, fields)
+    for number, (about, code, name, payload, fields) in enumerate(ODD, 1):
+        files[f"odd/{number:02}.json"] = {"about": about,
+                                          **vector(code, name, bytes.fromhex(payload), fields)}
+    for number, (about, data) in enumerate(REFUSED, 1):
+        files[f"refused/{number:02}.json"] = {"about": about, "hex": data}
+    wrong = []
+    for name, content in files.items():
+        path = folder / name
+        text = json.dumps(content, indent=2, ensure_ascii=False) + "\n"
         if "--check" not in sys.argv:
-            path.write_text(vector + "\n")
-        elif not path.exists() or path.read_text() != vector + "\n":
-            wrong.append(path.name)
+            path.parent.mkdir(exist_ok=True)
+            path.write_text(text)
+        elif not path.exists() or path.read_text() != text:
+            wrong.append(name)
     if wrong:
         sys.exit("not as make.py writes them: " + ", ".join(wrong))
 

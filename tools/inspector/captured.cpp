@@ -37,14 +37,6 @@ Status ReadRows(const std::string& path, std::vector<std::string>* datagrams) {
   });
 }
 
-// The datagram of one line: digits, or a JSON object that has them.
-std::optional<std::string> DatagramOf(const std::string& line) {
-  if (!line.starts_with('{')) return FromHex(line);
-  const auto json = records::Json::parse(line, nullptr, false);
-  if (!json.is_object() || !json.contains("raw") || !json["raw"].is_string()) return std::nullopt;
-  return FromHex(json["raw"].get<std::string>());
-}
-
 Status ReadLines(std::istream& in, const std::string& path, std::vector<std::string>* datagrams) {
   std::size_t number = 0;
   for (std::string line; std::getline(in, line);) {
@@ -52,7 +44,7 @@ Status ReadLines(std::istream& in, const std::string& path, std::vector<std::str
     if (std::all_of(line.begin(), line.end(), [](unsigned char c) { return std::isspace(c); })) {
       continue;
     }
-    auto datagram = DatagramOf(line);
+    auto datagram = DatagramIn(line);
     if (!datagram) {
       return Status::Failed(
           fmt::format("line {} of {} holds no record: neither hexadecimal digits "
@@ -78,6 +70,17 @@ std::optional<std::string> FromHex(std::string_view text) {
     bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
   }
   return bytes;
+}
+
+std::optional<std::string> DatagramIn(std::string_view line) {
+  if (!line.starts_with('{')) return FromHex(line);
+  const auto json = records::Json::parse(line, nullptr, false);
+  if (!json.is_object()) return std::nullopt;
+  for (const char* name : {"raw", "hex"}) {
+    const auto digits = json.find(name);
+    if (digits != json.end() && digits->is_string()) return FromHex(digits->get<std::string>());
+  }
+  return std::nullopt;
 }
 
 Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams) {

@@ -16,6 +16,10 @@ namespace velmora::usage_stat::inspector {
 // is something else, or nothing.
 std::optional<std::string> FromHex(std::string_view text);
 
+// The datagram that `text` has: digits, or a JSON object with them under "raw", as list prints it,
+// or "hex", as a test vector has it. Nothing for anything else.
+std::optional<std::string> DatagramIn(std::string_view text);
+
 // Reads the datagrams of a database, of an archive, or of lines as usage-stat list writes them with
 // -o json or -o raw; - is standard input, which holds lines.
 store::Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams);

@@ -18,6 +18,7 @@ void AddRecover(CommandLine* line);
 void AddReplay(CommandLine* line);
 void AddReport(CommandLine* line);
 void AddSend(CommandLine* line);
+void AddSql(CommandLine* line);
 void AddStatus(CommandLine* line);
 void AddTypes(CommandLine* line);
 void AddUplink(CommandLine* line);

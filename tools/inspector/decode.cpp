@@ -1,5 +1,6 @@
 // usage-stat decode: one record, byte by byte.
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -64,9 +65,25 @@ void PrintBytes(std::string_view bytes, std::size_t offset, const std::string& m
   } while (begin < bytes.size());
 }
 
+// The name of a number that has one.
+std::string NameOf(const TracedField& field, const Trace& trace) {
+  const records::RecordType* type = records::FindEvent(trace.event);
+  if (!type || !field.value.is_number_integer()) return {};
+  // "mappings_0[3].action" is documented as "mappings_0[].action".
+  const std::size_t index = field.name.find('[');
+  std::string name = field.name;
+  if (index != std::string::npos) name.erase(index + 1, name.find(']') - index - 1);
+  for (const records::FieldType& known : type->fields) {
+    if (known.name == name) return records::ValueName(known.kind, field.value.get<std::int64_t>());
+  }
+  return {};
+}
+
 std::string Explained(const TracedField& field, const Trace& trace) {
   std::string value = PrintableJson(field.value);
-  if (field.name == "type") {
+  if (const std::string name = NameOf(field, trace); !name.empty()) {
+    value += fmt::format(" ({})", Printable(name));
+  } else if (field.name == "type") {
     value += fmt::format(" ({})", trace.event.empty() ? "unknown" : trace.event);
   } else if (field.name == "timestamp") {
     value += fmt::format(" ({})", LocalTime(field.value.get<std::int64_t>()));
@@ -109,22 +126,34 @@ void PrintJson(std::string_view datagram, const Trace& trace, const Damage* dama
                               {"value", field.value}});
   }
   json["damage"] = damage ? ToJson(*damage, trace.damage.value_or(*damage)) : Json();
-  Print("{}\n", records::Dump(json, 2));
+  Print("{}\n", records::SafeJson(json, 2));
 }
 
-int Run(const Options& options) {
+// What to decode: the argument itself when it is digits and no file, else what the file holds.
+int ReadInput(const Options& options, std::string* input) {
+  if (!options.raw && !std::filesystem::exists(options.file) && FromHex(options.file)) {
+    *input = options.file;
+    return kOk;
+  }
   std::ifstream file;
   if (options.file != "-") {
     file.open(options.file, std::ios::binary);
     if (!file) return Complain(kFailed, "cannot read " + options.file);
   }
   std::istream& in = options.file == "-" ? std::cin : file;
-  std::string input = ReadUpTo(in, kLargestInput + 1);
+  *input = ReadUpTo(in, kLargestInput + 1);
   if (in.bad()) return Complain(kFailed, "cannot read " + options.file);
-  if (input.size() > kLargestInput) return Complain(kFailed, "too large for a record");
-  // No record consists of hexadecimal digits alone: its type code would be an unknown one.
+  if (input->size() > kLargestInput) return Complain(kFailed, "too large for a record");
+  return kOk;
+}
+
+int Run(const Options& options) {
+  std::string input;
+  if (const int failed = ReadInput(options, &input); failed != kOk) return failed;
+  // No record consists of hexadecimal digits alone, nor of JSON: its type code would be an unknown
+  // one.
   if (!options.raw) {
-    if (auto bytes = FromHex(input)) {
+    if (auto bytes = DatagramIn(input)) {
       input = *std::move(bytes);
     } else if (options.hex) {
       return Complain(kFailed, "not an even number of hexadecimal digits");
@@ -142,7 +171,10 @@ int Run(const Options& options) {
 void AddDecode(CommandLine* line) {
   auto options = std::make_shared<Options>();
   Command command = line->AddCommand("decode", "Show one record byte by byte");
-  command.Argument("FILE", "What to read; - for standard input (default)", &options->file);
+  command.Argument("FILE",
+                   "Digits, or a file with digits, bytes, a line of list -o json or a test vector; "
+                   "- for standard input (default)",
+                   &options->file);
   command.Flag("--hex", "It holds hexadecimal digits", &options->hex);
   command.Flag("--raw", "It holds the bytes themselves", &options->raw);
   command.Exclude("--raw", "--hex");

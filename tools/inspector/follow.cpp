@@ -28,6 +28,7 @@ struct Options {
   std::string output;
   std::optional<std::int64_t> newest = 10;
   store::Query query;
+  std::string book;
 };
 
 constexpr int kPollMs = 100;
@@ -125,11 +126,14 @@ class Tail {
 int Run(const Options& options) {
   EndOnSignals();
   Tail tail(options.database);
-  const RowPrinter printer(options.output);
-  Status status = tail.Open();
-  if (status.ok()) status = tail.ShowLast(*options.newest, options.query, printer);
+  const RowPrinter printer({options.output});
+  printer.PrintHead();
+  store::Query query = options.query;
+  Status status = FindBook(options.database, options.book, &query);
+  if (status.ok()) status = tail.Open();
+  if (status.ok()) status = tail.ShowLast(*options.newest, query, printer);
   while (status.ok() && Wait()) {
-    status = tail.ShowNew(options.query, printer);
+    status = tail.ShowNew(query, printer);
     if ((status.code & 0xff) == SQLITE_BUSY) status = {};  // the next look sees more
   }
   return status.ok() ? kOk : Complain(kFailed, status.message);
@@ -141,7 +145,7 @@ void AddFollow(CommandLine* line) {
   auto options = std::make_shared<Options>();
   Command command = line->AddCommand("follow", "Show records as they come in");
   AddDatabaseOption(command, &options->database);
-  AddFilterOptions(command, &options->query);
+  AddFilterOptions(command, &options->query, &options->book);
   AddCountOption(command, &options->newest, "Begin with the last so many records (default: 10)");
   AddOutputOption(command, &options->output, RowFormats());
   command.Footer("SIGINT (Ctrl+C) and SIGTERM end it with exit code 0.");

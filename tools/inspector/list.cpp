@@ -1,6 +1,8 @@
 // usage-stat list: the records that were kept.
 
+#include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,12 +19,45 @@ namespace {
 struct Options {
   std::string database;
   std::string file;
-  std::string output;
+  bool quarantine = false;
+  RowLayout layout;
   store::Query query;
+  std::string book;
 };
 
+int ListQuarantine(const Options& options) {
+  RowLayout layout = options.layout;
+  if (layout.columns.empty()) layout.columns = QuarantineColumns();
+  for (const std::string& column : layout.columns) {
+    const auto known = QuarantineColumns();
+    if (std::find(known.begin(), known.end(), column) == known.end()) {
+      return Complain(kUsage, "there is no column " + column + " here");
+    }
+  }
+  const RowPrinter printer(layout);
+  std::unique_ptr<store::Reader> reader;
+  store::Status status =
+      store::Reader::Open(options.file.empty() ? options.database : options.file, &reader);
+  if (!status.ok()) return Complain(kFailed, status.message);
+  printer.PrintHead();
+  status = reader->ForEachQuarantined([&printer](const store::QuarantineRow& row) {
+    printer.Print(row);
+    return true;
+  });
+  return status.ok() ? kOk : Complain(kFailed, status.message);
+}
+
 int Run(const Options& options) {
-  const RowPrinter printer(options.output);
+  if (options.quarantine) return ListQuarantine(options);
+  store::Query query = options.query;
+  if (const store::Status found = FindBook(options.database, options.book, &query); !found.ok()) {
+    return Complain(kFailed, found.message);
+  }
+  RowLayout layout = options.layout;
+  layout.events = query.events;
+  const RowPrinter printer(layout);
+  if (!printer.mistake().empty()) return Complain(kUsage, printer.mistake());
+  printer.PrintHead();
   const auto print = [&printer](const store::RecordRow& row) {
     printer.Print(row);
     return true;
@@ -32,11 +67,11 @@ int Run(const Options& options) {
   if (options.file.empty()) {
     std::unique_ptr<store::Journal> journal;
     status = store::Journal::Open(options.database, &journal);
-    if (status.ok()) status = journal->ForEach(options.query, print, &problems);
+    if (status.ok()) status = journal->ForEach(query, print, &problems);
   } else {
     std::unique_ptr<store::Reader> reader;
     status = store::Reader::Open(options.file, &reader);
-    if (status.ok()) status = reader->ForEach(options.query, print);
+    if (status.ok()) status = reader->ForEach(query, print);
   }
   for (const std::string& problem : problems) Complain(kFailed, problem);
   if (!status.ok()) return Complain(kFailed, status.message);
@@ -53,10 +88,21 @@ void AddList(CommandLine* line) {
                  "One database or archive alone, instead of the database with its archives",
                  &options->file);
   AddRangeOptions(command, &options->query);
-  AddFilterOptions(command, &options->query);
+  AddFilterOptions(command, &options->query, &options->book);
   AddCountOption(command, &options->query.newest, "The last so many of them");
   command.Flag("-r,--reverse", "Newest first", &options->query.reverse);
-  AddOutputOption(command, &options->output, RowFormats());
+  AddOutputOption(command, &options->layout.format, RowFormats());
+  command.Flag("--quarantine", "What could not be read, and why, instead of records",
+               &options->quarantine);
+  command.Option("--fields", "NAME,...", "The columns of csv, in this order",
+                 [options](const std::string& text) {
+                   std::istringstream names(text);
+                   for (std::string name; std::getline(names, name, ',');) {
+                     options->layout.columns.push_back(name);
+                   }
+                   return std::string();
+                 });
+  command.Flag("--iso", "Times in csv as 2026-11-24T19:00:49.123Z", &options->layout.iso_times);
   command.OnRun([options] { return Run(*options); });
 }
 

@@ -22,8 +22,8 @@ int Run(int argc, char** argv) {
                    USAGE_STAT_VERSION);
   line.main().Footer(
       "Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
-  for (const auto add : {AddList, AddFollow, AddStatus, AddDoctor, AddDecode, AddTypes, AddSend,
-                         AddReplay, AddArchive, AddRecover, AddUplink}) {
+  for (const auto add : {AddList, AddFollow, AddSql, AddStatus, AddDoctor, AddDecode, AddTypes,
+                         AddSend, AddReplay, AddArchive, AddRecover, AddUplink}) {
     add(&line);
   }
 #ifdef USAGE_STAT_HAS_REPORT

@@ -61,9 +61,14 @@ class Pace {
       latest_ms_ = timestamp_ms;
       start_ = std::chrono::steady_clock::now();
     }
-    // A clock that went back meanwhile must not make the rest come late.
-    const long long step_ms = timestamp_ms - latest_ms_;
-    if (step_ms > 0) passed_ms_ += static_cast<double>(step_ms) / speed_;
+    // A clock that went back meanwhile must not make the rest come late, nor one that was set from
+    // 1970 to today make it wait for decades: no pause that a user made is longer than this.
+    constexpr long long kLongestPauseMs = 24LL * 60 * 60 * 1000;
+    const bool is_ahead = timestamp_ms > latest_ms_;
+    const auto step_ms = is_ahead ? static_cast<unsigned long long>(timestamp_ms) -
+                                        static_cast<unsigned long long>(latest_ms_)
+                                  : 0;
+    if (step_ms <= kLongestPauseMs) passed_ms_ += static_cast<double>(step_ms) / speed_;
     latest_ms_ = timestamp_ms;
     std::this_thread::sleep_until(start_ +
                                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(

@@ -1,25 +1,23 @@
 #include "tools/inspector/rows.h"
 
+#include <algorithm>
+#include <array>
+#include <ctime>
+
 #include "tools/inspector/terminal.h"
-#include "tools/records/record.h"
 
 namespace velmora::usage_stat::inspector {
 
 namespace {
 
 using records::Json;
+using store::QuarantineRow;
 using store::RecordRow;
 
-void PrintShort(const RecordRow& row) {
-  std::string line = fmt::format("{} {}[{}]", LocalTime(row.timestamp_ms),
-                                 Coloured(Colour::kBold, Printable(row.event)), row.sender.pid);
-  const Json fields = records::FieldsOf(row.fields, row.raw);
-  for (const auto& field : fields.items()) {
-    line += fmt::format(" {}={}", Coloured(Colour::kDim, Printable(field.key())),
-                        PrintableJson(field.value()));
-  }
-  Print("{}\n", line);
-}
+constexpr std::string_view kFormats[] = {"short", "json", "json-pretty", "csv", "raw"};
+
+// The columns that every record has.
+constexpr std::array kEnvelope = {"id", "received", "pid", "uid", "event", "type", "timestamp"};
 
 Json ToJson(const RecordRow& row) {
   return {{"id", row.id},
@@ -33,42 +31,131 @@ Json ToJson(const RecordRow& row) {
           {"raw", Hex(row.raw)}};
 }
 
-void PrintJson(const RecordRow& row) { Print("{}\n", records::Dump(ToJson(row))); }
-void PrintPrettyJson(const RecordRow& row) { Print("{}\n", records::Dump(ToJson(row), 2)); }
-
-void PrintCsv(const RecordRow& row) {
-  std::string quoted;
-  for (const char c : records::Dump(records::FieldsOf(row.fields, row.raw)))
-    quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-  Print("{},{},{},{},{},{},{},\"{}\",{}\r\n", row.id, row.received_ms, row.sender.pid,
-        row.sender.uid, row.event, row.type, row.timestamp_ms, quoted, Hex(row.raw));
+Json ToJson(const QuarantineRow& row) {
+  return {{"id", row.id},          {"received", row.received_ms},
+          {"pid", row.sender.pid}, {"uid", row.sender.uid},
+          {"kind", row.kind},      {"type", row.type ? Json(*row.type) : Json()},
+          {"size", row.size},      {"reason", row.reason},
+          {"raw", Hex(row.raw)}};
 }
 
-void PrintRaw(const RecordRow& row) { Print("{}\n", Hex(row.raw)); }
+// "2026-11-24T19:00:49.123Z"; the number itself when the calendar has no such day.
+std::string IsoTime(std::int64_t ms) {
+  const std::int64_t rest = (ms % 1000 + 1000) % 1000;
+  const std::time_t seconds = static_cast<std::time_t>((ms - rest) / 1000);
+  std::tm utc{};
+  std::array<char, 64> text{};
+  if (!gmtime_r(&seconds, &utc)) return std::to_string(ms);
+  const std::size_t size = std::strftime(text.data(), text.size(), "%FT%T", &utc);
+  return fmt::format("{}.{:03}Z", std::string_view(text.data(), size), rest);
+}
 
-struct Format {
-  const char* name;
-  void (*print)(const RecordRow&);
-};
-constexpr Format kFormats[] = {{"short", PrintShort},
-                               {"json", PrintJson},
-                               {"json-pretty", PrintPrettyJson},
-                               {"csv", PrintCsv},
-                               {"raw", PrintRaw}};
+std::string Shown(const Json& value) {
+  if (value.is_null()) return {};
+  return value.is_string() ? value.get<std::string>() : records::Dump(value);
+}
+
+// The columns of the fields of `events`, each once.
+std::vector<std::string> FieldColumns(const std::vector<std::string>& events) {
+  std::vector<std::string> columns;
+  const auto add = [&columns](const std::string& name) {
+    if (name.empty() || std::find(columns.begin(), columns.end(), name) != columns.end()) return;
+    columns.push_back(name);
+  };
+  for (const std::string& event : events) {
+    const records::RecordType* type = records::FindEvent(event);
+    if (!type) continue;
+    for (const records::Slot& slot : type->slots) {
+      add(slot.name);
+      if (!slot.is_list) add(type->fields[slot.first].name_key);
+    }
+  }
+  return columns;
+}
 
 }  // namespace
 
-std::vector<std::string> RowFormats() {
-  std::vector<std::string> names;
-  for (const Format& format : kFormats) names.emplace_back(format.name);
-  return names;
+std::vector<std::string> RowFormats() { return {std::begin(kFormats), std::end(kFormats)}; }
+
+std::vector<std::string> QuarantineColumns() {
+  return {"id", "received", "pid", "uid", "kind", "type", "size", "reason", "raw"};
 }
 
-RowPrinter::RowPrinter(const std::string& format) : print_(PrintShort) {
-  for (const Format& known : kFormats) {
-    if (format == known.name) print_ = known.print;
+std::string CsvCell(const std::string& text) {
+  std::string quoted;
+  for (const char c : Printable(text)) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  const bool is_plain = quoted.find_first_of("\",\r\n") == std::string::npos;
+  return is_plain ? quoted : "\"" + quoted + "\"";
+}
+
+RowPrinter::RowPrinter(const RowLayout& layout) : layout_(layout) {
+  std::vector<std::string> known(kEnvelope.begin(), kEnvelope.end());
+  const std::vector<std::string> fields = FieldColumns(layout.events);
+  known.insert(known.end(), fields.begin(), fields.end());
+  if (layout.events.empty()) known.emplace_back("fields");
+  known.emplace_back("raw");
+  for (const std::string& column : layout.columns) {
+    if (std::find(known.begin(), known.end(), column) == known.end()) {
+      mistake_ = "there is no column " + column + " here";
+    }
   }
-  if (print_ == PrintCsv) Write("id,received,pid,uid,event,type,timestamp,fields,raw\r\n");
+  columns_ = layout.columns.empty() ? known : layout.columns;
+}
+
+void RowPrinter::PrintHead() const {
+  if (layout_.format != "csv") return;
+  std::string head;
+  for (const std::string& column : columns_) head += (head.empty() ? "" : ",") + CsvCell(column);
+  Write(head + "\r\n");
+}
+
+void RowPrinter::PrintCsv(const Json& row) const {
+  const auto fields = row.find("fields");
+  std::string line;
+  for (const std::string& column : columns_) {
+    if (&column != columns_.data()) line += ',';
+    auto value = row.find(column);
+    if (value == row.end()) {
+      if (fields == row.end()) continue;
+      value = fields->find(column);
+      if (value == fields->end()) continue;
+    }
+    const bool is_time = column == "timestamp" || column == "received";
+    line +=
+        CsvCell(layout_.iso_times && is_time ? IsoTime(value->get<std::int64_t>()) : Shown(*value));
+  }
+  Write(line + "\r\n");
+}
+
+void RowPrinter::Print(const RecordRow& row) const {
+  if (layout_.format == "raw") {
+    inspector::Print("{}\n", Hex(row.raw));
+  } else if (layout_.format == "csv") {
+    PrintCsv(ToJson(row));
+  } else if (layout_.format != "short") {
+    inspector::Print("{}\n", records::SafeJson(ToJson(row), layout_.format == "json" ? -1 : 2));
+  } else {
+    const auto read = records::Read(row.raw);
+    const std::string fields =
+        read ? records::FieldsLine(*read->type, read->type->values_of(*read->event))
+             : " " + PrintableJson(records::FieldsOf(row.fields, row.raw));
+    inspector::Print("{} {}[{}]{}\n", LocalTime(row.timestamp_ms),
+                     Coloured(Colour::kBold, Printable(row.event)), row.sender.pid, fields);
+  }
+}
+
+void RowPrinter::Print(const QuarantineRow& row) const {
+  if (layout_.format == "raw") {
+    inspector::Print("{}\n", Hex(row.raw));
+  } else if (layout_.format == "csv") {
+    PrintCsv(ToJson(row));
+  } else if (layout_.format != "short") {
+    inspector::Print("{}\n", records::SafeJson(ToJson(row), layout_.format == "json" ? -1 : 2));
+  } else {
+    inspector::Print("{} {}[{}] {} bytes: {}\n", LocalTime(row.received_ms),
+                     Coloured(Colour::kBold, Printable(row.kind)), row.sender.pid, row.size,
+                     Printable(row.reason));
+  }
 }
 
 }  // namespace velmora::usage_stat::inspector

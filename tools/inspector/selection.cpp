@@ -4,10 +4,12 @@
 
 #include <charconv>
 #include <cstdint>
+#include <memory>
+#include <set>
 
 #include "include/usage_stat.h"
 #include "tools/inspector/moment.h"
-#include "tools/records/catalogue.h"
+#include "tools/records/record.h"
 #include "tools/store/file.h"
 #include "tools/store/schema.h"
 
@@ -59,9 +61,38 @@ std::string TakeApplication(const std::string& text, std::optional<std::int64_t>
   return {};
 }
 
-std::int64_t BookOf(const std::string& text) {
-  std::int64_t id = 0;
-  return ReadNumber(text, &id) ? id : Stat_GetBookId(text.c_str());
+bool IsSame(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// The ids of the books whose title or file name is `name`, as records of new and of opened books
+// have them.
+store::Status BooksCalled(const std::string& database, const std::string& name,
+                          std::set<std::int64_t>* ids) {
+  std::unique_ptr<store::History> history;
+  store::Status status = store::History::Open(database, &history);
+  if (!status.ok()) return status;
+  store::Query query;
+  query.events = {"NewBooksEventEx", "OpenBookEvent"};
+  const auto look = [&](const records::Json& book) {
+    for (const char* column : {"title", "file_name"}) {
+      const auto text = book.find(column);
+      if (text != book.end() && IsSame(text->get<std::string>(), name)) {
+        ids->insert(book["book_id"].get<std::int64_t>());
+      }
+    }
+  };
+  return history->ForEach(query, [&](const store::RecordRow& row) {
+    const auto read = records::Read(row.raw);
+    if (!read) return true;
+    records::Json fields = records::NamedFields(*read->type, read->type->values_of(*read->event));
+    if (const auto books = fields.find("books"); books != fields.end()) {
+      for (const records::Json& book : *books) look(book);
+    } else {
+      look(fields);
+    }
+    return true;
+  });
 }
 
 }  // namespace
@@ -103,18 +134,36 @@ void AddRangeOptions(Command command, store::Query* query) {
   command.Footer(std::string("A MOMENT is one of: ") + kMomentForms);
 }
 
-void AddFilterOptions(Command command, store::Query* query) {
+void AddFilterOptions(Command command, store::Query* query, std::string* book) {
   command.RepeatedOption(
       "--event", "TYPE", "Records of this type: a name or a code; may be given again",
       [query](const std::string& text) { return TakeEvent(text, &query->events); });
   command.Option(
       "--app", "APP", "Records that name this application: an id, or a name such as explorer.app",
       [query](const std::string& text) { return TakeApplication(text, &query->application); });
-  command.Option("--book", "BOOK", "Records that name this book: an id or a path of the device",
-                 [query](const std::string& text) {
-                   query->book_id = BookOf(text);
-                   return std::string();
-                 });
+  command.Option(
+      "--book", "BOOK",
+      "Records that name this book: an id, a title, a file name, or a path of the device", book);
+}
+
+store::Status FindBook(const std::string& database, const std::string& name, store::Query* query) {
+  if (name.empty()) return {};
+  std::int64_t id = 0;
+  if (ReadNumber(name, &id)) {
+    query->book_id = id;
+    return {};
+  }
+  std::set<std::int64_t> ids;
+  if (name.find('/') == std::string::npos) {
+    if (store::Status status = BooksCalled(database, name, &ids); !status.ok()) return status;
+  }
+  if (ids.size() > 1) {
+    std::string list;
+    for (const std::int64_t each : ids) list += " " + std::to_string(each);
+    return store::Status::Failed("several books are called \"" + name + "\":" + list);
+  }
+  query->book_id = ids.empty() ? Stat_GetBookId(name.c_str()) : *ids.begin();
+  return {};
 }
 
 }  // namespace velmora::usage_stat::inspector

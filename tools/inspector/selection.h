@@ -27,7 +27,13 @@ void AddCountOption(Command command, std::optional<std::int64_t>* count,
 void AddRangeOptions(Command command, store::Query* query);
 
 // Adds --event, --app and --book, checked, and narrows `query` by them.
-void AddFilterOptions(Command command, store::Query* query);
+// `book` holds the book as it was called; FindBook tells which it is.
+void AddFilterOptions(Command command, store::Query* query, std::string* book);
+
+// Narrows `query` to the book called `name`, if that isn't empty: by its id, a path of the device,
+// or a title or file name that the records of `database` have. Fails when several books are called
+// so.
+store::Status FindBook(const std::string& database, const std::string& name, store::Query* query);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -46,7 +46,8 @@ void List(bool as_json) {
                             {"expected", parameter.expected},
                             {"may_be_null", parameter.may_be_null}});
     }
-    json.push_back({{"function", function.name}, {"parameters", parameters}});
+    json.push_back(
+        {{"function", function.name}, {"record", function.event}, {"parameters", parameters}});
   }
   if (as_json) Print("{}\n", records::Dump(json, 2));
 }

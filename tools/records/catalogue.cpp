@@ -195,10 +195,13 @@ bool TraceSection(NewBookRecords, std::istream& in, const std::string& name, New
   return true;
 }
 
-bool TraceSection(KeyListCount, std::istream& in, const std::string& name, KeyboardSettingsEvent*,
-                  FieldSink* sink) {
-  std::int16_t count = 0;
-  return TraceValue(Int16{}, in, name, &count, sink);
+bool TraceSection(KeyListCount, std::istream& in, const std::string& name,
+                  KeyboardSettingsEvent* event, FieldSink* sink) {
+  // Whatever stands there, the record has this many; so does the class.
+  sink->Begin(name, KeyListCount::kPrimitive, KeyListCount::kLeastSize);
+  if (KeyListCount::Read(in, event) != 0) return false;
+  sink->End(KeyListCount::kCount);
+  return true;
 }
 
 template <std::int16_t kSet>
@@ -266,11 +269,33 @@ std::string NameKey(Kind kind, std::string column) {
   return column + "_name";
 }
 
+template <class Codec>
+inline constexpr std::string_view kForm = "number";
+template <>
+inline constexpr std::string_view kForm<FlagChar> = "flag";
+template <>
+inline constexpr std::string_view kForm<ExactlyOneInt16> = "flag_if_one";
+template <>
+inline constexpr std::string_view kForm<KeyKindByte> = "borrowing";
+template <>
+inline constexpr std::string_view kForm<KeyListCount> = "constant";
+template <>
+inline constexpr std::string_view kForm<String> = "text";
+template <>
+inline constexpr std::string_view kForm<Language> = "text";
+template <>
+inline constexpr std::string_view kForm<TwoChars> = "text";
+template <>
+inline constexpr std::string_view kForm<StringVec> = "texts";
+template <>
+inline constexpr std::string_view kForm<DeviceId> = "hexadecimal";
+
+template <class Codec>
 void AddValue(const std::string& prefix, const std::string& column, std::string_view member,
-              std::string_view primitive, const Meaning& meaning, bool is_structure,
-              std::vector<FieldType>* fields) {
-  fields->push_back({prefix + column, column, member, primitive, meaning.kind, meaning.sensitivity,
-                     meaning.text, is_structure, NameKey(meaning.kind, column)});
+              const Meaning& meaning, bool is_structure, std::vector<FieldType>* fields) {
+  fields->push_back({prefix + column, column, member, Codec::kPrimitive, kForm<Codec>, meaning.kind,
+                     meaning.sensitivity, meaning.text, is_structure,
+                     NameKey(meaning.kind, column)});
 }
 
 template <class Owner>
@@ -291,7 +316,7 @@ void AddSection(NewBookRecords, const std::string& name, const Meaning& meaning,
 }
 void AddSection(KeyListCount, const std::string& name, const Meaning& meaning, RecordType* type) {
   type->slots.push_back({name, meaning.text, false, type->fields.size(), 1});
-  AddValue("", name, name, KeyListCount::kPrimitive, meaning, true, &type->fields);
+  AddValue<KeyListCount>("", name, name, meaning, true, &type->fields);
 }
 template <std::int16_t kSet>
 void AddSection(KeyList<kSet>, const std::string& name, const Meaning& meaning, RecordType* type) {
@@ -299,9 +324,10 @@ void AddSection(KeyList<kSet>, const std::string& name, const Meaning& meaning, 
                             "number of the list; any other makes the record invalid"};
   constexpr Meaning kCount{Kind::kRowCount, Sensitivity::kTechnical,
                            "assignments that follow; none when it is below 1"};
-  AddValue(name + ".", "type", "type", Int16::kPrimitive, kNumber, true, &type->fields);
-  AddValue(name + ".", "count", "count", Int16::kPrimitive, kCount, true, &type->fields);
+  AddValue<Int16>(name + ".", "type", "type", kNumber, true, &type->fields);
+  AddValue<Int16>(name + ".", "count", "count", kCount, true, &type->fields);
   AddList<KeyAssignment>(name, meaning, type);
+  type->slots.back().number = kSet;
 }
 template <class EventClass>
 void AddSection(WrappedPayload<EventClass>, const std::string&, const Meaning&, RecordType* type) {
@@ -314,8 +340,8 @@ void AddField(const std::string& prefix, RecordType* type) {
   using Codec = typename std::remove_cvref_t<decltype(kField)>::Codec;
   if constexpr (requires { kField.member; }) {
     type->slots.push_back({kField.name, kField.meaning.text, false, type->fields.size(), 1});
-    AddValue(prefix, kField.name, MemberName<kField.member>(), Codec::kPrimitive, kField.meaning,
-             kField.meaning.kind == Kind::kRowCount, &type->fields);
+    AddValue<Codec>(prefix, kField.name, MemberName<kField.member>(), kField.meaning,
+                    kField.meaning.kind == Kind::kRowCount, &type->fields);
   } else {
     AddSection(Codec{}, prefix + kField.name, kField.meaning, type);
   }

@@ -26,6 +26,9 @@ struct FieldType {
   std::string column;          // the last part of the name: "title"
   std::string_view member;     // what it was called before names were agreed on: "a", "s1"
   std::string_view primitive;  // such as "Int32"
+  // What it becomes: "number", "flag" (true unless 0), "flag_if_one", "borrowing" (a key's kind),
+  // "constant" (the number of key lists), "text", "texts", "hexadecimal".
+  std::string_view form;
   Kind kind;
   Sensitivity sensitivity;
   std::string_view meaning;
@@ -41,6 +44,7 @@ struct Slot {
   bool is_list;
   std::size_t first;  // its field, or the first column of its rows, in RecordType::fields
   std::size_t size;   // 1, or how many columns the rows have
+  std::optional<int> number = {};  // of a list that begins with its number and its count
 };
 
 // Receives the fields of a record as they are read.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <istream>
+#include <map>
 #include <memory>
 #include <streambuf>
 
@@ -191,6 +192,90 @@ std::optional<ReadEvent> ReadShorter(std::string_view datagram) {
   return ReadEvent{type, std::move(event)};
 }
 
+// ---- Looking for a value ----
+
+constexpr std::size_t kEnvelope = 2 + 8;
+
+// Looks at every value, and changes none.
+class Finder : public FieldEditor {
+ public:
+  Finder(const RecordType& type, Kind kind, std::int64_t value)
+      : type_(type), kind_(kind), value_(value) {}
+
+  std::int64_t Number(std::size_t field, std::int64_t value) override {
+    is_found_ = is_found_ || (value == value_ && type_.fields[field].kind == kind_);
+    return value;
+  }
+  void Text(std::size_t, std::string*) override {}
+  void Texts(std::size_t, std::vector<std::string>*) override {}
+
+  bool is_found() const { return is_found_; }
+
+ private:
+  const RecordType& type_;
+  Kind kind_;
+  std::int64_t value_;
+  bool is_found_ = false;
+};
+
+// How many bytes a value takes; nothing for those whose size varies, and for numbers in lists.
+std::optional<std::size_t> FixedSize(const FieldType& field) {
+  if (field.is_structure || field.name.find('[') != std::string::npos) return std::nullopt;
+  if (field.primitive == "Int32") return 4;
+  if (field.primitive.ends_with("Int16") || field.primitive == "Language") return 2;
+  if (field.primitive == "Char" || field.primitive == "UChar") return 1;
+  return std::nullopt;
+}
+
+// Where the values of a kind stand in the records of one code.
+struct Places {
+  bool is_anywhere = false;             // some place depends on what stands before it
+  std::vector<std::size_t> of_32_bits;  // offsets
+};
+
+Places PlacesOf(int code, Kind kind) {
+  Places places;
+  for (const RecordType& type : Catalogue()) {
+    if (type.code != code) continue;
+    std::optional<std::size_t> offset = kEnvelope;
+    for (const FieldType& field : type.fields) {
+      if (field.kind == kind) {
+        const bool is_known = offset && field.primitive == "Int32";
+        if (is_known) places.of_32_bits.push_back(*offset);
+        places.is_anywhere = places.is_anywhere || !is_known;
+      }
+      const auto size = FixedSize(field);
+      offset = offset && size ? std::optional(*offset + *size) : std::nullopt;
+    }
+  }
+  return places;
+}
+
+// False when no record of this code could have the value, as far as the bytes tell at once.
+bool MayName(std::string_view datagram, Kind kind, std::int64_t value) {
+  static const auto all = [] {
+    std::map<std::pair<int, Kind>, Places> made;
+    for (const RecordType& type : Catalogue()) {
+      for (const Kind each : {Kind::kBookId, Kind::kApplication}) {
+        made[{type.code, each}] = PlacesOf(type.code, each);
+      }
+    }
+    return made;
+  }();
+  const auto byte = [datagram](std::size_t i) {
+    return std::uint32_t{static_cast<std::uint8_t>(datagram[i])};
+  };
+  const auto found = all.find({static_cast<std::int16_t>(byte(0) | byte(1) << 8), kind});
+  if (found == all.end()) return false;
+  if (found->second.is_anywhere) return true;
+  return std::ranges::any_of(found->second.of_32_bits, [&](std::size_t at) {
+    if (datagram.size() < at + 4) return false;
+    const std::uint32_t bits =
+        byte(at) | byte(at + 1) << 8 | byte(at + 2) << 16 | byte(at + 3) << 24;
+    return static_cast<std::int32_t>(bits) == value;
+  });
+}
+
 }  // namespace
 
 std::optional<ReadEvent> Read(std::string_view datagram) {
@@ -200,6 +285,15 @@ std::optional<ReadEvent> Read(std::string_view datagram) {
   if (!event || in.position() != datagram.size()) return std::nullopt;
   const RecordType* type = FindType(event->type_);
   return ReadEvent{type, std::move(event)};
+}
+
+bool Names(std::string_view datagram, Kind kind, std::int64_t value) {
+  if (datagram.size() < kEnvelope || !MayName(datagram, kind, value)) return false;
+  const auto read = Read(datagram);
+  if (!read) return false;
+  Finder finder(*read->type, kind, value);
+  read->type->edit(read->event.get(), &finder);
+  return finder.is_found();
 }
 
 std::variant<Record, Damage> Decode(std::string_view datagram) {

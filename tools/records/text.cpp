@@ -41,6 +41,23 @@ std::string Printable(std::string_view text) {
 
 std::string PrintableJson(const Json& json) { return Printable(Dump(json)); }
 
+std::string SafeJson(const Json& json, int indent) {
+  // What is left to escape after Dump() stands in strings, where JSON has an escape for it.
+  const std::string dumped = Dump(json, indent);
+  std::string safe;
+  for (std::string_view rest = dumped; !rest.empty();) {
+    const base::Character first = base::FirstCharacter(rest);
+    const std::size_t size = std::max<std::size_t>(1, first.size);
+    if (first.code >= 0x7F && IsObeyed(first.code)) {
+      safe += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(first.code));
+    } else {
+      safe += rest.substr(0, size);
+    }
+    rest.remove_prefix(size);
+  }
+  return safe;
+}
+
 std::string FieldsLine(const RecordType& type, const Json& values) {
   std::string line;
   std::string_view name_key;  // of the value before

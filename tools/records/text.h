@@ -18,6 +18,10 @@ std::string Printable(std::string_view text);
 // `json` on one line, printable.
 std::string PrintableJson(const Json& json);
 
+// `json` as JSON in which no character can be obeyed by a terminal; one line unless `indent` is
+// given.
+std::string SafeJson(const Json& json, int indent = -1);
+
 // The values of a record on one line, each after a blank, with the names of those that have one:
 // " book_id=5 library_mode=1(authors)". Printable.
 std::string FieldsLine(const RecordType& type, const Json& values);

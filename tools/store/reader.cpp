@@ -57,20 +57,9 @@ class Filter {
 
 // Whether what can't be asked for in SQL matches: the meaning of fields is not in the database.
 bool MatchesFields(const Query& query, const RecordRow& row) {
-  if (!query.application && !query.book_id) return true;
-  const records::Json fields = records::FieldsOf(row.fields, row.raw);
-  const auto holds = [](const records::Json& object, const char* name, std::int64_t number) {
-    const auto field = object.find(name);
-    return field != object.end() && field->is_number_integer() &&
-           field->get<std::int64_t>() == number;
-  };
-  if (query.application && !holds(fields, "application", *query.application)) return false;
-  if (!query.book_id || holds(fields, "book_id", *query.book_id)) return true;
-  const auto books = fields.find("books");
-  return books != fields.end() && books->is_array() &&
-         std::ranges::any_of(*books, [&](const records::Json& book) {
-           return book.is_object() && holds(book, "book_id", *query.book_id);
-         });
+  return (!query.application ||
+          records::Names(row.raw, usage_stat::Kind::kApplication, *query.application)) &&
+         (!query.book_id || records::Names(row.raw, usage_stat::Kind::kBookId, *query.book_id));
 }
 
 RecordRow RecordOf(const Statement& row) {
