@@ -17,7 +17,6 @@
 #include "tests/tools/store_fixture.h"
 #include "tools/report/figures.h"
 #include "tools/report/html.h"
-#include "tools/report/names.h"
 #include "tools/report/page.h"
 #include "tools/report/record_counter.h"
 #include "tools/report/summary.h"
@@ -139,6 +138,7 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   KeepLaunch(kBegin, 28);
   KeepLaunch(kBegin, 33);
   KeepLaunch(kBegin, 28);
+  KeepLaunch(kBegin, 99);
   KeepOutsideLaunch(kBegin, "/mnt/ext1/clock.app");
   KeepView(kBegin + 9, STAT_LIBRARY_VIEW_COVERS);
   KeepView(kBegin + 8, STAT_LIBRARY_VIEW_LIST);
@@ -160,14 +160,14 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   EXPECT_EQ(summary.books[0].title, "One");
   EXPECT_EQ(summary.books[0].reading, (Reading{4 * kMinute, 1, 1}));
   EXPECT_EQ(summary.books[1].file_name, "two.pdf");
-  ASSERT_THAT(summary.applications, SizeIs(3));
+  ASSERT_THAT(summary.applications, SizeIs(4));
   EXPECT_THAT(summary.applications[0].name, HasSubstr("camera.app"));
   EXPECT_EQ(summary.applications[0].count, 2);
   ASSERT_THAT(summary.settings, SizeIs(1));
   const auto& settings = summary.settings[0].settings;  // fields without a name are left out
   EXPECT_THAT(settings, testing::Contains(testing::Field(&Setting::latest, "covers")));
   EXPECT_THAT(settings, testing::Each(testing::Field(&Setting::field, Not("a"))));
-  EXPECT_EQ(summary.launches_by_day, (std::map<Day, std::int64_t>{{20000, 4}}));
+  EXPECT_EQ(summary.launches_by_day, (std::map<Day, std::int64_t>{{20000, 5}}));
   EXPECT_EQ(summary.books[0].lookups, 1);
   EXPECT_THAT(summary.words, SizeIs(0));
   ASSERT_THAT(summary.undecodable, SizeIs(1));
@@ -175,8 +175,9 @@ TEST_F(ReportTest, SumsUpTheRangeAndNamesTheBooks) {
   EXPECT_EQ(summary.errors, 1);  // refused today, long after the range
 
   const std::string page = RenderPage(summary);
-  for (const char* text : {"<bdi>One</bdi>", "<bdi>two.pdf</bdi>", "<bdi>Book -3</bdi>",
-                           "<bdi>clock.app</bdi>", "<bdi>covers</bdi>", "of tellhaus"}) {
+  for (const char* text :
+       {"<bdi>One</bdi>", "<bdi>two.pdf</bdi>", "<bdi>Book -3</bdi>", "<bdi>clock.app</bdi>",
+        "<bdi>application 99</bdi>", "<bdi>covers</bdi>", "of tellhaus"}) {
     EXPECT_THAT(page, HasSubstr(text));
   }
   EXPECT_THAT(page, Not(HasSubstr("tarn")));  // words are told by request alone
@@ -334,7 +335,6 @@ TEST(ReportPage, WritesNumbersForPeople) {
   EXPECT_EQ(FormatDuration(59499), "59 s");
   EXPECT_EQ(FormatDuration(3599999), "1 h 00 min");
   EXPECT_EQ(FormatDuration(std::int64_t{1234} * 3600000 + 65000), "1,234 h 01 min");
-  EXPECT_EQ(ApplicationName(99), "application 99");
 }
 
 }  // namespace

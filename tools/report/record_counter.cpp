@@ -12,7 +12,6 @@
 #include "src/stat_event/fields.h"
 #include "tools/records/record.h"
 #include "tools/report/calendar.h"
-#include "tools/report/names.h"
 
 namespace velmora::usage_stat::report {
 
@@ -50,6 +49,11 @@ bool TellsSettings(int type) {
                                  EventFactory::kMediaExplorer3Settings,
                                  EventFactory::kSetFontParamsEx};
   return std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
+}
+
+std::string ApplicationName(std::int64_t id) {
+  std::string name = records::ValueName(Kind::kApplication, id);
+  return name.empty() ? "application " + std::to_string(id) : name;
 }
 
 std::string SettingText(Kind kind, const Json& value) {
