@@ -34,6 +34,19 @@ if(USAGE_STAT_OLD_STRING_ABI)
   add_compile_definitions(_GLIBCXX_USE_CXX11_ABI=0)
 endif()
 
+# What Debian builds its packages with, so that what is tested is what is shipped. A sanitizer looks
+# at the same mistakes more closely, and a debug build has the code as written.
+if(NOT USAGE_STAT_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  add_compile_options(-fstack-protector-strong -Wformat -Werror=format-security
+                      -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|i.86")
+    add_compile_options(-fcf-protection)
+  endif()
+  add_link_options(LINKER:-z,relro,-z,now)
+  include(CheckPIESupported)
+  check_pie_supported()
+endif()
+
 # Timestamps must outlive 2038 on 32-bit targets too. (The library sees to that by itself.)
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
