@@ -5,7 +5,7 @@ BUILD := build/$(PRESET)
 
 .PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
         test-package abi-check abi-update test-browser demo records reference bench bench-smoke \
-        bench-build bench-fleet contract fuzz fuzz-long fuzz-build faults mutate soak clean
+        bench-build bench-fleet fleet-demo fleet-faults contract fuzz fuzz-long fuzz-build faults mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -149,6 +149,16 @@ faults: all
 mutate:
 	scripts/setup build
 	scripts/mutate
+
+# Three devices, a broker and a database.
+fleet-demo: all
+	scripts/setup fleet
+	scripts/fleet-demo $(BUILD)
+
+# A fleet of which everything is killed at random; three minutes.
+fleet-faults: all
+	scripts/setup fleet
+	scripts/fleet-faults $(BUILD)
 
 clean:
 	rm -rf build

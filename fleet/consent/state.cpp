@@ -84,6 +84,14 @@ Status State::Open(const std::string& path, Mode mode, std::unique_ptr<State>* s
         open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
     if (!file.is_open()) return Status::Errno("cannot create " + path);
   }
+  // A process that was killed while it wrote left a journal of what has to be taken back first,
+  // which a reader can't do.
+  if (mode == Mode::kRead && access((path + "-journal").c_str(), F_OK) == 0) {
+    store::Connection writer;
+    std::int64_t tables = 0;
+    RETURN_IF_ERROR(store::Connection::Open(path, store::Connection::Mode::kWrite, &writer));
+    RETURN_IF_ERROR(writer.Read("SELECT count(*) FROM sqlite_schema", &tables));
+  }
   RETURN_IF_ERROR(store::Connection::Open(
       path, mode == Mode::kRead ? store::Connection::Mode::kRead : store::Connection::Mode::kWrite,
       &opened.connection_));

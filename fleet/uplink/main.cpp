@@ -7,6 +7,7 @@
 
 #include "fleet/consent/commands.h"
 #include "fleet/uplink/preview.h"
+#include "fleet/uplink/visit.h"
 #include "tools/command_line/command_line.h"
 
 namespace velmora::usage_stat {
@@ -17,12 +18,15 @@ int Run(int argc, char** argv) {
   // The library's log lines repeat what the subcommands report in their own words.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
 
-  CommandLine line("usage-stat-uplink", "Decides what may leave this device, and shows it.",
+  CommandLine line("usage-stat-uplink",
+                   "Decides what may leave this device, shows it, and sends it.",
                    USAGE_STAT_VERSION);
   line.main().Footer("Exit codes: 0 done, 1 failed, 2 called wrongly. See usage-stat-uplink(8).");
   consent::AddConsent(&line);
   consent::AddStatus(&line);
   uplink::AddPreview(&line);
+  uplink::AddSend(&line);
+  uplink::AddDoctor(&line);
   consent::AddForget(&line);
   consent::AddPolicy(&line);
   return line.Run(argc, argv);

@@ -17,6 +17,7 @@
 #include "fleet/consent/device.h"
 #include "fleet/consent/policy.h"
 #include "fleet/consent/state.h"
+#include "fleet/uplink/outbox.h"
 #include "fleet/uplink/outgoing.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
@@ -109,33 +110,6 @@ Json Compare(const fleet::Batch& batch, const fleet::BatchRecord& record, std::s
 
 // ---- The batch ----
 
-// How far the fleet has confirmed a store; where it begins when nothing was ever sent.
-Status ReadCursor(consent::State* state, const StoreRange& store, std::uint64_t* after) {
-  *after = store.first - 1;
-  std::int64_t has_table = 0;
-  RETURN_IF_ERROR(state->connection()->Read(
-      "SELECT count(*) FROM sqlite_schema WHERE name = 'uplink_stores'", &has_table));
-  if (has_table == 0) return {};
-  store::Statement select;
-  RETURN_IF_ERROR(
-      state->connection()->Prepare("SELECT cursor FROM uplink_stores WHERE store_id = ?", &select));
-  select.BindBlob(1, {reinterpret_cast<const char*>(store.id.data()), store.id.size()});
-  if (select.Step()) *after = std::max(*after, static_cast<std::uint64_t>(select.Int(0)));
-  return select.status();
-}
-
-// The next batch, as the uplink would make it now.
-Status MakeNext(consent::State* state, Outgoing* outgoing, fleet::Batch* batch) {
-  for (const StoreRange& store : outgoing->stores()) {
-    std::uint64_t after = 0;
-    RETURN_IF_ERROR(ReadCursor(state, store, &after));
-    if (after >= store.last) continue;
-    return outgoing->Fill(store, after, {}, base::NowMs(), batch);
-  }
-  *batch = {};
-  return {};
-}
-
 constexpr std::array<std::string_view, 6> kReasons{
     "", "deleted by age or size", "erased", "unreadable", "withheld", "never used"};
 
@@ -220,15 +194,14 @@ Status Show(const Options& options) {
   RETURN_IF_ERROR(consent::Policy::Load(options.policy, &shipped));
   std::unique_ptr<Outgoing> outgoing;
   RETURN_IF_ERROR(Outgoing::Open(options.database, state.get(), shipped, &outgoing));
-  fleet::Batch batch;
-  std::string message;
-  RETURN_IF_ERROR(MakeNext(state.get(), outgoing.get(), &batch));
-  if (batch.is_question()) {
+  std::unique_ptr<Outbox> outbox;
+  Prepared prepared;
+  RETURN_IF_ERROR(Outbox::Open(state.get(), outgoing.get(), /*can_write=*/true, &outbox));
+  RETURN_IF_ERROR(outbox->Prepare({}, base::NowMs(), &prepared));
+  const std::string& message = prepared.message;
+  if (message.empty()) {
     (void)std::fputs("nothing waits\n", stderr);
     return {};
-  }
-  if (const std::string problem = fleet::Encode(batch, &message); !problem.empty()) {
-    return Status::Failed(problem);
   }
   // Shown is what the bytes say, not what they were made from.
   const fleet::Decoded decoded = fleet::Decode(message);

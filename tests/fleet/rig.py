@@ -7,6 +7,7 @@ import queue
 import shutil
 import signal
 import socket
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -115,7 +116,7 @@ class Postgres:
                                "-d", self.conninfo(database), "-c", sql],
                               capture_output=True, text=True)
         assert not check or done.returncode == 0, done.stderr
-        return done.stdout.strip()
+        return done.stdout.rstrip("\n")
 
     def create(self, database):
         self.psql(f"CREATE DATABASE {database}", database="postgres")
@@ -152,6 +153,63 @@ class Mosquitto:
     def forget_everything(self):
         for file in self.state.iterdir():
             file.unlink()
+
+
+class Authority:
+    """Who signs certificates."""
+
+    def __init__(self, folder, name="ca"):
+        self.folder, self.name = pathlib.Path(folder), name
+        self.openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                     "-keyout", self.folder / f"{name}.key", "-out", self.certificate, "-subj",
+                     f"/CN={name}", "-days", "30")
+
+    @property
+    def certificate(self):
+        return self.folder / f"{self.name}.pem"
+
+    @staticmethod
+    def openssl(*words):
+        subprocess.run(["openssl", *words], check=True, capture_output=True)
+
+    def sign(self, common_name, days=30):
+        """Certificate and key of a name."""
+        path = self.folder / f"{self.name}.{common_name}"
+        key, request, certificate = (path.with_name(path.name + end)
+                                     for end in (".key", ".csr", ".pem"))
+        self.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                     "-keyout", key, "-out", request, "-subj", f"/CN={common_name}")
+        extensions = self.folder / "extensions"
+        extensions.write_text("subjectAltName=IP:127.0.0.1\n")
+        self.openssl("x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey",
+                     self.folder / f"{self.name}.key", "-CAcreateserial", "-out", certificate,
+                     "-days", str(days), "-extfile", extensions)
+        return certificate, key
+
+
+class SecureMosquitto(Mosquitto):
+    """As operators run it, with the very files that are shipped."""
+
+    def __init__(self, folder):
+        self.port = free_port()
+        self.authority = Authority(folder)
+        certificate, key = self.authority.sign("broker")
+        shipped = SOURCE / "packaging/mosquitto"
+        text = (shipped / "usage-stat.conf").read_text()
+        for ours, theirs in (("8883", f"{self.port} 127.0.0.1"),
+                             ("/etc/mosquitto/usage-stat/ca.pem", self.authority.certificate),
+                             ("/etc/mosquitto/usage-stat/broker.pem", certificate),
+                             ("/etc/mosquitto/usage-stat/broker.key", key),
+                             ("/etc/mosquitto/usage-stat", shipped)):
+            text = text.replace(ours, str(theirs))
+        config = pathlib.Path(folder) / "mosquitto.conf"
+        config.write_text(("user root\n" if os.geteuid() == 0 else "") + text)
+        self.server = Process(folder, "mosquitto", ["mosquitto", "-c", config])
+        self.start()
+
+    def credentials(self, name):
+        certificate, key = self.authority.sign(name)
+        return {"ca": self.authority.certificate, "certificate": certificate, "key": key}
 
 
 class Nats:
@@ -197,12 +255,12 @@ class Wire:
         for line in self.listener.stdout:
             self.lines.put(line)
 
-    def send(self, name, message, retain=False):
+    def send(self, name, message, retain=False, topic="up"):
         with tempfile.NamedTemporaryFile() as file:
             file.write(message)
             file.flush()
             subprocess.run(["mosquitto_pub", "-p", str(self.rig.broker.port), "-q", "1", "-t",
-                            f"usage/1/{name}/up", "-f", file.name] + ["-r"] * retain, check=True)
+                            f"usage/1/{name}/{topic}", "-f", file.name] + ["-r"] * retain, check=True)
 
     def receipt(self):
         """The next receipt: name, batch, answer, store, cursor."""
@@ -223,6 +281,63 @@ class Wire:
     def close(self):
         self.listener.kill()
         self.listener.wait()
+
+
+class Capture:
+    """What one device sends, as the broker gives it to whoever asks."""
+
+    def __init__(self, rig, name, topic="up"):
+        self.messages = []
+        self.process = subprocess.Popen(
+            ["stdbuf", "-oL", "mosquitto_sub", "-p", str(rig.broker.port), "-q", "1", "-d", "-t",
+             f"usage/1/{name}/{topic}", "-F", "=%x"], stdout=subprocess.PIPE, text=True)
+        self.ready = threading.Event()
+        threading.Thread(target=self.listen, daemon=True).start()
+        assert self.ready.wait(PATIENCE)
+
+    def listen(self):
+        for line in self.process.stdout:
+            if "received SUBACK" in line:
+                self.ready.set()
+            if line.startswith("="):
+                self.take(bytes.fromhex(line[1:]))
+
+    def take(self, message):
+        self.messages.append(message)
+
+    def until(self, condition):
+        wait_until(lambda: condition(self.messages), "messages")
+        return self.messages
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *error):
+        self.process.kill()
+        self.process.wait()
+
+
+class Answers(Capture):
+    """A fleet that answers questions with `first` and all else with `answer`."""
+
+    def __init__(self, rig, name, answer, first):
+        self.rig, self.name, self.answers = rig, name, [first, answer]
+        super().__init__(rig, name)
+
+    def take(self, message):
+        super().take(message)
+        answer = self.answers[min(len(self.messages), len(self.answers)) - 1]
+        # Who can't read a batch answers without its ids; the question's own are in the notes.
+        batch, store = bytes(16), bytes(16)
+        if answer == 1:
+            content = subprocess.run(["zstd", "-dc"], input=message[4:], capture_output=True).stdout
+            batch, store = content[:16], content[16:32]
+        receipt = b"USR\1" + batch + bytes([answer]) + store + b"\0"
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(receipt)
+            file.flush()
+            subprocess.run(["mosquitto_pub", "-p", str(self.rig.broker.port), "-q", "1", "-t",
+                            f"usage/1/{self.name}/down", "-f", file.name], check=True)
 
 
 class Rig:
@@ -272,6 +387,9 @@ class Rig:
                    self.postgres.conninfo("fleet"), "--host", "127.0.0.1", "--port",
                    self.broker.port, "--tombstones", self.tombstones, "--client-id",
                    f"ingester{number}"]
+        if isinstance(self.broker, SecureMosquitto):
+            for key, file in self.broker.credentials("usage-stat-fleet").items():
+                command += [f"--{key}", file]
         process = Process(self.folder, f"ingester{number}",
                           command + (["--group", group] if group else []))
         self.processes.append(process)
@@ -281,3 +399,107 @@ class Rig:
 
     def sql(self, text):
         return self.postgres.psql(text)
+
+    def sample(self, days=30, seed=1):
+        """A database of a reader who does not exist."""
+        file = self.folder / f"sample{seed}-{days}.db"
+        if not file.exists():
+            subprocess.run([self.build / "tools/sample/usage-stat-sample", file, "--days", str(days),
+                            "--seed", str(seed)], check=True)
+        return file
+
+
+class Device:
+    """A collector, an uplink and their files."""
+
+    POLICY = SOURCE / "fleet/consent/policy.json"
+
+    def __init__(self, rig, number, level="full", **settings):
+        self.rig, self.number = rig, number
+        self.folder = rig.folder / f"device{number}"
+        self.state = self.folder / "state"
+        self.state.mkdir(parents=True)
+        self.database = self.folder / "records.db"
+        self.endpoint = f"fleet.{os.getpid()}.{number}"
+        # No answer is worth waiting for longer than a killed ingester takes to come back.
+        settings = {"host": "127.0.0.1", "port": rig.broker.port, "receipt_wait_s": 5, **settings}
+        self.config = self.folder / "uplink.conf"
+        self.settings = settings
+        self.configure()
+        self.collector = Process(self.folder, "collector", [
+            rig.build / "tools/collector/usage-stat-collector", "--endpoint", self.endpoint,
+            "--database", self.database, "--allow-any"])
+        rig.processes.append(self.collector)
+        self.collect()
+        if level:
+            self.uplink("consent", level)
+
+    def configure(self, **settings):
+        self.settings.update(settings)
+        self.config.write_text("".join(f"{key} = {value}\n" for key, value in self.settings.items()))
+
+    def collect(self):
+        self.collector.start()
+        wait_until(self.database.exists, "the collector")
+
+    def command(self, *words, program=None):
+        command = [program or self.rig.build / "fleet/uplink/usage-stat-uplink", *words, "--state",
+                   self.state, "--database", self.database, "--policy", self.POLICY]
+        return [str(word) for word in command]
+
+    def uplink(self, *words, check=True, program="usage-stat-uplink"):
+        done = subprocess.run(self.command(*words, program=self.rig.build / "fleet/uplink" / program),
+                              capture_output=True)
+        assert not check or done.returncode == 0, (words, done.stdout + done.stderr)
+        return done
+
+    def send(self, *words, check=True):
+        return self.uplink("send", "--now", "--config", self.config, *words, check=check)
+
+    @property
+    def name(self):
+        return self.note("SELECT lower(hex(name)) FROM identity")
+
+    def feed(self, source, limit=-1):
+        """Has the device's applications send what `source` holds, and waits until it is stored."""
+        wanted = self.count() + self.send_datagrams(source, limit)
+        wait_until(lambda: self.count() >= wanted, "the collector")
+
+    def send_datagrams(self, source, limit=-1):
+        """The same without waiting. Returns how many were taken."""
+        sent = 0
+        with contextlib.closing(sqlite3.connect(source)) as connection, socket.socket(
+                socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            for raw, in connection.execute("SELECT raw FROM records LIMIT ?", [limit]):
+                try:
+                    sender.sendto(raw, b"\0" + self.endpoint.encode() + b"\0")
+                    sent += 1
+                except OSError:  # nobody listens just now
+                    time.sleep(0.01)
+        return sent
+
+    def count(self):
+        return int(self.query("SELECT coalesce(max(id), 0) FROM records"))
+
+    def query(self, sql, file=None):
+        with contextlib.closing(sqlite3.connect(file or self.database, timeout=10)) as connection:
+            rows = connection.execute(sql).fetchall()
+            connection.commit()
+        return rows[0][0] if rows else None
+
+    def note(self, sql):
+        return self.query(sql, self.state / "uplink.db")
+
+    def expected(self):
+        """What the fleet must hold of this device: (store, number, payload), without the uplink."""
+        done = subprocess.run(self.command(program=self.rig.build / "tests/fleet/fleet_expected"),
+                              check=True, capture_output=True, text=True)
+        return sorted(done.stdout.split("\n"))[1:]
+
+    def held(self):
+        """What it does hold."""
+        rows = self.rig.sql(
+            "SELECT encode(store_id, 'hex') || ' ' || number || ' ' || encode(payload, 'hex') "
+            "FROM records r JOIN stores s ON s.id = r.store JOIN devices d ON d.id = r.device "
+            f"WHERE d.name = '{self.name}'")
+        return sorted(rows.split("\n")) if rows else []
