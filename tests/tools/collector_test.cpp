@@ -9,12 +9,14 @@
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <optional>
 #include <random>
 
 #include "collector_process.h"
 #include "src/events/device_events.h"
 #include "src/events/new_books_events.h"
+#include "tests/support/device_root.h"
 #include "tests/support/sample_records.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
@@ -92,10 +94,12 @@ class CollectorTest : public testing::Test {
   }
 
   // The numbers of the page turns of one sender, in the order in which they were received.
+  // With store::History those in archives too.
+  template <class Source = store::Reader>
   std::vector<int> PageTurns(int sender) const {
     std::vector<int> numbers;
-    std::unique_ptr<store::Reader> reader;
-    EXPECT_TRUE(store::Reader::Open(database_, &reader).ok());
+    std::unique_ptr<Source> reader;
+    EXPECT_TRUE(Source::Open(database_, &reader).ok());
     const store::Query query = {.events = {"ChangePageEvent"}};
     EXPECT_TRUE(reader
                     ->ForEach(query,
@@ -509,6 +513,88 @@ TEST_F(CollectorTest, RotatesWhenAskedTo) {
       1);
   ExpectBalance();
   EXPECT_EQ(CountWithArchives("ChangePageEvent"), 2);
+}
+
+// ---- The device's switch ----
+
+TEST_F(CollectorTest, NothingIsKeptWhileStatisticsAreSwitchedOffAndTheSumsAddUp) {
+  const DeviceRoot root;
+  Start();
+  std::vector<Sender> load;
+  for (int i = 0; i < 2; ++i) load.emplace_back(collector_->endpoint(), i, 20'000);
+  constexpr int kMarker = 7;
+  int markers = 0;
+  int others = 0;
+  const auto mark = [&](int count) {
+    for (const int end = markers + count; markers < end; ++markers) {
+      SendSurely(PageTurn(kMarker, markers));
+    }
+  };
+  // The file's time is looked at again a millisecond later at the latest.
+  const auto turn = [&root](bool on) {
+    root.Write(kGlobalConfig, on ? "statistics_enabled=1\n" : "statistics_enabled=0\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  };
+  const auto send = [&](const std::string& bytes) {
+    SendSurely(bytes);
+    ++others;
+  };
+
+  // What was sent before a turn is received before it: what counts is when it is received.
+  const auto await_marks = [&](std::size_t count) {
+    ASSERT_TRUE(Eventually([&] { return PageTurns<store::History>(kMarker).size() == count; }));
+  };
+  const auto notify = [&](int count) {
+    send(Bytes(usage_stat::StatisticsSettingsChangedEvent()));
+    ASSERT_TRUE(
+        Eventually([&] { return CountWithArchives("StatisticsSettingsChangedEvent") == count; }));
+  };
+
+  mark(50);
+  await_marks(50);
+  turn(false);
+  mark(50);
+  ASSERT_TRUE(Says("statistics are switched off"));
+  send("no record");
+  send(Bytes(usage_stat::ForceRotationEvent()));
+  mark(50);
+  notify(1);
+  turn(true);
+  mark(50);
+  ASSERT_TRUE(Says("statistics are switched on again"));
+  await_marks(100);
+  // The notification tells at once.
+  root.Write(kGlobalConfig, "statistics_enabled=0\n");
+  notify(2);
+  mark(50);
+
+  int received = markers + others;
+  for (Sender& sender : load) {
+    sender.Wait();
+    received += sender.count();
+  }
+  EXPECT_EQ(collector_->End(), 0);
+  std::vector<int> kept(100);
+  std::iota(kept.begin(), kept.begin() + 50, 0);
+  std::iota(kept.begin() + 50, kept.end(), 150);
+  EXPECT_EQ(PageTurns<store::History>(kMarker), kept);
+  EXPECT_EQ(Number("SELECT count(*) FROM quarantine"), 0);
+  EXPECT_EQ(CountWithArchives("ForceRotationEvent"), 1);
+  EXPECT_EQ(CountWithArchives("StatisticsSettingsChangedEvent"), 2);
+  const auto outcome = [this](const std::string& name) {
+    return Number("SELECT coalesce(sum(count), 0) FROM outcomes WHERE outcome = '" + name + "'");
+  };
+  EXPECT_GE(outcome("off"), 151);
+  EXPECT_EQ(outcome("stored") + outcome("off"), received);
+  EXPECT_EQ(Number("SELECT sum(received) FROM run_counts"), received);
+  EXPECT_THAT(collector_->Err(), HasSubstr(std::to_string(outcome("off")) + " off"));
+
+  // It is looked at from the start on.
+  Start();
+  ASSERT_TRUE(Says("statistics are switched off"));
+  SendSurely(PageTurn(kMarker, 1000));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(PageTurns<store::History>(kMarker), kept);
 }
 
 }  // namespace

@@ -119,6 +119,10 @@ void Collector::ReceiveAll() {
     Datagram datagram;
     switch (endpoint_.Receive(may_send, &datagram)) {
       case Endpoint::Result::kDatagram:
+        if (!datagram.is_refused && !switch_.Lets(datagram)) {
+          datagram.is_off = true;
+          datagram.bytes = {};
+        }
         intake_.Put(std::move(datagram));
         break;
       case Endpoint::Result::kEmpty:

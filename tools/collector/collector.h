@@ -18,6 +18,7 @@
 #include "tools/collector/live_view.h"
 #include "tools/collector/options.h"
 #include "tools/collector/sorter.h"
+#include "tools/collector/switch.h"
 #include "tools/store/writer.h"
 
 namespace velmora::usage_stat::collector {
@@ -53,6 +54,7 @@ class Collector {
   const Options options_;
   Endpoint endpoint_;
   Intake intake_;
+  Switch switch_;
   std::optional<LiveView> view_;
   std::optional<Sorter> sorter_;
   std::unique_ptr<store::Writer> writer_;  // null when nothing is to be kept

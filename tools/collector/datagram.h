@@ -12,11 +12,12 @@
 namespace velmora::usage_stat::collector {
 
 struct Datagram {
-  std::string bytes;     // at most kKeptBytes; empty when it is refused
+  std::string bytes;     // at most kKeptBytes; empty when it is refused or off
   std::size_t size = 0;  // as it was sent
   store::Sender sender;
   std::int64_t received_ms = 0;  // milliseconds since the Unix epoch
   bool is_refused = false;       // its sender may not send
+  bool is_off = false;           // it came while statistics were switched off
 };
 
 // How much of a datagram is kept at most, as evidence.

@@ -54,9 +54,9 @@ int main(int argc, char** argv) {
   collector::AnnounceReadiness();
   WaitForEnd(signals);
   const collector::Summary summary = collecting.Stop();
-  collector::Tell(fmt::format("{} received, {} decoded, {} quarantined, {} refused",
+  collector::Tell(fmt::format("{} received, {} decoded, {} quarantined, {} refused, {} off",
                               summary.received, summary.decoded, summary.quarantined,
-                              summary.refused));
+                              summary.refused, summary.off));
   if (summary.lost > 0) {
     collector::Tell(fmt::format("{} datagrams are lost: the database could not be written in time",
                                 summary.lost));

@@ -33,6 +33,8 @@ store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
     ++summary_.received;
     if (datagram.is_refused) {
       Refuse(datagram, &batch);
+    } else if (datagram.is_off) {
+      Drop(datagram, &batch);
     } else if (datagram.size > base::kLargestMessage) {
       Quarantine(&datagram, TooLong(datagram.size), &batch);
     } else if (const auto decoded = records::Decode(datagram.bytes);
@@ -52,6 +54,12 @@ void Sorter::Refuse(const Datagram& datagram, store::Batch* batch) {
   ++batch->refused[{datagram.sender.uid, "user not allowed"}];
   flood_.Tell(fmt::format("refused: {} bytes from pid {} uid {}: this user may not send",
                           datagram.size, datagram.sender.pid, datagram.sender.uid));
+}
+
+// Nobody is told of single ones: the log would say when the device is used.
+void Sorter::Drop(const Datagram& datagram, store::Batch* batch) {
+  ++summary_.off;
+  ++batch->off[{datagram.sender.uid, ""}];
 }
 
 void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batch* batch) {

@@ -23,6 +23,7 @@ struct Summary {
   std::int64_t decoded = 0;
   std::int64_t quarantined = 0;  // undecodable
   std::int64_t refused = 0;      // from senders that may not send
+  std::int64_t off = 0;          // came while statistics were switched off
   std::int64_t lost = 0;         // could not be written before the end
 };
 
@@ -44,6 +45,7 @@ class Sorter {
 
  private:
   void Refuse(const Datagram& datagram, store::Batch* batch);
+  void Drop(const Datagram& datagram, store::Batch* batch);
   void Keep(Datagram* datagram, const records::Record& record, store::Batch* batch);
   void Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch);
   void Show(const records::Record& record, const store::Sender& sender);

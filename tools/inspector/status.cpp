@@ -92,9 +92,10 @@ std::string Span(std::int64_t ms) {
 }
 
 void PrintOutcomes(std::string_view title, const Outcomes& outcomes) {
-  Print("{:<14} {:>10} stored  {:>8} quarantined  {:>8} refused{}{}\n", title, outcomes.stored,
-        SumOf(outcomes.quarantined), SumOf(outcomes.refused), Reasons(outcomes.quarantined),
-        Reasons(outcomes.refused));
+  Print("{:<14} {:>10} stored  {:>8} quarantined  {:>8} refused{}{}{}\n", title, outcomes.stored,
+        SumOf(outcomes.quarantined), SumOf(outcomes.refused),
+        outcomes.off > 0 ? fmt::format("  {:>8} off", outcomes.off) : "",
+        Reasons(outcomes.quarantined), Reasons(outcomes.refused));
 }
 
 void PrintRuns(const Balance& balance) {
@@ -153,6 +154,7 @@ Json ToJson(const Outcomes& outcomes) {
   return {{"stored", outcomes.stored},
           {"quarantined", SumOf(outcomes.quarantined)},
           {"refused", SumOf(outcomes.refused)},
+          {"off", outcomes.off},
           {"quarantined_by_kind", outcomes.quarantined},
           {"refused_by_reason", outcomes.refused}};
 }

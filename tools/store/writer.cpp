@@ -222,6 +222,7 @@ Status Writer::Add(const Batch& batch) {
   };
   RETURN_IF_ERROR(count(Outcome::kQuarantined, quarantined));
   RETURN_IF_ERROR(count(Outcome::kRefused, batch.refused));
+  RETURN_IF_ERROR(count(Outcome::kOff, batch.off));
   for (const auto& [sender, number_of] : batch.not_kept) {
     RETURN_IF_ERROR(Count(
         &count_, {run_, sender.first, Outcome::kDeleted, std::string(kByFlood), number_of, now}));

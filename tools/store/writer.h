@@ -24,6 +24,7 @@ struct Batch {
   std::vector<QuarantineRow> quarantine;
   Counts not_kept;  // undecodable and beyond what is kept of such, by uid and kind
   Counts refused;
+  Counts off = {};  // came while statistics were switched off
 
   bool has_rows() const { return !records.empty() || !quarantine.empty(); }
 };
