@@ -12,6 +12,7 @@ namespace velmora::usage_stat::inspector {
 void AddArchive(CommandLine* line);
 void AddDecode(CommandLine* line);
 void AddDoctor(CommandLine* line);
+void AddErase(CommandLine* line);
 void AddFollow(CommandLine* line);
 void AddList(CommandLine* line);
 void AddRecover(CommandLine* line);

@@ -23,7 +23,7 @@ int Run(int argc, char** argv) {
   line.main().Footer(
       "Exit codes: 0 done, 1 failed or not sound, 2 called wrongly. See usage-stat(1).");
   for (const auto add : {AddList, AddFollow, AddSql, AddStatus, AddDoctor, AddDecode, AddTypes,
-                         AddSend, AddReplay, AddArchive, AddRecover, AddUplink}) {
+                         AddSend, AddReplay, AddArchive, AddRecover, AddErase, AddUplink}) {
     add(&line);
   }
 #ifdef USAGE_STAT_HAS_REPORT

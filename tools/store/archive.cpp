@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <variant>
 
 #include "src/events/device_events.h"
@@ -78,9 +79,11 @@ Status CopyBeside(const std::string& database_path, const Archive& archive, Conn
       range);
 }
 
-// Copies records of `source` into a new database at `path`, as many as fit.
+// Copies records of `source` into a new database at `path`, as many as fit, without those whose
+// numbers `gone` holds.
 Status CopyRecords(Reader* source, const std::string& database_path, std::int64_t after,
-                   std::int64_t last, const std::string& path, Archive* archive) {
+                   std::int64_t last, const std::set<std::int64_t>& gone, const std::string& path,
+                   Archive* archive) {
   // A database has some pages beside the records, and the last rows may be large.
   constexpr std::int64_t kReserve = std::int64_t{1024} * 1024;
   constexpr std::int64_t kRowOverhead = 64;
@@ -97,6 +100,7 @@ Status CopyRecords(Reader* source, const std::string& database_path, std::int64_
   std::int64_t bytes = 0;
   RETURN_IF_ERROR(
       source->ForEach({.after_id = after, .last_id = last}, [&](const RecordRow& found) {
+        if (gone.contains(found.id)) return true;
         RecordRow row = found;
         Renew(&row);
         insertion = inserter.Insert(row.id, row);
@@ -134,28 +138,41 @@ Status MakeFolder(const std::string& folder) {
   return Status::Errno("cannot create " + folder);
 }
 
-}  // namespace
-
-Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reader* source,
-                   std::int64_t after, std::int64_t last, Archive* archive) {
+// Writes the records of `source` after number `after` and up to `last`, without those of `gone`,
+// to the temporary file of `directory`, and tells in `archive` what it holds. Without records
+// there is no file.
+Status MakeFile(Maintenance* maintenance, const std::string& directory, Reader* source,
+                std::int64_t after, std::int64_t last, const std::set<std::int64_t>& gone,
+                Archive* archive) {
   const std::string plain = PlainName(directory);
   const std::string temporary = TemporaryName(directory);
-  RETURN_IF_ERROR(MakeFolder(directory));
   // Left behind by a process that was killed.
   unlink(plain.c_str());
   unlink(temporary.c_str());
   *archive = {};
-  Status status = CopyRecords(source, maintenance->path, after, last, plain, archive);
+  Status status = CopyRecords(source, maintenance->path, after, last, gone, plain, archive);
   if (status.ok() && archive->records > 0) status = CompressFile(plain, temporary);
   unlink(plain.c_str());
   if (!status.ok() || archive->records == 0) return status;
-
-  archive->created_ms = NowMs();
-  archive->path = NewName(directory, *archive);
   archive->schema = kSchemaVersion;
   struct stat file {};
   if (stat(temporary.c_str(), &file) != 0) return Status::Errno(temporary);
   archive->bytes = file.st_size;
+  return {};
+}
+
+}  // namespace
+
+Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reader* source,
+                   std::int64_t after, std::int64_t last, Archive* archive) {
+  const std::string temporary = TemporaryName(directory);
+  RETURN_IF_ERROR(MakeFolder(directory));
+  RETURN_IF_ERROR(MakeFile(maintenance, directory, source, after, last, {}, archive));
+  if (archive->records == 0) return {};
+
+  archive->created_ms = NowMs();
+  archive->path = NewName(directory, *archive);
+  Status status;
   if (access(archive->path.c_str(), F_OK) == 0) {
     status = Status::Failed(archive->path + " exists already");
   }
@@ -166,6 +183,20 @@ Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reade
   if (status.ok()) status = SyncFolder(directory);
   if (!status.ok()) unlink(temporary.c_str());
   return status;
+}
+
+Status MakeRest(Maintenance* maintenance, Reader* source, const std::set<std::int64_t>& gone,
+                Archive* archive, std::string* temporary) {
+  const Archive whole = *archive;
+  const std::string directory = FolderOf(LocateArchive(maintenance->path, whole));
+  RETURN_IF_ERROR(MakeFile(maintenance, directory, source, whole.first_record - 1,
+                           whole.last_record, gone, archive));
+  archive->id = whole.id;
+  archive->path = whole.path;
+  archive->state = whole.state;
+  archive->created_ms = whole.created_ms;
+  *temporary = TemporaryName(directory);
+  return {};
 }
 
 Status ArchiveRecords(const std::string& database_path, const std::string& directory,

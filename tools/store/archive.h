@@ -7,6 +7,7 @@
 #define TOOLS_STORE_ARCHIVE_H_
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,12 @@ Status FinishArchives(Maintenance* maintenance);
 // no file is made.
 Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reader* source,
                    std::int64_t after, std::int64_t last, Archive* archive);
+
+// Makes a file of what is left of `archive`, whose records `source` reads, without the numbers of
+// `gone`; some are left. `archive` then tells what the file holds, and `temporary` its name, from
+// which it is to be moved to the archive's place.
+Status MakeRest(Maintenance* maintenance, Reader* source, const std::set<std::int64_t>& gone,
+                Archive* archive, std::string* temporary);
 
 // Where the file of `archive` is: its path, or, when the database was copied elsewhere together
 // with its archives, its place in the archive folder of `database_path`.

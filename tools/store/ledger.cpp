@@ -132,7 +132,10 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
   return Count(connection, {run, getuid(), outcome, std::string(reason), *removed, base::NowMs()});
 }
 
-Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
+namespace {
+
+// Notes a run of numbers of which none has been noted.
+Status NoteRun(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
   // Runs that touch become one.
   Statement merge;
   RETURN_IF_ERROR(connection->Prepare(
@@ -149,6 +152,30 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   RETURN_IF_ERROR(connection->Prepare(
       "INSERT INTO missing(first_record, last_record, reason) VALUES(?, ?, ?)", &insert));
   return insert.Bind(1, first).Bind(2, last).Bind(3, NameOf(reason)).Run();
+}
+
+}  // namespace
+
+Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
+  // What has been noted keeps its reason: each number is missing once.
+  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  Statement noted;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT first_record, last_record FROM missing WHERE first_record <= ? AND last_record >= ? "
+      "ORDER BY first_record",
+      &noted));
+  noted.Bind(1, last).Bind(2, first);
+  while (noted.Step()) {
+    if (first < noted.Int(0)) runs.emplace_back(first, noted.Int(0) - 1);
+    first = noted.Int(1) + 1;
+  }
+  RETURN_IF_ERROR(noted.status());
+  noted = Statement();
+  if (first <= last) runs.emplace_back(first, last);
+  for (const auto& [run_first, run_last] : runs) {
+    RETURN_IF_ERROR(NoteRun(connection, run_first, run_last, reason));
+  }
+  return {};
 }
 
 Status BeginStore(Connection* connection, std::int64_t first) {
@@ -183,6 +210,23 @@ Status InsertArchive(Connection* connection, Archive* archive) {
                       .Run());
   archive->id = connection->LastId();
   return {};
+}
+
+Status UpdateArchive(Connection* connection, const Archive& archive) {
+  Statement update;
+  RETURN_IF_ERROR(connection->Prepare(
+      "UPDATE archives SET schema = ?, first_record = ?, last_record = ?, records = ?, "
+      "first_timestamp_ms = ?, last_timestamp_ms = ?, bytes = ? WHERE id = ?",
+      &update));
+  return update.Bind(1, archive.schema)
+      .Bind(2, archive.first_record)
+      .Bind(3, archive.last_record)
+      .Bind(4, archive.records)
+      .Bind(5, archive.first_timestamp_ms)
+      .Bind(6, archive.last_timestamp_ms)
+      .Bind(7, archive.bytes)
+      .Bind(8, archive.id)
+      .Run();
 }
 
 Status SetState(Connection* connection, std::int64_t archive, ArchiveState state) {

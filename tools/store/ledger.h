@@ -65,13 +65,16 @@ Status AddOwnRecord(Connection* connection, Event* event);
 Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t last, Outcome outcome,
                      std::string_view reason, std::int64_t* removed);
 
-// Notes that the numbers `first` to `last` have no records any more.
+// Notes that the numbers `first` to `last` have no records any more; those of which that was noted
+// before keep their reason.
 Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason);
 
 // Begins a new store with the next number, or with `first` when that is larger.
 Status BeginStore(Connection* connection, std::int64_t first = 0);
 
 Status InsertArchive(Connection* connection, Archive* archive);
+// Notes what `archive` holds now.
+Status UpdateArchive(Connection* connection, const Archive& archive);
 Status SetState(Connection* connection, std::int64_t archive, ArchiveState state);
 // The archives, oldest record first; `schema` is that of the database.
 Status ReadArchives(Connection* connection, int schema, std::vector<Archive>* archives);

@@ -124,11 +124,6 @@ Status OpenUnpacked(const std::string& path, Connection* connection, int* schema
   return status;
 }
 
-bool MayHoldMatch(const Archive& archive, const Query& query) {
-  return (!query.since_ms || archive.last_timestamp_ms >= *query.since_ms) &&
-         (!query.until_ms || archive.first_timestamp_ms < *query.until_ms);
-}
-
 // The newest matches, oldest of them first: they are those that come first in reverse.
 template <class Source>
 Status ForEachOfNewest(Source source, Query query, const RecordVisitor& visit) {
@@ -336,6 +331,13 @@ Status Reader::CheckIntegrity(std::string* result) {
 }
 
 // ---- The database and its archives ----
+
+bool MayHoldMatch(const Archive& archive, const Query& query) {
+  return (!query.since_ms || archive.last_timestamp_ms >= *query.since_ms) &&
+         (!query.until_ms || archive.first_timestamp_ms < *query.until_ms) &&
+         (!query.after_id || archive.last_record > *query.after_id) &&
+         (!query.last_id || archive.first_record <= *query.last_id);
+}
 
 Status History::Open(const std::string& path, std::unique_ptr<History>* history) {
   auto opened = std::unique_ptr<History>(new History);

@@ -82,6 +82,9 @@ class Reader {
   int schema_ = 0;
 };
 
+// Whether records of `archive` can match, by what the database knows of it.
+bool MayHoldMatch(const Archive& archive, const Query& query);
+
 // Reads a database together with the archives that its closed records were moved to, as if nothing
 // had been moved, also while something is.
 class History {

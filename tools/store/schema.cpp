@@ -282,7 +282,8 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
   // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
   RETURN_IF_ERROR(connection->Execute(
-      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = "
+      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA secure_delete = ON; "
+      "PRAGMA journal_size_limit = "
       "4194304"));
   // The log and its index stay where they are when the last writer goes: who may only read could
   // not make them.

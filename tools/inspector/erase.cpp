@@ -1,0 +1,80 @@
+// usage-stat erase: deleting for good.
+
+#include "tools/store/erase.h"
+
+#include <memory>
+#include <string>
+
+#include "tools/command_line/command_line.h"
+#include "tools/inspector/selection.h"
+#include "tools/inspector/terminal.h"
+#include "tools/store/file.h"
+#include "tools/store/schema.h"
+
+namespace velmora::usage_stat::inspector {
+
+namespace {
+
+struct Options {
+  std::string database;
+  std::string book;
+  store::Query query;
+  std::int64_t number = 0;
+  bool all = false;
+  bool yes = false;
+};
+
+bool IsNarrowed(const store::Query& query) {
+  return query.since_ms || query.until_ms || !query.events.empty() || query.application ||
+         query.after_id;
+}
+
+int Run(Options* options) {
+  if (options->number > 0) {
+    options->query.after_id = options->number - 1;
+    options->query.last_id = options->number;
+  }
+  if (options->all == (IsNarrowed(options->query) || !options->book.empty())) {
+    return Complain(kUsage, "say what to erase: --all, or a choice of records");
+  }
+  store::Erased erased;
+  store::Status status = store::ActAsOwnerOf(options->database);
+  if (status.ok()) status = FindBook(options->database, options->book, &options->query);
+  // A book that nobody knows must not make the choice wider.
+  if (status.ok() && !options->book.empty() && !options->query.book_id) {
+    status = store::Status::Failed("there is no book " + options->book);
+  }
+  if (!status.ok()) return Complain(kFailed, status.message);
+  status = options->yes ? store::Erase(options->database, options->query, &erased)
+                        : store::CountErasable(options->database, options->query, &erased);
+  const char* verb = options->yes ? "erased" : "to be erased";
+  Print("{} records {}\n", erased.records, verb);
+  if (erased.quarantined > 0) {
+    Print("{} datagrams that could not be read {}\n", erased.quarantined, verb);
+  }
+  for (const std::string& file : erased.files) Print("{} {}\n", Printable(file), verb);
+  if (!status.ok()) return Complain(kFailed, status.message);
+  if (!options->yes) Write("Nothing was erased: add --yes to do it. It can't be undone.\n");
+  return kOk;
+}
+
+}  // namespace
+
+void AddErase(CommandLine* line) {
+  auto options = std::make_shared<Options>();
+  Command command = line->AddCommand("erase", "Delete records for good");
+  AddDatabaseOption(command, &options->database);
+  AddRangeOptions(command, &options->query);
+  AddFilterOptions(command, &options->query, &options->book);
+  command.Option("--number", "NUMBER", "The one record of this number", 1, INT64_MAX,
+                 &options->number);
+  command.Flag("--all", "Everything", &options->all);
+  command.Flag("--yes", "Do it; without this, what would go is counted", &options->yes);
+  command.Footer(
+      "What can't be read as a record can't be looked through, and goes as well: the quarantine, "
+      "damaged databases and damaged archives. Only --number leaves them. What has left the device "
+      "is another matter: see usage-stat uplink forget.");
+  command.OnRun([options] { return Run(options.get()); });
+}
+
+}  // namespace velmora::usage_stat::inspector
