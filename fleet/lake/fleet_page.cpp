@@ -222,14 +222,12 @@ std::string LossesCard(const FleetSummary& summary) {
   constexpr const char* kTitle = "Records that did not arrive";
   std::vector<Row> rows;
   std::int64_t others = 0;
-  std::int64_t other_devices = 0;
   for (const auto& loss : summary.losses) {
     if (loss.devices >= kLeastDevices) {
       rows.push_back(
           {EscapeHtml(loss.reason), FormatNumber(loss.records), FormatNumber(loss.devices)});
     } else {
       others += loss.records;
-      other_devices += loss.devices;
     }
   }
   if (rows.empty() && others == 0) return Card(kTitle, "None in this range.", "");
