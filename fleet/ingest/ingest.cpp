@@ -26,7 +26,9 @@ constexpr std::int64_t kLongestPauseMs = 30'000;
 
 volatile sig_atomic_t g_ended = 0;
 
-void Tell(const std::string& line) { std::fprintf(stderr, "usage-stat-fleet: %s\n", line.c_str()); }
+void Tell(const std::string& line) {
+  (void)std::fprintf(stderr, "usage-stat-fleet: %s\n", line.c_str());
+}
 
 // Pauses that grow while something is away.
 class Pause {
@@ -67,8 +69,8 @@ class Ingester {
           options_.group.empty() ? filter : "$share/" + options_.group + "/" + filter,
           kPatienceMs));
       channel_ = std::move(channel);
-      std::puts("ready");
-      std::fflush(stdout);
+      (void)std::puts("ready");
+      (void)std::fflush(stdout);
     }
     return {};
   }

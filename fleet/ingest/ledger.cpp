@@ -290,8 +290,10 @@ std::string Ledger::SaveStatement(const Stores& stores) {
 std::string Ledger::CountStatement(const std::string& day, const Tallies& tallies) const {
   std::string rows;
   for (const auto& [outcome, tally] : tallies) {
-    rows += (rows.empty() ? "('" : ",('") + day + "'," + std::to_string(slot_) + ",'" + outcome +
-            "'," + std::to_string(tally.batches) + "," + std::to_string(tally.records) + ")";
+    if (!rows.empty()) rows += ',';
+    rows.append("('").append(day).append("',").append(std::to_string(slot_));
+    rows.append(",'").append(outcome).append("',").append(std::to_string(tally.batches));
+    rows.append(",").append(std::to_string(tally.records)).append(")");
   }
   return "INSERT INTO ingestion VALUES " + rows +
          " ON CONFLICT(day, ingester, outcome) DO UPDATE SET "
