@@ -50,9 +50,18 @@ class ConsentCommandTest : public testing::Test {
 
 TEST_F(ConsentCommandTest, WithoutConsentNothingIsWrittenAndNoSocketOpened) {
   if (std::string(STRACE).empty()) GTEST_SKIP() << "needs strace, on the machine itself";
-  const std::string log = folder_ / "strace";
-  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
-           {"status"}, {"consent"}, {"consent", "none"}, {"forget"}}) {
+  const TempFolder beside;
+  const std::string log = beside / "strace";
+  const std::string config = beside / "uplink.conf";
+  usage_stat_test::WriteFile(config, "host=127.0.0.1\n");
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"status"},
+                                             {"consent"},
+                                             {"consent", "none"},
+                                             {"forget"},
+                                             {"preview"},
+                                             {"send", "--config", config},
+                                             {"send", "--now", "--config", config}}) {
     std::vector<std::string> words = {STRACE, "-f", "-o", log, "-e", "trace=%file,%network,write"};
     const std::vector<std::string> traced = Words(command);
     words.insert(words.end(), traced.begin(), traced.end());
