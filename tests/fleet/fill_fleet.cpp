@@ -89,7 +89,8 @@ class Filler {
     count_ = 0;
     for (Device& device : devices_) {
       // Seldom, a device loses a few.
-      const bool loses = (static_cast<std::uint64_t>(device.id) * 31 + day) % 997 == 0;
+      const bool loses =
+          (static_cast<std::uint64_t>(device.id) * 31 + static_cast<std::uint64_t>(day)) % 997 == 0;
       if (loses) {
         lost_ += fmt::format("{}({}, {}, '{}', {}, {}, 'retention')", lost_.empty() ? "" : ", ",
                              device.id, device.store, report::IsoDate(date), device.number + 1,
