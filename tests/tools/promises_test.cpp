@@ -376,7 +376,10 @@ TEST_F(PromisesTest, RootIsNotLedElsewhere) {
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_TRUE(fs::is_empty(elsewhere.path()));
   fs::remove(folder_ / "archives");
-  EXPECT_EQ(RunProgram({USAGE_STAT, "archive", "--database", database_}).exit_code, 0);
+  // A sanitizer can't look for leaks in a program that gave up being root.
+  const ProgramResult own = RunProgram({"/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0", USAGE_STAT,
+                                        "archive", "--database", database_});
+  EXPECT_EQ(own.exit_code, 0) << own.err;
   struct stat status {};
   ASSERT_EQ(stat((folder_ / "archives").c_str(), &status), 0);
   EXPECT_EQ(status.st_uid, 12345U);
@@ -474,7 +477,8 @@ TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
   if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to count with";
   const std::string script = folder_ / "traced";
   const std::string trace = folder_ / "trace";
-  WriteFile(script, "#!/bin/sh\nexec strace -D -f -o " + trace +
+  // A sanitizer can't look for leaks in a program that is traced.
+  WriteFile(script, "#!/bin/sh\nexec strace -E ASAN_OPTIONS=detect_leaks=0 -D -f -o " + trace +
                         " --seccomp-bpf -e trace=pwrite64,fsync,fdatasync \"" COLLECTOR_COMMAND
                         "\" \"$@\"\n");
   fs::permissions(script, fs::perms::owner_all);
