@@ -62,8 +62,10 @@ void Housekeeper::RequestRotation() {
 
 void Housekeeper::Committed(std::int64_t bytes) {
   if (!limits_size()) return;
-  const std::int64_t look_after = std::max<std::int64_t>(retention_.max_bytes / 64, 64 * 1024);
-  const std::int64_t wait_after = std::max<std::int64_t>(retention_.max_bytes / 8, 1024 * 1024);
+  const std::int64_t look_after =
+      std::max<std::int64_t>(retention_.max_bytes / 64, std::int64_t{64} * 1024);
+  const std::int64_t wait_after =
+      std::max<std::int64_t>(retention_.max_bytes / 8, std::int64_t{1024} * 1024);
   constexpr std::chrono::seconds kLongestWait{1};
   std::unique_lock lock(mutex_);
   committed_bytes_ += bytes;
@@ -79,7 +81,8 @@ bool Housekeeper::IsEnding() {
 }
 
 void Housekeeper::Run() {
-  const std::int64_t look_after = std::max<std::int64_t>(retention_.max_bytes / 64, 64 * 1024);
+  const std::int64_t look_after =
+      std::max<std::int64_t>(retention_.max_bytes / 64, std::int64_t{64} * 1024);
   const bool has_retention = retention_.keep_days > 0 || limits_size();
   auto next_age = Clock::now();
   auto next_check = Clock::now() + kCheckRound;

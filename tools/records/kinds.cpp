@@ -70,14 +70,14 @@ const KindRow& RowOf(Kind kind) {
 using Values = std::vector<NamedValue>;
 
 struct Enumerator {
-  Kind kind;
   std::string_view prefix;  // of the enumeration, which the name leaves out
   std::string_view enumerator;
+  Kind kind;
   int value;
 };
 
 #define VALUE(kind, prefix, rest) \
-  { Kind::kind, #prefix, #prefix #rest, prefix##rest }
+  { #prefix, #prefix #rest, Kind::kind, prefix##rest }
 
 constexpr Enumerator kEnumerators[] = {
     VALUE(kLibraryMode, STAT_LIBRARY_MODE_, ALL),

@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
+
+#include "tools/base/text.h"
 
 namespace velmora::usage_stat::report {
 
@@ -124,11 +125,12 @@ std::string IsoDate(Day day) {
 }
 
 std::optional<Day> ParseIsoDate(const std::string& text) {
-  int year = 0;
-  unsigned month = 0;
-  unsigned day = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2u-%2u", &year, &month, &day) != 3) return std::nullopt;
-  const chrono::year_month_day date{chrono::year{year}, chrono::month{month}, chrono::day{day}};
+  if (text.size() != std::size("YYYY-MM-DD") - 1) return std::nullopt;
+  const auto year = base::ParseWhole<int>(text.substr(0, 4));
+  const auto month = base::ParseWhole<unsigned>(text.substr(5, 2));
+  const auto day = base::ParseWhole<unsigned>(text.substr(8));
+  if (!year || !month || !day) return std::nullopt;
+  const chrono::year_month_day date{chrono::year{*year}, chrono::month{*month}, chrono::day{*day}};
   if (!date.ok() || IsoDate(DayOf(date)) != text) return std::nullopt;
   return DayOf(date);
 }

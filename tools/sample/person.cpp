@@ -121,7 +121,7 @@ std::uint64_t Dice::Next() {
 }
 
 int Dice::Between(int least, int most) {
-  const auto span = static_cast<std::uint64_t>(most - least + 1);
+  const auto span = static_cast<std::uint64_t>(most) - static_cast<std::uint64_t>(least) + 1;
   return least + static_cast<int>((Next() >> 16) % span);
 }
 

@@ -226,7 +226,7 @@ Status Eraser::EmptyLog() {
   RETURN_IF_ERROR(connection().Execute("PRAGMA incremental_vacuum"));
   for (int i = 0; i < kTries; ++i) {
     std::int64_t is_busy = 0;
-    const Status status = connection().Read("PRAGMA wal_checkpoint(TRUNCATE)", &is_busy);
+    Status status = connection().Read("PRAGMA wal_checkpoint(TRUNCATE)", &is_busy);
     if (status.ok() && is_busy == 0) return {};
     if (!status.ok() && (status.code & 0xff) != SQLITE_BUSY) return status;
     std::this_thread::sleep_for(kPause);

@@ -234,7 +234,7 @@ Status Create(const std::string& path, Kind kind) {
 }  // namespace
 
 DatabaseHead ReadHead(std::string_view head) {
-  constexpr std::string_view kMagic("SQLite format 3", 16);
+  constexpr std::string_view kMagic("SQLite format 3\0", 16);
   DatabaseHead said;
   if (head.size() < kHeadSize || !head.starts_with(kMagic)) return said;
   const auto byte = [head](std::size_t i) {
