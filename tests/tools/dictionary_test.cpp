@@ -159,6 +159,7 @@ TEST(Views, ShowEveryRecordByColumns) {
       "CREATE TABLE events(id INTEGER PRIMARY KEY, type INTEGER, name TEXT);"
       "CREATE TABLE records(id INTEGER PRIMARY KEY, received_ms, pid, uid, event, timestamp_ms, "
       "fields)");
+  database.Rows(ValueNames().create + ";" + ValueNames().fill);
   for (const View& view : Views()) database.Rows(view.sql);
   int id = 0;
   for (const auto& file : std::filesystem::directory_iterator(SOURCE_DIR "/tests/vectors")) {

@@ -148,6 +148,8 @@ TEST_F(PromisesTest, FirstSchemaIsUpgradedWhileTheSocketIsServed) {
   EXPECT_EQ(Number("SELECT count(*) FROM quarantine"), 2);
   EXPECT_EQ(Number("SELECT received FROM run_counts WHERE run = 1"), 6);
   EXPECT_EQ(Number("SELECT min(id) FROM records"), 13);
+  EXPECT_EQ(Answer(database_, "SELECT count(time) FROM change_page"), "1");
+  EXPECT_EQ(Answer(database_, "SELECT records FROM in_archives"), "12");
   EXPECT_FALSE(fs::exists(database_ + ".schema-1"));
   ExpectBalance();
 

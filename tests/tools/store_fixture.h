@@ -4,6 +4,7 @@
 #define USAGE_STAT_TESTS_TOOLS_STORE_FIXTURE_H_
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <cstdint>
 #include <memory>
@@ -27,6 +28,22 @@ namespace store = velmora::usage_stat::store;
   } while (false)
 
 #define EXPECT_OK(expression) EXPECT_EQ((expression).message, "")
+
+// The first column of a query of plain SQLite, with no program of ours, rows apart by a space.
+inline std::string Answer(const std::string& path, const std::string& sql) {
+  sqlite3* database = nullptr;
+  std::string rows;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+  const auto add = [](void* all, int, char** values, char**) {
+    auto* text = static_cast<std::string*>(all);
+    *text += std::string(text->empty() ? "" : " ") + (values[0] ? values[0] : "NULL");
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), add, &rows, nullptr), SQLITE_OK)
+      << sql << ": " << sqlite3_errmsg(database);
+  sqlite3_close(database);
+  return rows;
+}
 
 class StoreTest : public testing::Test {
  protected:

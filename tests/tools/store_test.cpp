@@ -11,6 +11,7 @@
 #include <map>
 #include <random>
 
+#include "src/events/events.h"
 #include "store_fixture.h"
 #include "tools/store/archive.h"
 #include "tools/store/retention.h"
@@ -135,6 +136,43 @@ TEST_F(StoreTest, FilesOfOthersAreRefusedAndStayAsTheyAre) {
   store::Connection connection;
   EXPECT_OK(store::OpenForWriting(empty, &connection, &created));
   EXPECT_TRUE(created);
+}
+
+TEST_F(StoreTest, AnySqlToolReadsItByEventAndName) {
+  velmora::usage_stat::StartOpenBookEvent opening;
+  opening.book_id_ = -5;
+  opening.application_ = 1;
+  auto writer = OpenWriter();
+  ASSERT_OK(writer->Commit({{RowOf(opening, 1'790'000'000'123)}, {}, {}, {}}));
+  const std::string row =
+      "SELECT time || ' ' || book_id || ' ' || application_name || ' ' || typeof(book_id) "
+      "FROM start_open_book";
+  EXPECT_EQ(Answer(database_, row), "2026-09-21T14:13:20.123Z -5 explorer.app integer");
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  EXPECT_EQ(Answer(database_, row), "");
+  EXPECT_EQ(Answer(database_, "SELECT archives || ' ' || records FROM in_archives"), "1 2");
+  ASSERT_OK(writer->Finish());
+  writer.reset();
+
+  // Written by a program with another dictionary, and by somebody who had a use for a name.
+  const auto reopen = [this] {
+    store::Connection connection;
+    return store::OpenForWriting(database_, &connection, nullptr);
+  };
+  Execute(database_,
+          "DROP VIEW start_open_book; CREATE VIEW start_open_book AS SELECT 1 AS old;"
+          "DROP VIEW change_page; CREATE TABLE change_page(mine);"
+          "UPDATE value_names SET name = 'old'; CREATE VIEW mine AS SELECT 7 AS id");
+  EXPECT_OK(reopen());
+  EXPECT_EQ(Answer(database_, "SELECT count(book_id) FROM start_open_book"), "0");
+  EXPECT_EQ(Answer(database_, "SELECT count(*) FROM value_names WHERE name = 'old'"), "0");
+  EXPECT_EQ(Answer(database_, "SELECT id FROM mine"), "7");
+  EXPECT_EQ(Answer(database_, "SELECT count(mine) FROM change_page"), "0");
+  // What is as it should be is not written again.
+  const std::string version = Answer(database_, "PRAGMA schema_version");
+  EXPECT_OK(reopen());
+  EXPECT_EQ(Answer(database_, "PRAGMA schema_version"), version);
 }
 
 // ---- Archives ----

@@ -16,6 +16,7 @@
 #include "tools/records/views.h"
 #include "tools/store/archive.h"
 #include "tools/store/reader.h"
+#include "tools/store/schema.h"
 
 namespace velmora::usage_stat::inspector {
 
@@ -318,13 +319,13 @@ Status Prepare(store::Connection* connection, Source* source) {
     sql += fmt::format("INSERT INTO temp.events VALUES({}, {}, '{}');", IdOfEvent(type.event),
                        type.code, type.event);
   }
-  sql +=
-      "CREATE TEMP VIEW in_archives AS SELECT count(*) AS archives, coalesce(sum(records), 0) AS "
-      "records, min(first_record) AS first_record, max(last_record) AS last_record "
-      "FROM main.archives WHERE state = 'complete';";
-  for (const records::View& view : records::Views()) {
-    sql += "CREATE TEMP" + view.sql.substr(std::string_view("CREATE").size()) + ";";
-  }
+  const auto make_temporary = [&sql](std::string_view statement) {
+    sql += fmt::format("CREATE TEMP{};", statement.substr(std::string_view("CREATE").size()));
+  };
+  make_temporary(records::ValueNames().create);
+  sql += records::ValueNames().fill + ";";
+  make_temporary(store::kInArchives);
+  for (const records::View& view : records::Views()) make_temporary(view.sql);
   return connection->Execute(sql);
 }
 

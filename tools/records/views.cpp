@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <cctype>
+#include <cstdint>
+#include <map>
 
 #include "tools/records/catalogue.h"
 
@@ -32,11 +34,8 @@ std::string NameOfValue(const FieldType& field, const std::string& value) {
     }
     return margins;
   }
-  std::string names = "CASE " + value;
-  for (const NamedValue& row : NamedValues(field.kind)) {
-    names += fmt::format(" WHEN {} THEN {}", row.value, Quoted(row.name));
-  }
-  return names + " END";
+  return fmt::format("(SELECT name FROM value_names WHERE kind = {} AND value = {})",
+                     Quoted(NameOf(field.kind)), value);
 }
 
 // The columns of one value, which `json` holds at `place`.
@@ -50,13 +49,13 @@ std::string Columns(const FieldType& field, std::string_view json, std::size_t p
   return columns;
 }
 
-constexpr std::string_view kMoment =
-    "strftime('%Y-%m-%dT%H:%M:%fZ', records.timestamp_ms / 1000.0, 'unixepoch') AS time,\n"
-    "  records.timestamp_ms AS timestamp_ms";
+constexpr std::string_view kTimedRecords =
+    "CREATE VIEW timed_records AS SELECT\n  id,\n"
+    "  strftime('%Y-%m-%dT%H:%M:%fZ', timestamp_ms / 1000.0, 'unixepoch') AS time,\n"
+    "  timestamp_ms, received_ms, pid, uid, event, fields\nFROM records";
 
 std::string Where(const RecordType& type) {
-  return fmt::format("WHERE records.event = (SELECT id FROM events WHERE name = {})",
-                     Quoted(type.event));
+  return fmt::format("WHERE event = (SELECT id FROM events WHERE name = {})", Quoted(type.event));
 }
 
 View EventView(const RecordType& type) {
@@ -64,17 +63,15 @@ View EventView(const RecordType& type) {
   for (std::size_t i = 0; i < type.slots.size(); ++i) {
     const Slot& slot = type.slots[i];
     if (slot.is_list) {
-      columns +=
-          fmt::format(",\n  json_array_length(records.fields, '$[{}]') AS {}_rows", i, slot.name);
+      columns += fmt::format(",\n  json_array_length(fields, '$[{}]') AS {}_rows", i, slot.name);
     } else {
-      columns += Columns(type.fields[slot.first], "records.fields", i);
+      columns += Columns(type.fields[slot.first], "fields", i);
     }
   }
   const std::string name = ViewName(type.event);
-  return {name, fmt::format("CREATE VIEW {} AS SELECT\n  records.id AS id,\n  {}{},\n"
-                            "  records.received_ms AS received_ms,\n  records.pid AS pid,\n"
-                            "  records.uid AS uid\nFROM records {}",
-                            name, kMoment, columns, Where(type))};
+  return {name, fmt::format("CREATE VIEW {} AS SELECT\n  id, time, timestamp_ms{},\n"
+                            "  received_ms, pid, uid\nFROM timed_records {}",
+                            name, columns, Where(type))};
 }
 
 View ListView(const RecordType& type, std::size_t place) {
@@ -84,10 +81,10 @@ View ListView(const RecordType& type, std::size_t place) {
     columns += Columns(type.fields[slot.first + i], "list.value", i);
   }
   const std::string name = ViewName(type.event) + "_" + slot.name;
-  return {name, fmt::format("CREATE VIEW {} AS SELECT\n  records.id AS id,\n  {},\n"
-                            "  list.key AS row{}\n"
-                            "FROM records CROSS JOIN json_each(records.fields, '$[{}]') AS list {}",
-                            name, kMoment, columns, place, Where(type))};
+  return {name, fmt::format("CREATE VIEW {} AS SELECT\n  records.id AS id, time, timestamp_ms,\n"
+                            "  list.key AS row{}\nFROM timed_records AS records\n"
+                            "CROSS JOIN json_each(fields, '$[{}]') AS list {}",
+                            name, columns, place, Where(type))};
 }
 
 }  // namespace
@@ -112,7 +109,7 @@ std::string ViewName(std::string_view event) {
 
 const std::vector<View>& Views() {
   static const std::vector<View> views = [] {
-    std::vector<View> made;
+    std::vector<View> made = {{"timed_records", std::string(kTimedRecords)}};
     for (const RecordType& type : Catalogue()) {
       made.push_back(EventView(type));
       for (std::size_t i = 0; i < type.slots.size(); ++i) {
@@ -122,6 +119,34 @@ const std::vector<View>& Views() {
     return made;
   }();
   return views;
+}
+
+const NameTable& ValueNames() {
+  static const NameTable table = [] {
+    std::map<std::string_view, std::map<std::int64_t, std::string>> kinds;
+    for (const RecordType& type : Catalogue()) {
+      for (const FieldType& field : type.fields) {
+        if (field.name_key.empty()) continue;
+        for (const NamedValue& row : NamedValues(field.kind)) {
+          kinds[NameOf(field.kind)].emplace(row.value, row.name);
+        }
+      }
+    }
+    Json rows = Json::array();
+    for (const auto& [kind, values] : kinds) {
+      for (const auto& [value, name] : values) rows.push_back({kind, value, name});
+    }
+    return NameTable{
+        "CREATE TABLE value_names(\n  kind TEXT NOT NULL,\n  value INTEGER NOT NULL,\n"
+        "  name TEXT NOT NULL,\n  PRIMARY KEY(kind, value)) WITHOUT ROWID",
+        "INSERT INTO value_names SELECT json_extract(value, '$[0]'), json_extract(value, '$[1]'), "
+        "json_extract(value, '$[2]') FROM json_each(" +
+            Quoted(rows.dump()) + ")",
+        "SELECT json_group_array(json_array(kind, value, name)) FROM "
+        "(SELECT * FROM value_names ORDER BY kind, value)",
+        rows.dump()};
+  }();
+  return table;
 }
 
 }  // namespace velmora::usage_stat::records

@@ -20,8 +20,19 @@ struct View {
 //   records(id, received_ms, pid, uid, event, timestamp_ms, fields, ...)
 //
 // whose `event` is the id of a row of events(id, type, name) with the class name, and whose
-// `fields` is a JSON array as RecordType::values_of has it.
+// `fields` is a JSON array as RecordType::values_of has it, and the table of ValueNames(). Others
+// than the first read `records` through the first.
 const std::vector<View>& Views();
+
+// The names of values: a table value_names(kind, value, name). Views look names up in it, since
+// every file of records holds the text of all views.
+struct NameTable {
+  std::string create;
+  std::string fill;  // puts the rows into the table, which must be empty
+  std::string read;  // a query for all rows as one text ...
+  std::string text;  // ... which is this one when they are as they were filled in
+};
+const NameTable& ValueNames();
 
 // "change_page" for "ChangePageEvent".
 std::string ViewName(std::string_view event);

@@ -11,11 +11,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "tools/records/views.h"
 #include "tools/store/file.h"
 
 namespace velmora::usage_stat::store {
@@ -122,6 +125,45 @@ CREATE VIEW record_list AS
     fields, raw
   FROM records CROSS JOIN events ON events.id = records.event;
 )sql";
+
+// ---- What SQL tools read ----
+
+// Has the views and the names of values be those of this program's dictionary, whatever program
+// wrote the file before: so a dictionary that grows needs no new version of the schema. What others
+// have put under these names stays.
+Status RenewViews(Connection* connection) {
+  static const std::vector<records::View> wanted = [] {
+    std::vector<records::View> views = records::Views();
+    views.insert(views.begin(), {"in_archives", kInArchives});
+    return views;
+  }();
+  const records::NameTable& names = records::ValueNames();
+  std::map<std::string, std::string, std::less<>> found;  // the texts of views; no other's
+  Statement select;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT name, CASE type WHEN 'view' THEN sql ELSE '' END FROM sqlite_schema", &select));
+  while (select.Step()) found.emplace(select.Text(0), select.Text(1));
+  RETURN_IF_ERROR(select.status());
+  select = Statement();
+
+  std::string changes;
+  std::string text;
+  const bool has_names = found.contains("value_names");
+  if (has_names) RETURN_IF_ERROR(connection->Read(names.read, &text));
+  if (!has_names) changes += names.create + ";";
+  if (text != names.text) changes += "DELETE FROM value_names;" + names.fill + ";";
+  for (const records::View& view : wanted) {
+    const auto kept = found.find(view.name);
+    if (kept != found.end() && (kept->second.empty() || kept->second == view.sql)) continue;
+    if (kept != found.end()) changes += "DROP VIEW " + view.name + ";";
+    changes += view.sql + ";";
+  }
+  if (changes.empty()) return {};
+  Transaction transaction(connection);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(connection->Execute(changes));
+  return transaction.Commit();
+}
 
 // What SQLite's header says about a file, read without SQLite: opening somebody else's database
 // could already change it.
@@ -279,6 +321,8 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   if (Status status = Connection::Open(path, Connection::Mode::kWrite, connection); !status.ok()) {
     return status;
   }
+  // Nothing that is collected depends on them: a disk that is full now keeps what it has.
+  (void)RenewViews(connection);
   // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
   // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
   RETURN_IF_ERROR(connection->Execute(

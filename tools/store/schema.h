@@ -15,6 +15,13 @@ namespace velmora::usage_stat::store {
 constexpr int kApplicationId = 0x55537264;
 constexpr int kSchemaVersion = 2;
 
+// How many records are in archives, where the views of this database do not see them.
+constexpr const char* kInArchives =
+    "CREATE VIEW in_archives AS SELECT\n  count(*) AS archives, coalesce(sum(records), 0) AS "
+    "records,"
+    "\n  min(first_record) AS first_record, max(last_record) AS last_record\n"
+    "FROM archives WHERE state = 'complete'";
+
 // The largest database that is put into one archive, in bytes: what its reader needs for a moment
 // in the folder of temporary files, which on a device is often memory.
 constexpr std::int64_t kLargestUnpacked = std::int64_t{16} * 1024 * 1024;
@@ -37,8 +44,9 @@ std::string DefaultArchiveDirectory(const std::string& database_path);
 
 // Opens the database at `path` for writing. When there is none, or the file is empty, it is
 // created, readable for its owner alone, and `created` tells so; for a null `created` it is
-// refused. A file that is not ours, or of a newer version than this one knows, is refused and left
-// as it is, to the last byte.
+// refused. It gets the views of records::Views(), or the present ones in the place of older. A file
+// that is not ours, or of a newer version than this one knows, is refused and left as it is, to the
+// last byte.
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
 // Looks whether the database at `path`, to which `connection` writes, is still what it was: SQLite
