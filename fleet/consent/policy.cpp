@@ -145,7 +145,8 @@ class File {
     const std::string here = place + "." + key;
     if (!level[key].is_object()) return Error(here, "is no object");
     for (const auto& [name, value] : level[key].items()) {
-      if (const auto action = ReadAction(value, here + "." + name)) actions->emplace(name, *action);
+      if (const auto action = ReadAction(value, std::string(here).append(".").append(name)))
+        actions->emplace(name, *action);
     }
   }
 
@@ -347,14 +348,15 @@ std::optional<Policy> Policy::Parse(std::string_view text, std::vector<std::stri
     }
   }
   for (const std::string& name : Widened(policy.At(Level::kBasic), policy.At(Level::kFull))) {
-    errors->push_back("levels.basic lets more of " + name + " through than levels.full");
+    errors->push_back(
+        std::string("levels.basic lets more of ").append(name).append(" through than levels.full"));
   }
   return errors->size() == errors_before ? std::optional(std::move(policy)) : std::nullopt;
 }
 
 base::Status Policy::Load(const std::string& path, Policy* policy) {
   // A policy is a page of text; what is larger is none.
-  constexpr std::streamsize kLargest = 1024 * 1024;
+  constexpr std::streamsize kLargest = std::streamsize{1024} * 1024;
   std::ifstream file(path, std::ios::binary);
   std::string text(kLargest + 1, '\0');
   if (!file) return base::Status::Errno("cannot open the policy " + path);

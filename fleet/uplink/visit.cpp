@@ -27,7 +27,7 @@ using Effect = Outbox::Effect;
 namespace {
 
 constexpr std::int64_t kMinuteMs = 60'000;
-constexpr std::int64_t kDayMs = 24 * 60 * kMinuteMs;
+constexpr std::int64_t kDayMs = std::int64_t{24} * 60 * kMinuteMs;
 constexpr int kConnectPatienceMs = 30'000;
 // After so many refusals of one batch it is tried once a day.
 constexpr std::int64_t kRefusalsInARow = 3;
