@@ -343,9 +343,8 @@ std::optional<Policy> Policy::Parse(std::string_view text, std::vector<std::stri
       CheckLetThrough(place, name, field, action, here.lets_through.erase(name) != 0, errors);
       table.At(type, i) = action;
     });
-    for (const std::string& name : here.lets_through) {
-      errors->push_back(place + ".lets_through: there is no field " + name);
-    }
+    const std::string unknown = place + ".lets_through: there is no field ";
+    for (const std::string& name : here.lets_through) errors->push_back(unknown + name);
   }
   for (const std::string& name : Widened(policy.At(Level::kBasic), policy.At(Level::kFull))) {
     errors->push_back(

@@ -246,7 +246,7 @@ Status CountActiveDevices(FleetSource* source, FleetSummary* summary) {
     const Day first = *weeks.begin();
     if (first > last_monday) continue;
     auto& cohort = summary->cohorts[first];
-    cohort.resize(static_cast<std::size_t>((last_monday - first) / 7 + 1));
+    cohort.resize(static_cast<std::size_t>((last_monday - first) / 7) + 1);
     for (const Day week : weeks) {
       if (week <= last_monday) ++cohort[static_cast<std::size_t>((week - first) / 7)];
     }
