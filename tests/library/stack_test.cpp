@@ -1,15 +1,13 @@
-// How much of a thread's stack a call takes, through the real platform libraries: each call runs on
-// a stack that was painted before, and what is not painted any more was used.
+// How much of a thread's stack a call takes, through the real platform libraries.
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 
 #include "fuzz/archives.h"
 #include "tests/library/golden_records.h"
 #include "tests/support/device_root.h"
+#include "tests/support/painted_stack.h"
 #include "tests/support/receiver.h"
 
 namespace usage_stat_test {
@@ -18,33 +16,6 @@ namespace {
 // As the head of usage_stat.h promises it.
 constexpr std::size_t kLibrary = 4096;
 constexpr std::size_t kHostPlatform = 16 * 1024;
-
-constexpr std::size_t kStackSize = 512 * 1024;
-constexpr unsigned char kPaint = 0xA5;
-
-std::size_t StackUsedBy(int (*call)()) {
-  auto* const stack = static_cast<unsigned char*>(
-      mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-  std::fill_n(stack, kStackSize, kPaint);
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstack(&attributes, stack, kStackSize);
-  pthread_t thread;
-  const auto run = [](void* function) -> void* {
-    (*static_cast<int (**)()>(function))();
-    return nullptr;
-  };
-  EXPECT_EQ(pthread_create(&thread, &attributes, run, &call), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-  const unsigned char* const deepest =
-      std::find_if(stack, stack + kStackSize, [](unsigned char byte) { return byte != kPaint; });
-  const auto used = static_cast<std::size_t>(stack + kStackSize - deepest);
-  munmap(stack, kStackSize);
-  return used;
-}
-
-int Nothing() { return 0; }
 
 TEST(StackTest, EveryCallKeepsToWhatTheHeaderPromises) {
   const DeviceRoot root;
@@ -73,11 +44,10 @@ TEST(StackTest, EveryCallKeepsToWhatTheHeaderPromises) {
   for (const GoldenRecord& golden : GoldenRecords()) {
     if (golden.send) calls.emplace_back(golden.signature, golden.send);
   }
-  const std::size_t thread_itself = StackUsedBy(Nothing);
   const auto expect_within_bound = [&](const char* when) {
     std::size_t most = 0;
     for (const auto& [name, call] : calls) {
-      const std::size_t used = StackUsedBy(call) - thread_itself;
+      const std::size_t used = StackUsedBy(call);
       EXPECT_LE(used, kLibrary + kHostPlatform) << name << ", " << when;
       most = std::max(most, used);
       while (receiver.TryReceive()) continue;

@@ -3,22 +3,29 @@
 
 #include <istream>
 #include <ostream>
+#include <string_view>
 
 #include "tests/support/recording/recorder.h"
 
 namespace velmora::utilities {
 
-using usage_stat_test::NoteDepth;
+using usage_stat_test::Note;
 using usage_stat_test::Recorded;
 
 namespace {
 
 constexpr int kStepError = 77;
 
+// Counts the primitive that begins.
+bool IsFailing() { return ++Recorded().steps == Recorded().failing_step; }
+
+int WriteSilently(std::string_view bytes, std::ostream& out) {
+  out.rdbuf()->sputn(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return 0;
+}
+
 template <class Value>
 int Write(const char* primitive, const Value& value, std::ostream& out) {
-  NoteDepth();
-  if (++Recorded().steps == Recorded().failing_step) return kStepError;
   out << primitive << ' ' << value << "; ";
   return 0;
 }
@@ -26,7 +33,6 @@ int Write(const char* primitive, const Value& value, std::ostream& out) {
 // Writes what Write() does, the way of a platform that knows a text's head only after the text:
 // goes back to fill it in, reads the text again, and takes up where it was.
 int WritePatching(const std::string& text, std::ostream& out) {
-  if (++Recorded().steps == Recorded().failing_step) return kStepError;
   const std::ostream::pos_type head = out.tellp();
   out << "?????? " << text;
   out.seekp(head) << "String";
@@ -47,27 +53,31 @@ std::string Joined(const std::vector<std::string>& texts) {
 }  // namespace
 
 MessageClient::MessageClient() : address_(), address_length_(0), capacity_(0) {
-  Recorded().calls.emplace_back("MessageClient");
   Recorded().steps = 0;
+  Note([] { return "MessageClient"; });
 }
 
-MessageClient::~MessageClient() { Recorded().calls.emplace_back("~MessageClient"); }
+MessageClient::~MessageClient() {
+  Note([] { return "~MessageClient"; });
+}
 
 int MessageClient::Init(const char* name, unsigned int name_length, unsigned int capacity) {
-  Recorded().calls.push_back("Init " + std::string(name, name_length) + ' ' +
-                             std::to_string(capacity));
+  Note([=] { return "Init " + std::string(name, name_length) + ' ' + std::to_string(capacity); });
   return Recorded().init_result;
 }
 
 int MessageClient::SendMessage(const char* data, unsigned int size) {
-  NoteDepth();
-  Recorded().calls.emplace_back("SendMessage");
-  Recorded().message.assign(data, size);
+  Note([=] {
+    Recorded().message.assign(data, size);
+    return "SendMessage";
+  });
   return Recorded().send_result;
 }
 
 #define RECORDED_PRIMITIVE(Primitive, Value, Text)                                      \
   int SerializationUtils::Serialize##Primitive(Value value, std::ostream& out) {        \
+    if (IsFailing()) return kStepError;                                                 \
+    if (Recorded().is_silent) return WriteSilently(#Primitive, out);                    \
     return Write(#Primitive, Text, out);                                                \
   }                                                                                     \
   int SerializationUtils::Deserialize##Primitive(std::istream&, std::decay_t<Value>*) { \
@@ -86,6 +96,8 @@ RECORDED_PRIMITIVE(Timestamp, long long, value > 0 ? "now" : "never")
 #undef RECORDED_PRIMITIVE
 
 int SerializationUtils::SerializeString(const std::string& value, std::ostream& out) {
+  if (IsFailing()) return kStepError;
+  if (Recorded().is_silent) return WriteSilently(value, out);
   return Recorded().patches_texts ? WritePatching(value, out) : Write("String", value, out);
 }
 int SerializationUtils::DeserializeString(std::istream&, std::string*) { return kStepError; }

@@ -5,7 +5,7 @@
 
 #include "tests/support/recording/recorder.h"
 
-using usage_stat_test::NoteDepth;
+using usage_stat_test::Note;
 using usage_stat_test::Recorded;
 using usage_stat_test::Recording;
 
@@ -16,11 +16,6 @@ namespace {
 CorvaneConfig g_global_config;
 CorvaneConfig g_opened_config;
 
-void Note(std::string call) {
-  NoteDepth();
-  Recorded().calls.push_back(std::move(call));
-}
-
 const char* NameOf(const CorvaneConfig* config) {
   if (config == &g_global_config) return "global";
   return config == &g_opened_config ? "opened" : "unknown";
@@ -30,6 +25,14 @@ template <class Map, class Key>
 const char* TextOrNull(const Map& texts, const Key& key) {
   const auto found = texts.find(key);
   return found == texts.end() ? nullptr : found->second;
+}
+
+void Log(int level, const char* file, int line, const char* function, const char* format,
+         va_list arguments) {
+  if (line < 1) format = "a line without its number";
+  char message[4096];
+  std::vsnprintf(message, sizeof(message), format, arguments);
+  Recorded().log.push_back({level, file, function, format, message});
 }
 
 }  // namespace
@@ -44,36 +47,39 @@ CorvaneState g_corvane = {&g_global_config};
 
 void vm_print_log2(int level, const char* file, int line, const char* function, const char* format,
                    ...) {
-  NoteDepth();
-  if (line < 1) format = "a line without its number";
-  char message[4096];
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(message, sizeof(message), format, arguments);
+  if (!Recorded().is_silent) Log(level, file, line, function, format, arguments);
   va_end(arguments);
-  Recorded().log.push_back({level, file, function, format, message});
 }
 
 CorvaneConfig* OpenConfig(const char* path, int flags) {
-  Note("OpenConfig " + std::string(path) + ' ' + std::to_string(flags));
+  Note([=] { return "OpenConfig " + std::string(path) + ' ' + std::to_string(flags); });
   return &g_opened_config;
 }
 
 const char* ReadString(CorvaneConfig* config, const char* key, const char* default_value) {
-  Note("ReadString " + std::string(NameOf(config)) + ' ' + key + ' ' + default_value);
+  Note([=] {
+    return "ReadString " + std::string(NameOf(config)) + ' ' + key + ' ' + default_value;
+  });
   return Recorded().language;
 }
 
 int ReadInt(CorvaneConfig* config, const char* key, int default_value) {
-  Note("ReadInt " + std::string(NameOf(config)) + ' ' + key + ' ' + std::to_string(default_value));
+  Note([=] {
+    return "ReadInt " + std::string(NameOf(config)) + ' ' + key + ' ' +
+           std::to_string(default_value);
+  });
   return Recorded().statistics_enabled;
 }
 
 void CloseConfigNoSave(CorvaneConfig* config) {
-  Note("CloseConfigNoSave " + std::string(NameOf(config)));
+  Note([=] { return "CloseConfigNoSave " + std::string(NameOf(config)); });
 }
 
-void RefreshConfig(CorvaneConfig* config) { Note("RefreshConfig " + std::string(NameOf(config))); }
+void RefreshConfig(CorvaneConfig* config) {
+  Note([=] { return "RefreshConfig " + std::string(NameOf(config)); });
+}
 
 const unsigned char* GetDeviceID(void) { return Recorded().device_id; }
 const char* GetSerialNumber(void) { return Recorded().serial_number; }
@@ -82,23 +88,25 @@ const char* GetSoftwareVersion(void) { return Recorded().software_version; }
 const char* GetCustomizedPartnerName(void) { return Recorded().partner_name; }
 
 int GetCustomizedPartner(void) {
-  Note("GetCustomizedPartner");
+  Note([=] { return "GetCustomizedPartner"; });
   return Recorded().partner;
 }
 
 int ReadGSensor(int* x, int* y, int* z) {
-  Note(x || y || z ? "ReadGSensor" : "ReadGSensor null null null");
+  Note([=] { return x || y || z ? "ReadGSensor" : "ReadGSensor null null null"; });
   return Recorded().gsensor;
 }
 
 int GetOrientation(void) {
-  Note("GetOrientation");
+  Note([=] { return "GetOrientation"; });
   return Recorded().orientation;
 }
 
 void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** second_actions,
                      int count) {
-  Note("GetKeyMappingEx " + std::to_string(mapping_set) + ' ' + std::to_string(count));
+  Note([=] {
+    return "GetKeyMappingEx " + std::to_string(mapping_set) + ' ' + std::to_string(count);
+  });
   for (int n = 0; n < count; ++n) {
     first_actions[n] = TextOrNull(Recorded().first_actions[mapping_set], n);
     second_actions[n] = TextOrNull(Recorded().second_actions[mapping_set], n);
@@ -106,7 +114,7 @@ void GetKeyMappingEx(int mapping_set, const char** first_actions, const char** s
 }
 
 unsigned int QueryDeviceButtons(void) {
-  Note("QueryDeviceButtons");
+  Note([=] { return "QueryDeviceButtons"; });
   return Recorded().buttons;
 }
 

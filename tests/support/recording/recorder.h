@@ -35,11 +35,11 @@ struct Recording {
   // What was asked, in order.
   std::vector<std::string> calls;
   std::vector<LogLine> log;
-  std::string message;            // the last one, as text
-  const void* deepest = nullptr;  // the furthest down the stack that a sending function stood
-  int steps = 0;                  // primitives written since the last client was made
+  std::string message;  // the last one, as text
+  int steps = 0;        // primitives written since the last client was made
 
   // What is answered.
+  bool is_silent = false;      // nothing is recorded or logged, which takes next to no stack
   int failing_step = 0;        // the primitive that fails, counted from 1 for each client
   bool patches_texts = false;  // texts are written with steps back in the stream
   int init_result = 0;
@@ -64,10 +64,10 @@ struct Recording {
 // The one of this process.
 __attribute__((visibility("default"))) Recording& Recorded();
 
-// Notes where on the stack the calling function stands.
-inline __attribute__((always_inline)) void NoteDepth() {
-  const void* const here = __builtin_frame_address(0);
-  if (!Recorded().deepest || here < Recorded().deepest) Recorded().deepest = here;
+// Records a call that `describe` puts into words.
+template <class Describe>
+inline void Note(const Describe& describe) {
+  if (!Recorded().is_silent) Recorded().calls.emplace_back(describe());
 }
 
 }  // namespace usage_stat_test
