@@ -34,7 +34,8 @@
  *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
  *             sent as 0 when it can't be computed.
  *   Stack     A call takes at most 4 KiB of its thread's stack for itself. What the platform
- *             libraries take comes on top: at most 16 KiB with those of the host.
+ *             libraries take comes on top, and what libcrypto takes to get ready for a process's
+ *             first book id: together at most 16 KiB with those of the host.
  */
 
 #ifndef USAGE_STAT_H_
