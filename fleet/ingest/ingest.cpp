@@ -78,8 +78,12 @@ class Ingester {
   // Takes what has come, and answers it.
   Status Step() {
     if (base::BootMs() >= next_tidy_ms_) {
-      RETURN_IF_ERROR(Tidy());
+      // What can't be tidied up keeps nobody's batches away.
       next_tidy_ms_ = base::BootMs() + kTidyMs;
+      if (Status status = Tidy(); !status.ok()) {
+        if (!ledger_) return status;
+        Tell("cannot drop old days: " + status.message);
+      }
     }
     std::vector<Message> messages;
     if (Status status = channel_->Receive(kIdleMs, kMessagesAtOnce, &messages); !status.ok()) {
@@ -123,8 +127,9 @@ class Ingester {
     Status status = ledger_->Retire(options_.keep_days, &dropped, &kept);
     if (!status.ok() && !ledger_->database().is_connected()) ledger_.reset();
     if (dropped > 0) Tell("days dropped: " + std::to_string(dropped));
-    if (kept > 0)
+    if (kept > 0) {
       Tell("days that are due to be dropped, but not exported: " + std::to_string(kept));
+    }
     return status;
   }
 

@@ -98,6 +98,10 @@ Reading Read(const std::string& datagram, std::string_view actions) {
     Mend(&values);
     if (const auto* type = records::FindEvent(reading.event)) Blank(*type, actions, &values);
     reading.fields = records::Dump(values);
+#ifdef USAGE_STAT_UNKNOWN_EVENT
+    // An earlier version, for a trial of what becomes of records that it does not know.
+    if (reading.event == USAGE_STAT_UNKNOWN_EVENT) reading = {"", "", "of an unknown type"};
+#endif
   }
   return reading;
 }
@@ -147,11 +151,26 @@ struct Ledger::Store {
   std::uint64_t first = 1;
   std::uint64_t cursor = 0;
   std::string last_batch;
+  std::string recent;       // ids of batches and questions, the newest last
   std::int64_t stored = 0;  // added by this transaction, like the next two
   std::int64_t quarantined = 0;
   std::int64_t forks = 0;
-  Level level = Level::kNone;
+  int level = -1;  // of the last batch in this transaction; questions have none
   bool changed = false;
+
+  // Notes that `asked`, a batch or a question, was answered well.
+  void Remember(const Id& asked) {
+    constexpr std::size_t kRemembered = 32;
+    recent += View(asked);
+    if (recent.size() > kRemembered * asked.size()) recent.erase(0, asked.size());
+    changed = true;
+  }
+  bool Remembers(const Id& asked) const {
+    for (std::size_t at = 0; at < recent.size(); at += asked.size()) {
+      if (std::string_view(recent).substr(at, asked.size()) == View(asked)) return true;
+    }
+    return false;
+  }
 };
 
 // The deliveries of one transaction, read.
@@ -237,7 +256,7 @@ Status Ledger::EnterStores(const Pending& pending, const Entered& entered, Store
       "INSERT INTO stores(device, store_id, first, cursor) SELECT d, k, f, f - 1 FROM " + wanted +
           "WHERE NOT EXISTS (SELECT FROM stores WHERE device = d AND store_id = k) "
           "ORDER BY d, k;"
-          "SELECT d.name, s.store_id, s.id, s.first, s.cursor, s.last_batch FROM " +
+          "SELECT d.name, s.store_id, s.id, s.first, s.cursor, s.last_batch, s.recent FROM " +
           wanted +
           "JOIN stores s ON s.device = n.d AND s.store_id = n.k "
           "JOIN devices d ON d.id = s.device ORDER BY s.id FOR UPDATE OF s",
@@ -250,6 +269,7 @@ Status Ledger::EnterStores(const Pending& pending, const Entered& entered, Store
     store.first = static_cast<std::uint64_t>(rows.Int(row, 3));
     store.cursor = static_cast<std::uint64_t>(rows.Int(row, 4));
     store.last_batch = rows.Bytes(row, 5);
+    store.recent = rows.Bytes(row, 6);
   }
   return {};
 }
@@ -270,19 +290,21 @@ std::string Ledger::SaveStatement(const Stores& stores) {
     if (!store.changed) continue;
     rows += (rows.empty() ? "(" : ",(") + std::to_string(store.id) + "," +
             std::to_string(store.device) + "," + std::to_string(store.cursor) + ",'" +
-            ByteaOf(store.last_batch) + "'::bytea," + std::to_string(store.stored) + "," +
-            std::to_string(store.quarantined) + "," + std::to_string(store.forks) + "," +
-            std::to_string(static_cast<int>(store.level)) + ")";
+            ByteaOf(store.last_batch) + "'::bytea,'" + ByteaOf(store.recent) + "'::bytea," +
+            std::to_string(store.stored) + "," + std::to_string(store.quarantined) + "," +
+            std::to_string(store.forks) + "," + std::to_string(store.level) + ")";
   }
   if (rows.empty()) return {};
   rows = " FROM (VALUES " + rows +
-         ") AS n(id, device, cursor, last, stored, quarantined, forks, level) ";
+         ") AS n(id, device, cursor, last, recent, stored, quarantined, forks, level) ";
   return "UPDATE stores s SET cursor = n.cursor, last_batch = nullif(n.last, ''), "
-         "stored = s.stored + n.stored, quarantined = s.quarantined + n.quarantined, "
+         "recent = n.recent, stored = s.stored + n.stored, quarantined = s.quarantined + "
+         "n.quarantined, "
          "forks = s.forks + n.forks" +
          rows +
          "WHERE s.id = n.id;"
-         "UPDATE devices d SET last_seen = now(), level = n.level" +
+         "UPDATE devices d SET last_seen = now(), level = CASE WHEN n.level < 0 THEN d.level ELSE "
+         "n.level END" +
          rows + "WHERE d.id = n.device;";
 }
 
@@ -395,13 +417,14 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
       RETURN_IF_ERROR(Reject(device->second, one.decoded.problem, one.delivery->message));
     } else {
       Store& store = stores.at({name, batch.store});
-      store.level = batch.level;
+      if (!batch.is_question()) store.level = static_cast<int>(batch.level);
       if (store.last_batch == View(batch.id)) {
         reply.receipt.answer = Answer::kStored;
         outcome = "repeated";
       } else if (batch.after == store.cursor && batch.is_question()) {
         reply.receipt.answer = Answer::kCursor;
         outcome = "question";
+        store.Remember(batch.id);
       } else if (batch.after == store.cursor) {
         append(batch, &store);
         store.cursor = batch.through;
@@ -409,10 +432,15 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
         reply.receipt.answer = Answer::kStored;
         outcome = "stored";
         tallies[outcome].records += batch.records.size();
-        store.changed = true;
+        store.Remember(batch.id);
       } else if (batch.after > store.cursor) {
         reply.receipt.answer = Answer::kCursor;
         outcome = "cursor";
+      } else if (store.Remembers(batch.id)) {
+        // Where every ingester sees every batch, one may come to it late, when the device has gone
+        // on with the answer of another. That is no copy of the store.
+        reply.receipt.answer = batch.is_question() ? Answer::kCursor : Answer::kStored;
+        outcome = "repeated";
       } else {
         ++store.forks;
         reply.receipt.answer = Answer::kForked;
@@ -508,13 +536,20 @@ Status Ledger::Replay(std::int64_t* released) {
 
 namespace {
 
-// Adds `name` to the file of tombstones and brings it to the disk.
-Status Entomb(const std::string& path, const std::string& name) {
+// Adds `names`, each a line, to the file of tombstones and brings them to the disk. The file is
+// made when it is missing.
+Status Entomb(const std::string& path, const std::string& names) {
   const base::Descriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  const std::string line = name + "\n";
+      open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  std::string lines = names;
+  if (file.is_open()) {
+    // A line that a full disk cut short must not spoil the next.
+    char last = '\n';
+    const off_t end = lseek(file.get(), 0, SEEK_END);
+    if (end > 0 && pread(file.get(), &last, 1, end - 1) == 1 && last != '\n') lines.insert(0, "\n");
+  }
   if (!file.is_open() ||
-      write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) ||
+      write(file.get(), lines.data(), lines.size()) != static_cast<ssize_t>(lines.size()) ||
       fsync(file.get()) != 0) {
     return Status::Errno("cannot write the tombstones in " + path);
   }
@@ -530,7 +565,7 @@ Status Entomb(const std::string& path, const std::string& name) {
 }  // namespace
 
 Status Ledger::Forget(const std::string& name) {
-  if (!tombstones_.empty()) RETURN_IF_ERROR(Entomb(tombstones_, name));
+  if (!tombstones_.empty()) RETURN_IF_ERROR(Entomb(tombstones_, name + "\n"));
   return Delete(name);
 }
 
@@ -549,17 +584,31 @@ Status Ledger::Delete(const std::string& name) {
   return transaction.Commit();
 }
 
-// A database that was restored from a dump may know devices that were forgotten since.
+// A database that was restored from a dump may know devices that were forgotten since. The other
+// way round, names come into the file that an ingester with another file has buried.
 Status Ledger::ApplyTombstones() {
   if (tombstones_.empty()) return {};
+  RETURN_IF_ERROR(Entomb(tombstones_, ""));
   Rows rows;
   RETURN_IF_ERROR(database_.Run("SELECT name FROM forgotten", {}, &rows));
   std::set<std::string> known;
   for (int row = 0; row < rows.size(); ++row) known.emplace(rows.Text(row, 0));
   std::ifstream file(tombstones_);
+  std::set<std::string> buried;
   for (std::string name; std::getline(file, name);) {
     Id id{};
-    if (FromText(name, &id) && !known.contains(name)) RETURN_IF_ERROR(Delete(name));
+    if (FromText(name, &id)) buried.insert(name);
+  }
+  if (!file.eof() || file.bad()) {
+    return Status::Failed("cannot read the tombstones in " + tombstones_);
+  }
+  std::string unburied;
+  for (const std::string& name : known) {
+    if (!buried.contains(name)) unburied.append(name).append("\n");
+  }
+  if (!unburied.empty()) RETURN_IF_ERROR(Entomb(tombstones_, unburied));
+  for (const std::string& name : buried) {
+    if (!known.contains(name)) RETURN_IF_ERROR(Delete(name));
   }
   return {};
 }
@@ -567,19 +616,33 @@ Status Ledger::ApplyTombstones() {
 Status Ledger::Retire(std::int64_t days, std::int64_t* dropped, std::int64_t* kept) {
   *dropped = *kept = 0;
   Rows rows;
-  RETURN_IF_ERROR(
-      database_.Run("SELECT c.relname, e.day IS NOT NULL FROM pg_inherits i JOIN pg_class c ON "
-                    "c.oid = i.inhrelid "
-                    "LEFT JOIN exports e ON c.relname = 'records_' || to_char(e.day, 'YYYYMMDD') "
-                    "WHERE i.inhparent = 'records'::regclass AND c.relname < 'records_' || "
-                    "to_char((now() AT TIME ZONE 'UTC')::date - $1::int, 'YYYYMMDD')",
-                    {std::to_string(days)}, &rows));
+  RETURN_IF_ERROR(database_.Run(
+      "SELECT c.relname, coalesce(e.records, -1) FROM pg_inherits i JOIN pg_class c ON "
+      "c.oid = i.inhrelid "
+      "LEFT JOIN exports e ON c.relname = 'records_' || to_char(e.day, 'YYYYMMDD') "
+      "WHERE i.inhparent = 'records'::regclass AND c.relname < 'records_' || "
+      "to_char((now() AT TIME ZONE 'UTC')::date - $1::int, 'YYYYMMDD')",
+      {std::to_string(days)}, &rows));
   for (int row = 0; row < rows.size(); ++row) {
-    if (rows.Text(row, 1) != "t") {
+    // In one transaction, so that what is counted is what goes. Fewer than were exported are fine:
+    // somebody was forgotten. More would be lost.
+    const std::string table(rows.Text(row, 0));
+    const std::int64_t exported = rows.Int(row, 1);
+    Transaction transaction(&database_);
+    Rows count;
+    RETURN_IF_ERROR(transaction.Begin());
+    if (exported >= 0) {
+      RETURN_IF_ERROR(database_.Run("SELECT to_regclass($1) IS NULL", {table}, &count));
+      if (count.Text(0, 0) == "t") continue;
+      RETURN_IF_ERROR(database_.Execute("LOCK TABLE " + table + " IN ACCESS EXCLUSIVE MODE"));
+      RETURN_IF_ERROR(database_.Execute("SELECT count(*) FROM " + table, &count));
+    }
+    if (exported < 0 || count.Int(0, 0) > exported) {
       ++*kept;
       continue;
     }
-    RETURN_IF_ERROR(database_.Execute("DROP TABLE IF EXISTS " + std::string(rows.Text(row, 0))));
+    RETURN_IF_ERROR(database_.Execute("DROP TABLE " + table));
+    RETURN_IF_ERROR(transaction.Commit());
     ++*dropped;
   }
   return {};

@@ -186,7 +186,9 @@ Status Outgoing::Fill(const StoreRange& store, std::uint64_t after, const Limits
 Status Outgoing::FillAgain(const StoreRange& store, std::uint64_t after, std::uint64_t through,
                            std::int64_t now_ms, fleet::Batch* batch) {
   std::vector<Span> spans;
-  RETURN_IF_ERROR(Begin(store, after, through, now_ms, batch, &spans));
+  // What a power cut took of the interval belongs to the next store by now.
+  const std::uint64_t last = std::max(after, std::min(through, store.last));
+  RETURN_IF_ERROR(Begin(store, after, last, now_ms, batch, &spans));
   // A level that was raised since may have split what left in one way.
   std::shared_ptr<const consent::Table> table;
   Level level = Level::kFull;
@@ -202,7 +204,10 @@ Status Outgoing::FillAgain(const StoreRange& store, std::uint64_t after, std::ui
   }
   constexpr Limits kAll{std::numeric_limits<std::size_t>::max(),
                         std::numeric_limits<std::size_t>::max()};
-  return FillSpans(spans, kAll, now_ms, batch);
+  RETURN_IF_ERROR(FillSpans(spans, kAll, now_ms, batch));
+  AddRun(last + 1, through, fleet::Reason::kUnreadable, batch);
+  batch->through = through;
+  return {};
 }
 
 Status Outgoing::ForEachRaw(const fleet::Batch& batch, const RawVisitor& visit) {

@@ -27,6 +27,7 @@ using Effect = Outbox::Effect;
 namespace {
 
 constexpr std::int64_t kMinuteMs = 60'000;
+constexpr std::int64_t kHourMs = 60 * kMinuteMs;
 constexpr std::int64_t kDayMs = std::int64_t{24} * 60 * kMinuteMs;
 constexpr int kConnectPatienceMs = 30'000;
 // After so many refusals of one batch it is tried once a day.
@@ -76,7 +77,9 @@ Status Set(std::string_view key, std::string_view value, SendConfig* config) {
   }
   if (key == "minimum_records") return SetNumber(value, 1, kMost, &config->minimum_records);
   if (key == "longest_age_days") return SetNumber(value, 0, 365, &config->longest_age_days);
-  if (key == "daily_bytes") return SetNumber(value, 1, kMost, &config->daily_bytes);
+  // A batch has to fit into a day.
+  constexpr std::int64_t kLeastDaily = 300'000;
+  if (key == "daily_bytes") return SetNumber(value, kLeastDaily, kMost, &config->daily_bytes);
   if (key == "receipt_wait_s") return SetNumber(value, 1, 3600, &config->receipt_wait_s);
   if (key == "batch_records") {
     RETURN_IF_ERROR(SetNumber(value, 1, 65'536, &number));
@@ -104,7 +107,7 @@ class Visit {
     visits_.trouble = status.message;
     if (status.ok()) {
       visits_.failures = 0;
-      visits_.next_ms = 0;
+      visits_.next_ms = is_spent_ ? (visits_.day + 1) * kDayMs + Jitter(kHourMs) : 0;
       visits_.last_success_ms = now_ms;
     } else {
       const bool gave_up = outbox_->pending() && outbox_->pending()->refusals >= kRefusalsInARow &&
@@ -146,6 +149,7 @@ class Visit {
       if (prepared.message.empty()) break;
       if (visits_.sent_bytes + static_cast<std::int64_t>(prepared.message.size()) >
           config_.daily_bytes) {
+        is_spent_ = true;
         Tell("that is enough for today");
         break;
       }
@@ -159,7 +163,9 @@ class Visit {
 
   // Sends a batch and waits for its receipt.
   Status Exchange(const fleet::Batch& batch, const std::string& message, Effect* effect) {
+    // Noted before it leaves: who is killed over and over must not send without end.
     visits_.sent_bytes += static_cast<std::int64_t>(message.size());
+    RETURN_IF_ERROR(outbox_->Save(visits_));
     RETURN_IF_ERROR(channel_->Send(fleet::UpTopic(name_), message));
     const std::int64_t end_ms = base::BootMs() + config_.receipt_wait_s * 1000;
     for (*effect = Effect::kNone; *effect == Effect::kNone;) {
@@ -234,6 +240,7 @@ class Visit {
   std::unique_ptr<fleet::Channel> channel_;
   std::vector<fleet::Message> received_;
   bool is_forgotten_ = false;
+  bool is_spent_ = false;  // what may be sent today
 };
 
 // ---- The commands ----
@@ -260,8 +267,9 @@ Status OpenDevice(const SendOptions& options, consent::State::Mode mode, Device*
 bool IsDue(const SendConfig& config, const Device& device, std::int64_t now_ms, std::string* why) {
   const Visits& visits = device.outbox->visits();
   // A clock that went back must not put the next visit off for years.
-  if (now_ms < visits.next_ms && visits.next_ms - now_ms <= kDayMs) {
-    *why = "the last visit failed, and its pause is not over";
+  if (now_ms < visits.next_ms && visits.next_ms - now_ms <= 2 * kDayMs) {
+    *why = visits.trouble.empty() ? "today's bytes are spent"
+                                  : "the last visit failed, and its pause is not over";
     return false;
   }
   if (device.state->is_forgetting()) return true;

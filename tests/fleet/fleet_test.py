@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """The fleet's side and the devices', with real brokers and databases.
 
-Usage: fleet_test.py BUILD_FOLDER [CASE|GROUP...]     all cases unless some are named
+Usage: fleet_test.py BUILD_FOLDER [CASE...]     all cases unless some are named
+       fleet_test.py --names
 """
 import struct
 import sys
@@ -72,7 +73,8 @@ def cursor_rules(rig):
         ("the next, with runs", batch(2, 10, 20, runs=[(11, 13, RETENTION), (20, 20, WITHHELD)]),
          STORED, 20, 16),
         ("one that begins too late", batch(3, 21, 22), CURSOR, 20, 16),
-        ("an old one that comes late", old, FORKED, 20, 16),
+        ("an old one that an ingester comes to late", old, STORED, 20, 16),
+        ("an old question likewise", question(7, 10), CURSOR, 20, 16),
         ("another one for old numbers", batch(4, 10, 30), FORKED, 20, 16),
         ("a question of a copy", question(5, 10), FORKED, 20, 16),
         ("a store that begins later", batch(1, 30, 31, store=2, first=31), STORED, 31, 17),
@@ -84,7 +86,8 @@ def cursor_rules(rig):
         assert receipt[0] == NAME and receipt[2] == answer and receipt[4] == cursor, (what, receipt)
         assert rig.sql("SELECT count(*) FROM records") == str(stored), what
     assert balance(rig) == (5003, 19, 0, 4984)
-    assert rig.sql("SELECT forks FROM stores WHERE first = 1") == "3"
+    assert rig.sql("SELECT forks FROM stores WHERE first = 1") == "2"
+    assert rig.sql("SELECT level FROM devices") == "0", "of the last batch, not of a question"
     wire.ask(OTHER, old)
     assert rig.sql("SELECT count(DISTINCT device) FROM records") == "2", "names keep apart"
     wire.close()
@@ -130,6 +133,37 @@ def quarantine(rig):
     rig.ingester(1)
     assert balance(rig) == (9, 6, 3, 0)
     assert rig.sql("SELECT DISTINCT fields::text, level FROM records") == "[90]|2"
+    wire.close()
+
+
+def older_ingester(rig):
+    """What an earlier version does not know waits in the quarantine for the next."""
+    older = rig.ingester(program=rig.build / "fleet/ingest/usage-stat-fleet-older")
+    one = device(rig)
+    one.send()
+    announced, stored, waiting, _ = balance(rig)
+    assert stored > 0 and waiting > 0 and announced == 2001, (stored, waiting)
+    assert "upgrade the ingester" in rig.fleet("doctor").stdout
+    older.stop()
+    rig.ingester(1)
+    assert balance(rig)[1:3] == (stored + waiting, 0)
+    holds_all([one])
+
+
+def upgrade(rig):
+    """Tables of the first version become those of today; those of a later one are left alone."""
+    ingester = rig.ingester()
+    wire = rigs.Wire(rig)
+    wire.ask(NAME, batch(1, 0, 10))
+    ingester.stop()
+    rig.sql("ALTER TABLE stores DROP COLUMN recent; UPDATE fleet_schema SET version = 1")
+    ingester = rig.ingester(1)
+    assert wire.ask(NAME, batch(2, 10, 20))[2] == STORED
+    assert balance(rig) == (20, 20, 0, 0)
+    ingester.stop()
+    rig.sql("UPDATE fleet_schema SET version = version + 1")
+    refused = rig.fleet("forget", NAME, check=False)
+    assert refused.returncode == 1 and "this program knows version" in refused.stderr
     wire.close()
 
 
@@ -195,22 +229,39 @@ def forgetting(rig):
     wire.close()
 
 
+def tombstones(rig):
+    """The file of tombstones survives a full disk, is needed, and learns what the database knows."""
+    rig.tombstones.write_text(NAME[:20])  # as a full disk leaves it
+    rig.fleet("forget", NAME, "--tombstones", rig.tombstones)
+    rig.fleet("forget", OTHER)
+    ingester = rig.ingester()
+    assert rig.tombstones.read_text().split() == [NAME[:20], NAME, OTHER]
+    ingester.stop()
+    rig.tombstones.unlink()
+    rig.tombstones.mkdir()
+    refused = rig.fleet("forget", NAME, "--tombstones", rig.tombstones, check=False)
+    assert refused.returncode == 1 and "tombstones" in refused.stderr
+
+
 def retirement(rig):
-    """A day goes when it is old and exported, and the balance still holds."""
+    """A day goes when it is old and exported as it is, and the balance still holds."""
     ingester = rig.ingester()
     wire = rigs.Wire(rig)
     wire.ask(NAME, batch(1, 0, 10))
     ingester.stop()
-    for day, exported in (("2020-01-01", True), ("2020-01-02", False)):
+    for day, exported, more in (("2020-01-01", True, False), ("2020-01-02", False, False),
+                                ("2020-01-03", True, True)):
         table = "records_" + day.replace("-", "")
         rig.sql(f"CREATE TABLE {table} PARTITION OF records FOR VALUES FROM ('{day}') TO "
                 f"('{day}'::date + 1)")
         if exported:
             rig.sql(f"INSERT INTO exports VALUES('{day}', 0, 'manifest')")
+        if more:
+            rig.sql("UPDATE records SET day = '2020-01-03' WHERE number <= 5")
     rig.ingester(1)
     wire.ask(NAME, batch(2, 10, 20))
-    assert rig.sql("SELECT count(*) FROM pg_inherits WHERE inhparent = 'records'::regclass") == "2"
-    assert "days of records older than 30: 1" in rig.fleet("doctor").stdout
+    assert rig.sql("SELECT count(*) FROM pg_inherits WHERE inhparent = 'records'::regclass") == "3"
+    assert "days of records older than 30: 2" in rig.fleet("doctor").stdout
     assert balance(rig) == (20, 20, 0, 0)
     wire.close()
 
@@ -264,6 +315,54 @@ def visits(rig):
     assert sorted(never.state.rglob("*")) == before, "without consent nothing is written"
 
 
+def offline(rig):
+    """Nothing listens: one connect a try, and a pause that grows, by chance and to a day at most."""
+    one = device(rig)
+    calls = []
+    with rigs.socket.create_server(("127.0.0.1", 0)) as server:
+        one.configure(port=server.getsockname()[1])
+
+        def hang_up():
+            while True:
+                try:
+                    calls.append(server.accept()[0].close())
+                except OSError:
+                    return
+
+        rigs.threading.Thread(target=hang_up, daemon=True).start()
+        pauses = []
+        for tries in range(1, 15):
+            assert one.uplink("send", "--config", one.config, check=False).returncode == 1
+            assert one.uplink("send", "--config", one.config).returncode == 0, "the pause"
+            assert len(calls) == tries, "one connect a try"
+            pauses.append(one.note("SELECT next_ms - last_ms FROM visits"))
+            one.note("UPDATE visits SET next_ms = 1")
+        for tries, pause in enumerate(pauses):
+            most = min(60_000 << min(tries, 11), 86_400_000)
+            assert most // 2 <= pause <= most, (tries, pauses)
+        assert len({pause * 60_000 // (60_000 << i) for i, pause in enumerate(pauses[:8])}) > 1, pauses
+        server.shutdown(rigs.socket.SHUT_RDWR)
+    assert one.note("SELECT count(*) FROM pending") == 0, "nothing is queued a second time"
+
+
+def daily_bytes(rig):
+    """What is sent on a day stays within its limit, also when the device is killed over and over."""
+    rig.ingester()
+    one = device(rig, batch_records=500)
+    one.configure(daily_bytes=300_000)
+    one.send()
+    spent = one.note("SELECT sent_bytes FROM visits")
+    one.feed(rig.sample(), 300)
+    one.note("UPDATE visits SET sent_bytes = 299000")
+    one.send()
+    assert 0 < spent < 30_000 and one.note("SELECT sent_bytes FROM visits") <= 300_000
+    assert len(one.held()) < len(one.expected())
+    assert b"today's bytes are spent" in one.uplink("doctor", "--config", one.config).stdout
+    one.note("UPDATE visits SET day = day - 1, next_ms = 1")
+    one.uplink("send", "--config", one.config)
+    holds_all([one])
+
+
 def broker_loses_all(rig, program="usage-stat-uplink"):
     """A broker that acknowledged everything is killed and loses it: the fleet does not."""
     one = device(rig)
@@ -278,9 +377,12 @@ def broker_loses_all(rig, program="usage-stat-uplink"):
 
 def trusting_the_broker_loses(rig):
     """The same with an uplink that takes the broker's word, which must be seen to lose."""
+    one = None
     try:
         broker_loses_all(rig, "usage-stat-uplink-trusting")
-    except AssertionError:
+    except AssertionError as failure:
+        expected, held, _ = failure.args[0]
+        assert expected > 1900 and held == 0, failure
         return
     raise AssertionError("this rig would not see a loss")
 
@@ -364,7 +466,26 @@ def copies(rig):
     new = set(held) - before
     assert payloads(new) == payloads(row for row in one.expected() if int(row.split()[1]) > 2001)
     assert rig.sql("SELECT count(*) FROM stores WHERE forks > 0") == "1"
-    assert "copies are about" in rig.fleet("doctor").stdout
+    assert "copies are about: 1" in rig.fleet("doctor").stdout
+    # An image of another device is put on two, and both go on.
+    first = device(rig, 1)
+    first.send()
+    first.collector.stop()
+    common = first.count()
+    second = rigs.Device(rig, 2, level=None)
+    second.collector.stop()
+    for file in (rigs.pathlib.Path("records.db"), rigs.pathlib.Path("state/uplink.db")):
+        rigs.shutil.copy(first.folder / file, second.folder / file)
+    for seed, clone in enumerate((first, second), 7):
+        clone.collect()
+        clone.feed(rig.sample(2, seed=seed))
+    first.send()
+    second.send()
+    held = first.held()
+    assert len(held) == len(set(held))
+    own = [row for row in second.expected() if int(row.split(" ")[1]) > common]
+    assert own and payloads(held) == payloads(first.expected() + own), "nothing lost"
+    assert "copies are about: 2" in rig.fleet("doctor").stdout
     balance(rig)
 
 
@@ -386,6 +507,23 @@ def numbers_given_again(rig):
     balance(rig)
 
 
+def power_cut_in_flight(rig):
+    """A power cut takes the newest numbers while they are on their way, and they are given again."""
+    one = device(rig)
+    one.uplink("preview", "-o", "raw")
+    assert one.note("SELECT through FROM pending") == 2001
+    one.collector.kill()
+    one.query("DELETE FROM records WHERE id > 1900")
+    one.collect()
+    one.feed(rig.sample(2, seed=7))
+    rig.ingester()
+    one.send()
+    holds_all([one])
+    assert rig.sql("SELECT first, last FROM missing WHERE reason = 'unreadable'").endswith("|2001")
+    assert rig.sql("SELECT count(*) FROM stores") == "2"
+    balance(rig)
+
+
 def what_is_gone(rig):
     """Retention takes unsent records, and an archive can't be read: both are declared."""
     rig.ingester()
@@ -404,6 +542,56 @@ def what_is_gone(rig):
                    "GROUP BY reason ORDER BY reason")
     assert gone == "retention|1000\nunreadable|100", gone
     balance(rig)
+
+
+def retention_meanwhile(rig):
+    """Retention deletes, sent or not, while visits go on: what was missed is declared."""
+    rig.ingester()
+    one = rigs.Device(rig, 0, batch_records=300)
+    one.collector.stop()
+    one.collector.command += ["--max-size", "1M"]
+    one.collect()
+    for round in range(10):
+        one.feed(rig.sample(90))
+        if round % 3 == 1:
+            one.send()
+    rigs.wait_until(lambda: one.query("SELECT count(*) FROM missing"), "the retention")
+    one.send()
+    held = one.held()
+    assert set(one.expected()) <= set(held) and len(held) == len(set(held))
+    gone = int(rig.sql("SELECT coalesce(sum(last - first + 1), 0) FROM missing "
+                       "WHERE reason = 'retention'"))
+    announced, stored, _, missing = balance(rig)
+    assert gone > 1000 and missing >= gone and announced == one.count() == stored + missing, gone
+
+
+def only_reading(rig):
+    """A user who may read database and archives and nothing else brings all of them to the fleet."""
+    if rigs.os.geteuid() != 0:
+        return
+    rig.ingester()
+    one = device(rig)
+    rigs.subprocess.run([rig.build / "tools/inspector/usage-stat", "archive", "--database",
+                         one.database], check=True, capture_output=True)
+    one.feed(rig.sample(), 500)
+    for path in (one.folder, *one.folder.rglob("*")):
+        path.chmod(0o755 if path.is_dir() else 0o644)
+    for path in (one.state, one.state / "uplink.db"):
+        rigs.shutil.chown(path, "daemon", "daemon")
+    def shape():
+        return sorted((path, path.stat().st_mtime_ns, path.stat().st_size)
+                      for path in one.folder.rglob("*") if one.state not in (path, *path.parents)
+                      and not path.name.endswith(".log") and not path.name.endswith("-shm"))
+    before = shape()
+    assert any(path.suffix == ".zst" for path, *_ in before)
+    one.send()
+    holds_all([one])
+    assert shape() == before
+    one.collector.stop()
+    one.note("UPDATE cursors SET cursor = 0")
+    before = shape()
+    assert one.send(check=False).returncode == 0
+    assert shape() == before
 
 
 def old_receipts(rig):
@@ -463,6 +651,7 @@ def many(rig):
     assert balance(rig) == (30_000, 30_000, 0, 0)
     assert rig.sql("SELECT count(*) FROM devices d JOIN stores s ON s.device = d.id "
                    "WHERE s.stored = 150") == "200"
+    assert rig.sql("SELECT sum(forks) FROM stores") == "0", "who comes late takes nobody for a copy"
 
 
 def certificates(rig):
@@ -495,26 +684,26 @@ def certificates(rig):
     holds_all([one])
 
 
-SECURE = {certificates}
-
-GROUPS = {
-    "ledger": [cursor_rules, hostile_batches, quarantine, clocks, masks, forgetting, retirement],
-    "uplink": [visits, broker_loses_all, trusting_the_broker_loses, slow_ingester, lowered_consent,
-               fleet_falls_back, copies, numbers_given_again, what_is_gone, old_receipts, refusals,
-               denied, many, certificates],
-}
+SECURE = [certificates]
+CASES = [cursor_rules, hostile_batches, quarantine, older_ingester, clocks, masks, forgetting,
+         tombstones, retirement, upgrade, visits, offline, daily_bytes, broker_loses_all,
+         trusting_the_broker_loses, slow_ingester, lowered_consent, fleet_falls_back, copies,
+         numbers_given_again, power_cut_in_flight, what_is_gone, retention_meanwhile, only_reading,
+         old_receipts, refusals, denied, many] + SECURE
 
 
 def main():
+    if sys.argv[1] == "--names":
+        print(";".join(case.__name__ for case in CASES))
+        return
     build, wanted = sys.argv[1], sys.argv[2:]
-    for group, cases in GROUPS.items():
-        for case in cases:
-            if wanted and case.__name__ not in wanted and group not in wanted:
-                continue
-            broker = rigs.SecureMosquitto if case in SECURE else rigs.Mosquitto
-            with rigs.Rig(build, broker) as rig:
-                case(rig)
-            print(f"{case.__name__}: {case.__doc__}", flush=True)
+    for case in CASES:
+        if wanted and case.__name__ not in wanted:
+            continue
+        broker = rigs.SecureMosquitto if case in SECURE else rigs.Mosquitto
+        with rigs.Rig(build, broker) as rig:
+            case(rig)
+        print(f"{case.__name__}: {case.__doc__}", flush=True)
 
 
 main()

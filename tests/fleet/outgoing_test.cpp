@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <zstd.h>
 
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <random>
@@ -19,6 +20,7 @@
 #include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
 #include "tools/store/archive.h"
+#include "tools/store/retention.h"
 
 namespace velmora::usage_stat::uplink {
 namespace {
@@ -182,6 +184,34 @@ TEST_F(OutgoingTest, RecordsInArchivesLeaveToo) {
   const fleet::Batch batch = Next(1);
   EXPECT_EQ(batch.records.size(), 16U);  // and the record of the archive
   EXPECT_TRUE(batch.runs.empty());
+}
+
+TEST_F(OutgoingTest, WhatGoesWhileItIsReadIsDeclaredWithItsReason) {
+  const std::string turn = Examples().at("ChangePageEvent");
+  Receive({});
+  Agree(Level::kFull);
+  Receive(std::vector<std::string>(1009, turn));
+  std::vector<store::Archive> first;
+  std::vector<store::Archive> second;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &first));
+  Receive(std::vector<std::string>(5, turn));
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &second));
+  Receive(std::vector<std::string>(5, turn));
+  const auto state = OpenState();
+  std::unique_ptr<Outgoing> outgoing;
+  ASSERT_OK(consent::LookAt(database_, state.get()));
+  ASSERT_OK(Outgoing::Open(database_, state.get(), policy_, &outgoing));
+  // Behind its back retention takes the first archive, and a broken disk the second.
+  const auto place = [&](const store::Archive& each) {
+    return store::LocateArchive(database_, each);
+  };
+  std::filesystem::resize_file(place(second.at(0)), 100);
+  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(database_));
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = size + 4000}));
+  EXPECT_FALSE(std::filesystem::exists(place(first.at(0))));
+  fleet::Batch batch;
+  ASSERT_OK(outgoing->Fill(outgoing->stores().at(0), 10, {}, kStart, &batch));
+  EXPECT_EQ(Short(batch), "full 11-1022: 1x11-1010 3x1011-1016 6");
 }
 
 TEST_F(OutgoingTest, PreviewShowsTheBytesAndWhatTheyWereMadeFrom) {
