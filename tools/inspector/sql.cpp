@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@ struct Options {
 // What the table is made from, for as long as the program runs.
 struct Source {
   Reader* live = nullptr;
+  std::string database;
   std::vector<std::string> problems;  // archives that could not be read
 };
 
@@ -71,26 +73,21 @@ class Cursor : public sqlite3_vtab_cursor {
     query_ = std::move(query);
     rows_.clear();
     next_ = 0;
-    is_live_ = false;
     archive_.reset();
-    RETURN_IF_ERROR(source_->live->ReadArchives(&archives_));
-    next_archive_ = 0;
+    archived_ = INT64_MIN;
+    live_ = query_.after_id.value_or(INT64_MIN);
+    is_end_ = false;
+    RETURN_IF_ERROR(OpenNext());
     return Next();
   }
 
   // Goes to the next row; is_end() after the last one.
   Status Next() {
     ++next_;
-    while (next_ >= rows_.size()) {
-      if (reader() && !is_empty_) {
-        RETURN_IF_ERROR(ReadRows());
-        next_ = 0;
-      } else if (!OpenNext()) {
-        is_end_ = true;
-        return {};
-      }
+    while (next_ >= rows_.size() && !is_end_) {
+      RETURN_IF_ERROR(ReadRows());
+      next_ = 0;
     }
-    is_end_ = false;
     return {};
   }
 
@@ -98,55 +95,64 @@ class Cursor : public sqlite3_vtab_cursor {
   const RecordRow& row() const { return rows_[next_]; }
 
  private:
-  Reader* reader() const { return is_live_ ? source_->live : archive_.get(); }
-
-  bool MayMatch(const Archive& archive) const {
-    return (!query_.since_ms || archive.last_timestamp_ms >= *query_.since_ms) &&
-           (!query_.until_ms || archive.first_timestamp_ms < *query_.until_ms) &&
-           (!query_.after_id || archive.last_record > *query_.after_id) &&
-           (!query_.last_id || archive.first_record <= *query_.last_id);
-  }
-
-  // Opens the next archive that may hold a match, or the database after them.
-  bool OpenNext() {
+  // Opens the next archive that may hold a match which was not handed out yet.
+  Status OpenNext() {
     archive_.reset();
-    is_empty_ = false;
-    if (is_live_) return false;
-    while (next_archive_ < archives_.size()) {
-      const Archive& archive = archives_[next_archive_++];
-      if (archive.state != store::ArchiveState::kComplete || !MayMatch(archive)) continue;
-      position_ = query_.after_id;
-      const Status status = Reader::Open(archive.path, &archive_);
-      if (status.ok()) return true;
-      source_->problems.push_back(status.message);
+    std::vector<Archive> archives;
+    RETURN_IF_ERROR(source_->live->ReadArchives(&archives));
+    for (const Archive& archive : archives) {
+      if (archive.state != store::ArchiveState::kComplete || archive.last_record <= archived_) {
+        continue;
+      }
+      archived_ = archive.last_record;
+      if (archived_ <= live_ || !MayHoldMatch(archive, query_)) continue;
+      const std::string path = store::LocateArchive(source_->database, archive);
+      const Status status = Reader::Open(path, &archive_);
+      if (!status.ok()) {
+        source_->problems.push_back(status.message);
+        continue;
+      }
+      position_ = live_;
+      break;
     }
-    is_live_ = true;
-    position_ = query_.after_id;
-    return true;
+    return {};
   }
 
+  // The next rows of the archive that is open, or of the database.
   Status ReadRows() {
     constexpr std::size_t kMost = 1000;
     rows_.clear();
     Query query = query_;
-    query.after_id = position_;
-    RETURN_IF_ERROR(reader()->ForEach(query, [this](const RecordRow& row) {
-      rows_.push_back(row);
-      return rows_.size() < kMost;
-    }));
-    is_empty_ = rows_.size() < kMost;
-    if (!rows_.empty()) position_ = rows_.back().id;
+    query.after_id = archive_ ? position_ : live_;
+    RETURN_IF_ERROR(
+        (archive_ ? archive_.get() : source_->live)->ForEach(query, [this](const RecordRow& row) {
+          rows_.push_back(row);
+          return rows_.size() < kMost;
+        }));
+    const bool is_last = rows_.size() < kMost;
+    if (archive_) {
+      if (is_last) return OpenNext();
+      position_ = rows_.back().id;
+      return {};
+    }
+    // Rows may have moved to an archive meanwhile, those that were just read among them.
+    RETURN_IF_ERROR(OpenNext());
+    if (archive_) {
+      rows_.clear();
+    } else if (rows_.empty()) {
+      is_end_ = true;
+    } else {
+      live_ = rows_.back().id;
+    }
     return {};
   }
 
   Source* source_;
   Query query_;
-  std::vector<Archive> archives_;
-  std::size_t next_archive_ = 0;
-  std::unique_ptr<Reader> archive_;  // that is being read
-  bool is_live_ = false;             // the database itself is
-  bool is_empty_ = false;            // what is being read has no more rows
-  std::optional<std::int64_t> position_;
+  std::unique_ptr<Reader> archive_;    // that is being read
+  std::int64_t position_ = INT64_MIN;  // the last row that was read of it
+  std::int64_t archived_ = INT64_MIN;  // the last number of the archives so far
+  std::int64_t live_ = INT64_MIN;      // the last row that was read of the database itself
   std::vector<RecordRow> rows_;
   std::size_t next_ = 0;
   bool is_end_ = true;
@@ -388,7 +394,7 @@ int Run(const Options& options) {
   std::unique_ptr<Reader> live;
   if (status.ok()) status = Reader::Open(options.database, &live);
   if (!status.ok()) return Complain(kFailed, status.message);
-  Source source{&history->live(), {}};
+  Source source{&history->live(), options.database, {}};
   store::Connection& connection = live->connection();
   if (status = Prepare(&connection, &source); !status.ok()) {
     return Complain(kFailed, status.message);
