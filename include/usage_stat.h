@@ -26,9 +26,7 @@
  *             Arguments with a letter for a name are the application's own: they are sent unchanged
  *             and mean what the application and the analyst agree on.
  *   Names     The other names are conventions of the applications, not of the record, and are those
- *             of docs/records.md, of JSON, CSV and SQL: `book_id` is Stat_GetBookId of the book's
- *             path, `from_page` the page that was left, `to_page` the one that was gone to, `pages`
- *             how many the book has as it is displayed. They do not change any more.
+ *             of docs/records.md, of JSON, CSV and SQL. They do not change any more.
  *   Enums     Any int may be passed; its low byte is sent.
  *   Memory    A call allocates for its event's text and the like, and keeps nothing. When memory
  *             runs out, a C++ exception (std::bad_alloc) leaves the call; only the id of a book is
@@ -36,6 +34,38 @@
  *   Stack     A call takes at most 4 KiB of its thread's stack for itself. What the platform
  *             libraries take comes on top, and what libcrypto takes to get ready for a process's
  *             first book id: together at most 16 KiB with those of the host.
+ *
+ * Arguments with names that mean the same everywhere, and what each means:
+ *
+ *   orientation          how the screen is turned, in the platform's numbers
+ *   process_id           the application's process, low 16 bits
+ *   arguments            arguments of the application, a blank before each
+ *   to_page              page that was gone to
+ *   pages                pages that the book has, as it is displayed
+ *   book_id              the book, by the id of its path
+ *   from_page            page that was left
+ *   voice                name of the voice
+ *   page                 page of the note
+ *   word                 the word that was looked up
+ *   url                  where the link leads
+ *   books                descriptions of the books
+ *   library_mode         what the library shows
+ *   library_filter       which books it shows
+ *   library_group_by     how they are grouped
+ *   library_sort_by      how they are sorted
+ *   library_view         how it looks
+ *   library_show_memory  whether the use of memory is shown
+ *   explorer3_mode       what the explorer shows
+ *   explorer3_group_by   how that is grouped
+ *   explorer3_sort_by    how that is sorted
+ *   explorer3_direction  in which direction
+ *   explorer3_view       how it looks
+ *   reading_mode         how pages follow one another
+ *   scale_type           what a page is fitted to
+ *   crop_type            whether margins are cut off
+ *   font                 name of the font
+ *   line_break           how lines are broken
+ *   update_mode          how the screen is refreshed at a page turn
  */
 
 #ifndef USAGE_STAT_H_
@@ -205,20 +235,22 @@ struct MarginsEx {
   char margin_8[32];
 };
 
-/* One new book. A null text counts as empty, a null list as an empty one. */
+/* One new book; each member with its name in records. A null text counts as empty, a null list as
+ * an empty one; lists end with a null pointer. `book_id` is Stat_GetBookId of the book's path; of
+ * `language` the first 2 characters are sent. */
 typedef struct Stat_BookInfo {
-  int book_id;                    /* Stat_GetBookId of the book's path */
-  const char* language;           /* sent as its first 2 characters */
-  const char* const* first_list;  /* authors; ends with a null pointer */
-  const char* file_type;          /* suffix, such as ".epub" or ".fb2.zip" */
-  const char* const* second_list; /* other_people; ends with a null pointer */
-  int n1;                         /* year of publication, 0 when unknown */
-  int16_t n2;                     /* series_number, 0 when unknown */
-  const char* file_name;          /* without directories */
-  const char* s1;                 /* title */
-  const char* s2;                 /* series */
-  const char* isbn;
-  const char* s3; /* publisher */
+  int book_id;          /* book_id: the book, by the id of its path */
+  const char* language; /* language: language of the book, two letters; empty when unknown */
+  const char* const* first_list;  /* authors: the first author */
+  const char* file_type;          /* file_type: type of the file, such as .epub or .fb2.zip */
+  const char* const* second_list; /* other_people: further authors, translators and others */
+  int n1;                         /* year: year of publication; 0 when unknown */
+  int16_t n2;                     /* series_number: number in the series; 0 when unknown */
+  const char* file_name;          /* file_name: name of the book's file, without folders */
+  const char* s1;                 /* title: title of the book */
+  const char* s2;                 /* series: series that it belongs to */
+  const char* isbn;               /* isbn: ISBN, 13 digits */
+  const char* s3;                 /* publisher: publisher */
 } Stat_BookInfo;
 
 /* ---- Device ---- */

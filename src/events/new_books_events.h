@@ -19,7 +19,7 @@ struct NewBookRecord {
         Field{"file_type", String{}, &NewBookRecord::file_type_, kFileType},
         Field{"other_people", StringVec{}, &NewBookRecord::second_list_,
               Meaning{Kind::kTexts, Sensitivity::kContent,
-                      "further people: authors, translators and others"}},
+                      "further authors, translators and others"}},
         Field{"year", Int32{}, &NewBookRecord::n1_,
               Meaning{Kind::kNumber, Sensitivity::kContent, "year of publication; 0 when unknown"}},
         Field{

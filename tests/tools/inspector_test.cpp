@@ -133,11 +133,22 @@ std::vector<std::string> ParametersInHeader(const std::string& header,
 
 TEST(Types, HeaderNamesArgumentsAsRecordsNameFields) {
   const std::string header = ReadFile(SOURCE_DIR "/include/usage_stat.h");
-  std::map<std::string, std::set<std::string>> fields;
+  std::map<std::string, std::map<std::string, std::string>> fields;  // their meanings
+  std::map<std::string, std::set<std::string>> meanings;             // of one name
+  std::string book_info;
   const Json dictionary = Json::parse(UsageStat({"types", "-o", "json"}).out);
   for (const Json& record : dictionary["records"]) {
-    for (const Json& field : record["fields"]) fields[record["name"]].insert(field["name"]);
+    for (const Json& field : record["fields"]) {
+      fields[record["name"]][field["name"]] = field["meaning"];
+      meanings[field["name"]].insert(field["meaning"]);
+      if (record["name"] != "NewBooksEventEx" || field["name"] != "books") continue;
+      for (const Json& column : field["rows"]) {
+        book_info +=
+            column["name"].get<std::string>() + ": " + column["meaning"].get<std::string>() + "\n";
+      }
+    }
   }
+  std::string agreed;  // names that mean the same wherever they stand
   int checked = 0;
   for (const Json& function : Json::parse(UsageStat({"send", "--list", "-o", "json"}).out)) {
     const std::string name = function["function"];
@@ -154,9 +165,24 @@ TEST(Types, HeaderNamesArgumentsAsRecordsNameFields) {
       }
       EXPECT_EQ(fields[record].count(parameter), 1) << parameter;
       ++checked;
+      if (parameter.size() == 1 || meanings[parameter].size() != 1) continue;
+      const std::string line = " *   " + parameter + std::string(21 - parameter.size(), ' ') +
+                               fields[record][parameter] + "\n";
+      if (agreed.find(line) == std::string::npos) agreed += line;
     }
   }
   EXPECT_GT(checked, 80);
+  EXPECT_THAT(header, HasSubstr("what each means:\n *\n" + agreed + " */")) << "renew the comment";
+
+  // The members of the record are letters here and there: their comments give the names.
+  std::string members;
+  const std::regex member(R"(\n  (?:const char\*|int|int16_t)[^;\n]*;\s*/\* (\w+: [^*]*) \*/)");
+  const std::size_t begin = header.find("typedef struct Stat_BookInfo {");
+  const std::string record = header.substr(begin, header.find("} Stat_BookInfo;") - begin);
+  for (std::sregex_iterator i(record.begin(), record.end(), member), end; i != end; ++i) {
+    members += i->str(1) + "\n";
+  }
+  EXPECT_EQ(members, book_info);
 }
 
 TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {
