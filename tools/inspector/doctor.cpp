@@ -1,5 +1,7 @@
 // usage-stat doctor: what goes wrong in the field, and what to do about it.
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -205,9 +207,29 @@ void CheckBalance(store::Reader* reader, Findings* findings) {
   }
 }
 
+// How somebody who may not read the database can come to: by the group that may.
+std::string AdviceForStrangers(const std::string& path) {
+  const std::string folder = std::filesystem::absolute(path).parent_path();
+  struct stat kept {};  // the file, or its folder where that hides it
+  const bool is_known = stat(path.c_str(), &kept) == 0 || stat(folder.c_str(), &kept) == 0;
+  const group* const readers = is_known ? getgrgid(kept.st_gid) : nullptr;
+  if (!readers || (kept.st_mode & S_IRGRP) == 0) {
+    return "run doctor as root, or as the collector's user";
+  }
+  const std::string name = readers->gr_name;
+  const passwd* const user = getpwuid(geteuid());
+  const std::string user_name = user ? user->pw_name : "NAME";
+  for (char** member = readers->gr_mem; *member; ++member) {
+    if (*member != user_name) continue;
+    return fmt::format("log in anew: you are a member of its group, {}, since you did", name);
+  }
+  return fmt::format("members of the group {} may: sudo adduser {} {}, and log in anew", name,
+                     user_name, name);
+}
+
 // Opens the database when it is there, ours and sound; tells otherwise what to do.
 std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* findings) {
-  const auto add = [&](State state, const std::string& message, const char* advice) {
+  const auto add = [&](State state, const std::string& message, const std::string& advice) {
     findings->push_back({"database", state, message, advice});
     return nullptr;
   };
@@ -217,7 +239,7 @@ std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* 
                  "start usage-stat-collector, or name its database with --database");
     }
     return add(State::kWarn, fmt::format("cannot look into {}: {}", path, std::strerror(errno)),
-               "run doctor as root, or as the collector's user");
+               AdviceForStrangers(path));
   }
   std::unique_ptr<store::Reader> reader;
   std::string verdict;
