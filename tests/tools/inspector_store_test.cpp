@@ -17,6 +17,7 @@
 namespace usage_stat_test {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using velmora::usage_stat::records::Json;
 using Words = std::vector<std::string>;
@@ -61,6 +62,7 @@ class InspectorTest : public StoreTest {
     };
     batch.quarantine = {{0, 0, 4000, {42, 7}, "cut short", "lacks 2 bytes", 2021, 2, "ab"}};
     batch.refused = {{{1000, "uid"}, 2}};
+    batch.off = {{{1000, ""}, 5}};
     ASSERT_OK(first->Commit(batch));
     first.reset();
     auto second = OpenWriter();
@@ -196,6 +198,23 @@ TEST_F(InspectorTest, QueriesTheDatabaseAndItsArchivesAsOne) {
   EXPECT_EQ(UsageStat({"sql", "select count(*) from change_page"}).exit_code, 1);
 }
 
+TEST_F(InspectorTest, QueriesMeetEachRecordOnceWhileItIsArchived) {
+  constexpr int kRows = 2500;  // more than a query reads at once
+  const std::vector rows(kRows, RowOf(velmora::usage_stat::AddNoteEvent(), 1000));
+  const auto writer = OpenWriter();
+  std::vector<store::Archive> archives;
+  for (int round = 1; round <= 12; ++round) {
+    ASSERT_OK(writer->Commit({rows, {}, {}, {}}));
+    Program query(
+        Started({"sql", "-o", "csv", "select count(*), count(distinct id) from add_note"}), {},
+        environment_);
+    poll(nullptr, 0, 2 * round);  // the records go at one moment of the query and another
+    ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+    const std::string count = std::to_string(round * kRows);
+    EXPECT_THAT(query.Wait().out, EndsWith("\r\n" + count + "," + count + "\r\n"));
+  }
+}
+
 TEST_F(InspectorTest, EndsWhenItsOutputEnds) {
   Fill();
   const std::string list = std::string(USAGE_STAT) + " list";
@@ -236,8 +255,9 @@ TEST_F(InspectorTest, FollowsRecordsThroughRotationAndReplacement) {
 TEST_F(InspectorTest, BalancesWhatWasReceived) {
   Fill();
   const Json status = Status();
-  EXPECT_EQ(status["received"], 7);
+  EXPECT_EQ(status["received"], 12);
   EXPECT_EQ(status["stored"], 4);
+  EXPECT_EQ(status["off"], 5);
   EXPECT_EQ(status["quarantined_by_kind"], Json({{"cut short", 1}}));
   EXPECT_EQ(status["refused_by_reason"], Json({{"uid", 2}}));
   EXPECT_EQ(status["senders"].size(), 2U);
@@ -319,6 +339,29 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   environment_.pop_back();
   WriteFile(database_, ReadFile(database_).substr(0, 6000));
   EXPECT_EQ(examine({"--endpoint", squatter.endpoint()}, 1)["database"], "fail");
+}
+
+TEST_F(InspectorTest, TellsStrangersWhichGroupMayRead) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can become another user";
+  constexpr gid_t kDaemon = 1;
+  ASSERT_EQ(chown(folder_.path().c_str(), 0, kDaemon), 0);
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms(02750));
+  OpenWriter();
+  const auto advice = [this](const std::string& group) {
+    const ProgramResult doctor =
+        RunProgram({"/usr/bin/setpriv", "--reuid=12345", "--regid=" + group, "--clear-groups",
+                    USAGE_STAT, "doctor", "-o", "json"},
+                   {}, environment_);
+    for (const Json& finding : Json::parse(doctor.out)) {
+      if (finding["check"] == "database") return finding["advice"].get<std::string>();
+    }
+    return doctor.err;
+  };
+  EXPECT_EQ(advice("12345"),
+            "members of the group daemon may: sudo adduser NAME daemon, and log in anew");
+  EXPECT_EQ(advice("daemon"), "");
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms(0700));
+  EXPECT_EQ(advice("12345"), "run doctor as root, or as the collector's user");
 }
 
 // The vectors as lines of hexadecimal digits.
@@ -450,6 +493,7 @@ TEST(Moment, IsReadInTheFormsThatPeopleWrite) {
       {"2026-03-29+02:00", kMidnight - kHour},
       {"11:59:59", kNow - 1500},
       {"@12.0625", 12'062},
+      {"1 week ago", kNow - 7 * 24 * kHour},
       {"1 month ago", kNow - 2'629'800'000},
       {"2y ago", kNow - 2 * 12 * 2'629'800'000},
       {"2026-02-30", std::nullopt},

@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -20,12 +23,25 @@
 #include "tools/store/retention.h"
 #include "tools/store/schema.h"
 
+namespace {
+std::time_t g_clock_is_ahead = 0;  // seconds
+}  // namespace
+
+// Stands before the C library's.
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
+                                                                    timespec* now) noexcept {
+  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  if (clock == CLOCK_REALTIME) now->tv_sec += g_clock_is_ahead;
+  return result;
+}
+
 namespace usage_stat_test {
 namespace {
 
 namespace base = velmora::usage_stat::base;
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+using velmora::usage_stat::records::FieldsOf;
 
 class PromisesTest : public StoreTest {
  protected:
@@ -119,6 +135,7 @@ void CopyFirstSchema(const std::string& folder) {
   fs::copy(FIRST_SCHEMA, folder, fs::copy_options::recursive);
 }
 
+// The first twelve records, with their fields as they are called today.
 std::vector<std::string> EventsIn(const std::string& database) {
   std::vector<std::string> events;
   std::unique_ptr<store::History> history;
@@ -127,7 +144,10 @@ std::vector<std::string> EventsIn(const std::string& database) {
   EXPECT_OK(history->ForEach(
       {},
       [&](const store::RecordRow& row) {
-        if (row.id <= 12) events.push_back(std::to_string(row.id) + row.event);
+        if (row.id <= 12) {
+          events.push_back(std::to_string(row.id) + row.event +
+                           FieldsOf(row.fields, row.raw).dump());
+        }
         return true;
       },
       &problems));
@@ -139,12 +159,24 @@ TEST_F(PromisesTest, FirstSchemaIsUpgradedWhileTheSocketIsServed) {
   CopyFirstSchema(folder_.path());
   const std::vector<std::string> before = EventsIn(database_);  // it can be read as it is
   ASSERT_EQ(before.size(), 12U);
+  // One of the archive, and one of the database; both hold these fields as "a", "b" and so on.
+  EXPECT_EQ(before[1], R"(2AddNoteEvent{"book_id":0,"page":2})");
+  EXPECT_EQ(before[11],
+            R"(12ChangePageEvent{"book_id":1,"b":2,"from_page":3,"to_page":4,"pages":5})");
+  const auto by_name = [this] {
+    return RunProgram({USAGE_STAT, "sql", "--database", database_, "-o", "csv",
+                       "select book_id, page from add_note where id in (2, 9)"})
+        .out;
+  };
+  const std::string found = by_name();
+  EXPECT_EQ(found, "book_id,page\r\n0,2\r\n5,2\r\n");
   Start();
   SendSurely(PageTurn(0, 1));
   ASSERT_TRUE(
       Eventually([this] { return Number("SELECT count(*) FROM archives WHERE schema = 1") == 0; }));
   EXPECT_EQ(collector_->End(), 0);
   EXPECT_EQ(EventsIn(database_), before);
+  EXPECT_EQ(by_name(), found);
   EXPECT_EQ(Number("SELECT count(*) FROM quarantine"), 2);
   EXPECT_EQ(Number("SELECT received FROM run_counts WHERE run = 1"), 6);
   EXPECT_EQ(Number("SELECT min(id) FROM records"), 13);
@@ -325,6 +357,30 @@ TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
 
 // ---- Clocks ----
 
+TEST_F(PromisesTest, EachStepOfTheClockIsNotedWhereItFell) {
+  const std::time_t clocks[] = {0, 30, -3600, -3600,
+                                0};  // half a minute may be a clock that drifts
+  auto writer = OpenWriter();
+  for (const std::time_t clock : clocks) {
+    g_clock_is_ahead = clock;
+    ASSERT_OK(writer->Commit({{Row("AddNoteEvent", 1000)}, {}, {}, {}}));
+  }
+  writer.reset();
+  g_clock_is_ahead = 600;
+  writer = OpenWriter();  // found out by the run after the step
+  g_clock_is_ahead = 0;
+  std::unique_ptr<store::Reader> reader;
+  std::vector<store::ClockStep> steps;
+  ASSERT_OK(store::Reader::Open(database_, &reader));
+  ASSERT_OK(reader->ReadClockSteps(&steps));
+  std::string told;
+  for (const store::ClockStep& step : steps) {
+    const auto seconds = std::lround(static_cast<double>(step.step_ms) / 1000);
+    told += std::to_string(step.record) + ": " + std::to_string(seconds) + "; ";
+  }
+  EXPECT_EQ(told, "4: -3630; 6: 3600; 7: 600; ");
+}
+
 TEST_F(PromisesTest, AWrongClockDeletesNothing) {
   constexpr std::int64_t kDay = 24LL * 60 * 60 * 1000;
   const std::int64_t now = base::NowMs();
@@ -354,6 +410,16 @@ TEST_F(PromisesTest, AWrongClockDeletesNothing) {
   ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
   EXPECT_EQ(left(), (std::vector<std::string>{"future", "1970", "young", "yesterday"}));
   EXPECT_EQ(Number("SELECT count(*) FROM missing WHERE first_record = 4 AND last_record = 4"), 1);
+  // What a run received before its clock was set may be young.
+  writer.reset();
+  writer = OpenWriter();
+  keep("doubtful", now - 500 * kDay);
+  g_clock_is_ahead = 3600;
+  keep("set", now);
+  g_clock_is_ahead = 0;
+  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
+  EXPECT_EQ(left(),
+            (std::vector<std::string>{"future", "1970", "young", "yesterday", "doubtful", "set"}));
 }
 
 // ---- Whom root trusts ----

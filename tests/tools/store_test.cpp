@@ -289,6 +289,13 @@ TEST_F(ArchiveTest, RetentionDeletesTheOldestFirst) {
       "FROM outcomes WHERE outcome <> 'refused'",
       &rows));
   EXPECT_EQ(rows, static_cast<std::int64_t>(rest.size()) + 1);
+  // Each number that went, with the archive or by itself, is noted.
+  std::int64_t unknown = -1;
+  ASSERT_OK(writer_->connection().Read(
+      "SELECT (SELECT min(id) - 1 FROM records) - (SELECT sum(last_record - first_record + 1) "
+      "FROM missing WHERE reason = 'retention')",
+      &unknown));
+  EXPECT_EQ(unknown, 0);
 }
 
 }  // namespace
