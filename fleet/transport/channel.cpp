@@ -24,12 +24,6 @@ constexpr int kKeepAliveS = 60;
 constexpr int kAtLeastOnce = 1;
 constexpr int kRefusedSubscription = 0x80;
 
-Status Failure(const std::string& what, int result) {
-  // The library leaves errno to those failures that are the system's.
-  return Status::Failed(
-      what + ": " + (result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result)));
-}
-
 }  // namespace
 
 std::string UpTopic(const std::string& name) {
@@ -61,9 +55,24 @@ struct Channel::Session {
   std::vector<Message> received;
   std::uint64_t sent = 0;
   std::uint64_t taken = 0;
+  bool shows_certificate = false;
   bool connected = false;
   bool agreed = false;
   std::string refusal;  // why the broker would not have us, or not have us follow
+  std::string error;    // what the library last logged as one: TLS tells its reasons nowhere else
+
+  Status Failure(const std::string& what, int result) const {
+    // The library leaves errno to those failures that are the system's.
+    std::string reason =
+        result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
+    if (!error.empty()) {
+      reason.append(" (").append(error).append(")");
+    } else if (shows_certificate && !connected) {
+      // The broker's own words get lost when it hangs up before we have said all of ours.
+      reason.append(" (the broker may not take our certificate; its log tells)");
+    }
+    return Status::Failed(what + ": " + reason);
+  }
 };
 
 Channel::Channel(std::unique_ptr<Session> session) : session_(std::move(session)) {}
@@ -78,6 +87,10 @@ Status Channel::Open(const BrokerOptions& options, int timeout_ms,
   session->client = mosquitto_new(options.client_id.c_str(), /*clean_session=*/true, session);
   if (!session->client) return Status::Errno("cannot make an MQTT client");
 
+  mosquitto_log_callback_set(session->client,
+                             [](mosquitto*, void* self, int level, const char* line) {
+                               if (level == MOSQ_LOG_ERR) static_cast<Session*>(self)->error = line;
+                             });
   mosquitto_connect_callback_set(session->client, [](mosquitto*, void* self, int code) {
     auto* s = static_cast<Session*>(self);
     if (code != 0) s->refusal = mosquitto_connack_string(code);
@@ -103,11 +116,12 @@ Status Channel::Open(const BrokerOptions& options, int timeout_ms,
       session->client, [](mosquitto*, void* self, int) { ++static_cast<Session*>(self)->taken; });
 
   if (!options.ca_file.empty()) {
+    session->shows_certificate = !options.certificate_file.empty();
     const auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
     const int result =
         mosquitto_tls_set(session->client, options.ca_file.c_str(), nullptr,
                           file(options.certificate_file), file(options.key_file), nullptr);
-    if (result != MOSQ_ERR_SUCCESS) return Failure("cannot use the certificates", result);
+    if (result != MOSQ_ERR_SUCCESS) return session->Failure("cannot use the certificates", result);
     mosquitto_int_option(session->client, MOSQ_OPT_TLS_USE_OS_CERTS, 0);
     mosquitto_tls_opts_set(session->client, /*verify=*/1, "tlsv1.2", nullptr);
   }
@@ -115,7 +129,8 @@ Status Channel::Open(const BrokerOptions& options, int timeout_ms,
   mosquitto_int_option(session->client, MOSQ_OPT_TCP_NODELAY, 1);
   const int result =
       mosquitto_connect(session->client, options.host.c_str(), options.port, kKeepAliveS);
-  if (result != MOSQ_ERR_SUCCESS) return Failure("cannot connect to the broker " + where, result);
+  if (result != MOSQ_ERR_SUCCESS)
+    return session->Failure("cannot connect to the broker " + where, result);
   RETURN_IF_ERROR(opened->Wait(timeout_ms, &session->connected, "the broker to let us in"));
   *channel = std::move(opened);
   return {};
@@ -131,7 +146,7 @@ Status Channel::Wait(int timeout_ms, const bool* done, const char* for_what) {
     if (!session_->refusal.empty()) {
       return Status::Failed("the broker refuses: " + session_->refusal);
     }
-    if (result != MOSQ_ERR_SUCCESS) return Failure("the broker hung up", result);
+    if (result != MOSQ_ERR_SUCCESS) return session_->Failure("the broker hung up", result);
   }
   return {};
 }
@@ -139,7 +154,7 @@ Status Channel::Wait(int timeout_ms, const bool* done, const char* for_what) {
 Status Channel::Follow(const std::string& filter, int timeout_ms) {
   session_->agreed = false;
   const int result = mosquitto_subscribe(session_->client, nullptr, filter.c_str(), kAtLeastOnce);
-  if (result != MOSQ_ERR_SUCCESS) return Failure("cannot follow " + filter, result);
+  if (result != MOSQ_ERR_SUCCESS) return session_->Failure("cannot follow " + filter, result);
   return Wait(timeout_ms, &session_->agreed, "the broker to agree to a subscription");
 }
 
@@ -147,7 +162,7 @@ Status Channel::Send(const std::string& topic, const std::string& payload) {
   const int result =
       mosquitto_publish(session_->client, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                         payload.data(), kAtLeastOnce, /*retain=*/false);
-  if (result != MOSQ_ERR_SUCCESS) return Failure("cannot send", result);
+  if (result != MOSQ_ERR_SUCCESS) return session_->Failure("cannot send", result);
   ++session_->sent;
   return {};
 }
@@ -160,7 +175,7 @@ Status Channel::Receive(int timeout_ms, std::size_t most, std::vector<Message>* 
     const std::int64_t left_ms =
         before == 0 ? std::max<std::int64_t>(end_ms - base::BootMs(), 0) : 0;
     const int result = mosquitto_loop(session_->client, static_cast<int>(left_ms), 1);
-    if (result != MOSQ_ERR_SUCCESS) return Failure("the broker hung up", result);
+    if (result != MOSQ_ERR_SUCCESS) return session_->Failure("the broker hung up", result);
     if (received.size() == before && (before != 0 || base::BootMs() >= end_ms)) break;
   }
   std::ranges::move(received, std::back_inserter(*messages));

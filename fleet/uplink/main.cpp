@@ -27,6 +27,8 @@ int Run(int argc, char** argv) {
   uplink::AddPreview(&line);
   uplink::AddSend(&line);
   uplink::AddDoctor(&line);
+  uplink::AddCsr(&line);
+  uplink::AddCertificate(&line);
   consent::AddForget(&line);
   consent::AddPolicy(&line);
   return line.Run(argc, argv);

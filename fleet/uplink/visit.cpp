@@ -18,6 +18,7 @@
 #include "src/measurements/measurements.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
+#include "tools/records/text.h"
 
 namespace velmora::usage_stat::uplink {
 
@@ -32,8 +33,11 @@ constexpr std::int64_t kDayMs = std::int64_t{24} * 60 * kMinuteMs;
 constexpr int kConnectPatienceMs = 30'000;
 // After so many refusals of one batch it is tried once a day.
 constexpr std::int64_t kRefusalsInARow = 3;
-// The clock of a device that has none begins at 1970; certificates are from later times.
-constexpr std::int64_t kEarliestMs = std::int64_t{1'577'836'800'000};  // 2020
+
+// That the fleet's answer to a request to be forgotten has come.
+constexpr const char* kNoteAnswer = "CREATE TABLE IF NOT EXISTS forgotten(one INTEGER PRIMARY KEY)";
+constexpr const char* kCountAnswers =
+    "SELECT count(*) FROM sqlite_master WHERE name = 'forgotten' AND type = 'table'";
 
 // A random number from 0 to `below` - 1, so that a fleet does not come all at once.
 std::int64_t Jitter(std::int64_t below) {
@@ -68,8 +72,9 @@ Status Set(std::string_view key, std::string_view value, SendConfig* config) {
   fleet::BrokerOptions& broker = config->broker;
   if (key == "host") return broker.host = value, Status();
   if (key == "ca") return broker.ca_file = value, Status();
-  if (key == "certificate") return broker.certificate_file = value, Status();
-  if (key == "key") return broker.key_file = value, Status();
+  if (key == "certificate") return config->credentials.certificate = value, Status();
+  if (key == "key") return config->credentials.key = value, Status();
+  if (key == "renew_days") return SetNumber(value, 0, 3650, &config->renew_days);
   if (key == "port") {
     RETURN_IF_ERROR(SetNumber(value, 1, 65'535, &number));
     broker.port = static_cast<int>(number);
@@ -103,7 +108,7 @@ class Visit {
     visits_.last_ms = now_ms;
     if (visits_.day != now_ms / kDayMs) visits_.day = now_ms / kDayMs, visits_.sent_bytes = 0;
     Status status = Drain();
-    if (is_forgotten_) return state_->Forgotten();
+    if (is_forgotten_) return Vanish();
     visits_.trouble = status.message;
     if (status.ok()) {
       visits_.failures = 0;
@@ -121,12 +126,14 @@ class Visit {
 
  private:
   Status Connect() {
-    if (!config_.broker.ca_file.empty() && base::NowMs() < kEarliestMs) {
-      return Status::Failed("the clock is not set: waiting until certificates can be checked");
-    }
     name_ = fleet::ToText(*state_->name());
     fleet::BrokerOptions broker = config_.broker;
     broker.client_id = name_;
+    if (!broker.ca_file.empty()) {
+      RETURN_IF_ERROR(CheckCredentials(name_, config_.credentials, base::NowMs()));
+      broker.certificate_file = config_.credentials.certificate;
+      broker.key_file = config_.credentials.key;
+    }
     RETURN_IF_ERROR(fleet::Channel::Open(broker, kConnectPatienceMs, &channel_));
     return channel_->Follow(fleet::DownTopic(name_), kConnectPatienceMs);
   }
@@ -217,7 +224,13 @@ class Visit {
 #endif
 
   Status AskToForget() {
-    RETURN_IF_ERROR(Connect());
+    std::int64_t answers = 0;
+    RETURN_IF_ERROR(state_->connection()->Read(kCountAnswers, &answers));
+    is_forgotten_ = answers > 0;
+    if (is_forgotten_) return {};
+    if (Status status = Connect(); !status.ok()) {
+      return Status::Failed("the request to be forgotten waits: " + status.message);
+    }
     fleet::Batch request;
     if (RAND_bytes(request.id.data(), static_cast<int>(request.id.size())) != 1) {
       return Status::Failed("the system gives no random numbers");
@@ -226,6 +239,14 @@ class Visit {
     RETURN_IF_ERROR(Exchange(request, fleet::EncodeForget(request.id), &effect));
     channel_->Close();
     return effect == Effect::kForgotten ? Status() : Status::Failed("the fleet does not forget");
+  }
+
+  // The fleet has forgotten the device, and now the device itself does. Its state goes last: until
+  // then it tells whoever is killed in between that there is nobody left to be asked.
+  Status Vanish() {
+    RETURN_IF_ERROR(state_->connection()->Execute(kNoteAnswer));
+    RETURN_IF_ERROR(DestroyCredentials(config_.credentials));
+    return state_->Forgotten();
   }
 
   static void Tell(const std::string& line) {
@@ -286,6 +307,18 @@ bool IsDue(const SendConfig& config, const Device& device, std::int64_t now_ms, 
   return now_ms - since_ms >= config.longest_age_days * kDayMs || since_ms > now_ms;
 }
 
+// Tells that the certificate is to be renewed; empty when it is not, or is none.
+std::string ExpiryOf(const SendConfig& config, std::int64_t now_ms) {
+  Certificate certificate;
+  if (config.broker.ca_file.empty() || access(config.credentials.certificate.c_str(), F_OK) != 0 ||
+      !ReadCertificate(config.credentials.certificate, &certificate).ok() ||
+      certificate.not_after_ms > now_ms + config.renew_days * kDayMs) {
+    return {};
+  }
+  return fmt::format("the certificate expires at {}: renew it (usage-stat-uplink csr)",
+                     records::LocalTime(certificate.not_after_ms));
+}
+
 Status SendOnce(const SendOptions& options, const SendConfig& config) {
   {
     // Without consent nothing is written and nobody is called.
@@ -297,6 +330,9 @@ Status SendOnce(const SendOptions& options, const SendConfig& config) {
   }
   Device device;
   RETURN_IF_ERROR(OpenDevice(options, consent::State::Mode::kWrite, &device));
+  if (const std::string expiry = ExpiryOf(config, base::NowMs()); !expiry.empty()) {
+    fmt::print(stderr, "usage-stat-uplink: {}\n", expiry);
+  }
   std::string why;
   if (!options.at_once && !IsDue(config, device, base::NowMs(), &why)) return {};
   return Visit(config, device.state.get(), device.outbox.get()).Run();
@@ -306,7 +342,7 @@ int Send(const SendOptions& options) {
   return consent::Exit([&]() -> Status {
     RETURN_IF_ERROR(consent::ActAsOwnerOf(options.folder));
     SendConfig config;
-    RETURN_IF_ERROR(ReadConfig(options.config, &config));
+    RETURN_IF_ERROR(ReadConfig(options, &config));
     if (options.loop_s == 0) return SendOnce(options, config);
     for (;;) {
       if (const Status status = SendOnce(options, config); !status.ok()) {
@@ -324,7 +360,7 @@ int Send(const SendOptions& options) {
 Status Diagnose(const SendOptions& options) {
   RETURN_IF_ERROR(consent::ActAsOwnerOf(options.folder));
   SendConfig config;
-  RETURN_IF_ERROR(ReadConfig(options.config, &config));
+  RETURN_IF_ERROR(ReadConfig(options, &config));
   Device device;
   RETURN_IF_ERROR(OpenDevice(options, consent::State::Mode::kRead, &device));
   if (device.state->level() == consent::Level::kNone && !device.state->is_forgetting()) {
@@ -351,14 +387,77 @@ Status Diagnose(const SendOptions& options) {
     fmt::print("refused       numbers {} to {}, {} times\n", pending->after + 1, pending->through,
                pending->refusals);
   }
-  return visits.trouble.empty() ? Status() : Status::Failed(visits.trouble);
+  if (!config.broker.ca_file.empty()) {
+    const std::string name = fleet::ToText(*device.state->name());
+    if (Status status = CheckCredentials(name, config.credentials, now_ms); !status.ok()) {
+      return Status::Failed(device.state->is_forgetting()
+                                ? "the request to be forgotten waits: " + status.message +
+                                      "; or have the fleet's operators forget " + name
+                                : status.message);
+    }
+    Certificate certificate;
+    RETURN_IF_ERROR(ReadCertificate(config.credentials.certificate, &certificate));
+    fmt::print("certificate   of {}, until {}\n", certificate.name,
+               records::LocalTime(certificate.not_after_ms));
+  }
+  if (!visits.trouble.empty()) return Status::Failed(visits.trouble);
+  const std::string expiry = ExpiryOf(config, now_ms);
+  return expiry.empty() ? Status() : Status::Failed(expiry);
+}
+
+// ---- The certificate ----
+
+// Opens the state for reading, as its owner; fails without a name that could be certified.
+Status OpenNamed(const SendOptions& options, std::string* name) {
+  RETURN_IF_ERROR(consent::ActAsOwnerOf(options.folder));
+  std::unique_ptr<consent::State> state;
+  RETURN_IF_ERROR(consent::State::Open(consent::StatePath(options.folder),
+                                       consent::State::Mode::kRead, &state));
+  if (!state->name()) {
+    return Status::Failed("nothing was agreed to: this device has no name to be certified");
+  }
+  *name = fleet::ToText(*state->name());
+  return {};
+}
+
+Status PrintRequest(const SendOptions& options) {
+  SendConfig config;
+  std::string name;
+  std::string request;
+  RETURN_IF_ERROR(OpenNamed(options, &name));
+  RETURN_IF_ERROR(ReadConfig(options, &config));
+  const std::int64_t now_ms = base::NowMs();
+  if (options.if_due && CheckCredentials(name, config.credentials, now_ms).ok() &&
+      ExpiryOf(config, now_ms).empty()) {
+    return Status::Failed("the certificate need not be renewed yet");
+  }
+  RETURN_IF_ERROR(MakeRequest(name, config.credentials, &request));
+  fmt::print("{}", request);
+  return {};
+}
+
+Status TakeCertificate(const SendOptions& options) {
+  // Before root becomes somebody who may not read it.
+  constexpr std::size_t kMost = 65'536;
+  std::string pem(kMost, '\0');
+  std::FILE* file = options.file.empty() ? stdin : std::fopen(options.file.c_str(), "r");
+  if (!file) return Status::Errno("cannot open " + options.file);
+  pem.resize(std::fread(pem.data(), 1, pem.size(), file));
+  if (file != stdin) (void)std::fclose(file);
+  SendConfig config;
+  std::string name;
+  RETURN_IF_ERROR(OpenNamed(options, &name));
+  RETURN_IF_ERROR(ReadConfig(options, &config));
+  return InstallCertificate(pem, name, config.credentials, base::NowMs());
 }
 
 }  // namespace
 
 std::string DefaultConfigPath() { return "/etc/usage-stat/uplink.conf"; }
 
-Status ReadConfig(const std::string& path, SendConfig* config) {
+Status ReadConfig(const SendOptions& options, SendConfig* config) {
+  const std::string& path = options.config;
+  config->credentials = {options.folder + "/device.key", options.folder + "/device.pem"};
   struct Reading {
     SendConfig* config;
     Status status;
@@ -400,6 +499,22 @@ void AddSend(CommandLine* line) {
   command.Option("--loop", "SECONDS", "Look again and again, about so often", 1, 86'400,
                  &options->loop_s);
   command.OnRun([options] { return Send(*options); });
+}
+
+void AddCsr(CommandLine* line) {
+  Command command =
+      line->AddCommand("csr", "Print a request for a certificate; make the key if there is none");
+  const auto options = AddOptions(command);
+  command.Flag("--if-due", "Fail, and print none, while the certificate need not be renewed",
+               &options->if_due);
+  command.OnRun([options] { return consent::Exit([&] { return PrintRequest(*options); }); });
+}
+
+void AddCertificate(CommandLine* line) {
+  Command command = line->AddCommand("certificate", "Check a certificate and put it in its place");
+  const auto options = AddOptions(command);
+  command.Argument("FILE", "In PEM format; standard input without it", &options->file);
+  command.OnRun([options] { return consent::Exit([&] { return TakeCertificate(*options); }); });
 }
 
 void AddDoctor(CommandLine* line) {

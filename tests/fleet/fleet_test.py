@@ -654,37 +654,173 @@ def many(rig):
     assert rig.sql("SELECT sum(forks) FROM stores") == "0", "who comes late takes nobody for a copy"
 
 
+# ---- With certificates, on a broker as it is shipped ----
+
+
+def secure_device(rig, records=2000, **options):
+    """A device with a certificate that it asked for itself."""
+    one = device(rig, records=records, ca=rig.broker.authority.certificate, **options)
+    assert one.certify(rig.broker.authority).returncode == 0
+    return one
+
+
 def certificates(rig):
-    """Mutual TLS as it is shipped: who is not who it says gets nothing through."""
+    """A device asks for its certificate, checks what it gets, and renews it before it expires."""
     rig.ingester()
-    one = device(rig, receipt_wait_s=1)
-    own = rig.broker.credentials(one.name)
-    foreign = rigs.Authority(rig.folder, "foreign").sign(one.name)
-    nothing = {"certificate": "", "key": ""}
-    for what, settings, trouble in [
-        ("no TLS", {}, b""),
-        ("no certificate", own | nothing, b""),
-        ("a foreign authority's", own | {"certificate": foreign[0], "key": foreign[1]}, b""),
-        ("another device's", rig.broker.credentials(OTHER), b"no receipt"),
-        ("a broker that another authority signed", own | {"ca": rig.folder / "foreign.pem"}, b""),
-    ]:
-        one.configure(**({"ca": ""} | nothing | settings))
-        visit = one.send(check=False)
-        assert visit.returncode == 1 and trouble in visit.stderr, (what, visit.stderr)
-        assert rig.sql("SELECT count(*) FROM devices") == "0", what
-    one.configure(**own)
-    big = rig.folder / "big"
-    big.write_bytes(bytes(400_000))
-    rigs.subprocess.run(
-        ["mosquitto_pub", "-p", str(rig.broker.port), "--cafile", own["ca"], "--cert",
-         own["certificate"], "--key", own["key"], "-q", "1", "-t", f"usage/1/{one.name}/up", "-f",
-         big], capture_output=True, timeout=10)
-    assert rig.sql("SELECT count(*) FROM devices") == "0", "too large a packet"
+    one = device(rig, ca=rig.broker.authority.certificate)
+    config = ("--config", one.config)
+    authority, key = rig.broker.authority, one.state / "device.key"
+
+    def refuses(text, *words):
+        done = one.uplink(*(words or ("send", "--now")), *config, check=False)
+        assert done.returncode == 1 and text in done.stderr, (text, done.stderr)
+
+    refuses(b"there is no certificate")
+    assert one.certify(authority).returncode == 0
+    assert key.stat().st_mode & 0o777 == 0o600
+    own_key = key.read_bytes()
+    refuses(b"need not be renewed", "csr", "--if-due")
+    one.send()
+    holds_all([one])
+    assert b"certificate   of " + one.name.encode() in one.uplink("doctor", *config).stdout
+    # What is not ours stays outside, and what is in place stays there.
+    for words in (authority.sign(OTHER)[0], rig.folder / "ca.key", "/dev/null"):
+        assert one.uplink("certificate", words, *config, check=False).returncode == 1
+    one.send()
+    assert b"has expired" in one.certify(authority, days=-1).stderr
+    # Ten days are few: the device says so, and goes on.
+    assert one.certify(authority, days=10).returncode == 0
+    refuses(b"expires at", "doctor")
+    assert b"renew it" in one.send().stderr
+    assert one.uplink("csr", "--if-due", *config).stdout.startswith(b"-----BEGIN CERTIFICATE REQ")
+    assert one.certify(authority, days=300).returncode == 0 and key.read_bytes() == own_key
+    one.feed(rig.sample(), 500)
+    # A certificate of another, an expired one, and one that begins later than the clock shows.
+    mine = one.state / "device.pem"
+    for given, text in ((authority.sign(OTHER)[0], b"the certificate is that of"),
+                        (authority.certify(one.folder / "device.csr", rig.folder / "old.pem", -1),
+                         b"has expired")):
+        rigs.shutil.copy(given, mine)
+        refuses(text)
+        refuses(text, "doctor")
+    assert one.certify(authority).returncode == 0
+    for when, text in (("1970-01-02", b"was not set"), ("2021-01-01", b"holds from")):
+        done = rigs.subprocess.run(["faketime", when, *one.command("send", "--now", *config)],
+                                   capture_output=True,
+                                   env=rigs.os.environ | {"ASAN_OPTIONS": "verify_asan_link_order=0"})
+        assert done.returncode == 1 and text in done.stderr and b"waiting" in done.stderr, done.stderr
     one.send()
     holds_all([one])
 
 
-SECURE = [certificates]
+def strangers(rig):
+    """Who is not who it says gets nothing through, and is told so on both sides."""
+    rig.ingester()
+    one = secure_device(rig, receipt_wait_s=1)
+    authority = rig.broker.authority
+    foreign = rigs.Authority(rig.folder, "foreign")
+    own, other = rig.broker.credentials(one.name), rig.broker.credentials(OTHER)
+    expired = rig.broker.credentials(one.name, days=-1)
+    revoked = rig.broker.credentials(one.name, days=20)
+    stranger = dict(zip(("certificate", "key"), foreign.sign(one.name)))
+
+    def publish(with_, *words, name=one.name):
+        command = ["mosquitto_pub", "-h", "127.0.0.1", "-p", str(rig.broker.port), "-q", "1", "-t",
+                   f"usage/1/{name}/up", *(words or ("-m", "x"))]
+        for option, key in (("--cafile", "ca"), ("--cert", "certificate"), ("--key", "key")):
+            if key in with_:
+                command += [option, with_[key]]
+        return rigs.subprocess.run(command, capture_output=True, text=True, timeout=20)
+
+    def log():
+        return rig.broker.server.log.read_text(errors="replace")
+
+    elsewhere = {"name": OTHER}  # denied, but the broker doesn't say so to whom it has let in
+    assert publish(revoked, **elsewhere).returncode == 0
+    authority.revoke(revoked["certificate"])
+    rig.broker.server.process.send_signal(rigs.signal.SIGHUP)
+    rigs.wait_until(lambda: "Reloading config" in log(), "the broker")
+    assert publish(own, **elsewhere).returncode == 0
+    assert publish(revoked, **elsewhere).returncode != 0, "a hangup is enough for a new list"
+    big = rig.folder / "big"
+    big.write_bytes(bytes(400_000))
+    rig.broker.server.stop()
+    rig.broker.start()
+    rigs.wait_until(lambda: rig.fleet("status").returncode == 0, "the ingester")
+    for what, done, said in [
+        ("no TLS", publish({}), "wrong version number"),
+        ("no certificate", publish({"ca": own["ca"]}), "peer did not return a certificate"),
+        ("a foreign authority's", publish(own | stranger), "certificate verify failed"),
+        ("an expired one", publish(expired), "certificate verify failed"),
+        ("a revoked one", publish(revoked), "certificate verify failed"),
+        ("too large a packet", publish(own, "-f", big), "oversize"),
+    ]:
+        assert done.returncode != 0 and done.stderr, (what, done)
+        assert said in log(), (what, log()[-2000:])
+    # The broker takes a client for what its certificate says, whatever id it claims.
+    publish(other, "-i", one.name, "-m", "x")
+    assert f"as {OTHER}" in log() and f"as {one.name}" not in log().split(f"as {OTHER}")[1]
+    publish(other, name=one.name)
+    assert rig.sql("SELECT count(*) FROM devices") == "0", "another device's topic"
+    # The device's own words.
+    for files, text in ((stranger, "unknown ca"), (revoked, "certificate revoked"), (own, "")):
+        for file, key in (("device.pem", "certificate"), ("device.key", "key")):
+            rigs.shutil.copy(files[key], one.state / file)
+        for words in (("send", "--now"), ("doctor",)):
+            done = one.uplink(*words, "--config", one.config, check=False)
+            said = done.stderr.decode()
+            assert done.returncode == (1 if text else 0), (text, said)
+            assert text in said or "may not take our certificate" in said, (text, said)
+    holds_all([one])
+
+
+def forgotten_device(rig):
+    """A request to be forgotten outlives a certificate, and takes name, key and certificate along."""
+    rig.ingester()
+    one = secure_device(rig)
+    one.send()
+    name = one.name
+    rigs.shutil.copy(rig.broker.authority.certify(one.folder / "device.csr", rig.folder / "old.pem",
+                                                  -1), one.state / "device.pem")
+    one.uplink("forget")
+    for words in (("send", "--now"), ("doctor",)):
+        done = one.uplink(*words, "--config", one.config, check=False)
+        assert done.returncode == 1 and b"request to be forgotten waits" in done.stderr, done
+    assert name.encode() in done.stderr, "what operators need"
+    assert rig.sql("SELECT count(*) FROM devices") == "1"
+    assert one.certify(rig.broker.authority).returncode == 0
+    # Killed after the answer, before everything was destroyed.
+    one.note("CREATE TABLE forgotten(one INTEGER PRIMARY KEY)")
+    (one.state / "device.key").unlink()
+    one.send()
+    assert list(one.state.iterdir()) == []
+    rig.fleet("forget", name, "--tombstones", rig.tombstones)
+    assert rig.sql("SELECT count(*) FROM devices") == "0"
+    # Once more, without accidents; the device may begin anew, under another name.
+    one.uplink("consent", "full")
+    one.feed(rig.sample(), 100)
+    assert one.name != name and one.certify(rig.broker.authority).returncode == 0
+    one.send()
+    assert rig.sql("SELECT name FROM devices") == one.name
+    one.uplink("forget")
+    one.send()
+    assert list(one.state.iterdir()) == [] and rig.sql("SELECT count(*) FROM devices") == "0"
+
+
+def weight(rig):
+    """A visit of 520 records with mutual TLS takes 6 kB at most, both ways together."""
+    rig.ingester()
+    one = secure_device(rig, records=520)
+    meter = rigs.Meter(rig.broker.port)
+    one.configure(port=meter.port)
+    one.send()
+    holds_all([one])
+    sent = rig.sql("SELECT count(*) FROM records")
+    print(f"a visit of {sent} records: {meter.bytes} bytes", flush=True)
+    assert 0 < meter.bytes <= 6000
+
+
+SECURE = [certificates, strangers, forgotten_device, weight]
 CASES = [cursor_rules, hostile_batches, quarantine, older_ingester, clocks, masks, forgetting,
          tombstones, retirement, upgrade, visits, offline, daily_bytes, broker_loses_all,
          trusting_the_broker_loses, slow_ingester, lowered_consent, fleet_falls_back, copies,

@@ -172,19 +172,36 @@ class Authority:
     def openssl(*words):
         subprocess.run(["openssl", *words], check=True, capture_output=True)
 
-    def sign(self, common_name, days=30):
-        """Certificate and key of a name."""
-        path = self.folder / f"{self.name}.{common_name}"
-        key, request, certificate = (path.with_name(path.name + end)
-                                     for end in (".key", ".csr", ".pem"))
-        self.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                     "-keyout", key, "-out", request, "-subj", f"/CN={common_name}")
+    def certify(self, request, certificate, days=90):
+        """A certificate for whatever the request asks; one that has expired for negative days."""
         extensions = self.folder / "extensions"
         extensions.write_text("subjectAltName=IP:127.0.0.1\n")
         self.openssl("x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey",
                      self.folder / f"{self.name}.key", "-CAcreateserial", "-out", certificate,
                      "-days", str(days), "-extfile", extensions)
-        return certificate, key
+        return certificate
+
+    def sign(self, common_name, days=90):
+        """Certificate and key of a name."""
+        path = self.folder / f"{self.name}.{common_name}.{days}"
+        key, request, certificate = (path.with_name(path.name + end)
+                                     for end in (".key", ".csr", ".pem"))
+        self.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                     "-keyout", key, "-out", request, "-subj", f"/CN={common_name}")
+        return self.certify(request, certificate, days), key
+
+    def revoke(self, *certificates):
+        """Writes the list of those that are revoked."""
+        config, index = self.folder / "ca.conf", self.folder / "index.txt"
+        config.write_text(f"[ca]\ndefault_ca=ours\n[ours]\ndatabase={index}\n"
+                          "default_md=sha256\ndefault_crl_days=30\n")
+        index.touch()
+        words = ["ca", "-config", config, "-cert", self.certificate, "-keyfile",
+                 self.folder / f"{self.name}.key"]
+        for certificate in certificates:
+            self.openssl(*words, "-revoke", certificate)
+        self.openssl(*words, "-gencrl", "-out", self.folder / "revoked.pem")
+        return self.folder / "revoked.pem"
 
 
 class SecureMosquitto(Mosquitto):
@@ -197,6 +214,8 @@ class SecureMosquitto(Mosquitto):
         shipped = SOURCE / "packaging/mosquitto"
         text = (shipped / "usage-stat.conf").read_text()
         for ours, theirs in (("8883", f"{self.port} 127.0.0.1"),
+                             ("#crlfile /etc/mosquitto/usage-stat/revoked.pem",
+                              f"crlfile {self.authority.revoke()}"),
                              ("/etc/mosquitto/usage-stat/ca.pem", self.authority.certificate),
                              ("/etc/mosquitto/usage-stat/broker.pem", certificate),
                              ("/etc/mosquitto/usage-stat/broker.key", key),
@@ -204,11 +223,12 @@ class SecureMosquitto(Mosquitto):
             text = text.replace(ours, str(theirs))
         config = pathlib.Path(folder) / "mosquitto.conf"
         config.write_text(("user root\n" if os.geteuid() == 0 else "") + text)
-        self.server = Process(folder, "mosquitto", ["mosquitto", "-c", config])
+        self.server = Process(folder, "mosquitto", ["mosquitto", "-c", config],
+                              env=os.environ | {"OPENSSL_CONF": shipped / "usage-stat-openssl.cnf"})
         self.start()
 
-    def credentials(self, name):
-        certificate, key = self.authority.sign(name)
+    def credentials(self, name, days=90):
+        certificate, key = self.authority.sign(name, days)
         return {"ca": self.authority.certificate, "certificate": certificate, "key": key}
 
 
@@ -231,6 +251,30 @@ class Nats:
 
     def forget_everything(self):
         shutil.rmtree(self.state, ignore_errors=True)
+
+
+class Meter:
+    """Stands between a device and the broker and counts what passes, both ways."""
+
+    def __init__(self, port):
+        self.bytes = 0
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.port = self.server.getsockname()[1]
+        self.to = port
+        threading.Thread(target=self.run, daemon=True).start()
+
+    def run(self):
+        while True:
+            here, there = self.server.accept()[0], socket.create_connection(("127.0.0.1", self.to))
+            for pair in ((here, there), (there, here)):
+                threading.Thread(target=self.pass_on, args=pair, daemon=True).start()
+
+    def pass_on(self, source, sink):
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                self.bytes += len(data)
+                sink.sendall(data)
+            sink.shutdown(socket.SHUT_WR)
 
 
 def listens(port):
@@ -452,6 +496,13 @@ class Device:
                               capture_output=True)
         assert not check or done.returncode == 0, (words, done.stdout + done.stderr)
         return done
+
+    def certify(self, authority, days=90):
+        """Has the device ask for a certificate, an authority give it, and the device take it."""
+        request = self.folder / "device.csr"
+        request.write_bytes(self.uplink("csr", "--config", self.config).stdout)
+        certificate = authority.certify(request, self.folder / "given.pem", days)
+        return self.uplink("certificate", certificate, "--config", self.config, check=False)
 
     def send(self, *words, check=True):
         return self.uplink("send", "--now", "--config", self.config, *words, check=check)
