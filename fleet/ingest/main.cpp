@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   fleet::IngestOptions options;
   options.broker.client_id = fmt::format("usage-stat-fleet-{}", getpid());
   std::string name;
+  std::string metrics_file;
   bool each = false;
 
   CommandLine line("usage-stat-fleet", "Keeps what the devices of a fleet send.",
@@ -91,6 +92,12 @@ int main(int argc, char** argv) {
   doctor.OnRun([&] {
     return fleet::PrintDiagnosis(options.conninfo, options.tombstones, options.keep_days);
   });
+
+  Command metrics = add("metrics", "Figures for Prometheus, in its text format");
+  metrics.Option("--output", "FILE",
+                 "Into this file, all at once, for the textfile collector of node_exporter",
+                 &metrics_file);
+  metrics.OnRun([&] { return fleet::WriteMetrics(options.conninfo, metrics_file); });
 
   Command forget = add("forget", "Delete everything of a device, for good");
   add_tombstones(forget);

@@ -8,6 +8,7 @@
 
 #include "fleet/ingest/database.h"
 #include "fleet/ingest/schema.h"
+#include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
 
 namespace velmora::usage_stat::fleet {
@@ -86,6 +87,51 @@ constexpr Check kChecks[] = {
     {"devices silent for 30 days",
      "SELECT count(*), NULL FROM devices WHERE last_seen < now() - interval '30 days'",
      "they are offline, their certificates have expired, or a broker denies them", false},
+};
+
+// Some figures under one name.
+struct Metric {
+  const char* name;  // without the prefix that all have
+  const char* type;
+  const char* help;
+  const char* label;  // of the figures, when there are several
+  const char* sql;    // a row with each figure, and the label's value before it
+};
+
+constexpr Metric kMetrics[] = {
+    {"devices", "gauge", "Devices that the fleet knows.", nullptr, "SELECT count(*) FROM devices"},
+    {"devices_silent", "gauge", "Devices that were last heard of 30 days ago or longer.", nullptr,
+     "SELECT count(*) FROM devices WHERE last_seen < now() - interval '30 days'"},
+    {"devices_forgotten", "gauge", "Names that were forgotten.", nullptr,
+     "SELECT count(*) FROM forgotten"},
+    {"last_visit_timestamp_seconds", "gauge", "When a device was last heard of.", nullptr,
+     "SELECT coalesce(extract(epoch FROM max(last_seen)), 0)::bigint FROM devices"},
+    {"numbers", "gauge",
+     "Record numbers that devices announced, by what became of them; \"announced\" is the sum.",
+     "what",
+     "WITH b AS MATERIALIZED (SELECT sum(announced) AS announced, sum(stored) AS stored, "
+     "sum(quarantined) AS quarantined FROM balance) "
+     "SELECT 'announced', coalesce(announced, 0) FROM b UNION ALL "
+     "SELECT 'stored', coalesce(stored, 0) FROM b UNION ALL "
+     "SELECT 'quarantined', coalesce(quarantined, 0) FROM b UNION ALL "
+     "SELECT 'missing: ' || reason, sum(last - first + 1) FROM missing GROUP BY reason"},
+    {"stores_unbalanced", "gauge", "Stores whose numbers do not add up: must be 0.", nullptr,
+     "SELECT count(*) FROM balance WHERE NOT adds_up"},
+    {"forks", "gauge", "Batches that came from copies of a store.", nullptr,
+     "SELECT coalesce(sum(forks), 0) FROM stores"},
+    {"batches_total", "counter", "Batches taken, by what became of them.", "outcome",
+     "SELECT outcome, sum(batches) FROM ingestion GROUP BY outcome ORDER BY outcome"},
+    {"records_total", "counter", "Records in batches that were stored.", nullptr,
+     "SELECT coalesce(sum(records), 0) FROM ingestion"},
+    {"hot_days", "gauge", "Days of records in the database.", nullptr,
+     "SELECT count(*) FROM pg_inherits WHERE inhparent = 'records'::regclass"},
+    {"hot_days_not_exported", "gauge", "Those that are over and not exported.", nullptr,
+     "SELECT count(*) FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
+     "WHERE i.inhparent = 'records'::regclass AND c.relname < 'records_' || "
+     "to_char(now() AT TIME ZONE 'UTC', 'YYYYMMDD') AND NOT EXISTS (SELECT FROM exports e "
+     "WHERE c.relname = 'records_' || to_char(e.day, 'YYYYMMDD'))"},
+    {"database_bytes", "gauge", "Size of the database.", nullptr,
+     "SELECT pg_database_size(current_database())"},
 };
 
 }  // namespace
@@ -179,6 +225,35 @@ int PrintDiagnosis(const std::string& conninfo, const std::string& tombstones,
   }
   if (exit_code == kOk) fmt::print("ok     everything adds up\n");
   return exit_code;
+}
+
+int WriteMetrics(const std::string& conninfo, const std::string& path) {
+  Database database;
+  Status status = Database::Open(conninfo, &database);
+  if (status.ok()) status = database.Execute("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+  std::string text;
+  for (const Metric& metric : kMetrics) {
+    Rows rows;
+    if (status.ok()) status = database.Run(metric.sql, {}, &rows);
+    if (!status.ok()) return Fail(status);
+    const std::string name = std::string("usage_stat_fleet_") + metric.name;
+    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n", name, metric.help, metric.type);
+    for (int row = 0; row < rows.size(); ++row) {
+      if (metric.label) {
+        text += fmt::format("{}{{{}=\"{}\"}} {}\n", name, metric.label, rows.Text(row, 0),
+                            rows.Text(row, 1));
+      } else {
+        text += fmt::format("{} {}\n", name, rows.Text(row, 0));
+      }
+    }
+  }
+  constexpr mode_t kForAll = 0644;
+  if (!path.empty()) {
+    status = base::ReplaceFile(path, text, kForAll);
+    return status.ok() ? kOk : Fail(status);
+  }
+  fmt::print("{}", text);
+  return kOk;
 }
 
 }  // namespace velmora::usage_stat::fleet

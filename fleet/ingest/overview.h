@@ -15,6 +15,11 @@ int PrintStatus(const std::string& conninfo, bool each);
 // something is wrong. `keep_days` as given to the ingester.
 int PrintDiagnosis(const std::string& conninfo, const std::string& tombstones, long long keep_days);
 
+// Writes the state of the fleet in the text format of Prometheus, for the textfile collector of its
+// node exporter: into the file at `path`, in its place all at once, or to standard output when that
+// is empty.
+int WriteMetrics(const std::string& conninfo, const std::string& path);
+
 }  // namespace velmora::usage_stat::fleet
 
 #endif  // FLEET_INGEST_OVERVIEW_H_

@@ -60,20 +60,7 @@ Bio BioOf(std::string_view text) {
   return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
-// Puts a file in its place all at once, readable for its owner alone.
-Status WriteOwn(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".new";
-  base::Descriptor file(open(
-      temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-  if (!file.is_open() ||
-      write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-      fsync(file.get()) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
-    const Status status = Status::Errno("cannot write " + path);
-    (void)unlink(temporary.c_str());
-    return status;
-  }
-  return store::SyncFolder(store::FolderOf(path));
-}
+constexpr mode_t kOwnMode = 0600;
 
 Status ReadKey(const std::string& path, Key* key) {
   const Bio file(BIO_new_file(path.c_str(), "r"));
@@ -95,7 +82,7 @@ Status MakeKey(const std::string& path, Key* key) {
       PEM_write_bio_PrivateKey(text.get(), made, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
     return Failure("cannot make a key");
   }
-  return WriteOwn(path, TextOf(text.get()));
+  return base::ReplaceFile(path, TextOf(text.get()), kOwnMode);
 }
 
 // In whole seconds; 0 for what is no time.
@@ -206,7 +193,7 @@ Status InstallCertificate(const std::string& pem, const std::string& name,
     return Failure("the certificate is not that of the key in " + files.key);
   }
   RETURN_IF_ERROR(Check(FactsOf(read.get()), name, now_ms));
-  return WriteOwn(files.certificate, pem);
+  return base::ReplaceFile(files.certificate, pem, kOwnMode);
 }
 
 Status CheckCredentials(const std::string& name, const CredentialFiles& files,

@@ -118,6 +118,35 @@ def hostile_batches(rig):
     wire.close()
 
 
+def metrics(rig):
+    """What Prometheus reads says what the balance says, and its file is replaced as a whole."""
+    sys.path.append("/usr/lib/python3/dist-packages")  # of Debian, for a Python of another make
+    from prometheus_client.parser import text_string_to_metric_families
+    rig.ingester()
+    wire = rigs.Wire(rig)
+    wire.ask(NAME, batch(1, 0, 10, runs=[(3, 5, RETENTION)]))
+    wire.ask(NAME, batch(2, 10, 20, kind=999, payload=b"new"))
+    wire.ask(OTHER, b"nonsense")
+    file = rig.folder / "fleet.prom"
+    file.write_text("old")
+    reader = open(file, encoding="utf-8")
+    rig.fleet("metrics", "--output", file)
+    assert reader.read() == "old" and file.stat().st_mode & 0o777 == 0o644
+    samples = {}
+    for family in text_string_to_metric_families(file.read_text()):
+        for sample in family.samples:
+            samples[sample.name, *sample.labels.values()] = sample.value
+    for key, value in {("devices",): 2, ("numbers", "announced"): 20, ("numbers", "stored"): 7,
+                       ("numbers", "quarantined"): 10, ("numbers", "missing: retention"): 3,
+                       ("batches_total", "malformed"): 1, ("batches_total", "stored"): 2,
+                       ("records_total",): 17, ("stores_unbalanced",): 0, ("hot_days",): 1,
+                       ("hot_days_not_exported",): 0}.items():
+        assert samples["usage_stat_fleet_" + key[0], *key[1:]] == value, (key, samples)
+    assert rig.fleet("metrics").stdout.count("# TYPE") == len({name for name, *_ in samples})
+    assert rig.fleet("metrics", "--output", "/nowhere/file", check=False).returncode == 1
+    wire.close()
+
+
 def quarantine(rig):
     """Types that an ingester does not know wait for one that does."""
     ingester = rig.ingester()
@@ -713,6 +742,67 @@ def certificates(rig):
     holds_all([one])
 
 
+def small_authority(rig):
+    """The authority that is shipped: a name belongs to one key, and a revoked one is on the list."""
+    folder = rig.folder / "authority"
+
+    def run(*words, stdin=b""):
+        return rigs.subprocess.run([rigs.SOURCE / "packaging/mosquitto/usage-stat-authority", folder,
+                                    *words], input=stdin, capture_output=True)
+
+    def request(name):
+        return rigs.subprocess.run(
+            ["openssl", "req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+             "-nodes", "-keyout", "/dev/null", "-subj", f"/CN={name}"],
+            capture_output=True, check=True).stdout
+
+    for words in (("init",), ("broker", "127.0.0.1"), ("ingester",)):
+        assert run(*words).returncode == 0, words
+    one = device(rig, records=10, ca=folder / "ca.pem")
+    own = one.uplink("csr", "--config", one.config).stdout
+    for _ in range(2):
+        given = rig.folder / "given.pem"
+        given.write_bytes(run("device", stdin=own).stdout)
+        one.uplink("certificate", given, "--config", one.config)
+    for stdin, text in ((request(one.name), b"was given to another key"), (b"x", b"no request"),
+                        (request("usage-stat-fleet"), b"no device's name")):
+        done = run("device", stdin=stdin)
+        assert done.returncode == 1 and not done.stdout and text in done.stderr, done
+    # The broker's side, with all of it.
+    rig.broker.server.stop()
+    config = rig.folder / "mosquitto.conf"
+    text = config.read_text()
+    for line in text.splitlines():
+        key = line.split(" ")[0]
+        file = {"cafile": "ca.pem", "certfile": "broker.pem", "keyfile": "broker.key",
+                "crlfile": "revoked.pem"}.get(key)
+        if file:
+            text = text.replace(line, f"{key} {folder / file}")
+    config.write_text(text)
+    rig.broker.start()
+    rig.broker.credentials = lambda name: {"ca": folder / "ca.pem", "key": folder / "ingester.key",
+                                           "certificate": folder / "ingester.pem"}
+    rig.ingester()
+    one.send()
+    holds_all([one])
+    one.feed(rig.sample(), 10)
+    short = ["openssl", "ca", "-config", folder / "ca.conf", "-gencrl", "-crlsec", "1", "-out",
+             folder / "revoked.pem"]
+    # Revoked; nobody revoked, but the list expires; nobody revoked.
+    for make, code in ((lambda: run("revoke", one.name), 1),
+                       (lambda: rigs.subprocess.run(short, capture_output=True), 1),
+                       (lambda: run("list"), 0)):
+        assert make().returncode == 0
+        (folder / "index.txt").write_text("")
+        reloads = rig.broker.server.log.read_text().count("Reloading config")
+        rig.broker.server.process.send_signal(rigs.signal.SIGHUP)
+        rigs.wait_until(lambda: rig.broker.server.log.read_text().count("Reloading config") > reloads,
+                        "the broker")
+        rigs.time.sleep(2)  # the short list has expired by then
+        assert one.send(check=False).returncode == code
+    holds_all([one])
+
+
 def strangers(rig):
     """Who is not who it says gets nothing through, and is told so on both sides."""
     rig.ingester()
@@ -820,8 +910,8 @@ def weight(rig):
     assert 0 < meter.bytes <= 6000
 
 
-SECURE = [certificates, strangers, forgotten_device, weight]
-CASES = [cursor_rules, hostile_batches, quarantine, older_ingester, clocks, masks, forgetting,
+SECURE = [certificates, small_authority, strangers, forgotten_device, weight]
+CASES = [cursor_rules, hostile_batches, metrics, quarantine, older_ingester, clocks, masks, forgetting,
          tombstones, retirement, upgrade, visits, offline, daily_bytes, broker_loses_all,
          trusting_the_broker_loses, slow_ingester, lowered_consent, fleet_falls_back, copies,
          numbers_given_again, power_cut_in_flight, what_is_gone, retention_meanwhile, only_reading,

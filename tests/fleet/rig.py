@@ -214,7 +214,7 @@ class SecureMosquitto(Mosquitto):
         shipped = SOURCE / "packaging/mosquitto"
         text = (shipped / "usage-stat.conf").read_text()
         for ours, theirs in (("8883", f"{self.port} 127.0.0.1"),
-                             ("#crlfile /etc/mosquitto/usage-stat/revoked.pem",
+                             ("crlfile /etc/mosquitto/usage-stat/revoked.pem",
                               f"crlfile {self.authority.revoke()}"),
                              ("/etc/mosquitto/usage-stat/ca.pem", self.authority.certificate),
                              ("/etc/mosquitto/usage-stat/broker.pem", certificate),

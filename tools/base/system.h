@@ -4,6 +4,7 @@
 #define TOOLS_BASE_SYSTEM_H_
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,9 +12,11 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "src/usage_stat_client/statistics_client.h"
+#include "tools/base/status.h"
 
 namespace velmora::usage_stat::base {
 
@@ -45,6 +48,12 @@ std::int64_t NowMs();
 
 // Milliseconds since the device was started, sleep included. Nobody can set it.
 std::int64_t BootMs();
+
+// ---- Files ----
+
+// Puts a file with `text` in the place of `path`, on the disk and all at once: whoever reads it
+// finds the old or the new one. Uses `path`.new meanwhile.
+Status ReplaceFile(const std::string& path, std::string_view text, mode_t mode);
 
 // ---- The endpoint ----
 
