@@ -47,6 +47,10 @@ if(NOT USAGE_STAT_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   check_pie_supported()
 endif()
 
+# For a device, what a program does not reach is left out of it.
+add_compile_options($<$<CONFIG:MinSizeRel>:-ffunction-sections> $<$<CONFIG:MinSizeRel>:-fdata-sections>)
+add_link_options($<$<CONFIG:MinSizeRel>:LINKER:--gc-sections>)
+
 # Timestamps must outlive 2038 on 32-bit targets too. (The library sees to that by itself.)
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)

@@ -1,7 +1,7 @@
 # What `cmake --install` and the packages hold. Included last, when every target is known.
 #
 # Components: library (what a device needs), development, core (to build collectors in C++), platform
-# (the host's pair of platform libraries), tools.
+# (the host's pair of platform libraries), tools, uplink (what sends to a fleet), fleet.
 
 include(CMakePackageConfigHelpers)
 
@@ -54,25 +54,42 @@ if(USAGE_STAT_BUILD_PLATFORM)
     DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT core)
 endif()
 
-# ---- Programs, their manual pages and completions, and the collector as a service ----
+# ---- Programs, with their manual pages, and what starts them ----
 
-foreach(program usage_stat_collector usage_stat_inspector usage_stat_sample)
-  if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
-    get_target_property(name ${program} OUTPUT_NAME)
+function(install_program target component)
+  if(TARGET ${target})
+    install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${component})
+    get_target_property(name ${target} OUTPUT_NAME)
     file(GLOB pages CONFIGURE_DEPENDS "docs/man/${name}.[1-8]")
     foreach(page ${pages})
       string(REGEX REPLACE ".*[.]" "" section "${page}")
       install(FILES "${page}"
-        DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT tools)
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}" COMPONENT ${component})
     endforeach()
+    file(GLOB units CONFIGURE_DEPENDS "packaging/${name}.service" "packaging/${name}.timer")
+    install(FILES ${units} DESTINATION lib/systemd/system COMPONENT ${component})
   endif()
-endforeach()
-if(TARGET usage_stat_collector)
-  install(FILES packaging/usage-stat-collector.service
-    DESTINATION lib/systemd/system COMPONENT tools)
-endif()
+endfunction()
+
+install_program(usage_stat_collector tools)
+install_program(usage_stat_inspector tools)
+install_program(usage_stat_sample tools)
+install_program(usage_stat_uplink uplink)
+install_program(usage_stat_fleet fleet)
+
 if(TARGET usage_stat_inspector)
   install(FILES packaging/completion/usage-stat
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tools)
+endif()
+if(TARGET usage_stat_uplink)
+  # Where the program looks for them: CMAKE_INSTALL_SYSCONFDIR alone is /usr/etc below /usr.
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(settings "${CMAKE_INSTALL_FULL_SYSCONFDIR}/usage-stat")
+  else()
+    set(settings "${CMAKE_INSTALL_SYSCONFDIR}/usage-stat")
+  endif()
+  install(FILES fleet/consent/policy.json packaging/uplink.conf
+    DESTINATION "${settings}" COMPONENT uplink)
+  install(FILES fleet/consent/policy.schema.json
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/usage-stat" COMPONENT uplink)
 endif()
