@@ -1,6 +1,8 @@
 // usage-stat-uplink: what may leave this device, and the road it takes.
 
-#include <csignal>
+#include <malloc.h>
+#include <sqlite3.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -17,6 +19,15 @@ namespace {
 int Run(int argc, char** argv) {
   // The library's log lines repeat what the subcommands report in their own words.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
+  // SQLite gives up pages that it could read again rather than take more than this.
+  constexpr sqlite3_int64 kDatabaseMemory = 1024 * 1024;
+  (void)sqlite3_soft_heap_limit64(kDatabaseMemory);
+#ifdef __GLIBC__
+  // Blocks as large as those of the compression go back to the system when they are freed; left to
+  // itself, glibc keeps them from the second one on.
+  constexpr int kLargeBlock = 128 * 1024;
+  (void)mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+#endif
 
   CommandLine line("usage-stat-uplink",
                    "Decides what may leave this device, shows it, and sends it.",

@@ -28,10 +28,11 @@ struct StoreRange {
 
 class Outgoing {
  public:
-  // How much one batch holds at most.
+  // How much one batch holds at most. Eight times as much saves a tenth of the bytes, and takes far
+  // more memory: the tables of the compression grow with what is compressed.
   struct Limits {
-    std::size_t records = 16384;
-    std::size_t bytes = std::size_t{1024} * 1024;  // of their payloads
+    std::size_t records = 2048;
+    std::size_t bytes = std::size_t{128} * 1024;  // of their payloads
   };
 
   // Looks at the records of the database at `path` and its archives, without writing to them.
