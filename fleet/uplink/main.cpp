@@ -20,7 +20,7 @@ int Run(int argc, char** argv) {
   // The library's log lines repeat what the subcommands report in their own words.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
   // SQLite gives up pages that it could read again rather than take more than this.
-  constexpr sqlite3_int64 kDatabaseMemory = 1024 * 1024;
+  constexpr sqlite3_int64 kDatabaseMemory = sqlite3_int64{1024} * 1024;
   (void)sqlite3_soft_heap_limit64(kDatabaseMemory);
 #ifdef __GLIBC__
   // Blocks as large as those of the compression go back to the system when they are freed; left to
