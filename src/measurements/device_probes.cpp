@@ -12,15 +12,24 @@ namespace {
 
 constexpr char kGlobalConfig[] = "/mnt/ext1/system/config/global.cfg";
 
+// Closes the configuration when it goes, however that comes about.
+struct ConfigCloser {
+  ~ConfigCloser() {
+    if (is_due) CloseConfigNoSave(config);
+  }
+  CorvaneConfig* const config;
+  const bool is_due;
+};
+
 }  // namespace
 
 int LanguageMeasurement::Measure() {
   CorvaneConfig* config = OpenConfig(kGlobalConfig, 0);
+  const char* const language = ReadString(config, "language", "??");
   // A null text raises and leaves the handle open; a platform that gives one has broken its
-  // promise.
-  const std::string language = ReadString(config, "language", "??");
-  event_.language_ = language;
-  CloseConfigNoSave(config);
+  // promise. Memory that runs out does not.
+  const ConfigCloser closer{config, language != nullptr};
+  event_.language_ = std::string(language);
   return 0;
 }
 

@@ -123,6 +123,9 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
          "<book-title>A title of some length</book-title>"
          "<author><first-name>An</first-name><last-name>Author</last-name>"
          "</author></title-info></description></FictionBook>";
+  std::filesystem::create_directories(root / "mnt/ext1/system/config");
+  std::ofstream(root / "mnt/ext1/system/config/global.cfg")
+      << "language=more than a string holds without an allocation\n";
   setenv("CORVANE_ROOT", root.c_str(), 1);
   setenv("CORVANE_LOG_LEVEL", "0", 1);
   Receiver receiver;
@@ -146,6 +149,9 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
       "Stat_StartApplicationByPathEvent",
       [] { return Stat_StartApplicationByPathEvent(1, "/mnt/ext1/a.app", 2, arguments); },
       arrived_once, &tallies);
+  // Such a language is never sent, but read.
+  FailEachAllocation(
+      "Stat_LangEvent, a long text", [] { return Stat_LangEvent() + 1; }, no_check, &tallies);
   const int id = Stat_GetBookId("/mnt/ext1/book.epub");
   FailEachAllocation(
       "Stat_GetBookId", [id] { return Stat_GetBookId("/mnt/ext1/book.epub") - id; }, no_check,
