@@ -4,7 +4,11 @@
 
 #include <benchmark/benchmark.h>
 #include <common_utilities/message_client.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -219,6 +223,37 @@ void PrintStages(const Figures& figures) {
               bench::Cell(figures.Get(kStreamAlone, "mean"), 0, " ns").c_str());
 }
 
+// ---- What a sender may ask of its descriptor before it sends ----
+
+struct Look {
+  const char* name;
+  const char* tells;
+  void (*ask)(int descriptor);
+};
+
+constexpr Look kLooks[] = {
+    {"`fstat`", "the socket, by inode and device",
+     [](int descriptor) {
+       struct stat status;
+       benchmark::DoNotOptimize(fstat(descriptor, &status));
+     }},
+    {"`getsockopt(SO_COOKIE)`", "the socket, by a number; Linux 4.6 and later",
+     [](int descriptor) {
+       std::uint64_t cookie = 0;
+       socklen_t length = sizeof(cookie);
+       benchmark::DoNotOptimize(getsockopt(descriptor, SOL_SOCKET, SO_COOKIE, &cookie, &length));
+     }},
+    {"`fcntl(F_GETFD)`", "nothing of the socket: the least that a call with a descriptor takes",
+     [](int descriptor) { benchmark::DoNotOptimize(fcntl(descriptor, F_GETFD)); }},
+};
+
+void PrintLooks(const Figures& figures) {
+  bench::PrintHead({"look at the descriptor", "tells", "time"}, 2);
+  for (const Look& look : kLooks) {
+    bench::PrintRow({look.name, look.tells, bench::Cell(figures.Get(look.name, "mean"), 0, " ns")});
+  }
+}
+
 constexpr int kBatches[] = {1, 10, 25, 50, 100};
 
 void PrintBatches(const Figures& figures) {
@@ -264,6 +299,10 @@ int main(int argc, char** argv) {
   AddStages(page_turn, PageTurn());
   AddStages(open_book, Sent<us::OpenBookEvent>(open_book));
   AddStages(books, Sent<us::NewBooksEventEx>(books));
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  for (const Look& look : kLooks) {
+    bench::AddLoop(look.name, [&look, descriptor] { look.ask(descriptor); });
+  }
   for (const int count : kBatches) {
     bench::AddLoop("batch/" + std::to_string(count), [count] { bench::SendBooks(count); });
   }
@@ -278,6 +317,8 @@ int main(int argc, char** argv) {
 
   const Figures figures = bench::Run(argc, argv);
   PrintStages(figures);
+  std::puts("");
+  PrintLooks(figures);
   std::puts("");
   PrintBatches(figures);
   std::puts("");
