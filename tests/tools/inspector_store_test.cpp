@@ -156,6 +156,9 @@ TEST_F(InspectorTest, WritesRecordsInEveryForm) {
   EXPECT_EQ(UsageStat({"list", "--quarantine", "-o", "csv", "--fields", "kind,size,raw"}).out,
             "kind,size,raw\r\ncut short,2,6162\r\n");
   EXPECT_THAT(UsageStat({"list", "--quarantine"}).out, HasSubstr("cut short[42] 2 bytes: lacks 2"));
+  EXPECT_EQ(UsageStat({"list", "--event", "2035", "--fields", "time"}).err,
+            "usage-stat: there is no column time here, but id, received, pid, uid, event, type, "
+            "timestamp, a, url, raw\n");
   const std::string pretty = UsageStat({"list", "--event", "2035", "-o", "json-pretty"}).out;
   EXPECT_EQ(Json::parse(pretty), Json::parse(expected.at("json")));
 }

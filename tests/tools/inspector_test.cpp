@@ -197,6 +197,11 @@ TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {
   const ProgramResult from_hex = UsageStat({"decode", "-o", "json"}, spaced);
   EXPECT_EQ(from_hex.exit_code, 0);
   EXPECT_EQ(UsageStat({"decode", "-o", "json", "-"}, raw).out, from_hex.out);
+  const std::string line = R"({"id":7,"raw":")" + hex + "\"}";
+  for (const std::string& argument : {hex, line, path}) {
+    EXPECT_EQ(UsageStat({"decode", "-o", "json", argument}).out, from_hex.out) << argument;
+  }
+  EXPECT_EQ(UsageStat({"decode", "-o", "json"}, line).out, from_hex.out);
   std::string joined;
   const Json decoded = Json::parse(from_hex.out);
   for (const Json& field : decoded["fields"]) {

@@ -129,9 +129,12 @@ void PrintJson(std::string_view datagram, const Trace& trace, const Damage* dama
   Print("{}\n", records::SafeJson(json, 2));
 }
 
-// What to decode: the argument itself when it is digits and no file, else what the file holds.
+// What to decode: the argument itself when a datagram stands in it and it is no file, else what the
+// file holds.
 int ReadInput(const Options& options, std::string* input) {
-  if (!options.raw && !std::filesystem::exists(options.file) && FromHex(options.file)) {
+  std::error_code too_long_for_a_name;
+  if (!options.raw && !std::filesystem::exists(options.file, too_long_for_a_name) &&
+      DatagramIn(options.file)) {
     *input = options.file;
     return kOk;
   }
@@ -171,10 +174,11 @@ int Run(const Options& options) {
 void AddDecode(CommandLine* line) {
   auto options = std::make_shared<Options>();
   Command command = line->AddCommand("decode", "Show one record byte by byte");
-  command.Argument("FILE",
-                   "Digits, or a file with digits, bytes, a line of list -o json or a test vector; "
-                   "- for standard input (default)",
-                   &options->file);
+  command.Argument(
+      "FILE",
+      "Digits or a line of list -o json, or a file with those, bytes or a test vector; "
+      "- for standard input (default)",
+      &options->file);
   command.Flag("--hex", "It holds hexadecimal digits", &options->hex);
   command.Flag("--raw", "It holds the bytes themselves", &options->raw);
   command.Exclude("--raw", "--hex");

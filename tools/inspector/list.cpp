@@ -27,14 +27,9 @@ struct Options {
 
 int ListQuarantine(const Options& options) {
   RowLayout layout = options.layout;
-  if (layout.columns.empty()) layout.columns = QuarantineColumns();
-  for (const std::string& column : layout.columns) {
-    const auto known = QuarantineColumns();
-    if (std::find(known.begin(), known.end(), column) == known.end()) {
-      return Complain(kUsage, "there is no column " + column + " here");
-    }
-  }
+  layout.is_quarantine = true;
   const RowPrinter printer(layout);
+  if (!printer.mistake().empty()) return Complain(kUsage, printer.mistake());
   std::unique_ptr<store::Reader> reader;
   store::Status status =
       store::Reader::Open(options.file.empty() ? options.database : options.file, &reader);

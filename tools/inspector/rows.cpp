@@ -73,13 +73,21 @@ std::vector<std::string> FieldColumns(const std::vector<std::string>& events) {
   return columns;
 }
 
+std::vector<std::string> KnownColumns(const RowLayout& layout) {
+  if (layout.is_quarantine) {
+    return {"id", "received", "pid", "uid", "kind", "type", "size", "reason", "raw"};
+  }
+  std::vector<std::string> known(kEnvelope.begin(), kEnvelope.end());
+  const std::vector<std::string> fields = FieldColumns(layout.events);
+  known.insert(known.end(), fields.begin(), fields.end());
+  if (layout.events.empty()) known.emplace_back("fields");
+  known.emplace_back("raw");
+  return known;
+}
+
 }  // namespace
 
 std::vector<std::string> RowFormats() { return {std::begin(kFormats), std::end(kFormats)}; }
-
-std::vector<std::string> QuarantineColumns() {
-  return {"id", "received", "pid", "uid", "kind", "type", "size", "reason", "raw"};
-}
 
 std::string CsvCell(const std::string& text) {
   std::string quoted;
@@ -89,15 +97,10 @@ std::string CsvCell(const std::string& text) {
 }
 
 RowPrinter::RowPrinter(const RowLayout& layout) : layout_(layout) {
-  std::vector<std::string> known(kEnvelope.begin(), kEnvelope.end());
-  const std::vector<std::string> fields = FieldColumns(layout.events);
-  known.insert(known.end(), fields.begin(), fields.end());
-  if (layout.events.empty()) known.emplace_back("fields");
-  known.emplace_back("raw");
+  const std::vector<std::string> known = KnownColumns(layout);
   for (const std::string& column : layout.columns) {
-    if (std::find(known.begin(), known.end(), column) == known.end()) {
-      mistake_ = "there is no column " + column + " here";
-    }
+    if (std::find(known.begin(), known.end(), column) != known.end()) continue;
+    mistake_ = fmt::format("there is no column {} here, but {}", column, fmt::join(known, ", "));
   }
   columns_ = layout.columns.empty() ? known : layout.columns;
 }

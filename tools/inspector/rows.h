@@ -20,6 +20,7 @@ struct RowLayout {
   std::vector<std::string> events = {};
   std::vector<std::string> columns = {};  // of csv, in this order; none: all
   bool iso_times = false;                 // in csv, instead of milliseconds since the epoch
+  bool is_quarantine = false;             // datagrams that could not be read
 };
 
 // Prints rows to standard output:
@@ -49,9 +50,6 @@ class RowPrinter {
   std::vector<std::string> columns_;  // of csv
   std::string mistake_;
 };
-
-// The columns of csv for datagrams that could not be read.
-std::vector<std::string> QuarantineColumns();
 
 // A cell of comma-separated values, printable.
 std::string CsvCell(const std::string& text);
