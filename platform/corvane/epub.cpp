@@ -107,12 +107,12 @@ std::vector<std::string> People(const Metadata& metadata) {
     }
   };
   metadata.ForEach("creator", [&](pugi::xml_node node) {
-    const std::string role = metadata.Detail(node, "role");
+    const std::string role = ToLower(metadata.Detail(node, "role"));
     add(node, role.empty() || role == "aut" ? &authors : &others);
   });
   metadata.ForEach("contributor", [&](pugi::xml_node node) {
     // Software that made the file signs as the book's producer.
-    if (metadata.Detail(node, "role") != "bkp") add(node, &others);
+    if (ToLower(metadata.Detail(node, "role")) != "bkp") add(node, &others);
   });
   for (std::string& name : others) {
     if (authors.size() < kMaxPeople) authors.push_back(std::move(name));

@@ -42,16 +42,14 @@ int PublicationYear(pugi::xml_node title_info, pugi::xml_node publish_info) {
   return 0;
 }
 
-// The series of the text, else that of this edition; writing software leaves empty ones behind.
+// The series of the text, else that of this edition. One may stand in another, and writing software
+// leaves empty ones behind.
 pugi::xml_node Series(pugi::xml_node title_info, pugi::xml_node publish_info) {
-  for (const pugi::xml_node parent : {title_info, publish_info}) {
-    for (const pugi::xml_node node : parent.children()) {
-      if (LocalName(node.name()) == "sequence" && !CleanText(Attribute(node, "name")).empty()) {
-        return node;
-      }
-    }
-  }
-  return {};
+  const auto is_named_series = [](pugi::xml_node node) {
+    return LocalName(node.name()) == "sequence" && !CleanText(Attribute(node, "name")).empty();
+  };
+  const pugi::xml_node of_text = title_info.find_node(is_named_series);
+  return of_text ? of_text : publish_info.find_node(is_named_series);
 }
 
 std::optional<Book> ReadStartOfFb2(std::string start, const char** problem) {

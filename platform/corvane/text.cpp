@@ -158,6 +158,17 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
+bool IsMostlyUtf8(std::string_view text) {
+  std::size_t read = 0;
+  std::size_t broken = 0;
+  while (!text.empty()) {
+    const std::size_t length = CharacterLength(text);
+    if (static_cast<std::uint8_t>(text[0]) > 0x20) ++(length == 0 ? broken : read);
+    text.remove_prefix(std::max<std::size_t>(length, 1));
+  }
+  return read >= broken;
+}
+
 std::string ToLower(std::string_view text) {
   std::string lower(text);
   for (char& c : lower) {

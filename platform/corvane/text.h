@@ -16,6 +16,8 @@ inline constexpr std::size_t kMaxText = 1000;
 // characters become one space, what is no UTF-8 becomes U+FFFD, and the ends are trimmed.
 std::string CleanText(std::string_view text);
 bool IsUtf8(std::string_view text);
+// Whether at least half of its characters are; blanks do not count.
+bool IsMostlyUtf8(std::string_view text);
 
 // ASCII only, whatever the locale.
 std::string ToLower(std::string_view text);

@@ -20,10 +20,12 @@ void SkipBlanks(std::string_view* text) {
   text->remove_prefix(std::min(text->find_first_not_of(kBlanks), text->size()));
 }
 
-// The value of the XML declaration's encoding, in lower case; "" if none is declared.
+// The value of the XML declaration's encoding, in lower case; "" if none is declared. Blanks before
+// the declaration are a mistake that is as common as harmless.
 std::string DeclaredEncoding(std::string_view text) {
   constexpr std::size_t kMaxDeclaration = 200;
   constexpr std::string_view kKey = "encoding";
+  SkipBlanks(&text);
   if (!text.starts_with("<?xml")) return {};
   text = text.substr(0, std::min(text.find("?>"), kMaxDeclaration));
   const std::size_t key = text.find(kKey);
@@ -66,9 +68,11 @@ Encoding EncodingOf(std::string_view text) {
     const char* name;  // the converter's prefix
   };
   for (const auto& [prefix, first, last, name] :
-       {Family{"windows-", 1250, 1258, "windows-"}, Family{"cp", 1250, 1258, "windows-"},
-        Family{"iso-8859-", 1, 16, "iso-8859-"}, Family{"cp", 866, 866, "cp"},
-        Family{"ibm", 866, 866, "cp"}}) {
+       {Family{"windows-", 1250, 1258, "windows-"}, Family{"windows", 1250, 1258, "windows-"},
+        Family{"win-", 1250, 1258, "windows-"}, Family{"cp", 1250, 1258, "windows-"},
+        Family{"iso-8859-", 1, 16, "iso-8859-"}, Family{"iso8859-", 1, 16, "iso-8859-"},
+        Family{"iso_8859-", 1, 16, "iso-8859-"}, Family{"latin", 1, 1, "iso-8859-"},
+        Family{"cp", 866, 866, "cp"}, Family{"ibm", 866, 866, "cp"}}) {
     for (int number = first; number <= last; ++number) {
       const std::string text_of_number = std::to_string(number);
       if (declared == prefix + text_of_number) return {Encoding::kConverted, name + text_of_number};
@@ -109,13 +113,19 @@ std::optional<std::string> Convert(std::string* text, const std::string& encodin
 
 // Empties the texts that can't be read: to say nothing beats a title of replacement characters.
 class UnreadableTexts : public pugi::xml_tree_walker {
+ public:
+  explicit UnreadableTexts(bool (*is_readable)(std::string_view)) : is_readable_(is_readable) {}
+
+ private:
   bool for_each(pugi::xml_node& node) override {
-    if (!IsUtf8(node.value())) node.set_value("");
+    if (!is_readable_(node.value())) node.set_value("");
     for (pugi::xml_attribute each : node.attributes()) {
-      if (!IsUtf8(each.value())) each.set_value("");
+      if (!is_readable_(each.value())) each.set_value("");
     }
     return true;
   }
+
+  bool (*const is_readable_)(std::string_view);
 };
 
 }  // namespace
@@ -131,8 +141,10 @@ bool ParseXml(std::string text, pugi::xml_document* document) {
   }
   const pugi::xml_parse_result result =
       document->load_buffer(text.data(), text.size(), pugi::parse_default, pugi::encoding_utf8);
-  if (encoding.kind == Encoding::kUnknown) {
-    UnreadableTexts unreadable;
+  // What says UTF-8, or nothing, may be in another encoding all the same.
+  const bool is_unknown = encoding.kind == Encoding::kUnknown;
+  if (is_unknown || (encoding.kind == Encoding::kUtf8 && !IsUtf8(text))) {
+    UnreadableTexts unreadable(is_unknown ? IsUtf8 : IsMostlyUtf8);
     document->traverse(unreadable);
   }
   return result.status == pugi::status_ok;

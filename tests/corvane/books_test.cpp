@@ -80,7 +80,7 @@ TEST(Books, EpubMetadataFillsTheFields) {
       // EPUB 2
       {"<dc:language>de-AT</dc:language><dc:title>T &amp; t</dc:title><dc:title>U</dc:title>"
        "<dc:contributor opf:role='trl'>C</dc:contributor><dc:creator opf:role='ill'>I</dc:creator>"
-       "<dc:creator opf:role='aut' opf:file-as='X'>A</dc:creator><dc:creator>B</dc:creator>"
+       "<dc:creator opf:role='Aut' opf:file-as='X'>A</dc:creator><dc:creator>B</dc:creator>"
        "<dc:date opf:event='modification'>2020</dc:date><dc:date>2001-02-03</dc:date>"
        "<dc:date opf:event='publication'>1999</dc:date><dc:publisher>P</dc:publisher>"
        "<dc:identifier opf:scheme='uuid'>9780306406157x</dc:identifier>"
@@ -109,7 +109,7 @@ TEST(Books, EpubMetadataFillsTheFields) {
        "1|-|-|0|0|-|S|-|-"},
       // What calibre writes for a date that it doesn't know, the names that others give the event
       // of a publication, and software among the people.
-      {"<dc:date>0101-01-01T00:00:00+00:00</dc:date><dc:contributor opf:role='bkp'>calibre"
+      {"<dc:date>0101-01-01T00:00:00+00:00</dc:date><dc:contributor opf:role='BKP'>calibre"
        "</dc:contributor><dc:contributor opf:role='trl'>T</dc:contributor>",
        "1|-|T|0|0|-|-|-|-"},
       {"<dc:date opf:event='creation'>2003</dc:date><dc:date opf:event='original-publication'>1925"
@@ -228,7 +228,8 @@ TEST(Books, Fb2MetadataFillsTheFields) {
       Fb2("<title-info><author><first-name>A</first-name><last-name>B</last-name></author>"
           "<translator><nickname>N</nickname></translator><author><last-name>C</last-name></author>"
           "<book-title>T</book-title><date value='1998-01-02'>January</date><lang>ru</lang>"
-          "<sequence name='S' number='4'/></title-info><publish-info><publisher>P</publisher>"
+          "<sequence name=''><sequence name='S' number='4'/></sequence></title-info>"
+          "<publish-info><publisher>P</publisher>"
           "<year>2003</year><isbn>none, 978-0-306-40615-7</isbn></publish-info>");
   const Case cases[] = {
       {full, "1|ru|A B+C+N|2003|4|T|S|P|9780306406157"},
@@ -242,6 +243,12 @@ TEST(Books, Fb2MetadataFillsTheFields) {
       {"<?xml version = \"1.0\" encoding = 'CP1251' ?>" + declared, "1|-|\xD0\x96|0|0|-|-|-|-"},
       {Fb2("<title-info><book-title>\xEF\xE2</book-title></title-info>", "ISO-8859-7"),
        "1|-|-|0|0|\xCE\xBF\xCE\xB2|-|-|-"},
+      {Fb2("<title-info><book-title>\xEF\xE2</book-title></title-info>", "iso_8859-7"),
+       "1|-|-|0|0|\xCE\xBF\xCE\xB2|-|-|-"},
+      {Fb2("<title-info><book-title>\xE9</book-title></title-info>", "Latin1"),
+       "1|-|-|0|0|\xC3\xA9|-|-|-"},
+      {"\n" + Fb2("<title-info><book-title>\xC6</book-title></title-info>", "windows1251"),
+       "1|-|-|0|0|\xD0\x96|-|-|-"},
       {Fb2("<title-info><book-title>\x86</book-title></title-info>", "cp866"),
        "1|-|-|0|0|\xD0\x96|-|-|-"},
       // No text is better than one of replacement characters, or of what is left between them.
@@ -250,6 +257,9 @@ TEST(Books, Fb2MetadataFillsTheFields) {
            "</book-title><sequence name='\xB0\xA1'/></title-info>",
            "gbk"),
        "1|-|-|0|0|Plain|-|-|-"},
+      {Fb2("<title-info><author><nickname>Caf\xE9</nickname></author>"
+           "<book-title>\xCF\xE5\xF0 \xE2</book-title></title-info>"),
+       "1|-|Caf\xEF\xBF\xBD|0|0|-|-|-|-"},
       {Fb2("<title-info><book-title>" + std::string(5000, ' ') +
            "T</book-title><sequence/>"
            "<sequence name=' ' number='2'/></title-info><publish-info><sequence name='S' "
