@@ -37,6 +37,8 @@ TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {
       {{"send", "--help"}, 0, "null:"},
       {{}, 2, "subcommand is required"},
       {{"bogus"}, 2, "no subcommand bogus"},
+      {{"lsit"}, 2, "no subcommand lsit; did you mean list?; see"},
+      {{"list", "--databse", "x"}, 2, "--databse x; did you mean --database?; see"},
       {{"types", "-o", "xml"}, 2, "xml"},
       {{"types", "--bogus"}, 2, "--bogus"},
       {{"decode", "/nowhere"}, 1, "cannot read /nowhere"},

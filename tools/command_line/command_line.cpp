@@ -3,7 +3,11 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <numeric>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "tools/records/text.h"
 
@@ -24,14 +28,48 @@ void Raise(const std::string& option, const std::string& mistake) {
 
 std::string LastOf(const std::string& names) { return names.substr(names.find_last_of(',') + 1); }
 
+// How many letters are to be changed, added or left out to make one word of the other.
+std::size_t Distance(std::string_view from, std::string_view to) {
+  std::vector<std::size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    std::size_t before = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < to.size(); ++j) {
+      const std::size_t changed = before + (from[i] == to[j] ? 0 : 1);
+      before = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+// Asks for the subcommand or the option of `command` that `word` comes close to, if any does.
+std::string DidYouMean(const CLI::App& command, const std::string& word) {
+  std::vector<std::string> names;
+  for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; })) {
+    names.push_back(each->get_name());
+  }
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  const auto distance = [&word](const std::string& name) { return Distance(word, name); };
+  const auto nearest = std::ranges::min_element(names, {}, distance);
+  const std::size_t most = std::min<std::size_t>(2, word.size() / 2);
+  if (nearest == names.end() || distance(*nearest) > most) return {};
+  return "; did you mean " + *nearest + "?";
+}
+
 std::string Complaint(const CLI::App* program, const CLI::Error& error) {
   std::string path = program->get_name();
-  for (auto commands = program->get_subcommands(); !commands.empty();
-       commands = commands.front()->get_subcommands()) {
-    path += " " + commands.front()->get_name();
+  const CLI::App* command = program;
+  while (!command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
+    path += " " + command->get_name();
   }
-  return fmt::format("{}: {}; see {} --help\n", program->get_name(),
-                     records::Printable(error.what()), path);
+  const std::vector<std::string> unknown = command->remaining();
+  return fmt::format("{}: {}{}; see {} --help\n", program->get_name(),
+                     records::Printable(error.what()),
+                     unknown.empty() ? "" : DidYouMean(*command, unknown.front()), path);
 }
 
 }  // namespace
@@ -164,7 +202,7 @@ int CommandLine::Run(int argc, const char* const* argv) {
     const std::string first = argc > 1 ? argv[1] : "-";
     const auto is_first = [&first](const CLI::App* command) { return command->check_name(first); };
     if (has_commands && !first.starts_with('-') && app_->get_subcommands(is_first).empty()) {
-      throw CLI::ParseError("there is no subcommand " + first, kUsage);
+      throw CLI::ParseError("there is no subcommand " + first + DidYouMean(*app_, first), kUsage);
     }
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
