@@ -51,18 +51,17 @@ void ReceiveBare(const Load& load, const std::string& endpoint) {
 
 bool RunBare(const Load& load) {
   const std::string endpoint = Receiver::UniqueEndpoint();
-  const pid_t pid = fork();
-  if (pid == 0) {
+  usage_stat_test::Child receiver([&] {
     ReceiveBare(load, endpoint);
-    _exit(0);
-  }
+    return 0;
+  });
   if (!Eventually([&] { return ReadFile("/proc/net/unix").find(endpoint) != std::string::npos; })) {
     return false;
   }
   const auto start = Clock::now();
   SendAll(endpoint, load);
   rusage usage{};
-  wait4(pid, nullptr, 0, &usage);
+  receiver.Wait(&usage);
   Report("bare loop", load, Clock::now() - start, usage.ru_maxrss);
   return true;
 }

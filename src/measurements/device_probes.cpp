@@ -15,10 +15,10 @@ constexpr char kGlobalConfig[] = "/mnt/ext1/system/config/global.cfg";
 // Closes the configuration when it goes, however that comes about.
 struct ConfigCloser {
   ~ConfigCloser() {
-    if (is_due) CloseConfigNoSave(config);
+    if (text) CloseConfigNoSave(config);
   }
   CorvaneConfig* const config;
-  const bool is_due;
+  const char* const text;  // what was read from it; null leaves it open
 };
 
 }  // namespace
@@ -28,7 +28,7 @@ int LanguageMeasurement::Measure() {
   const char* const language = ReadString(config, "language", "??");
   // A null text raises and leaves the handle open; a platform that gives one has broken its
   // promise. Memory that runs out does not.
-  const ConfigCloser closer{config, language != nullptr};
+  const ConfigCloser closer{config, language};
   event_.language_ = std::string(language);
   return 0;
 }

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/receiver.h"
 #include "tests/support/secure_mode.h"
 
@@ -87,12 +88,7 @@ ino_t InodeOf(int descriptor) {
 
 // Runs `body` in a forked child; true when it returned true there.
 bool HoldsInChild(const std::function<bool()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(body() ? 0 : 1);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
+  return Child([&body] { return body() ? 0 : 1; }).Wait() == 0;
 }
 
 TEST(MessageClientTest, DeliversMessagesOfEverySizeWhole) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common_utilities/message_client.h"
+#include "tests/support/child.h"
 #include "tests/support/receiver.h"
 
 namespace {
@@ -42,13 +43,7 @@ TEST(UnloadTest, LeavesNeitherDescriptorNorForkHandlerBehind) {
   dlclose(library);
   EXPECT_EQ(dlopen(LIBRARY_UNDER_TEST, RTLD_NOW | RTLD_NOLOAD), nullptr);
   EXPECT_EQ(LowestFreeDescriptor(), free_before);
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Child([] { return 0; }).Wait(), 0);
 }
 
 }  // namespace

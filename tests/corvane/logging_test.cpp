@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "corvane/corvane.h"
+#include "tests/support/child.h"
 #include "tests/support/device_root.h"
 #include "tests/support/secure_mode.h"
 
@@ -223,18 +224,15 @@ TEST(Logging, EqualLinesBeyondAHundredASecondAreCounted) {
 
 TEST(ProcessId, FollowsForks) {
   EXPECT_EQ(g_process_pid, getpid());
-  const pid_t child = fork();
-  if (child == 0) {
+  usage_stat_test::Child child([] {
     // Its lines bear its own number.
     const std::string pid = "[" + std::to_string(getpid()) + "]";
     testing::internal::CaptureStderr();
     vm_print_log2(1, "f", 1, "g", "from the child");
     const bool is_its_own = testing::internal::GetCapturedStderr().find(pid) != std::string::npos;
-    _exit(g_process_pid == getpid() && is_its_own ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return g_process_pid == getpid() && is_its_own ? 0 : 1;
+  });
+  EXPECT_EQ(child.Wait(), 0);
   EXPECT_EQ(g_process_pid, getpid());
 }
 

@@ -12,6 +12,7 @@
 
 #include "include/usage_stat.h"
 #include "tests/faults/failing_system.h"
+#include "tests/support/child.h"
 #include "tests/support/receiver.h"
 
 namespace usage_stat_test {
@@ -91,18 +92,15 @@ Outcome CallUnderFault(const Fault& fault) {
 Outcome InChildProcess(const Fault& fault) {
   int report[2];
   EXPECT_EQ(pipe(report), 0);
-  const pid_t child = fork();
-  if (child == 0) {
+  Child child([&] {
     const Outcome outcome = CallUnderFault(fault);
-    _exit(write(report[1], &outcome, sizeof(outcome)) == sizeof(outcome) ? 0 : 1);
-  }
+    return write(report[1], &outcome, sizeof(outcome)) == sizeof(outcome) ? 0 : 1;
+  });
   close(report[1]);
   Outcome outcome{};
   EXPECT_EQ(read(report[0], &outcome, sizeof(outcome)), static_cast<ssize_t>(sizeof(outcome)));
   close(report[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(child.Wait(), 0);
   return outcome;
 }
 

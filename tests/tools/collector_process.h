@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <functional>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -24,6 +25,7 @@
 
 #include "common_utilities/message_client.h"
 #include "src/events/reading_events.h"
+#include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
 
@@ -46,21 +48,15 @@ class CollectorProcess {
                    std::vector<std::string> arguments)
       : folder_(folder) {
     arguments.insert(arguments.begin(), {command, "--endpoint", endpoint_});
-    pid_ = fork();
-    if (pid_ != 0) return;
-    Redirect(STDOUT_FILENO, out_path());
-    Redirect(STDERR_FILENO, err_path());
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    execv(command.c_str(), argv.data());
-    _exit(127);
-  }
-  ~CollectorProcess() {
-    if (pid_ > 0) {
-      Signal(SIGKILL);
-      Wait();
-    }
+    child_.emplace([&] {
+      Redirect(STDOUT_FILENO, out_path());
+      Redirect(STDERR_FILENO, err_path());
+      std::vector<char*> argv;
+      for (std::string& argument : arguments) argv.push_back(argument.data());
+      argv.push_back(nullptr);
+      execv(command.c_str(), argv.data());
+      return 127;
+    });
   }
   CollectorProcess(const CollectorProcess&) = delete;
   CollectorProcess& operator=(const CollectorProcess&) = delete;
@@ -69,22 +65,18 @@ class CollectorProcess {
   bool IsUp() const {
     return Eventually([this] {
       return ReadFile("/proc/net/unix").find("@" + endpoint_ + "@") != std::string::npos &&
-             kill(pid_, 0) == 0;
+             kill(pid(), 0) == 0;
     });
   }
-  void Signal(int signal) const { kill(pid_, signal); }
+  void Signal(int signal) const { kill(pid(), signal); }
   // Waits for its end: the exit code, or minus the signal that ended it.
-  int Wait() {
-    int status = 0;
-    wait4(std::exchange(pid_, -1), &status, 0, &usage_);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
+  int Wait() { return child_->Wait(&usage_); }
   int End() {
     Signal(SIGTERM);
     return Wait();
   }
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return child_->pid(); }
   const std::string& endpoint() const { return endpoint_; }
   std::string out_path() const { return folder_ + "/out"; }
   std::string err_path() const { return folder_ + "/err"; }
@@ -100,8 +92,8 @@ class CollectorProcess {
 
   const std::string folder_;
   const std::string endpoint_ = Receiver::UniqueEndpoint();
-  pid_t pid_ = -1;
   rusage usage_{};
+  std::optional<Child> child_;
 };
 
 // The bytes of a page turn that carries two numbers.
@@ -121,25 +113,19 @@ class Sender {
   // Sends `limit` of them, or until the collector is gone.
   Sender(const std::string& endpoint, int index, int limit)
       : shared_(new (mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      Run(endpoint, index, limit);
-      _exit(0);
-    }
-  }
+                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared),
+        child_([&, this] {
+          Run(endpoint, index, limit);
+          return 0;
+        }) {}
   Sender(Sender&& other) noexcept
-      : shared_(std::exchange(other.shared_, nullptr)), pid_(std::exchange(other.pid_, -1)) {}
+      : shared_(std::exchange(other.shared_, nullptr)), child_(std::move(other.child_)) {}
   Sender& operator=(Sender&&) = delete;
   ~Sender() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
     if (shared_) munmap(shared_, sizeof(Shared));
   }
 
-  void Wait() { waitpid(std::exchange(pid_, -1), nullptr, 0); }
+  void Wait() { child_.Wait(); }
   int count() const { return shared_->count; }
 
  private:
@@ -163,7 +149,7 @@ class Sender {
   }
 
   Shared* shared_;
-  pid_t pid_ = -1;
+  Child child_;
 };
 
 }  // namespace usage_stat_test
