@@ -14,7 +14,7 @@
 #include "fleet/consent/device.h"
 #include "fleet/consent/policy.h"
 #include "fleet/consent/state.h"
-#include "src/measurements/measurements.h"
+#include "src/measurements/statistics_switch.h"
 #include "tools/base/system.h"
 #include "tools/records/catalogue.h"
 #include "tools/records/text.h"

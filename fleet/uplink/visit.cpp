@@ -15,7 +15,7 @@
 
 #include "fleet/consent/device.h"
 #include "fleet/uplink/outbox.h"
-#include "src/measurements/measurements.h"
+#include "src/measurements/statistics_switch.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/records/text.h"

@@ -13,6 +13,7 @@
 #include "src/measurements/initialization_vector.h"
 #include "src/measurements/key_actions.h"
 #include "src/measurements/measurement.h"
+#include "src/measurements/statistics_switch.h"
 
 namespace velmora::usage_stat {
 
@@ -49,9 +50,6 @@ class VersionMeasurement : public Measurement<VersionEvent, EventFactory::kVersi
  public:
   int Measure();
 };
-
-// Whether the device's global configuration allows statistics; it does unless it says otherwise.
-bool IsStatisticsEnabled();
 
 }  // namespace velmora::usage_stat
 

@@ -9,6 +9,7 @@
 
 #include "src/stat_event/event_factory.h"
 #include "tools/base/system.h"
+#include "tools/records/record.h"
 #include "tools/records/text.h"
 
 namespace velmora::usage_stat::collector {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "src/measurements/measurements.h"
+#include "src/measurements/statistics_switch.h"
 #include "src/stat_event/event_factory.h"
 #include "tools/collector/notices.h"
 

@@ -9,6 +9,7 @@
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/records/record.h"
 #include "tools/store/file.h"
 #include "tools/store/recover.h"
 #include "tools/store/schema.h"

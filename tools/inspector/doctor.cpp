@@ -15,13 +15,14 @@
 #include <string>
 #include <vector>
 
-#include "src/measurements/measurements.h"
+#include "src/measurements/statistics_switch.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/records/record.h"
 #include "tools/store/file.h"
 #include "tools/store/reader.h"
 

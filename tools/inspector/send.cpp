@@ -11,6 +11,7 @@
 #include "tools/inspector/functions.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/records/record.h"
 
 namespace velmora::usage_stat::inspector {
 

@@ -13,6 +13,7 @@
 #include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
+#include "tools/records/record.h"
 #include "tools/store/archive.h"
 #include "tools/store/file.h"
 

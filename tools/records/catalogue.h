@@ -14,11 +14,10 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "tools/records/json.h"
 #include "tools/records/kinds.h"
 
 namespace velmora::usage_stat::records {
-
-using Json = nlohmann::ordered_json;  // fields keep their order on the wire
 
 // One value on the wire. Its place in RecordType::fields is its number wherever fields have one.
 struct FieldType {

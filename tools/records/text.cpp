@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "tools/base/text.h"
+#include "tools/records/record.h"
 
 namespace velmora::usage_stat::records {
 

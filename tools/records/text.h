@@ -7,9 +7,11 @@
 #include <string>
 #include <string_view>
 
-#include "tools/records/record.h"
+#include "tools/records/json.h"
 
 namespace velmora::usage_stat::records {
+
+struct RecordType;
 
 // `text` with every character that a terminal could obey, and every byte that is no UTF-8, written
 // as an escape: control characters, and those that change the direction of writing.
