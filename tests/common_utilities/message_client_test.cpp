@@ -24,6 +24,7 @@
 
 namespace {
 
+using usage_stat_test::Child;
 using usage_stat_test::kEndpointVariable;
 using usage_stat_test::Receiver;
 using velmora::utilities::MessageClient;

@@ -43,7 +43,7 @@ TEST(UnloadTest, LeavesNeitherDescriptorNorForkHandlerBehind) {
   dlclose(library);
   EXPECT_EQ(dlopen(LIBRARY_UNDER_TEST, RTLD_NOW | RTLD_NOLOAD), nullptr);
   EXPECT_EQ(LowestFreeDescriptor(), free_before);
-  EXPECT_EQ(Child([] { return 0; }).Wait(), 0);
+  EXPECT_EQ(usage_stat_test::Child([] { return 0; }).Wait(), 0);
 }
 
 }  // namespace
