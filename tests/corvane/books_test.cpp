@@ -135,9 +135,9 @@ TEST(Books, EpubMetadataFillsTheFields) {
        "<meta property='belongs-to-collection'>Second</meta>",
        "1|-|-|0|0|-|First|-|-"},
       {crowd, "1|-|0+1+2+3+4+5+6+7+8+9+10|0|0|-|-|-|-"},
-      {"<dc:title> a\n\t b&#7;\xFF\xC0\xAF\xED\xA0\x80 \xD0\x96 <!-- c -->d<![CDATA[ "
+      {"<dc:title> abcd\n\t b&#7;\xFF\xC0\xAF\xED\xA0\x80 \xD0\x96 <!-- c -->d<![CDATA[ "
        "<e>]]></dc:title>",
-       "1|-|-|0|0|a b \xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD "
+       "1|-|-|0|0|abcd b \xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD "
        "\xD0\x96 d <e>|-|-|-"},
   };
   const DeviceRoot root;

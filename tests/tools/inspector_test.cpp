@@ -38,7 +38,7 @@ TEST(UsageStat, TellsWhatItKnowsAndRefusesTheRest) {
       {{}, 2, "subcommand is required"},
       {{"bogus"}, 2, "no subcommand bogus"},
       {{"lsit"}, 2, "no subcommand lsit; did you mean list?; see"},
-      {{"list", "--databse", "x"}, 2, "--databse x; did you mean --database?; see"},
+      {{"list", "--databse"}, 2, "--databse; did you mean --database?; see usage-stat list --help"},
       {{"types", "-o", "xml"}, 2, "xml"},
       {{"types", "--bogus"}, 2, "--bogus"},
       {{"decode", "/nowhere"}, 1, "cannot read /nowhere"},
