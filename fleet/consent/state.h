@@ -49,6 +49,9 @@ class State {
   };
   static base::Status Open(const std::string& path, Mode mode, std::unique_ptr<State>* state);
 
+  // Reads again what stands: another process may have changed it.
+  base::Status Refresh() { return ReadAll(); }
+
   // What stands now. kNone while the device is being forgotten.
   Level level() const { return level_; }
   // Since when, in milliseconds since the epoch; 0 when nothing was ever agreed to.

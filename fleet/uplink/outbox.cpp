@@ -188,6 +188,9 @@ Status Outbox::FillNew(const Segment& segment, Outgoing::Limits limits, std::int
 
 Status Outbox::Prepare(const Outgoing::Limits& limits, std::int64_t now_ms, Prepared* prepared) {
   *prepared = {};
+  // Consent that is taken back ends a visit that is under way.
+  RETURN_IF_ERROR(state_->Refresh());
+  if (state_->level() == consent::Level::kNone) return {};
   if (!pending_) {
     const Segment* segment = NextSegment();
     if (!segment) return {};

@@ -61,6 +61,7 @@ class Outbox {
   base::Status Ask(fleet::Batch* question) const;
 
   // What goes next: what is pending as it may leave now, else a new batch that is now pending.
+  // Nothing when the consent has been taken back since, by whatever process.
   base::Status Prepare(const Outgoing::Limits& limits, std::int64_t now_ms, Prepared* prepared);
 
   // What a receipt changes.

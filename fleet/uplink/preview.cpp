@@ -19,6 +19,7 @@
 #include "fleet/consent/state.h"
 #include "fleet/uplink/outbox.h"
 #include "fleet/uplink/outgoing.h"
+#include "src/measurements/measurements.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/records/catalogue.h"
@@ -186,6 +187,9 @@ Status Show(const Options& options) {
   if (state->level() == consent::Level::kNone) {
     (void)std::fputs("nothing leaves: the consent is none\n", stderr);
     return {};
+  }
+  if (!IsStatisticsEnabled()) {
+    (void)std::fputs("nothing leaves while statistics are switched off; afterwards:\n", stderr);
   }
   RETURN_IF_ERROR(consent::State::Open(consent::StatePath(options.folder),
                                        consent::State::Mode::kWrite, &state));

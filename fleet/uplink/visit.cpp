@@ -150,7 +150,7 @@ class Visit {
     }
     Effect effect = Effect::kNone;
     RETURN_IF_ERROR(Exchange(question, message, &effect));
-    while (effect == Effect::kGoOn || effect == Effect::kMoved) {
+    while ((effect == Effect::kGoOn || effect == Effect::kMoved) && IsStatisticsEnabled()) {
       Prepared prepared;
       RETURN_IF_ERROR(outbox_->Prepare(config_.batch, base::NowMs(), &prepared));
       if (prepared.message.empty()) break;

@@ -16,7 +16,9 @@
 
 #include "fleet/batch/shapes.h"
 #include "fleet/consent/device.h"
+#include "fleet/uplink/outbox.h"
 #include "tests/fleet/canaries.h"
+#include "tests/support/device_root.h"
 #include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
 #include "tools/store/archive.h"
@@ -129,6 +131,9 @@ TEST_F(OutgoingTest, NoCanaryAndAtBasicNoTimeIsInABatchOfAllTypes) {
       }
     }
     Receive(datagrams);
+    usage_stat_test::Answer(database_, "INSERT INTO clock_steps(record, wall_ms, step_ms) VALUES(" +
+                                           std::to_string(numbers.next + 3) +
+                                           ", 1790000000123, 5000123)");
     const fleet::Batch batch = Next(static_cast<std::uint64_t>(numbers.next) - 1);
     ASSERT_EQ(batch.level, level);
     ASSERT_EQ(batch.records.size(), datagrams.size());
@@ -146,6 +151,8 @@ TEST_F(OutgoingTest, NoCanaryAndAtBasicNoTimeIsInABatchOfAllTypes) {
       }
     }
     EXPECT_EQ(decoded.batch.sent_ms, level == Level::kBasic ? kStart / kHour * kHour : kStart);
+    ASSERT_EQ(decoded.batch.clock_steps.size(), 1U);
+    EXPECT_EQ(decoded.batch.clock_steps[0].step_ms, level == Level::kBasic ? kHour : 5000123);
   }
 }
 
@@ -171,6 +178,47 @@ TEST_F(OutgoingTest, EachBatchHasOneLevelAndEveryNumberIsAccountedFor) {
   Agree(Level::kFull);
   EXPECT_EQ(Short(Next(10, {}, 25)), "basic 11-25: 15");  // it had one level, and has one now
   EXPECT_EQ(Short(Next(10)), "basic 11-20: 10");
+}
+
+TEST_F(OutgoingTest, ConsentThatIsTakenBackEndsAVisitThatIsUnderWay) {
+  Receive({});
+  Agree(Level::kFull);
+  Receive(std::vector<std::string>(10, Examples().at("ChangePageEvent")));
+  const auto state = OpenState();  // of the process that sends
+  std::unique_ptr<Outgoing> outgoing;
+  std::unique_ptr<Outbox> outbox;
+  Prepared prepared;
+  ASSERT_OK(Outgoing::Open(database_, state.get(), policy_, &outgoing));
+  ASSERT_OK(Outbox::Open(state.get(), outgoing.get(), true, &outbox));
+  ASSERT_OK(outbox->Prepare({}, kStart, &prepared));
+  EXPECT_EQ(prepared.batch.records.size(), 10U);
+  Agree(Level::kBasic);  // by another one
+  ASSERT_OK(outbox->Prepare({}, kStart, &prepared));
+  EXPECT_EQ(prepared.batch.level, Level::kBasic);
+  Agree(Level::kNone);
+  ASSERT_OK(outbox->Prepare({}, kStart, &prepared));
+  EXPECT_EQ(prepared.message, "");
+}
+
+TEST_F(OutgoingTest, WhileStatisticsAreOffNobodyIsCalled) {
+  if (std::string(STRACE).empty()) GTEST_SKIP() << "needs strace, on the machine itself";
+  usage_stat_test::DeviceRoot root;
+  Receive({});
+  Agree(Level::kFull);
+  Receive({Examples().at("ChangePageEvent")});
+  usage_stat_test::WriteFile(folder_ / "uplink.conf", "host=127.0.0.1\nport=1\n");
+  for (const bool is_on : {true, false}) {
+    root.Write(usage_stat_test::kGlobalConfig,
+               is_on ? "statistics_enabled=1\n" : "statistics_enabled=0\n");
+    // A sanitizer can't look for leaks in a program that is traced.
+    usage_stat_test::RunProgram({STRACE, "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-o",
+                                 folder_ / "calls", "-e", "trace=%network,execve", UPLINK_COMMAND,
+                                 "send", "--now", "--config", folder_ / "uplink.conf", "--state",
+                                 folder_.path(), "--database", database_, "--policy", kPolicy});
+    const std::string calls = usage_stat_test::ReadFile(folder_ / "calls");
+    ASSERT_THAT(calls, testing::HasSubstr("execve"));
+    EXPECT_EQ(calls.find("socket(AF_INET") != std::string::npos, is_on) << calls;
+  }
 }
 
 TEST_F(OutgoingTest, RecordsInArchivesLeaveToo) {

@@ -18,6 +18,7 @@ namespace {
 struct Options {
   std::string database;
   std::string book;
+  std::string directory;
   store::Query query;
   std::int64_t number = 0;
   bool all = false;
@@ -45,15 +46,19 @@ int Run(Options* options) {
     status = store::Status::Failed("there is no book " + options->book);
   }
   if (!status.ok()) return Complain(kFailed, status.message);
-  status = options->yes ? store::Erase(options->database, options->query, &erased)
-                        : store::CountErasable(options->database, options->query, &erased);
+  status =
+      options->yes
+          ? store::Erase(options->database, options->query, options->directory, &erased)
+          : store::CountErasable(options->database, options->query, options->directory, &erased);
   const char* verb = options->yes ? "erased" : "to be erased";
   Print("{} records {}\n", erased.records, verb);
   if (erased.quarantined > 0) {
     Print("{} datagrams that could not be read {}\n", erased.quarantined, verb);
   }
   for (const std::string& file : erased.files) Print("{} {}\n", Printable(file), verb);
-  if (!status.ok()) return Complain(kFailed, status.message);
+  if (!status.ok()) {
+    return Complain(kFailed, (options->yes ? "not all is erased: " : "") + status.message);
+  }
   if (!options->yes) Write("Nothing was erased: add --yes to do it. It can't be undone.\n");
   return kOk;
 }
@@ -68,12 +73,16 @@ void AddErase(CommandLine* line) {
   AddFilterOptions(command, &options->query, &options->book);
   command.Option("--number", "NUMBER", "The one record of this number", 1, INT64_MAX,
                  &options->number);
+  command.Option("--directory", "FOLDER",
+                 "Look for archives here too (default: archives, beside the database)",
+                 &options->directory);
   command.Flag("--all", "Everything", &options->all);
   command.Flag("--yes", "Do it; without this, what would go is counted", &options->yes);
   command.Footer(
       "What can't be read as a record can't be looked through, and goes as well: the quarantine, "
-      "damaged databases and damaged archives. Only --number leaves them. What has left the device "
-      "is another matter: see usage-stat uplink forget.");
+      "damaged databases and damaged archives. Only --number leaves them. If it is interrupted, "
+      "say "
+      "it again. What has left the device is another matter: see usage-stat uplink forget.");
   command.OnRun([options] { return Run(options.get()); });
 }
 

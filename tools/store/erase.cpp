@@ -15,10 +15,16 @@
 #include "tools/store/archive.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/recover.h"
+#include "tools/store/schema.h"
+#include "tools/store/upgrade.h"
+#include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr std::int64_t kRowsAtOnce = 100;
 constexpr int kTries = 100;
@@ -65,32 +71,94 @@ Status Find(Reader* reader, const Query& query, Runs* found) {
   });
 }
 
-// Damaged databases that were set aside, with the files beside them, and what a killed archiving
-// left.
-std::vector<std::string> UnreadableFiles(const std::string& database_path) {
-  const std::filesystem::path path(database_path);
-  const std::string prefix = path.filename().string() + ".damaged-";
-  std::vector<std::string> files;
+std::set<std::string> FilesIn(const std::string& folder) {
+  std::set<std::string> files;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(FolderOf(database_path), error)) {
-    if (entry.path().filename().string().starts_with(prefix)) files.push_back(entry.path());
-  }
-  std::ranges::sort(files);
+  for (const auto& entry : fs::directory_iterator(folder, error)) files.insert(entry.path());
   return files;
+}
+
+bool IsNamed(const std::string& path, const std::string& beginning) {
+  return fs::path(path).filename().string().starts_with(beginning);
+}
+
+// Databases that stepped aside, damaged or before an upgrade, with the files beside them, as far as
+// `archives` doesn't list them.
+std::vector<std::string> FilesAside(const std::string& database_path,
+                                    const std::vector<Archive>& archives) {
+  const std::string name = fs::path(database_path).filename();
+  std::vector<std::string> aside;
+  for (const std::string& file : FilesIn(FolderOf(database_path))) {
+    const bool is_listed = std::ranges::any_of(archives, [&](const Archive& archive) {
+      return archive.state != ArchiveState::kDeleted &&
+             IsNamed(file, fs::path(archive.path).filename());
+    });
+    if (IsNamed(file, name + ".damaged-") || (IsNamed(file, name + ".schema-1") && !is_listed)) {
+      aside.push_back(file);
+    }
+  }
+  return aside;
+}
+
+// Where archives are: beside the database, and wherever one was ever put.
+std::set<std::string> ArchiveFolders(const std::string& database_path, const std::string& directory,
+                                     const std::vector<Archive>& archives) {
+  std::set<std::string> folders{FolderOf(DefaultArchiveDirectory(database_path) + "/.")};
+  if (!directory.empty()) folders.insert(FolderOf(directory + "/."));
+  for (const Archive& archive : archives) {
+    if (IsArchive(archive.path)) folders.insert(FolderOf(archive.path));
+  }
+  return folders;
+}
+
+// Archives in those folders that the database does not list, or no longer.
+std::vector<std::string> UnlistedArchives(const std::string& database_path,
+                                          const std::string& directory,
+                                          const std::vector<Archive>& archives) {
+  std::set<std::string> names;
+  for (const Archive& archive : archives) {
+    if (archive.state != ArchiveState::kDeleted) names.insert(fs::path(archive.path).filename());
+  }
+  std::vector<std::string> unlisted;
+  for (const std::string& folder : ArchiveFolders(database_path, directory, archives)) {
+    for (const std::string& file : FilesIn(folder)) {
+      if (IsArchive(file) && !names.contains(fs::path(file).filename())) unlisted.push_back(file);
+    }
+  }
+  return unlisted;
+}
+
+// Tries again while another process moves or deletes rows, which is over soon.
+template <class Work>
+Status WhenFree(Work work) {
+  Status status;
+  for (int i = 0; i < kTries; ++i) {
+    status = work();
+    if ((status.code & 0xff) != SQLITE_BUSY) break;
+    std::this_thread::sleep_for(kPause);
+  }
+  return status;
 }
 
 class Eraser {
  public:
-  Eraser(Maintenance* maintenance, const Query& query, Erased* erased)
-      : maintenance_(maintenance), query_(query), erased_(erased) {}
+  Eraser(Maintenance* maintenance, const Query& query, std::string directory, Erased* erased)
+      : maintenance_(maintenance),
+        query_(query),
+        directory_(std::move(directory)),
+        erased_(erased) {}
 
   Status Run() {
     RETURN_IF_ERROR(FinishArchives(maintenance_));
+    RETURN_IF_ERROR(RemoveLeftovers());
     RETURN_IF_ERROR(EraseArchives());
     RETURN_IF_ERROR(EraseRecords());
     if (!IsForOne(query_)) {
+      std::vector<Archive> archives;
+      RETURN_IF_ERROR(ReadArchives(&connection(), kSchemaVersion, &archives));
       RETURN_IF_ERROR(EraseQuarantine());
-      RETURN_IF_ERROR(RemoveFiles(UnreadableFiles(maintenance_->path)));
+      RETURN_IF_ERROR(RemoveFiles(FilesAside(maintenance_->path, archives)));
+      RETURN_IF_ERROR(EraseUnlisted(archives));
     }
     return EmptyLog();
   }
@@ -102,12 +170,15 @@ class Eraser {
   Status EraseQuarantine();
   Status EraseArchives();
   Status EraseArchive(const Archive& archive);
+  Status EraseUnlisted(const std::vector<Archive>& archives);
+  Status RemoveLeftovers();
   Status RemoveFiles(const std::vector<std::string>& files);
   Status EmptyLog();
   Status NoteErased(const Runs& numbers);
 
   Maintenance* const maintenance_;
   const Query query_;
+  const std::string directory_;
   Erased* const erased_;
 };
 
@@ -174,25 +245,59 @@ Status Eraser::EraseArchives() {
   return {};
 }
 
-// The file is there in full or without the rows, never in between; the database notes the erasing
-// first, so that whoever is killed after that finds the rows again and ends it.
+// The numbers between `first` and `last` that `reader` has no records of.
+Status FindGaps(Reader* reader, std::int64_t first, std::int64_t last, Runs* gaps) {
+  std::int64_t next = first;
+  const auto add = [&](std::int64_t until) {
+    for (; next < until; ++next) gaps->Add(next);
+    ++next;
+  };
+  RETURN_IF_ERROR(
+      reader->ForEach({.after_id = first - 1, .last_id = last}, [&](const RecordRow& row) {
+        add(row.id);
+        return true;
+      }));
+  add(last + 1);
+  return {};
+}
+
+// The file goes first, or is replaced by one without the rows, and the database notes it then: so
+// nothing that was noted as erased can still be read. An archive with fewer records than noted
+// tells that an erasing was killed in between, which is ended here.
 Status Eraser::EraseArchive(const Archive& archive) {
   const std::string path = LocateArchive(maintenance_->path, archive);
   std::unique_ptr<Reader> reader;
   Runs found;
+  std::int64_t held = 0;
   Status readable = Reader::Open(path, &reader);
   if (readable.ok()) readable = Find(reader.get(), query_, &found);
-  if (readable.ok() && found.count() == 0) return {};
-  if (!readable.ok() && IsForOne(query_)) return readable;
-  const bool goes_whole = !readable.ok() || found.count() == archive.records;
+  if (readable.ok()) readable = reader->connection().Read("SELECT count(*) FROM records", &held);
+  const bool is_behind = readable.ok() && held < archive.records;
+  if (readable.ok() && found.count() == 0 && !is_behind) return {};
+  // One record of many, or none: nobody can tell.
+  if (!readable.ok() && IsForOne(query_) && archive.first_record < archive.last_record) {
+    return readable;
+  }
+  // A file of the first schema that could not be moved to archives can't be replaced by one.
+  const bool goes_whole = !readable.ok() || found.count() == held || !IsArchive(path);
 
+  Runs gone = found;
   Archive rest = archive;
-  std::string temporary;
   if (!goes_whole) {
+    if (is_behind) {
+      gone = {};
+      RETURN_IF_ERROR(FindGaps(reader.get(), archive.first_record, archive.last_record, &gone));
+      for (const std::int64_t number : found.numbers()) gone.Add(number);
+    }
+    std::string temporary;
     RETURN_IF_ERROR(MakeRest(maintenance_, reader.get(), found.numbers(), &rest, &temporary));
+    if (rename(temporary.c_str(), path.c_str()) != 0) {
+      return Status::Errno("cannot replace " + path);
+    }
   } else if (unlink(path.c_str()) != 0 && errno != ENOENT) {
     return Status::Errno("cannot delete " + path);
   }
+  RETURN_IF_ERROR(SyncFolder(FolderOf(path)));
   Transaction transaction(&connection());
   RETURN_IF_ERROR(transaction.Begin());
   if (goes_whole) {
@@ -200,16 +305,43 @@ Status Eraser::EraseArchive(const Archive& archive) {
     RETURN_IF_ERROR(
         NoteMissing(&connection(), archive.first_record, archive.last_record, Absence::kErased));
   } else {
-    RETURN_IF_ERROR(NoteErased(found));
+    RETURN_IF_ERROR(NoteErased(gone));
     RETURN_IF_ERROR(UpdateArchive(&connection(), rest));
   }
   RETURN_IF_ERROR(transaction.Commit());
-  if (!goes_whole && rename(temporary.c_str(), path.c_str()) != 0) {
-    return Status::Errno("cannot replace " + path);
-  }
   erased_->records += readable.ok() ? found.count() : archive.records;
   if (!readable.ok()) erased_->files.push_back(path);
-  return SyncFolder(FolderOf(path));
+  return {};
+}
+
+// An archive that could not be listed, and holds a match or may hold one, goes whole.
+Status Eraser::EraseUnlisted(const std::vector<Archive>& archives) {
+  std::vector<std::string> files;
+  for (const std::string& path : UnlistedArchives(maintenance_->path, directory_, archives)) {
+    std::unique_ptr<Reader> reader;
+    Runs found;
+    Status readable = Reader::Open(path, &reader);
+    if (readable.ok()) readable = Find(reader.get(), query_, &found);
+    if (!readable.ok() || found.count() > 0) files.push_back(path);
+  }
+  return RemoveFiles(files);
+}
+
+// What killed processes left of their work: copies of records. Whoever is at such work now holds
+// the lock that is ours, or one on its file.
+Status Eraser::RemoveLeftovers() {
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(ReadArchives(&connection(), kSchemaVersion, &archives));
+  std::set<std::string> folders = ArchiveFolders(maintenance_->path, directory_, archives);
+  folders.insert(FolderOf(maintenance_->path));
+  for (const std::string& folder : folders) {
+    for (const std::string& file : FilesIn(folder)) {
+      if (!IsNamed(file, "unfinished")) continue;
+      if (unlink(file.c_str()) != 0) return Status::Errno("cannot delete " + file);
+    }
+  }
+  RemoveAbandonedUnpacked();
+  return {};
 }
 
 Status Eraser::RemoveFiles(const std::vector<std::string>& files) {
@@ -217,7 +349,10 @@ Status Eraser::RemoveFiles(const std::vector<std::string>& files) {
     if (unlink(file.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + file);
     erased_->files.push_back(file);
   }
-  return files.empty() ? Status() : SyncFolder(FolderOf(maintenance_->path));
+  std::set<std::string> folders;
+  for (const std::string& file : files) folders.insert(FolderOf(file));
+  for (const std::string& folder : folders) RETURN_IF_ERROR(SyncFolder(folder));
+  return {};
 }
 
 // The log holds what pages were before. It is played into the file, and cut to nothing, as soon as
@@ -237,36 +372,48 @@ Status Eraser::EmptyLog() {
 
 }  // namespace
 
-Status CountErasable(const std::string& database_path, const Query& query, Erased* erased) {
+Status CountErasable(const std::string& database_path, const Query& query,
+                     const std::string& directory, Erased* erased) {
   std::unique_ptr<History> history;
   std::vector<std::string> unreadable;
   *erased = {};
+  const auto count = [erased](const RecordRow&) {
+    ++erased->records;
+    return true;
+  };
   RETURN_IF_ERROR(History::Open(database_path, &history));
-  RETURN_IF_ERROR(history->ForEach(
-      query,
-      [erased](const RecordRow&) {
-        ++erased->records;
-        return true;
-      },
-      &unreadable));
+  RETURN_IF_ERROR(history->ForEach(query, count, &unreadable));
   if (IsForOne(query)) return {};
-  erased->files = UnreadableFiles(database_path);
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(history->live().ReadArchives(&archives));
+  erased->files = FilesAside(database_path, archives);
+  for (const std::string& path : UnlistedArchives(database_path, directory, archives)) {
+    std::unique_ptr<Reader> reader;
+    Status readable = Reader::Open(path, &reader);
+    if (readable.ok()) readable = reader->ForEach(query, count);
+    if (!readable.ok()) erased->files.push_back(path);
+  }
   return history->live().connection().Read(
       "SELECT count(*) FROM quarantine WHERE " + QuarantineCondition(query), &erased->quarantined);
 }
 
-Status Erase(const std::string& database_path, const Query& query, Erased* erased) {
-  Maintenance maintenance;
+Status Erase(const std::string& database_path, const Query& query, const std::string& directory,
+             Erased* erased) {
   *erased = {};
-  // A rotation that is under way is over soon.
-  Status status;
-  for (int i = 0; i < kTries; ++i) {
-    status = Maintenance::Open(database_path, &maintenance);
-    if ((status.code & 0xff) != SQLITE_BUSY) break;
-    std::this_thread::sleep_for(kPause);
+  const std::string usual = DefaultArchiveDirectory(database_path);
+  // What no database lists, or only as a file of the first schema, is looked through like the rest;
+  // what fails here goes whole.
+  (void)WhenFree([&] { return GoOnUpgrading(database_path, usual, [] { return false; }); });
+  for (const std::string& folder : {usual, directory}) {
+    std::vector<std::string> adopted;
+    std::vector<std::string> problems;
+    if (folder.empty()) continue;
+    RETURN_IF_ERROR(
+        WhenFree([&] { return AdoptArchives(database_path, folder, &adopted, &problems); }));
   }
-  RETURN_IF_ERROR(status);
-  return Eraser(&maintenance, query, erased).Run();
+  Maintenance maintenance;
+  RETURN_IF_ERROR(WhenFree([&] { return Maintenance::Open(database_path, &maintenance); }));
+  return Eraser(&maintenance, query, directory, erased).Run();
 }
 
 }  // namespace velmora::usage_stat::store

@@ -1,9 +1,12 @@
 #include "tools/store/reader.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
 
 #include "tools/records/record.h"
@@ -111,13 +114,20 @@ Status ReadAll(Connection* connection, std::string_view sql, Row (*make)(const S
   return statement.status();
 }
 
-// Unpacks an archive and opens it; the file's name is gone when this returns.
-Status OpenUnpacked(const std::string& path, Connection* connection, int* schema) {
+constexpr std::string_view kUnpackedName = "usage-stat-archive.";
+
+std::string TemporaryFolder() {
   const char* folder = std::getenv("TMPDIR");
-  std::string unpacked =
-      std::string(folder && *folder ? folder : "/tmp") + "/usage-stat-archive.XXXXXX";
+  return folder && *folder ? folder : "/tmp";
+}
+
+// Unpacks an archive and opens it; the file's name is gone when this returns. Until then the file
+// is locked, as a sign that somebody is at it.
+Status OpenUnpacked(const std::string& path, Connection* connection, int* schema) {
+  std::string unpacked = TemporaryFolder().append("/").append(kUnpackedName).append("XXXXXX");
   const Descriptor file(mkstemp(unpacked.data()));
   if (!file.is_open()) return Status::Errno("cannot create a file like " + unpacked);
+  (void)flock(file.get(), LOCK_SH | LOCK_NB);
   Status status = UnpackArchive(path, unpacked);
   if (status.ok()) status = OpenForReading(unpacked, connection, schema);
   unlink(unpacked.c_str());
@@ -155,6 +165,16 @@ bool Visit(const std::vector<RecordRow>& rows, const RecordVisitor& visit,
 }
 
 }  // namespace
+
+void RemoveAbandonedUnpacked() {
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(TemporaryFolder(), error)) {
+    const std::string path = entry.path();
+    if (!entry.path().filename().string().starts_with(kUnpackedName)) continue;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (file.is_open() && flock(file.get(), LOCK_EX | LOCK_NB) == 0) unlink(path.c_str());
+  }
+}
 
 Status Reader::Open(const std::string& path, std::unique_ptr<Reader>* reader) {
   auto opened = std::unique_ptr<Reader>(new Reader);

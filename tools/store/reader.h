@@ -85,6 +85,9 @@ class Reader {
 // Whether records of `archive` can match, by what the database knows of it.
 bool MayHoldMatch(const Archive& archive, const Query& query);
 
+// Removes what killed readers of archives left in the folder for temporary files.
+void RemoveAbandonedUnpacked();
+
 // Reads a database together with the archives that its closed records were moved to, as if nothing
 // had been moved, also while something is.
 class History {
