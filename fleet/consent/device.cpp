@@ -69,14 +69,21 @@ Status ReadNumbers(const std::string& path, Numbers* numbers) {
 }
 
 State::ReceivedSince ReceivedSinceIn(const std::string& path) {
-  return [path](std::int64_t ms, std::int64_t* first) -> Status {
-    *first = 1;
+  return [path](std::int64_t first, std::int64_t last, std::int64_t ms,
+                std::int64_t* number) -> Status {
+    *number = first;
     std::unique_ptr<store::History> history;
     RETURN_IF_ERROR(store::History::Open(path, &history));
-    return history->ForEach({}, [&](const store::RecordRow& row) {
-      if (row.received_ms < ms) *first = std::max(*first, row.id + 1);
-      return true;
-    });
+    // Numbers without records count to those in front of them.
+    std::int64_t end = first;
+    RETURN_IF_ERROR(history->ForEach({.after_id = first - 1, .last_id = last},
+                                     [&](const store::RecordRow& row) {
+                                       if (row.received_ms < ms) *number = row.id + 1;
+                                       end = row.id + 1;
+                                       return true;
+                                     }));
+    if (*number == end) *number = last + 1;
+    return {};
   };
 }
 

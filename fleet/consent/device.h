@@ -29,7 +29,7 @@ base::Status ActAsOwnerOf(const std::string& folder);
 // Reads how far the records of the database at `path` go; nothing for one that is missing.
 base::Status ReadNumbers(const std::string& path, Numbers* numbers);
 
-// Tells the first number of the database at `path` that was received at or after a moment.
+// Tells it of the database at `path`.
 State::ReceivedSince ReceivedSinceIn(const std::string& path);
 
 // Has `state` look at the database at `path`.

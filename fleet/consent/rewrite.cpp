@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <algorithm>
 #include <sstream>
 #include <vector>
 
@@ -100,6 +101,13 @@ std::string Pseudonyms::Of(std::string_view kind, std::string_view text) const {
   constexpr std::size_t kBytes = 16;
   if (text.empty()) return {};
   return base::ToHex(std::string_view(Digest(kind, text)).substr(0, kBytes));
+}
+
+fleet::Id Pseudonyms::Of(const fleet::Id& store) const {
+  const std::string digest = Digest("store", std::string(store.begin(), store.end()));
+  fleet::Id id{};
+  if (digest.size() >= id.size()) std::copy_n(digest.begin(), id.size(), id.begin());
+  return id;
 }
 
 // ---- Rewriter ----

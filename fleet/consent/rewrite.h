@@ -27,6 +27,9 @@ class Pseudonyms {
   // 0 and -1, which stand for nothing, stay; nothing else gets them.
   std::int32_t Of(std::string_view kind, std::int32_t number) const;
 
+  // What the fleet knows one of the device's stores by, so that no two identities share one.
+  fleet::Id Of(const fleet::Id& store) const;
+
   // 32 hexadecimal digits; the empty text stays.
   std::string Of(std::string_view kind, std::string_view text) const;
 

@@ -35,6 +35,7 @@ CREATE TABLE consent(
   first INTEGER NOT NULL,
   level TEXT NOT NULL,
   policy BLOB NOT NULL,
+  since_ms INTEGER NOT NULL,  -- what was received before does not count; 0 once that is settled
   PRIMARY KEY(store, first)) WITHOUT ROWID;
 CREATE TABLE stores_seen(store BLOB PRIMARY KEY, next INTEGER NOT NULL) WITHOUT ROWID;
 CREATE TABLE identity(name BLOB NOT NULL, key BLOB NOT NULL);
@@ -68,6 +69,26 @@ std::set<std::string, std::less<>> KnownStores(store::Connection* connection, St
   return known;
 }
 
+// Overwritten first, since an unlinked file can still be found on the disk. Not by SQLite, whose
+// journal would hold what it overwrites.
+Status Shred(const std::string& path) {
+  if (access(path.c_str(), F_OK) != 0) return {};
+  const base::Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  struct stat found {};
+  if (!file.is_open() || fstat(file.get(), &found) != 0) {
+    return Status::Errno("cannot remove " + path);
+  }
+  const std::string zeros(static_cast<std::size_t>(found.st_size), '\0');
+  if (pwrite(file.get(), zeros.data(), zeros.size(), 0) != found.st_size ||
+      fsync(file.get()) != 0 || unlink(path.c_str()) != 0) {
+    return Status::Errno("cannot remove " + path);
+  }
+  return store::SyncFolder(store::FolderOf(path));
+}
+
+// What is being removed has this name, so that one that was killed at it goes on the next time.
+std::string GonePath(const std::string& path) { return path + ".gone"; }
+
 }  // namespace
 
 Status State::Open(const std::string& path, Mode mode, std::unique_ptr<State>* state) {
@@ -75,6 +96,7 @@ Status State::Open(const std::string& path, Mode mode, std::unique_ptr<State>* s
   State& opened = **state;
   opened.path_ = path;
   struct stat found {};
+  RETURN_IF_ERROR(Shred(GonePath(path)));
   const bool is_there = stat(path.c_str(), &found) == 0 && found.st_size > 0;
   if (!is_there && mode == Mode::kRead) {
     return errno == ENOENT || errno == 0 ? Status() : Status::Errno("cannot open " + path);
@@ -153,13 +175,71 @@ Status State::ReadPolicy(std::string_view id, Policy* policy) {
   return select.status();
 }
 
-Status State::Note(const fleet::Id& store, std::int64_t first, Level level,
-                   std::string_view policy) {
+Status State::Note(const fleet::Id& store, std::int64_t first, Level level, std::string_view policy,
+                   std::int64_t since_ms) {
   store::Statement insert;
-  RETURN_IF_ERROR(connection_.Prepare(
-      "INSERT OR REPLACE INTO consent(store, first, level, policy) VALUES(?, ?, ?, ?)", &insert));
+  RETURN_IF_ERROR(
+      connection_.Prepare("INSERT OR REPLACE INTO consent(store, first, level, policy, since_ms) "
+                          "VALUES(?, ?, ?, ?, ?)",
+                          &insert));
   insert.BindBlob(1, BytesOf(store)).Bind(2, first).Bind(3, NameOf(level)).BindBlob(4, policy);
-  return insert.Run();
+  return insert.Bind(5, level == Level::kNone ? 0 : since_ms).Run();
+}
+
+Status State::IsStanding(const fleet::Id& store, bool* is_standing) {
+  store::Statement select;
+  RETURN_IF_ERROR(connection_.Prepare(
+      "SELECT level, policy FROM consent WHERE store = ? ORDER BY first DESC LIMIT 1", &select));
+  select.BindBlob(1, BytesOf(store));
+  *is_standing = select.Step() && select.Text(0) == NameOf(level_) && select.Text(1) == policy_id_;
+  return select.status();
+}
+
+// Where a level begins: the records in front that were received before it was agreed to are of the
+// level before. As long as there are no others nothing is settled.
+Status State::Settle(const Numbers& numbers, const ReceivedSince& received_since) {
+  for (std::size_t i = 0; i < numbers.live.size(); ++i) {
+    const Numbers::Store& store = numbers.live[i];
+    const bool is_over = i + 1 < numbers.live.size();
+    struct Row {
+      std::int64_t first = 0;
+      Level level = Level::kNone;
+      std::string policy;
+      std::int64_t since_ms = 0;
+    };
+    std::vector<Row> rows;
+    store::Statement select;
+    RETURN_IF_ERROR(connection_.Prepare(
+        "SELECT first, level, policy, since_ms FROM consent WHERE store = ? ORDER BY first",
+        &select));
+    select.BindBlob(1, BytesOf(store.id));
+    while (select.Step()) {
+      rows.push_back({select.Int(0), LevelNamed(select.Text(1)).value_or(Level::kNone),
+                      std::string(select.Text(2)), select.Int(3)});
+    }
+    RETURN_IF_ERROR(select.status());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+      const Row& row = rows[r];
+      if (row.since_ms == 0) continue;
+      const bool is_last = r + 1 == rows.size();
+      const std::int64_t next = !is_last  ? rows[r + 1].first
+                                : is_over ? numbers.live[i + 1].first
+                                          : numbers.next;
+      std::int64_t begin = row.first;
+      if (row.first < next) {
+        RETURN_IF_ERROR(received_since(row.first, next - 1, row.since_ms, &begin));
+      }
+      if (begin >= next && is_last && !is_over) continue;
+      if (begin > row.first) {
+        const Row before = r > 0 ? rows[r - 1] : Row();
+        RETURN_IF_ERROR(Note(store.id, row.first, before.level, before.policy, 0));
+      }
+      if (begin < next || begin == row.first) {
+        RETURN_IF_ERROR(Note(store.id, begin, row.level, row.policy, 0));
+      }
+    }
+  }
+  return {};
 }
 
 Status State::NoteSeen(const Numbers& numbers) {
@@ -187,18 +267,16 @@ Status State::LookAround(const Numbers& numbers, const ReceivedSince& received_s
   for (std::size_t i = 0; i < first_new; ++i) {
     const Numbers::Store& store = numbers.live[i];
     if (!known.contains(BytesOf(store.id))) {
-      RETURN_IF_ERROR(Note(store.id, store.first, Level::kNone, {}));
+      RETURN_IF_ERROR(Note(store.id, store.first, Level::kNone, {}, 0));
     }
   }
-  std::int64_t since = 0;  // the numbers from which on the present level stands
-  if (first_new == 0 && !numbers.live.empty() && level_ != Level::kNone) {
-    RETURN_IF_ERROR(received_since(since_ms_, &since));
-  }
+  bool is_certain = false;
+  if (first_new > 0) RETURN_IF_ERROR(IsStanding(numbers.live[first_new - 1].id, &is_certain));
   for (std::size_t i = first_new; i < numbers.live.size(); ++i) {
-    const Numbers::Store& store = numbers.live[i];
-    if (store.first < since) RETURN_IF_ERROR(Note(store.id, store.first, Level::kNone, {}));
-    RETURN_IF_ERROR(Note(store.id, std::max(store.first, since), level_, policy_id_));
+    RETURN_IF_ERROR(Note(numbers.live[i].id, numbers.live[i].first, level_, policy_id_,
+                         is_certain ? 0 : since_ms_));
   }
+  RETURN_IF_ERROR(Settle(numbers, received_since));
   return NoteSeen(numbers);
 }
 
@@ -215,8 +293,8 @@ Status State::Change(Level level, const Policy& policy, const Numbers& numbers,
   // A store that is not in use now may be put back later, and go on where it was: what it takes in
   // then is of a time of which nothing is known here.
   RETURN_IF_ERROR(
-      connection_.Execute("INSERT OR REPLACE INTO consent(store, first, level, policy) "
-                          "SELECT store, next, 'none', x'' FROM stores_seen"));
+      connection_.Execute("INSERT OR REPLACE INTO consent(store, first, level, policy, since_ms) "
+                          "SELECT store, next, 'none', x'', 0 FROM stores_seen"));
 
   const std::string rules = policy.Rules();
   const fleet::Id policy_id = IdOf(rules);
@@ -229,7 +307,9 @@ Status State::Change(Level level, const Policy& policy, const Numbers& numbers,
   }
   policy_id_ = level == Level::kNone ? std::string_view() : BytesOf(policy_id);
   if (!numbers.live.empty()) {
-    RETURN_IF_ERROR(Note(numbers.live.back().id, numbers.next, level, policy_id_));
+    // Under a lower level it does not matter which of the two a record was received under.
+    const std::int64_t since_ms = level < level_ ? 0 : now_ms;
+    RETURN_IF_ERROR(Note(numbers.live.back().id, numbers.next, level, policy_id_, since_ms));
   }
   RETURN_IF_ERROR(connection_.Execute("DELETE FROM standing"));
   store::Statement insert;
@@ -278,20 +358,11 @@ Status State::Forget(const Numbers& numbers, const ReceivedSince& received_since
 }
 
 Status State::Forgotten() {
-  // Overwritten first, since an unlinked file can still be found on the disk.
-  std::vector<std::string> tables;
-  store::Statement select;
-  RETURN_IF_ERROR(connection_.Prepare(
-      "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite%'", &select));
-  while (select.Step()) tables.emplace_back(select.Text(0));
-  RETURN_IF_ERROR(select.status());
-  select = {};
-  std::string statements = "BEGIN IMMEDIATE;";
-  for (const std::string& table : tables) statements += "DELETE FROM \"" + table + "\";";
-  RETURN_IF_ERROR(connection_.Execute(statements + "COMMIT"));
   connection_ = {};
-  if (unlink(path_.c_str()) != 0) return Status::Errno("cannot remove " + path_);
-  return store::SyncFolder(store::FolderOf(path_));
+  if (rename(path_.c_str(), GonePath(path_).c_str()) != 0) {
+    return Status::Errno("cannot remove " + path_);
+  }
+  return Shred(GonePath(path_));
 }
 
 Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t last,
@@ -309,12 +380,18 @@ Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t l
   Span open{first, last, Level::kNone, nullptr};
   if (level_ != Level::kNone && !is_forgetting_) {
     store::Statement select;
-    RETURN_IF_ERROR(connection_.Prepare(
-        "SELECT first, level, policy FROM consent WHERE store = ? AND first <= ? ORDER BY first",
-        &select));
+    RETURN_IF_ERROR(
+        connection_.Prepare("SELECT first, level, policy, since_ms FROM consent WHERE store = ? "
+                            "AND first <= ? ORDER BY "
+                            "first",
+                            &select));
     select.BindBlob(1, BytesOf(store)).Bind(2, last);
     while (select.Step()) {
       open.last = select.Int(0) - 1;
+      if (select.Int(3) != 0) {  // not settled: it waits
+        last = open.last;
+        break;
+      }
       add(open);
       open = {std::max(first, select.Int(0)), last, Level::kNone, nullptr};
       const Level then = LevelNamed(select.Text(1)).value_or(Level::kNone);

@@ -67,8 +67,10 @@ class State {
   // The key of the pseudonyms, drawn with the name. Never leaves the device.
   const Pseudonyms::Key& key() const { return key_; }
 
-  // Tells the first number of the live database that was received at or after a moment.
-  using ReceivedSince = std::function<base::Status(std::int64_t ms, std::int64_t* first)>;
+  // Tells the number behind the last one from `first` to `last` whose record was received before
+  // the moment `ms`; `first` when there is none.
+  using ReceivedSince = std::function<base::Status(std::int64_t first, std::int64_t last,
+                                                   std::int64_t ms, std::int64_t* number)>;
 
   // Notes that from the next record on `level` holds, under `policy`; what held until then stays
   // noted for what was received until then. Needs kWrite.
@@ -76,14 +78,16 @@ class State {
                      const ReceivedSince& received_since, std::int64_t now_ms);
 
   // Notes the stores that were begun since the last look: what they hold was received while the
-  // present level stood. A database that nothing is known of may be an old one that was put back,
-  // so there the time of receiving decides. Needs kWrite.
+  // present level stood, as far as they follow one that was in use when it was agreed to. Any other
+  // may be an old one that was put back, so there the time of receiving decides. It does so too
+  // where a level begins: what was received before may be stored after. Needs kWrite.
   base::Status Look(const Numbers& numbers, const ReceivedSince& received_since);
 
   // How the numbers first..last of a store may leave now: by the lower of the level at which each
   // was received and the present one, and by what all three policies let through: the one agreed
   // to then, the one agreed to last, and the one `shipped` now. So neither a change of level nor
-  // an update lets anything more through than was agreed to. In order, without gaps.
+  // an update lets anything more through than was agreed to. In order, without gaps, up to `last`
+  // or to where a level begins of which nothing is known to have been received yet.
   base::Status SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t last,
                        const Policy& shipped, std::vector<Span>* spans);
 
@@ -102,8 +106,12 @@ class State {
   State() = default;
   base::Status ReadAll();
   base::Status ReadPolicy(std::string_view id, Policy* policy);
+  // `since_ms`: only what was received from then on counts; 0 when that is known.
   base::Status Note(const fleet::Id& store, std::int64_t first, Level level,
-                    std::string_view policy);
+                    std::string_view policy, std::int64_t since_ms);
+  // Whether the last that is noted of a store is the present level.
+  base::Status IsStanding(const fleet::Id& store, bool* is_standing);
+  base::Status Settle(const Numbers& numbers, const ReceivedSince& received_since);
   base::Status NoteSeen(const Numbers& numbers);
   // What Agree() and Forget() have in common, within a transaction.
   base::Status Change(Level level, const Policy& policy, const Numbers& numbers,

@@ -92,6 +92,7 @@ Status Export(const ExportOptions& options) {
   std::int64_t rewritten = 0;
   RETURN_IF_ERROR(lake->Forget(names, &rewritten));
   if (rewritten > 0) std::cout << fmt::format("forgotten: {} files rewritten\n", rewritten);
+  RETURN_IF_ERROR(database.Execute(RefreshSql()));
   RETURN_IF_ERROR(database.Ask(
       fmt::format("SELECT ((now() AT TIME ZONE 'UTC')::date - interval '{} months')::date::text "
                   "AS day",

@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <set>
 #include <unordered_map>
 #include <utility>
 
+#include "fleet/batch/batch.h"
 #include "fleet/lake/tables.h"
 #include "tools/records/catalogue.h"
 #include "tools/report/sessions.h"
@@ -53,7 +53,8 @@ class LakeSource : public FleetSource {
     DuckDb::Stream rows;
     RETURN_IF_ERROR(lake_->engine().Read(
         fmt::format("SELECT DISTINCT device, epoch_ms(time) // {} FROM read_parquet({}, "
-                    "union_by_name = true) WHERE event NOT IN ('missing', 'ingestion') AND {}",
+                    "union_by_name = true) WHERE event NOT IN ('missing', 'ingestion') AND {} "
+                    "ORDER BY 1, 2",
                     kDayMs, files, TimeIn(days)),
         2, &rows));
     while (rows.Next()) take(rows.Get(0), rows.Get(1));
@@ -62,8 +63,7 @@ class LakeSource : public FleetSource {
 
   // The files are sorted by device, store and number, so that the four kinds of event are merged
   // rather than sorted.
-  Status ReadPageEvents(
-      Days days, const std::function<void(std::int64_t, std::int64_t, bool)>& take) override {
+  Status ReadPageEvents(Days days, const std::function<void(const PageEvent&)>& take) override {
     std::vector<Merged> merged;
     RETURN_IF_ERROR(Add(kOpening, days, true, &merged));
     for (const char* event : kPageEvents) RETURN_IF_ERROR(Add(event, days, false, &merged));
@@ -73,7 +73,7 @@ class LakeSource : public FleetSource {
         if (one.more && (!least || one.key < least->key)) least = &one;
       }
       if (!least) return {};
-      take(least->key[1], least->rows.Get(4), least->opening);
+      take({least->key[1], least->rows.Get(4), least->rows.Get(5), least->opening});
       least->Advance();
     }
   }
@@ -102,10 +102,11 @@ class LakeSource : public FleetSource {
     Merged& one = merged->emplace_back();
     one.opening = opening;
     RETURN_IF_ERROR(lake_->engine().Read(
-        fmt::format("SELECT epoch_ms(day::TIMESTAMP), device, store, number, epoch_ms(time) FROM "
-                    "read_parquet({}) WHERE {}",
-                    files, TimeIn(days)),
-        5, &one.rows));
+        fmt::format(
+            "SELECT epoch_ms(day::TIMESTAMP), device, store, number, epoch_ms(time), level::BIGINT "
+            "FROM read_parquet({}) WHERE {}",
+            files, TimeIn(days)),
+        6, &one.rows));
     one.Advance();
     return {};
   }
@@ -181,13 +182,12 @@ class DatabaseSource : public FleetSource {
                         const std::function<void(std::int64_t, std::int64_t)>& take) override {
     return database_->Read(
         fmt::format("SELECT DISTINCT device, floor(corrected_ms / {0}.0)::bigint FROM "
-                    "public.timed_records WHERE {1}",
+                    "public.timed_records WHERE {1} ORDER BY 1, 2",
                     kDayMs, Moments(days)),
         2, [&](const CopiedRow& row) { take(*row.Number(0), row.Number(1).value_or(0)); });
   }
 
-  Status ReadPageEvents(
-      Days days, const std::function<void(std::int64_t, std::int64_t, bool)>& take) override {
+  Status ReadPageEvents(Days days, const std::function<void(const PageEvent&)>& take) override {
     std::string names;
     for (const char* event :
          {"OpenBookEvent", "ChangePageEvent", "GoToPageEvent", "GoToPageEventNew"}) {
@@ -195,12 +195,13 @@ class DatabaseSource : public FleetSource {
     }
     return database_->Read(
         fmt::format(
-            "SELECT r.device, r.corrected_ms, (e.name = 'OpenBookEvent')::int FROM "
+            "SELECT r.device, r.corrected_ms, r.level, (e.name = 'OpenBookEvent')::int FROM "
             "public.timed_records r JOIN public.events e ON e.id = r.event WHERE e.name IN ({}) "
             "AND {} ORDER BY r.day, r.device, r.store, r.number",
             names, Moments(days)),
-        3,
-        [&](const CopiedRow& row) { take(*row.Number(0), *row.Number(1), *row.Number(2) != 0); });
+        4, [&](const CopiedRow& row) {
+          take({*row.Number(0), *row.Number(1), *row.Number(2), *row.Number(3) != 0});
+        });
   }
 
   std::string DayOf(const std::string& column) const override {
@@ -231,56 +232,83 @@ std::string Text(const nlohmann::json& row, const char* name) {
 
 Status CountActiveDevices(FleetSource* source, FleetSummary* summary) {
   // Weeks of first use reach back before the range only as far as records do that are asked for.
-  std::unordered_map<std::int64_t, std::set<std::int64_t>> days_of;
-  RETURN_IF_ERROR(source->ReadActiveDays(
-      summary->days, [&](std::int64_t device, std::int64_t day) { days_of[device].insert(day); }));
-  summary->devices = static_cast<std::int64_t>(days_of.size());
   const Day last_monday = MondayOf(summary->days.last + 1) - 7;  // of the last week that is over
-  for (const auto& [device, days] : days_of) {
-    std::set<Day> weeks;
-    for (const std::int64_t day : days) {
-      ++summary->active_by_day[static_cast<Day>(day)];
-      weeks.insert(MondayOf(day));
-    }
+  std::vector<Day> weeks;                                        // of one device, in order
+  const auto count_device = [&] {
+    if (weeks.empty()) return;
+    ++summary->devices;
     for (const Day week : weeks) ++summary->active_by_week[week];
-    const Day first = *weeks.begin();
-    if (first > last_monday) continue;
-    auto& cohort = summary->cohorts[first];
-    cohort.resize(static_cast<std::size_t>((last_monday - first) / 7) + 1);
-    for (const Day week : weeks) {
-      if (week <= last_monday) ++cohort[static_cast<std::size_t>((week - first) / 7)];
+    const Day first = weeks.front();
+    if (first <= last_monday) {
+      auto& cohort = summary->cohorts[first];
+      cohort.resize(static_cast<std::size_t>(last_monday - first) / 7 + 1);
+      for (const Day week : weeks) {
+        if (week <= last_monday) ++cohort[static_cast<std::size_t>(week - first) / 7];
+      }
     }
-  }
+    weeks.clear();
+  };
+  std::int64_t current = 0;
+  RETURN_IF_ERROR(source->ReadActiveDays(summary->days, [&](std::int64_t device, std::int64_t day) {
+    if (device != current) count_device();
+    current = device;
+    ++summary->active_by_day[static_cast<Day>(day)];
+    if (weeks.empty() || weeks.back() != MondayOf(day)) weeks.push_back(MondayOf(day));
+  }));
+  count_device();
   return {};
 }
 
+// Records come by day of arrival, so that every device is under way at once: what is held of each
+// is its last page turn and three numbers for each week in which it read.
 Status MeasureReading(FleetSource* source, FleetSummary* summary) {
+  struct Week {
+    Day monday = 0;
+    bool is_timed = false;
+    std::int64_t time_ms = 0;
+    std::int64_t turns = 0;
+  };
   struct Reader {
     report::SessionTracker tracker;
-    std::map<Day, std::pair<std::int64_t, std::int64_t>> weeks;  // time and turns
+    std::vector<Week> weeks;
+
+    // Mostly it is the last one.
+    Week& In(Day monday) {
+      const auto week = std::find_if(weeks.rbegin(), weeks.rend(),
+                                     [&](const Week& each) { return each.monday == monday; });
+      return week != weeks.rend() ? *week : weeks.emplace_back(Week{monday});
+    }
   };
   std::unordered_map<std::int64_t, Reader> readers;
-  RETURN_IF_ERROR(source->ReadPageEvents(
-      summary->days, [&](std::int64_t device, std::int64_t at_ms, bool opening) {
-        Reader& reader = readers[device];
-        if (opening) return reader.tracker.Open(at_ms, 0);
-        auto& [time_ms, turns] = reader.weeks[MondayOf(DayOfMs(at_ms))];
-        ++turns;
-        if (const auto span = reader.tracker.TurnPage(at_ms)) {
-          time_ms += std::max<std::int64_t>(0, span->end_ms - span->begin_ms);
-        }
-      }));
+  RETURN_IF_ERROR(source->ReadPageEvents(summary->days, [&](const FleetSource::PageEvent& event) {
+    Reader& reader = readers[event.device];
+    // What is told by the hour makes no reading time.
+    const bool is_timed = event.level == static_cast<int>(Level::kFull);
+    if (event.is_opening) {
+      if (is_timed) reader.tracker.Open(event.at_ms, 0);
+      return;
+    }
+    Week& week = reader.In(MondayOf(DayOfMs(event.at_ms)));
+    ++week.turns;
+    if (!is_timed) return;
+    week.is_timed = true;
+    if (const auto span = reader.tracker.TurnPage(event.at_ms)) {
+      week.time_ms += std::max<std::int64_t>(0, span->end_ms - span->begin_ms);
+    }
+  }));
   std::map<Day, std::pair<std::vector<std::int64_t>, std::vector<std::int64_t>>> weeks;
   for (const auto& [device, reader] : readers) {
-    for (const auto& [week, read] : reader.weeks) {
-      weeks[week].first.push_back(read.first);
-      weeks[week].second.push_back(read.second);
+    for (const Week& week : reader.weeks) {
+      auto& [times, turns] = weeks[week.monday];
+      if (week.is_timed) times.push_back(week.time_ms);
+      turns.push_back(week.turns);
     }
   }
   for (auto& [week, numbers] : weeks) {
-    summary->reading[week] = {static_cast<std::int64_t>(numbers.first.size()),
-                              QuartilesOf(std::move(numbers.first)),
-                              QuartilesOf(std::move(numbers.second))};
+    auto& [times, turns] = numbers;
+    summary->reading[week] = {static_cast<std::int64_t>(turns.size()),
+                              static_cast<std::int64_t>(times.size()),
+                              QuartilesOf(std::move(times)), QuartilesOf(std::move(turns))};
   }
   return {};
 }

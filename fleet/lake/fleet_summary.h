@@ -37,14 +37,21 @@ class FleetSource {
 
   // The rows of a query as objects.
   virtual base::Status Ask(const std::string& sql, nlohmann::json* rows) = 0;
-  // Hands over each device with each day that a record of it tells.
+  // Hands over each device with each day that a record of it tells, device by device, in order of
+  // days.
   virtual base::Status ReadActiveDays(
       Days days, const std::function<void(std::int64_t device, std::int64_t day)>& take) = 0;
-  // Hands over openings of books and page events since the first day, device by device or
-  // interleaved, those of one device in the order of their numbers. Moments are milliseconds.
-  virtual base::Status ReadPageEvents(
-      Days days,
-      const std::function<void(std::int64_t device, std::int64_t at_ms, bool opening)>& take) = 0;
+  // An opening of a book, or a page event.
+  struct PageEvent {
+    std::int64_t device = 0;
+    std::int64_t at_ms = 0;
+    std::int64_t level = 0;
+    bool is_opening = false;
+  };
+  // Hands them over since the first day, device by device or interleaved, those of one device in
+  // the order of their numbers.
+  virtual base::Status ReadPageEvents(Days days,
+                                      const std::function<void(const PageEvent&)>& take) = 0;
   // How it writes the day that a column `time` lies in.
   virtual std::string DayOf(const std::string& column) const = 0;
 };
@@ -61,8 +68,9 @@ struct Quartiles {
 Quartiles QuartilesOf(std::vector<std::int64_t> numbers);
 
 struct ReadingWeek {
-  std::int64_t devices = 0;  // that read in it
-  Quartiles time_ms;
+  std::int64_t devices = 0;        // that read in it
+  std::int64_t timed_devices = 0;  // of these, those that tell times closer than the hour
+  Quartiles time_ms;               // of the timed devices
   Quartiles turns;
 };
 

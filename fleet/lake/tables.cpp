@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -107,25 +108,31 @@ std::string LatestSql(const char* view, const char* column) {
       view, column);
 }
 
+// Told numbers are kept as such, and not worked out anew for whoever asks: who reads them gets at
+// no plan, estimate or message that rows below them had a part in.
 std::string FiguresSql() {
   std::string sql = fmt::format(R"sql(
 -- Sums about {0} devices at least, for everybody with the role reader.
-CREATE VIEW figures.active_devices_by_day AS
+CREATE MATERIALIZED VIEW figures.active_devices_by_day AS
   SELECT (to_timestamp(corrected_ms / 86400000 * 86400) AT TIME ZONE 'UTC')::date AS day,
     count(DISTINCT device) AS devices
   FROM public.timed_records WHERE corrected_ms IS NOT NULL
   GROUP BY 1 HAVING count(DISTINCT device) >= {0} ORDER BY 1;
-CREATE VIEW figures.lost_records AS
+CREATE MATERIALIZED VIEW figures.lost_records AS
   SELECT day, reason, sum(last - first + 1)::bigint AS records
   FROM public.missing GROUP BY day, reason HAVING count(DISTINCT device) >= {0} ORDER BY 1, 2;
-CREATE VIEW figures.ingestion AS SELECT day, outcome, sum(batches)::bigint AS batches,
-    sum(records)::bigint AS records FROM public.ingestion GROUP BY day, outcome;
+CREATE MATERIALIZED VIEW figures.ingestion AS
+  SELECT day, outcome, sum(batches)::bigint AS batches, sum(records)::bigint AS records
+  FROM public.ingestion WHERE (SELECT count(*) FROM public.devices) >= {0}
+  GROUP BY day, outcome HAVING sum(batches) >= {0} ORDER BY 1, 2;
 )sql",
                                 kLeastDevices);
-  sql += "CREATE VIEW figures.devices_by_model AS" +
-         TellPartsSql(LatestSql("device_info_measurement", "model_code"));
-  sql += "CREATE VIEW figures.devices_by_version AS" +
-         TellPartsSql(LatestSql("version_measurement", "version"));
+  for (const auto& [name, view, column] :
+       {std::array{"model", "device_info_measurement", "model_code"},
+        std::array{"version", "version_measurement", "version"}}) {
+    sql += fmt::format("CREATE MATERIALIZED VIEW figures.devices_by_{} AS{}", name,
+                       TellPartsSql(LatestSql(view, column)));
+  }
   return sql;
 }
 
@@ -177,6 +184,14 @@ GRANT SELECT ON ALL TABLES IN SCHEMA figures TO reader;
 COMMIT;
 )sql";
   return sql;
+}
+
+std::string RefreshSql() {
+  return R"sql(DO $$ DECLARE name text; BEGIN
+  FOR name IN SELECT matviewname FROM pg_matviews WHERE schemaname = 'figures' LOOP
+    EXECUTE format('REFRESH MATERIALIZED VIEW figures.%I', name);
+  END LOOP;
+END $$)sql";
 }
 
 std::string LakeSelect(const RecordType& type, int event) {

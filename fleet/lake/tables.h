@@ -26,8 +26,10 @@ std::string TableName(std::string_view event);
 
 // What makes the database's views: schema `analysis` with a view for each event, for the role
 // analyst, and schema `figures` with sums over many devices, for the role reader. Makes the roles
-// when there are none, and replaces the views that an earlier version made.
+// when there are none, and replaces the views that an earlier version made. The sums are those of
+// the moment; RefreshSql() brings them up to date.
 std::string ViewsSql();
+std::string RefreshSql();
 
 // The rows of the lake for one event, which the database calls by `event`, in order, from the
 // export's table `records`.

@@ -75,7 +75,7 @@ Status Outbox::Read() {
   RETURN_IF_ERROR(state_->connection()->Read(kHasTables, &has_tables));
   if (has_tables == 0) {
     for (const StoreRange& store : outgoing_->stores()) {
-      segments_.push_back({store, store.id, store.first - 1});
+      segments_.push_back({store, NameOf(store), store.first - 1});
     }
     return {};
   }
@@ -111,10 +111,14 @@ Status Outbox::Read() {
   return select.status();
 }
 
+fleet::Id Outbox::NameOf(const StoreRange& store) const {
+  return consent::Pseudonyms(state_->key()).Of(store.id);
+}
+
 // The parts of a store: up to where it was first called forked, from there to the next time, ...
 Status Outbox::Split(const StoreRange& store) {
   const std::size_t begin = segments_.size();
-  segments_.push_back({store, store.id, store.first - 1});
+  segments_.push_back({store, NameOf(store), store.first - 1});
   store::Statement select;
   RETURN_IF_ERROR(state_->connection()->Prepare(
       "SELECT above, id FROM forks WHERE store = ? ORDER BY above", &select));
@@ -195,6 +199,7 @@ Status Outbox::Prepare(const Outgoing::Limits& limits, std::int64_t now_ms, Prep
     const Segment* segment = NextSegment();
     if (!segment) return {};
     RETURN_IF_ERROR(FillNew(*segment, limits, now_ms, prepared));
+    if (prepared->batch.is_question()) return prepared->message.clear(), Status();
     Pending drawn{{}, segment->id, prepared->batch.after, prepared->batch.through, now_ms, 0};
     RETURN_IF_ERROR(DrawId(&drawn.id));
     RETURN_IF_ERROR(SavePending(drawn));

@@ -89,6 +89,8 @@ class Outbox {
   Outbox(consent::State* state, Outgoing* outgoing) : state_(state), outgoing_(outgoing) {}
   base::Status Read();
   base::Status Split(const StoreRange& store);
+  // By which the fleet knows a store that was never called forked.
+  fleet::Id NameOf(const StoreRange& store) const;
   Segment* SegmentOf(const fleet::Id& id);
   const Segment* NextSegment() const;
   base::Status FillNew(const Segment& segment, Outgoing::Limits limits, std::int64_t now_ms,

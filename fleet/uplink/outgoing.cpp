@@ -125,12 +125,16 @@ Status Outgoing::FillSpan(const Span& span, const Limits& limits, fleet::Batch* 
   return {};
 }
 
-// What the clock was set by tells times too.
-void Outgoing::AddClockSteps(fleet::Batch* batch, bool is_exact) const {
+// What the clock was set by tells times too, those of a time without consent included.
+void Outgoing::AddClockSteps(const std::vector<Span>& spans, bool is_exact,
+                             fleet::Batch* batch) const {
   constexpr std::int64_t kHalfHour = std::int64_t{30} * 60 * 1000;
   for (const store::ClockStep& step : clock_steps_) {
     const auto record = static_cast<std::uint64_t>(step.record);
-    if (record <= batch->after || record > batch->through) continue;
+    const bool leaves = std::ranges::any_of(spans, [&step](const Span& span) {
+      return span.level != Level::kNone && step.record >= span.first && step.record <= span.last;
+    });
+    if (!leaves || record <= batch->after || record > batch->through) continue;
     const std::int64_t step_ms =
         is_exact ? step.step_ms : consent::CoarsenTime(step.step_ms + kHalfHour);
     if (step_ms != 0) batch->clock_steps.push_back({record, step_ms});
@@ -154,7 +158,7 @@ Status Outgoing::FillSpans(const std::vector<Span>& spans, const Limits& limits,
   }
   // Nothing in the batch tells a time closer than its records may.
   batch->sent_ms = is_exact ? now_ms : consent::CoarsenTime(now_ms);
-  AddClockSteps(batch, is_exact);
+  AddClockSteps(spans, is_exact, batch);
   return {};
 }
 

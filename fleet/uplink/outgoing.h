@@ -69,7 +69,8 @@ class Outgoing {
   base::Status FillSpans(const std::vector<consent::Span>& spans, const Limits& limits,
                          std::int64_t now_ms, fleet::Batch* batch);
   base::Status FillSpan(const consent::Span& span, const Limits& limits, fleet::Batch* batch);
-  void AddClockSteps(fleet::Batch* batch, bool is_exact) const;
+  void AddClockSteps(const std::vector<consent::Span>& spans, bool is_exact,
+                     fleet::Batch* batch) const;
   // Notes why the numbers first..last are no records.
   base::Status AddAbsent(std::uint64_t first, std::uint64_t last, fleet::Batch* batch);
   bool IsExplained(std::uint64_t first, std::uint64_t last) const;

@@ -46,23 +46,31 @@ void Print(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
 
 // ---- One record, before and after ----
 
-// The values of a record by field, each as JSON.
+// The values of a record by field, each as JSON, as `usage-stat list` and the fleet show them.
 class Lister : public records::FieldEditor {
  public:
+  explicit Lister(const records::RecordType& type) : type_(type) {}
+
   std::int64_t Number(std::size_t field, std::int64_t value) override {
     values.emplace_back(field, value);
     return value;
   }
-  void Text(std::size_t field, std::string* value) override { values.emplace_back(field, *value); }
+  void Text(std::size_t field, std::string* value) override {
+    const bool is_hexadecimal = type_.fields[field].form == "hexadecimal";
+    values.emplace_back(field, is_hexadecimal ? base::ToHex(*value) : *value);
+  }
   void Texts(std::size_t field, std::vector<std::string>* value) override {
     values.emplace_back(field, *value);
   }
 
   std::vector<std::pair<std::size_t, Json>> values;
+
+ private:
+  const records::RecordType& type_;
 };
 
 std::vector<std::pair<std::size_t, Json>> ValuesOf(const records::ReadEvent& read) {
-  Lister lister;
+  Lister lister(*read.type);
   read.type->edit(read.event.get(), &lister);
   return std::move(lister.values);
 }
@@ -185,7 +193,10 @@ Status Show(const Options& options) {
   RETURN_IF_ERROR(consent::State::Open(consent::StatePath(options.folder),
                                        consent::State::Mode::kRead, &state));
   if (state->level() == consent::Level::kNone) {
-    (void)std::fputs("nothing leaves: the consent is none\n", stderr);
+    (void)std::fputs(state->is_forgetting()
+                         ? "nothing leaves but the request to forget this device\n"
+                         : "nothing leaves: the consent is none\n",
+                     stderr);
     return {};
   }
   if (!IsStatisticsEnabled()) {

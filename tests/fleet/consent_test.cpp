@@ -302,6 +302,7 @@ class ConsentTest : public testing::Test {
   // How the numbers from 1 on leave: "none 1-4, basic 5-9".
   std::string Leaving(std::uint8_t store, std::int64_t last) {
     std::vector<Span> spans;
+    if (std::filesystem::exists(path_)) Look();
     EXPECT_TRUE(Open(State::Mode::kRead)->SpansOf(StoreId(store), 1, last, policy_, &spans).ok());
     std::string text;
     for (const Span& span : spans) {
@@ -317,8 +318,9 @@ class ConsentTest : public testing::Test {
   const Policy policy_ = Shipped();
   Numbers numbers_;
   std::int64_t received_late_ = 0;  // the first number received since the last change
-  State::ReceivedSince received_since_ = [this](std::int64_t, std::int64_t* first) {
-    *first = received_late_;
+  State::ReceivedSince received_since_ = [this](std::int64_t first, std::int64_t last, std::int64_t,
+                                                std::int64_t* number) {
+    *number = std::clamp(received_late_, first, last + 1);
     return base::Status();
   };
 };
@@ -389,6 +391,7 @@ TEST_F(ConsentTest, StoresTakeTheLevelOfTheTimeTheyBeganIn) {
   Receive(5);
   Agree(Level::kFull);
   EXPECT_EQ(Leaving(4, 35), "none 1-30, basic 31-35");
+  Receive(1);
   EXPECT_EQ(Leaving(5, 41), "none 1-40, full 41-41");
 }
 
@@ -410,6 +413,40 @@ TEST_F(ConsentTest, ADatabaseThatNothingIsKnownOfLeavesAsFarAsItWasReceivedSince
   EXPECT_EQ(Leaving(1, 20), "none 1-10, basic 11-20");
 }
 
+TEST_F(ConsentTest, WhatWasReceivedBeforeAndStoredAfterIsOfTheLevelBefore) {
+  Receive(10);
+  Agree(Level::kFull);  // the last ones received under none are still to be stored
+  received_late_ = 14;
+  Receive(3);
+  EXPECT_EQ(Leaving(1, 13), "none 1-10");  // nothing is known of the rest
+  Receive(3);
+  EXPECT_EQ(Leaving(1, 16), "none 1-13, full 14-16");
+  received_late_ = 0;
+  EXPECT_EQ(Leaving(1, 16), "none 1-13, full 14-16");  // that is settled
+  Agree(Level::kBasic);
+  received_late_ = 19;  // both leave at basic
+  Receive(5);
+  EXPECT_EQ(Leaving(1, 21), "none 1-13, basic 14-21");
+  Agree(Level::kFull);
+  received_late_ = 24;
+  Receive(5);
+  EXPECT_EQ(Leaving(1, 26), "none 1-13, full 14-16, basic 17-23, full 24-26");
+}
+
+TEST_F(ConsentTest, AStoreThatNobodySawBehindOneThatWasNotInUseIsLookedThrough) {
+  Agree(Level::kFull);
+  Receive(3);
+  Agree(Level::kNone);
+  const Numbers first_file = numbers_;
+  NewFile(2);
+  Agree(Level::kFull);
+  numbers_ = first_file;
+  Begin(3, 4);  // begun under none, while nobody looked
+  Receive(10);
+  received_late_ = 9;
+  EXPECT_EQ(Leaving(3, 13), "none 1-8, full 9-13");
+}
+
 TEST_F(ConsentTest, AnUpdateOfThePolicyNarrowsAtOnceAndWidensOnlyWhatIsAgreedToAgain) {
   const auto with = [](const std::string& place, const Json& value) {
     std::vector<std::string> errors;
@@ -421,6 +458,7 @@ TEST_F(ConsentTest, AnUpdateOfThePolicyNarrowsAtOnceAndWidensOnlyWhatIsAgreedToA
   const Policy wide = with("/levels/basic/kinds/page", "keep");
   const auto first_number = [&](const Policy& shipped, std::int64_t number) {
     std::vector<Span> spans;
+    Look();
     EXPECT_TRUE(Open()->SpansOf(StoreId(1), number, number, shipped, &spans).ok());
     const RecordType& type = *records::FindShorterType(EventFactory::kChangePage);
     return spans.at(0).table->Of(type, 2);
@@ -455,9 +493,14 @@ TEST_F(ConsentTest, ForgettingEndsEverythingButTheRequest) {
   const std::string bytes = ReadFile(folder_ / "kept");
   EXPECT_EQ(bytes.find(std::string(name->begin(), name->end())), std::string::npos);
   EXPECT_EQ(bytes.find(std::string(key.begin(), key.end())), std::string::npos);
+  // One that was killed at it goes on when the file is next asked for.
+  usage_stat_test::WriteFile(path_ + ".gone", "key");
+  EXPECT_EQ(Open(State::Mode::kRead)->name(), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(path_ + ".gone"));
   // As on the first day; a new name, and nothing of before.
   Agree(Level::kFull);
   EXPECT_NE(Open()->name(), name);
+  Receive(1);
   EXPECT_EQ(Leaving(1, 11), "none 1-10, full 11-11");
 }
 

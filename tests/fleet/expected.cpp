@@ -45,7 +45,8 @@ base::Status Print(const consent::DeviceOptions& options) {
     const records::RecordType* type = nullptr;
     const auto datagram = consent::Rewriter(spans[0].table, state->key()).Rewrite(row.raw, &type);
     if (datagram) {
-      std::printf("%s %lld %s\n", fleet::ToText(id).c_str(), static_cast<long long>(row.id),
+      std::printf("%s %lld %s\n", fleet::ToText(consent::Pseudonyms(state->key()).Of(id)).c_str(),
+                  static_cast<long long>(row.id),
                   base::ToHex(datagram->substr(fleet::kEnvelopeSize)).c_str());
     }
     return true;

@@ -156,18 +156,47 @@ def both_sources_make_one_page(fleet):
 def nothing_about_few(fleet):
     """As many devices as may be told about show; one fewer shows nothing."""
     figures = ["active_devices_by_day", "devices_by_model", "devices_by_version"]
-    def reader(sql, check=True):
-        return fleet.postgres.psql("SET ROLE reader; " + sql, check=check)
+    def reader(sql):
+        return fleet.sql("SET ROLE reader; " + sql)
     assert all(int(reader(f"SELECT count(*) FROM figures.{name}")) > 0 for name in figures)
     assert all(int(n) >= 20 for n in reader(
         "SELECT devices FROM figures.devices_by_model UNION ALL SELECT devices FROM "
         "figures.devices_by_version").split())
-    for forbidden in ("records", "devices", "analysis.change_page", "exports"):
-        assert "permission denied" in subprocess.run(
-            ["/usr/lib/postgresql/15/bin/psql", "-XAtq", "-d", fleet.conninfo, "-c",
-             f"SET ROLE reader; SELECT count(*) FROM {forbidden}"], capture_output=True,
-            text=True).stderr, forbidden
     assert int(fleet.postgres.psql("SET ROLE analyst; SELECT count(*) FROM analysis.change_page")) > 0
+
+
+def readers_reach_no_row(fleet):
+    """Nothing but the figures, neither by name nor by what the server tells of its own work."""
+    relations = fleet.sql("SELECT oid::regclass FROM pg_class WHERE relkind IN ('r', 'p', 'v', 'm') AND "
+                          "relnamespace IN ('public'::regnamespace, 'analysis'::regnamespace)").split()
+    assert len(relations) > 60, relations
+    for relation in relations:
+        for role, may in (("reader", False), ("analyst", relation.startswith("analysis."))):
+            done = fleet.sql(f"SELECT has_table_privilege('{role}', '{relation}', 'SELECT') OR "
+                             f"has_any_column_privilege('{role}', '{relation}', 'SELECT')")
+            assert (done == "t") == may, (role, relation)
+    for forbidden in ("records", "devices", "timed_records", "analysis.change_page"):
+        done = subprocess.run(["/usr/lib/postgresql/15/bin/psql", "-XAtq", "-d", fleet.conninfo, "-c",
+                               f"SET ROLE reader; SELECT count(*) FROM {forbidden}"],
+                              capture_output=True, text=True)
+        assert "permission denied" in done.stderr, (forbidden, done)
+    # No function lends its owner's rights, and no statistics of columns are shown.
+    assert fleet.sql("SELECT count(*) FROM pg_proc WHERE prosecdef") == "0"
+    fleet.sql("ANALYZE")
+    assert fleet.sql("SET ROLE reader; SELECT DISTINCT schemaname FROM pg_stats WHERE schemaname NOT "
+                     "IN ('pg_catalog', 'information_schema')") in ("", "figures")
+    # A function of the reader's own sees what it is told, and neither it nor a plan anything below.
+    seen = subprocess.run(
+        ["/usr/lib/postgresql/15/bin/psql", "-XAtq", "-d", fleet.conninfo, "-c",
+         "SET ROLE reader; CREATE FUNCTION pg_temp.look(name text) RETURNS boolean COST 0.0001 "
+         "LANGUAGE plpgsql AS $$ BEGIN RAISE NOTICE 'saw %', name; RETURN true; END $$; "
+         "SELECT count(*) FROM figures.devices_by_model WHERE pg_temp.look(name); "
+         "EXPLAIN SELECT * FROM figures.devices_by_model WHERE pg_temp.look(name)"],
+        capture_output=True, text=True)
+    told = fleet.sql("SELECT name FROM figures.devices_by_model").splitlines()
+    saw = re.findall("saw (.*)", seen.stderr)
+    assert sorted(saw) == sorted(told), (saw, told)
+    assert "Scan on devices_by_model" in seen.stdout and "records" not in seen.stdout, seen.stdout
 
 
 def forgotten_is_gone(fleet, duckdb):
@@ -209,6 +238,7 @@ def main():
             same_values_everywhere(fleet, duckdb)
             both_sources_make_one_page(fleet)
             nothing_about_few(fleet)
+            readers_reach_no_row(fleet)
             old_days_go(fleet)
             forgotten_is_gone(fleet, duckdb)
         finally:

@@ -185,6 +185,7 @@ TEST_F(OutgoingTest, ConsentThatIsTakenBackEndsAVisitThatIsUnderWay) {
   Agree(Level::kFull);
   Receive(std::vector<std::string>(10, Examples().at("ChangePageEvent")));
   const auto state = OpenState();  // of the process that sends
+  ASSERT_OK(consent::LookAt(database_, state.get()));
   std::unique_ptr<Outgoing> outgoing;
   std::unique_ptr<Outbox> outbox;
   Prepared prepared;
@@ -219,6 +220,20 @@ TEST_F(OutgoingTest, WhileStatisticsAreOffNobodyIsCalled) {
     ASSERT_THAT(calls, testing::HasSubstr("execve"));
     EXPECT_EQ(calls.find("socket(AF_INET") != std::string::npos, is_on) << calls;
   }
+}
+
+TEST_F(OutgoingTest, StepsOfTheClockOfATimeWithoutConsentStay) {
+  const std::string turn = Examples().at("ChangePageEvent");
+  Receive(std::vector<std::string>(9, turn));  // 2-10
+  Agree(Level::kFull);
+  Receive(std::vector<std::string>(9, turn));  // 11-19
+  usage_stat_test::Answer(database_,
+                          "INSERT INTO clock_steps(record, wall_ms, step_ms) "
+                          "VALUES(5, 1790000000123, 123457), (15, 1790000000123, 60123)");
+  const fleet::Batch batch = Next(0);
+  ASSERT_EQ(Short(batch), "full 1-19: 4x1-10 9");
+  ASSERT_EQ(batch.clock_steps.size(), 1U);
+  EXPECT_EQ(batch.clock_steps[0].step_ms, 60123);
 }
 
 TEST_F(OutgoingTest, RecordsInArchivesLeaveToo) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -30,6 +31,11 @@ bool IsNarrowed(const store::Query& query) {
          query.after_id;
 }
 
+bool IsBareName(const std::string& book) {
+  return !book.empty() && book.find('/') == std::string::npos && !book.starts_with("0x") &&
+         !base::ParseWhole<std::int64_t>(book);
+}
+
 int Run(Options* options) {
   if (options->number > 0) {
     options->query.after_id = options->number - 1;
@@ -41,9 +47,14 @@ int Run(Options* options) {
   store::Erased erased;
   store::Status status = store::ActAsOwnerOf(options->database);
   if (status.ok()) status = FindBook(options->database, options->book, &options->query);
-  // A book that nobody knows must not make the choice wider.
-  if (status.ok() && !options->book.empty() && !options->query.book_id) {
-    status = store::Status::Failed("there is no book " + options->book);
+  // What can't be read goes with a book, so a name that was mistyped must not erase it. A number or
+  // a path is taken as it is: what names it may be gone since an erasing that was interrupted.
+  if (status.ok() && IsBareName(options->book)) {
+    status = store::CountErasable(options->database, options->query, options->directory, &erased);
+    if (status.ok() && erased.records == 0) {
+      status = store::Status::Failed("no record names the book \"" + options->book +
+                                     "\": give its number or its path");
+    }
   }
   if (!status.ok()) return Complain(kFailed, status.message);
   status =
@@ -79,6 +90,9 @@ void AddErase(CommandLine* line) {
   command.Flag("--all", "Everything", &options->all);
   command.Flag("--yes", "Do it; without this, what would go is counted", &options->yes);
   command.Footer(
+      "With a book go the records that carry its number; its file name may stand in the arguments "
+      "of "
+      "applications that were started, which go with --event StartApplicationEvent. "
       "What can't be read as a record can't be looked through, and goes as well: the quarantine, "
       "damaged databases and damaged archives. Only --number leaves them. If it is interrupted, "
       "say "
