@@ -116,10 +116,15 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
     EXPECT_EQ(result.exit_code, 0) << result.err;
     EXPECT_EQ(EventsOf(result.out), c.events);
   }
-  for (const Words& wrong : {Words{"--event", "nope"}, Words{"--app", "no.app"},
-                             Words{"--since", "2026-02-30"}, Words{"-n", "-1"}}) {
+  for (const Words& wrong :
+       {Words{"--event", "nope"}, Words{"--app", "no.app"}, Words{"--since", "2026-02-30"},
+        Words{"-n", "-1"}, Words{"--fields", "id"}, Words{"--iso", "-r"},
+        Words{"--quarantine", "-r"}}) {
     EXPECT_EQ(UsageStat({"list", wrong[0], wrong[1]}).exit_code, 2) << wrong[1];
   }
+  const ProgramResult unknown = UsageStat({"list", "--book", "The Elder Walk"});
+  EXPECT_EQ(unknown.exit_code, 1);
+  EXPECT_THAT(unknown.err, HasSubstr("no such record names the book The Elder Walk"));
   WriteFile(folder_ / "foreign", "hello");
   for (const char* file : {"foreign", "missing"}) {
     const ProgramResult result = UsageStat({"list", "--file", folder_ / file});
@@ -156,7 +161,7 @@ TEST_F(InspectorTest, WritesRecordsInEveryForm) {
   EXPECT_EQ(UsageStat({"list", "--quarantine", "-o", "csv", "--fields", "kind,size,raw"}).out,
             "kind,size,raw\r\ncut short,2,6162\r\n");
   EXPECT_THAT(UsageStat({"list", "--quarantine"}).out, HasSubstr("cut short[42] 2 bytes: lacks 2"));
-  EXPECT_EQ(UsageStat({"list", "--event", "2035", "--fields", "time"}).err,
+  EXPECT_EQ(UsageStat({"list", "--event", "2035", "-o", "csv", "--fields", "time"}).err,
             "usage-stat: there is no column time here, but id, received, pid, uid, event, type, "
             "timestamp, a, url, raw\n");
   const std::string pretty = UsageStat({"list", "--event", "2035", "-o", "json-pretty"}).out;

@@ -204,6 +204,10 @@ TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {
     EXPECT_EQ(UsageStat({"decode", "-o", "json", argument}).out, from_hex.out) << argument;
   }
   EXPECT_EQ(UsageStat({"decode", "-o", "json"}, line).out, from_hex.out);
+  for (const std::string& several : {line + "\n" + line + "\n", hex + "\n" + hex + "\n"}) {
+    EXPECT_THAT(UsageStat({"decode"}, several).err, HasSubstr("one record at a time"));
+  }
+  EXPECT_THAT(UsageStat({"decode"}, "{\n").err, HasSubstr("not one JSON object"));
   std::string joined;
   const Json decoded = Json::parse(from_hex.out);
   for (const Json& field : decoded["fields"]) {

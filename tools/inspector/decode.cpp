@@ -4,6 +4,8 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
+#include <variant>
 
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/captured.h"
@@ -150,16 +152,32 @@ int ReadInput(const Options& options, std::string* input) {
   return kOk;
 }
 
+// Whether each line of `text` has a record of its own, as list prints them.
+bool HasSeveralRecords(const std::string& text) {
+  std::istringstream lines(text);
+  int records = 0;
+  for (std::string line; std::getline(lines, line); ++records) {
+    const auto datagram = DatagramIn(line);
+    if (!datagram || std::holds_alternative<Damage>(records::Decode(*datagram))) return false;
+  }
+  return records > 1;
+}
+
 int Run(const Options& options) {
   std::string input;
   if (const int failed = ReadInput(options, &input); failed != kOk) return failed;
   // No record consists of hexadecimal digits alone, nor of JSON: its type code would be an unknown
   // one.
   if (!options.raw) {
+    if (HasSeveralRecords(input)) {
+      return Complain(kFailed, "one record at a time: each line of this is one");
+    }
     if (auto bytes = DatagramIn(input)) {
       input = *std::move(bytes);
     } else if (options.hex) {
       return Complain(kFailed, "not an even number of hexadecimal digits");
+    } else if (input.starts_with('{')) {
+      return Complain(kFailed, "not one JSON object with a datagram under \"raw\"");
     }
   }
 

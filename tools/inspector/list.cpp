@@ -43,6 +43,10 @@ int ListQuarantine(const Options& options) {
 }
 
 int Run(const Options& options) {
+  const bool is_of_csv = options.layout.iso_times || !options.layout.columns.empty();
+  if (is_of_csv && options.layout.format != "csv") {
+    return Complain(kUsage, "--fields and --iso are for -o csv");
+  }
   if (options.quarantine) return ListQuarantine(options);
   store::Query query = options.query;
   if (const store::Status found = FindBook(options.database, options.book, &query); !found.ok()) {
@@ -53,7 +57,9 @@ int Run(const Options& options) {
   const RowPrinter printer(layout);
   if (!printer.mistake().empty()) return Complain(kUsage, printer.mistake());
   printer.PrintHead();
-  const auto print = [&printer](const store::RecordRow& row) {
+  bool is_empty = true;
+  const auto print = [&printer, &is_empty](const store::RecordRow& row) {
+    is_empty = false;
     printer.Print(row);
     return true;
   };
@@ -70,6 +76,9 @@ int Run(const Options& options) {
   }
   for (const std::string& problem : problems) Complain(kFailed, problem);
   if (!status.ok()) return Complain(kFailed, status.message);
+  if (is_empty && !options.book.empty()) {
+    return Complain(kFailed, "no such record names the book " + options.book);
+  }
   return problems.empty() ? kOk : kFailed;
 }
 
@@ -98,6 +107,9 @@ void AddList(CommandLine* line) {
                    return std::string();
                  });
   command.Flag("--iso", "Times in csv as 2026-11-24T19:00:49.123Z", &options->layout.iso_times);
+  for (const char* filter : {"--event", "--app", "--book", "--since", "--until", "-n", "-r"}) {
+    command.Exclude("--quarantine", filter);
+  }
   command.OnRun([options] { return Run(*options); });
 }
 

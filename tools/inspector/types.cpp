@@ -265,6 +265,8 @@ A field is named once, where its class lists it, and bears that name everywhere:
 | `authors`, `genres`, `other_people`, `title`, `series`, `series_number`, `publisher`, `year` | what the book says about itself |
 | a letter | the application's own: ask those who wrote it |
 
+Around the fields, JSON and CSV have `timestamp` (when it happened) and `received`, in milliseconds since the Unix epoch; the tables of SQL have them as `timestamp_ms` and `received_ms`, and the former as text in UTC too, `time`.
+
 These names do not change any more: queries and programs may rely on them. New fields get new names.
 
 Each field has a sensitivity, which policies on what leaves a device go by: *technical* (the device and its software), *interaction* (what somebody does with it), *content* (what somebody reads, writes or looks up, and all that is the application's own, since anything may stand there), *identifying* (tells one device or one book from all others).
