@@ -3,9 +3,10 @@
 PRESET ?= release
 BUILD := build/$(PRESET)
 
-.PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 package \
-        test-package abi-check abi-update test-browser demo records reference bench bench-smoke \
-        bench-build bench-fleet fleet-demo fleet-faults contract fuzz fuzz-long fuzz-build faults mutate soak clean
+.PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 \
+        package package-armhf test-package abi-check abi-update test-browser demo records \
+        reference bench bench-smoke bench-build bench-fleet fleet-demo fleet-faults contract fuzz \
+        fuzz-long fuzz-build faults mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -63,6 +64,12 @@ size-armel size-arm64: size-%:
 package:
 	scripts/setup build package
 	packaging/build build/packages
+
+# The same for the device's processor, in build/packages-armhf.
+package-armhf:
+	scripts/setup build package armhf
+	scripts/sysroot armhf
+	packaging/build build/packages-armhf armhf
 
 # They are made alike twice, have no fault that Debian's checks know, install, work and go away.
 test-package: package
