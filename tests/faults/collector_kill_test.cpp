@@ -98,8 +98,8 @@ class CollectorKillTest : public testing::Test {
   // The numbers of all notes, from archives and database.
   std::vector<int> Notes() const {
     std::vector<int> numbers;
-    std::unique_ptr<store::Journal> journal;
-    if (!store::Journal::Open(database_, &journal).ok()) return numbers;
+    std::unique_ptr<store::History> journal;
+    if (!store::History::Open(database_, &journal).ok()) return numbers;
     store::Query query;
     query.events = {"AddNoteEvent"};
     std::vector<std::string> problems;

@@ -107,8 +107,8 @@ class ReportTest : public usage_stat_test::StoreTest {
   }
 
   store::Status Read(Range range, Summary* summary) {
-    std::unique_ptr<store::Journal> journal;
-    if (auto status = store::Journal::Open(database_, &journal); !status.ok()) return status;
+    std::unique_ptr<store::History> journal;
+    if (auto status = store::History::Open(database_, &journal); !status.ok()) return status;
     return ReadSummary(journal.get(), range, options_, summary);
   }
 
@@ -192,8 +192,8 @@ TEST_F(ReportTest, EmptyAndMissingDatabases) {
   const std::string page = RenderPage(summary);
   EXPECT_THAT(page, HasSubstr("The database holds no records yet"));
   EXPECT_THAT(page, Not(HasSubstr("<canvas")));
-  std::unique_ptr<store::Journal> journal;
-  EXPECT_FALSE(store::Journal::Open(folder_ / "none.db", &journal).ok());
+  std::unique_ptr<store::History> journal;
+  EXPECT_FALSE(store::History::Open(folder_ / "none.db", &journal).ok());
 }
 
 TEST_F(ReportTest, RefusesRangesThatNoPageCanShow) {

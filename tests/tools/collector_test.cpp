@@ -113,9 +113,9 @@ class CollectorTest : public testing::Test {
   }
 
   int CountWithArchives(const std::string& event) const {
-    std::unique_ptr<store::Journal> journal;
+    std::unique_ptr<store::History> journal;
     int number = 0;
-    EXPECT_TRUE(store::Journal::Open(database_, &journal).ok());
+    EXPECT_TRUE(store::History::Open(database_, &journal).ok());
     const auto count = [&number](const store::RecordRow&) { return ++number > 0; };
     EXPECT_TRUE(journal->ForEach({.events = {event}}, count).ok());
     return number;

@@ -196,8 +196,8 @@ class ArchiveTest : public StoreTest {
 
   // Everything but what the store wrote about itself.
   Names ReadJournal(Query query = {}) {
-    std::unique_ptr<store::Journal> journal;
-    EXPECT_TRUE(store::Journal::Open(database_, &journal).ok());
+    std::unique_ptr<store::History> journal;
+    EXPECT_TRUE(store::History::Open(database_, &journal).ok());
     Names names = Read(*journal, query);
     std::erase_if(names, [](const std::string& name) { return name.ends_with("Event"); });
     return names;
@@ -226,17 +226,17 @@ TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
 
   // A damaged archive is told and costs nothing else.
   std::filesystem::resize_file(archives.at(0).path, 100);
-  std::unique_ptr<store::Journal> journal;
+  std::unique_ptr<store::History> journal;
   std::vector<std::string> problems;
   int count = 0;
-  ASSERT_OK(store::Journal::Open(database_, &journal));
+  ASSERT_OK(store::History::Open(database_, &journal));
   ASSERT_OK(journal->ForEach(
       {}, [&count](const store::RecordRow&) { return ++count; }, &problems));
   EXPECT_EQ(problems.size(), 1U);
   EXPECT_EQ(count, 11 + 3);
 
   // What was unpacked takes no space once it is read.
-  ASSERT_OK(store::Journal::Open(database_, &journal));
+  ASSERT_OK(store::History::Open(database_, &journal));
   for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     EXPECT_EQ(std::filesystem::read_symlink(file, gone).string().find("usage-stat-archive"),

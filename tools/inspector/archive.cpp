@@ -31,7 +31,7 @@ std::string DirectoryOf(const Options& options) {
 
 int Run(const Options& options) {
   std::vector<store::Archive> archives;
-  store::Status status = store::ActAsOwnerOf(options.database);
+  base::Status status = store::ActAsOwnerOf(options.database);
   if (status.ok())
     status = store::ArchiveRecords(options.database, DirectoryOf(options), &archives);
   if (!status.ok()) return Complain(kFailed, status.message);
@@ -54,7 +54,7 @@ int Run(const Options& options) {
 
 int RunRecover(const Options& options, const std::string& file) {
   store::Recovered recovered;
-  store::Status status = store::ActAsOwnerOf(options.database);
+  base::Status status = store::ActAsOwnerOf(options.database);
   if (status.ok())
     status = store::Recover(file, options.database, DirectoryOf(options), &recovered);
   if (!status.ok()) return Complain(kFailed, status.message);

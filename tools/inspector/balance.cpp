@@ -8,8 +8,8 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
+using base::Status;
 using store::Outcome;
-using store::Status;
 
 std::int64_t SumOf(const std::map<std::string, std::int64_t>& counts) {
   return std::accumulate(counts.begin(), counts.end(), std::int64_t{0},

@@ -56,7 +56,7 @@ struct Balance {
 };
 
 // Reads everything from one state of the database, whatever its collector does meanwhile.
-store::Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance);
+base::Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance);
 
 }  // namespace velmora::usage_stat::inspector
 

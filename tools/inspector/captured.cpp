@@ -17,7 +17,7 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
-using store::Status;
+using base::Status;
 
 bool IsDatabase(std::istream& file) {
   std::string head(15, '\0');
@@ -90,7 +90,7 @@ Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams
   if (!file) return Status::Failed("cannot read " + path);
   if (!IsDatabase(file)) return ReadLines(file, path, datagrams);
   file.close();
-  return ReadRows<store::Journal>(path, datagrams);
+  return ReadRows<store::History>(path, datagrams);
 }
 
 }  // namespace velmora::usage_stat::inspector

@@ -22,7 +22,7 @@ std::optional<std::string> DatagramIn(std::string_view text);
 
 // Reads the datagrams of a database, of an archive, or of lines as usage-stat list writes them with
 // -o json or -o raw; - is standard input, which holds lines.
-store::Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams);
+base::Status ReadCaptured(const std::string& path, std::vector<std::string>* datagrams);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -177,7 +177,7 @@ void CheckClocks(store::Reader* reader, Findings* findings) {
   bool is_sound = true;
   for (const Check& check : checks) {
     std::int64_t count = 0;
-    const store::Status status = reader->connection().Read(check.count, &count);
+    const base::Status status = reader->connection().Read(check.count, &count);
     if (status.ok() && count == 0) continue;
     is_sound = false;
     findings->push_back({"clock", State::kWarn,
@@ -190,7 +190,7 @@ void CheckClocks(store::Reader* reader, Findings* findings) {
 
 void CheckBalance(store::Reader* reader, Findings* findings) {
   Balance balance;
-  const store::Status status = ReadBalance(reader, store::NowMs(), &balance);
+  const base::Status status = ReadBalance(reader, store::NowMs(), &balance);
   if (!status.ok() || !balance.adds_up()) {
     findings->push_back(
         {"balance", State::kFail,
@@ -244,7 +244,7 @@ std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* 
   }
   std::unique_ptr<store::Reader> reader;
   std::string verdict;
-  store::Status status = store::Reader::Open(path, &reader);
+  base::Status status = store::Reader::Open(path, &reader);
   if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
   if (!status.ok() && !store::IsDamage(status)) {
     return add(State::kFail, status.message,

@@ -45,15 +45,15 @@ int Run(Options* options) {
     return Complain(kUsage, "say what to erase: --all, or a choice of records");
   }
   store::Erased erased;
-  store::Status status = store::ActAsOwnerOf(options->database);
+  base::Status status = store::ActAsOwnerOf(options->database);
   if (status.ok()) status = FindBook(options->database, options->book, &options->query);
   // What can't be read goes with a book, so a name that was mistyped must not erase it. A number or
   // a path is taken as it is: what names it may be gone since an erasing that was interrupted.
   if (status.ok() && IsBareName(options->book)) {
     status = store::CountErasable(options->database, options->query, options->directory, &erased);
     if (status.ok() && erased.records == 0) {
-      status = store::Status::Failed("no record names the book \"" + options->book +
-                                     "\": give its number or its path");
+      status = base::Status::Failed("no record names the book \"" + options->book +
+                                    "\": give its number or its path");
     }
   }
   if (!status.ok()) return Complain(kFailed, status.message);

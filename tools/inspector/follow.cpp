@@ -21,7 +21,7 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
-using store::Status;
+using base::Status;
 
 struct Options {
   std::string database;
@@ -70,7 +70,7 @@ class Tail {
 
   Status Open() {
     file_ = IdOf(path_);
-    Status status = store::Journal::Open(path_, &journal_);
+    Status status = store::History::Open(path_, &history_);
     if (status.ok()) status = Read("PRAGMA data_version", &version_);
     return status;
   }
@@ -78,7 +78,7 @@ class Tail {
   // Shows the last so many records of `query`; later ones are new.
   Status ShowLast(std::int64_t count, store::Query query, const RowPrinter& printer) {
     // Ids are counted on even when the newest records have moved to an archive.
-    Status status = journal_->live().LastNumber(&last_id_);
+    Status status = history_->live().LastNumber(&last_id_);
     if (!status.ok() || count == 0) return status;
     query.newest = count;
     return Show(query, printer);
@@ -105,11 +105,11 @@ class Tail {
 
  private:
   Status Read(std::string_view sql, std::int64_t* value) {
-    return journal_->live().connection().Read(sql, value);
+    return history_->live().connection().Read(sql, value);
   }
 
   Status Show(const store::Query& query, const RowPrinter& printer) {
-    return journal_->ForEach(query, [this, &printer](const store::RecordRow& row) {
+    return history_->ForEach(query, [this, &printer](const store::RecordRow& row) {
       printer.Print(row);
       last_id_ = std::max(last_id_, row.id);
       return is_ended == 0;
@@ -118,7 +118,7 @@ class Tail {
 
   std::string path_;
   FileId file_;
-  std::unique_ptr<store::Journal> journal_;
+  std::unique_ptr<store::History> history_;
   std::int64_t version_ = 0;  // changes with each commit of somebody else
   std::int64_t last_id_ = 0;
 };

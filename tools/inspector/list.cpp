@@ -31,7 +31,7 @@ int ListQuarantine(const Options& options) {
   const RowPrinter printer(layout);
   if (!printer.mistake().empty()) return Complain(kUsage, printer.mistake());
   std::unique_ptr<store::Reader> reader;
-  store::Status status =
+  base::Status status =
       store::Reader::Open(options.file.empty() ? options.database : options.file, &reader);
   if (!status.ok()) return Complain(kFailed, status.message);
   printer.PrintHead();
@@ -49,7 +49,7 @@ int Run(const Options& options) {
   }
   if (options.quarantine) return ListQuarantine(options);
   store::Query query = options.query;
-  if (const store::Status found = FindBook(options.database, options.book, &query); !found.ok()) {
+  if (const base::Status found = FindBook(options.database, options.book, &query); !found.ok()) {
     return Complain(kFailed, found.message);
   }
   RowLayout layout = options.layout;
@@ -64,11 +64,11 @@ int Run(const Options& options) {
     return true;
   };
   std::vector<std::string> problems;
-  store::Status status;
+  base::Status status;
   if (options.file.empty()) {
-    std::unique_ptr<store::Journal> journal;
-    status = store::Journal::Open(options.database, &journal);
-    if (status.ok()) status = journal->ForEach(query, print, &problems);
+    std::unique_ptr<store::History> history;
+    status = store::History::Open(options.database, &history);
+    if (status.ok()) status = history->ForEach(query, print, &problems);
   } else {
     std::unique_ptr<store::Reader> reader;
     status = store::Reader::Open(options.file, &reader);

@@ -29,8 +29,8 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
+using base::Status;
 using records::Record;
-using store::Status;
 
 struct Options {
   std::string file;

@@ -29,15 +29,15 @@ int Report(const Options& options) {
   if (options.file.empty() && isatty(STDOUT_FILENO) != 0) {
     return Complain(kUsage, "a page is not for a terminal; give --output FILE");
   }
-  std::unique_ptr<store::Journal> journal;
-  if (auto status = store::Journal::Open(options.database, &journal); !status.ok()) {
+  std::unique_ptr<store::History> history;
+  if (auto status = store::History::Open(options.database, &history); !status.ok()) {
     return Complain(kFailed, status.message);
   }
   const std::int64_t now_ms = store::NowMs();
   const report::Range range =
       report::CompleteRange(options.range.since_ms, options.range.until_ms, now_ms);
   report::Summary summary;
-  if (auto status = report::ReadSummary(journal.get(), range, options.summary, &summary);
+  if (auto status = report::ReadSummary(history.get(), range, options.summary, &summary);
       !status.ok()) {
     return Complain(kFailed, status.message);
   }

@@ -67,10 +67,10 @@ bool IsSame(std::string_view a, std::string_view b) {
 
 // The ids of the books whose title or file name is `name`, as records of new and of opened books
 // have them.
-store::Status BooksCalled(const std::string& database, const std::string& name,
-                          std::set<std::int64_t>* ids) {
+base::Status BooksCalled(const std::string& database, const std::string& name,
+                         std::set<std::int64_t>* ids) {
   std::unique_ptr<store::History> history;
-  store::Status status = store::History::Open(database, &history);
+  base::Status status = store::History::Open(database, &history);
   if (!status.ok()) return status;
   store::Query query;
   query.events = {"NewBooksEventEx", "OpenBookEvent"};
@@ -146,7 +146,7 @@ void AddFilterOptions(Command command, store::Query* query, std::string* book) {
       "Records that name this book: an id, a title, a file name, or a path of the device", book);
 }
 
-store::Status FindBook(const std::string& database, const std::string& name, store::Query* query) {
+base::Status FindBook(const std::string& database, const std::string& name, store::Query* query) {
   if (name.empty()) return {};
   std::int64_t id = 0;
   if (ReadNumber(name, &id)) {
@@ -155,12 +155,12 @@ store::Status FindBook(const std::string& database, const std::string& name, sto
   }
   std::set<std::int64_t> ids;
   if (name.find('/') == std::string::npos) {
-    if (store::Status status = BooksCalled(database, name, &ids); !status.ok()) return status;
+    if (base::Status status = BooksCalled(database, name, &ids); !status.ok()) return status;
   }
   if (ids.size() > 1) {
     std::string list;
     for (const std::int64_t each : ids) list += " " + std::to_string(each);
-    return store::Status::Failed("several books are called \"" + name + "\":" + list);
+    return base::Status::Failed("several books are called \"" + name + "\":" + list);
   }
   query->book_id = ids.empty() ? Stat_GetBookId(name.c_str()) : *ids.begin();
   return {};

@@ -33,7 +33,7 @@ void AddFilterOptions(Command command, store::Query* query, std::string* book);
 // Narrows `query` to the book called `name`, if that isn't empty: by its id, a path of the device,
 // or a title or file name that the records of `database` have. Fails when several books are called
 // so.
-store::Status FindBook(const std::string& database, const std::string& name, store::Query* query);
+base::Status FindBook(const std::string& database, const std::string& name, store::Query* query);
 
 }  // namespace velmora::usage_stat::inspector
 

@@ -23,12 +23,12 @@ namespace velmora::usage_stat::inspector {
 
 namespace {
 
+using base::Status;
 using records::Json;
 using store::Archive;
 using store::Query;
 using store::Reader;
 using store::RecordRow;
-using store::Status;
 
 struct Options {
   std::string database;

@@ -34,14 +34,14 @@ struct Sizes {
   std::size_t archive_count = 0;
 };
 
-store::Status ReadSizes(const std::string& path, store::Reader* reader, Sizes* sizes) {
+base::Status ReadSizes(const std::string& path, store::Reader* reader, Sizes* sizes) {
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path + suffix, error);
     if (!error) sizes->database += static_cast<std::int64_t>(size);
   }
   std::vector<store::Archive> archives;
-  store::Status status = reader->ReadArchives(&archives);
+  base::Status status = reader->ReadArchives(&archives);
   for (const store::Archive& archive : archives) {
     if (archive.state != store::ArchiveState::kComplete) continue;
     sizes->archives += archive.bytes;
@@ -206,7 +206,7 @@ int Run(const Options& options) {
   std::unique_ptr<store::Reader> reader;
   Balance balance;
   Sizes sizes;
-  store::Status status = store::Reader::Open(options.database, &reader);
+  base::Status status = store::Reader::Open(options.database, &reader);
   if (status.ok()) status = ReadBalance(reader.get(), store::NowMs(), &balance);
   if (status.ok()) status = ReadSizes(options.database, reader.get(), &sizes);
   if (!status.ok()) return Complain(kFailed, status.message);

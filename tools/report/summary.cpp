@@ -14,10 +14,10 @@ namespace velmora::usage_stat::report {
 
 namespace {
 
-using store::Journal;
+using base::Status;
+using store::History;
 using store::Query;
 using store::RecordRow;
-using store::Status;
 
 constexpr const char* kOpening = "OpenBookEvent";
 constexpr const char* kNewBooks = "NewBooksEventEx";
@@ -104,13 +104,13 @@ Status CountRefused(store::Reader* reader, Summary* summary) {
 
 // Reads what came before the range: it tells what books are called, and `first_ms`, the last
 // opening, whose session may reach into the range; its begin when there is none.
-Status ReadBefore(Journal* journal, const Range& range, RecordCounter* counter,
+Status ReadBefore(History* history, const Range& range, RecordCounter* counter,
                   std::int64_t* first_ms, std::vector<std::string>* problems) {
   Query query;
   query.until_ms = range.since_ms;
   query.events = {kOpening, kNewBooks};
   std::optional<std::int64_t> last_ms;
-  RETURN_IF_ERROR(journal->ForEach(
+  RETURN_IF_ERROR(history->ForEach(
       query,
       [&](const RecordRow& row) {
         if (row.type == EventFactory::kOpenBook) {
@@ -124,14 +124,14 @@ Status ReadBefore(Journal* journal, const Range& range, RecordCounter* counter,
   return {};
 }
 
-Status CountRecords(Journal* journal, const Range& range, RecordCounter* counter,
+Status CountRecords(History* history, const Range& range, RecordCounter* counter,
                     std::vector<std::string>* problems) {
   Query query;
   std::int64_t first_ms = 0;
-  RETURN_IF_ERROR(ReadBefore(journal, range, counter, &first_ms, problems));
+  RETURN_IF_ERROR(ReadBefore(history, range, counter, &first_ms, problems));
   query.since_ms = first_ms;
   query.until_ms = range.until_ms + kLongestPauseMs;
-  return journal->ForEach(
+  return history->ForEach(
       query,
       [&](const RecordRow& row) {
         counter->Add(row);
@@ -142,13 +142,13 @@ Status CountRecords(Journal* journal, const Range& range, RecordCounter* counter
 
 }  // namespace
 
-Status ReadSummary(Journal* journal, Range range, SummaryOptions options, Summary* summary) {
+Status ReadSummary(History* history, Range range, SummaryOptions options, Summary* summary) {
   RETURN_IF_ERROR(CheckRange(range));
   std::vector<std::string> problems;
   for (const bool hold_all : {false, true}) {
     RecordCounter counter(range, options, hold_all);
     problems.clear();
-    RETURN_IF_ERROR(CountRecords(journal, range, &counter, &problems));
+    RETURN_IF_ERROR(CountRecords(history, range, &counter, &problems));
     *summary = counter.Finish();
     if (!counter.is_out_of_order()) break;
   }
@@ -156,7 +156,7 @@ Status ReadSummary(Journal* journal, Range range, SummaryOptions options, Summar
   problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
   summary->problems = std::move(problems);
 
-  store::Reader& live = journal->live();
+  store::Reader& live = history->live();
   std::int64_t quarantined = 0;
   RETURN_IF_ERROR(live.CountRows(&summary->all_records, &quarantined));
   RETURN_IF_ERROR(CountUndecodable(&live, summary));

@@ -113,10 +113,10 @@ struct SummaryOptions {
   bool with_words = false;  // tell which words were looked up, not only how many
 };
 
-// Sums up what `journal` holds of `range`, archives included. The range must lie on the calendar
+// Sums up what `history` holds of `range`, archives included. The range must lie on the calendar
 // and be no longer than kLongestRangeMs; it is refused otherwise.
-store::Status ReadSummary(store::Journal* journal, Range range, SummaryOptions options,
-                          Summary* summary);
+base::Status ReadSummary(store::History* history, Range range, SummaryOptions options,
+                         Summary* summary);
 
 // A hundred years: more days than that make no page to look at.
 constexpr std::int64_t kLongestRangeMs = std::int64_t{36525} * 24 * 3600 * 1000;

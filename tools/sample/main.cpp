@@ -77,12 +77,12 @@ class Keeper {
     batch_ = {};
   }
 
-  const store::Status& status() const { return status_; }
+  const base::Status& status() const { return status_; }
 
  private:
   store::Writer* writer_;
   store::Batch batch_;
-  store::Status status_;
+  base::Status status_;
 };
 
 int Fail(const std::string& message) {
@@ -91,7 +91,7 @@ int Fail(const std::string& message) {
 }
 
 // The days end with today, by the clock on the wall.
-store::Status MakeDatabase(const Options& options, int number, const std::string& path) {
+base::Status MakeDatabase(const Options& options, int number, const std::string& path) {
   std::unique_ptr<store::Writer> writer;
   if (auto status = store::Writer::Open(path, "sample", &writer); !status.ok()) return status;
   Keeper keeper(writer.get());
@@ -107,7 +107,7 @@ store::Status MakeDatabase(const Options& options, int number, const std::string
   }
   if (number % 10 == 0) keeper.TakeErrors(now_ms);
   keeper.Commit();
-  store::Status status = keeper.status();
+  base::Status status = keeper.status();
   return status.ok() ? writer->Finish() : status;
 }
 
@@ -119,7 +119,7 @@ int Run(const Options& options) {
     return Fail(options.path + " exists; it was left as it is");
   }
   if (options.devices == 0) {
-    const store::Status status = MakeDatabase(options, 0, options.path);
+    const base::Status status = MakeDatabase(options, 0, options.path);
     return status.ok() ? kOk : Fail(status.message);
   }
   if (mkdir(options.path.c_str(), S_IRWXU) != 0) {
@@ -128,7 +128,7 @@ int Run(const Options& options) {
   for (int number = 0; number < options.devices; ++number) {
     std::string name = std::to_string(number + 1);
     name.insert(0, std::to_string(options.devices).size() - name.size(), '0');
-    const store::Status status = MakeDatabase(options, number, options.path + "/" + name + ".db");
+    const base::Status status = MakeDatabase(options, number, options.path + "/" + name + ".db");
     if (!status.ok()) return Fail(status.message);
   }
   return kOk;

@@ -115,9 +115,6 @@ class History {
   std::unique_ptr<Reader> live_;
 };
 
-// Called so before; for callers that are not renamed yet.
-using Journal = History;
-
 }  // namespace velmora::usage_stat::store
 
 #endif  // TOOLS_STORE_READER_H_
