@@ -40,6 +40,7 @@ void WriteBatches(const std::filesystem::path& folder) {
   const auto records = usage_stat_test::SampleRecords();
   for (std::size_t i = 0; i < records.size(); ++i) {
     fleet::Batch batch;
+    batch.level = fleet::Level::kFull;
     batch.store_first = 1;
     batch.runs = {{1, 2, fleet::Reason::kErased}, {6, 9, fleet::Reason::kWithheld}};
     batch.clock_steps = {{3, 60'001}};
