@@ -40,6 +40,16 @@ inline void WriteFile(const std::string& path, const std::string& content) {
   std::ofstream(path) << content;
 }
 
+// Whether every user of the machine can start what lies at `path`; not so below root's home.
+inline bool IsReachedByAll(std::filesystem::path path) {
+  for (; path != path.root_path(); path = path.parent_path()) {
+    const auto rights = std::filesystem::status(path).permissions();
+    if ((rights & std::filesystem::perms::others_exec) == std::filesystem::perms::none)
+      return false;
+  }
+  return true;
+}
+
 }  // namespace usage_stat_test
 
 #endif  // USAGE_STAT_TESTS_SUPPORT_FILES_H_
