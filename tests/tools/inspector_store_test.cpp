@@ -307,7 +307,12 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   };
   CollectorProcess collector(COLLECTOR_COMMAND, folder_.path(), {"--database", database_});
   ASSERT_TRUE(collector.IsUp());
-  ASSERT_TRUE(Eventually([this] { return std::filesystem::exists(database_); }));
+  ASSERT_TRUE(Eventually([this] {
+    std::unique_ptr<store::Reader> reader;
+    std::vector<store::Run> runs;
+    return store::Reader::Open(database_, &reader).ok() && reader->ReadRuns(&runs).ok() &&
+           !runs.empty();
+  }));
   // Under an emulator the program that listens is the emulator.
   const auto program =
       std::filesystem::read_symlink("/proc/" + std::to_string(collector.pid()) + "/exe").filename();
