@@ -324,6 +324,13 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   EXPECT_EQ(Status()["runs"][0]["state"], "running");
   EXPECT_EQ(collector.End(), 0);
 
+  // The end of the collector was noted while a record waited: its clock did not go back.
+  auto writer = OpenWriter();
+  store::RecordRow waited = Row("GoToURLEvent", velmora::usage_stat::base::NowMs() - 5000);
+  ASSERT_OK(writer->Commit({{waited}, {}, {}, {}}));
+  writer.reset();
+  EXPECT_EQ(examine({"--endpoint", Receiver::UniqueEndpoint()}, 1)["clock"], "ok");
+
   const Receiver squatter;
   environment_.push_back("CORVANE_ROOT=" + folder_.path());
   states = examine({"--endpoint", squatter.endpoint()}, 0);
@@ -336,7 +343,7 @@ TEST_F(InspectorTest, FindsWhatIsWrong) {
   EXPECT_EQ(states["root"], "ok");
   EXPECT_EQ(states["setting"], "warn");
 
-  auto writer = OpenWriter();
+  writer = OpenWriter();
   store::RecordRow late = Row("GoToURLEvent", 1000);
   late.received_ms += 100'000;
   ASSERT_OK(writer->Commit({{late}, {}, {}, {}}));

@@ -32,7 +32,7 @@ base::Status Collector::Start() {
   RETURN_IF_ERROR(endpoint_.Bind(options_.endpoint));
   if (options_.store) {
     housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention,
-                         [this](const std::string& damage) { NoteDamage(damage); });
+                         [this](const Housekeeper::Damage& damage) { NoteDamage(damage); });
     RETURN_IF_ERROR(OpenDatabase());
   }
   if (options_.print != Format::kNone) view_.emplace();
@@ -74,11 +74,11 @@ base::Status Collector::OpenDatabase() {
     status = SetAside(status.message);
     if (status.ok()) status = open();
   }
-  if (status.ok()) housekeeper_->Opened(writer_->is_after_loss());
+  if (status.ok()) database_ = housekeeper_->Opened(writer_->is_after_loss());
   return status;
 }
 
-void Collector::NoteDamage(const std::string& damage) {
+void Collector::NoteDamage(const Housekeeper::Damage& damage) {
   {
     const std::lock_guard lock(damage_mutex_);
     damage_ = damage;
@@ -87,13 +87,18 @@ void Collector::NoteDamage(const std::string& damage) {
 }
 
 void Collector::HandleDamage() {
-  std::string damage;
+  Housekeeper::Damage damage;
   {
     const std::lock_guard lock(damage_mutex_);
-    damage.swap(damage_);
+    std::swap(damage, damage_);
   }
-  if (damage.empty()) return;
-  base::Status status = SetAside(damage);
+  if (damage.what.empty()) return;
+  if (damage.database != database_) {
+    // What it was found in has been replaced meanwhile: the present one must not pay for it.
+    database_ = housekeeper_->Opened(true);
+    return;
+  }
+  base::Status status = SetAside(damage.what);
   if (status.ok()) status = OpenDatabase();
   if (!status.ok()) trouble_.Met("cannot begin a new database: " + status.message);
 }
@@ -165,8 +170,10 @@ void Collector::Commit(const store::Batch& batch, std::int64_t datagrams) {
       status = SetAside(status.message);
     }
     if (!status.ok()) {
-      trouble_.Met("cannot write the database: " + status.message +
-                   "; nothing more is received until it can be written");
+      const bool names_it = status.message.find(options_.database_path) != std::string::npos;
+      trouble_.Met("cannot write the database" +
+                   (names_it ? std::string() : " " + options_.database_path) + ": " +
+                   status.message + "; nothing more is received until it can be written");
     }
     if (is_stopping_ && Clock::now() >= stop_by_.load()) {
       lost_ += datagrams;

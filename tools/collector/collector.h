@@ -40,7 +40,7 @@ class Collector {
   // more.
   base::Status SetAside(const std::string& damage);
   // From the housekeeper's thread: damage that it met. The thread that writes acts on it.
-  void NoteDamage(const std::string& damage);
+  void NoteDamage(const Housekeeper::Damage& damage);
   void HandleDamage();
   void ReceiveAll();
   void KeepAll();
@@ -66,7 +66,8 @@ class Collector {
   std::atomic<Clock::time_point> stop_by_{};
   std::int64_t lost_ = 0;  // datagrams
   std::mutex damage_mutex_;
-  std::string damage_;
+  Housekeeper::Damage damage_;
+  std::int64_t database_ = 0;  // as the housekeeper counts them
 };
 
 }  // namespace velmora::usage_stat::collector

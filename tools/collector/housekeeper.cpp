@@ -29,8 +29,7 @@ constexpr std::chrono::hours kCheckRound{24};
 }  // namespace
 
 Housekeeper::Housekeeper(std::string database_path, std::string archive_directory,
-                         store::Retention retention,
-                         std::function<void(const std::string& damage)> on_damage)
+                         store::Retention retention, std::function<void(const Damage&)> on_damage)
     : database_path_(std::move(database_path)),
       archive_directory_(std::move(archive_directory)),
       retention_(retention),
@@ -47,11 +46,12 @@ Housekeeper::~Housekeeper() {
   thread_.join();
 }
 
-void Housekeeper::Opened(bool check) {
+std::int64_t Housekeeper::Opened(bool check) {
   const std::lock_guard lock(mutex_);
   is_opened_ = true;
   is_check_wanted_ = is_check_wanted_ || check;
   wake_.notify_one();
+  return ++opened_;
 }
 
 void Housekeeper::RequestRotation() {
@@ -98,6 +98,7 @@ void Housekeeper::Run() {
     if (has_retention) next = std::min(next, next_age);
     wake_.wait_until(lock, next, has_work);
     const bool is_opened = std::exchange(is_opened_, false);
+    database_ = opened_;
     const bool is_full = limits_size() && committed_bytes_ >= look_after;
     const bool is_check_due = std::exchange(is_check_wanted_, false) || Clock::now() >= next_check;
     is_rotation_due |= std::exchange(is_rotation_wanted_, false);
@@ -163,13 +164,18 @@ void Housekeeper::Check() {
   if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
   reader.reset();
   if (status.ok() && verdict != "ok") status = {SQLITE_CORRUPT, verdict};
-  if (store::IsDamage(status)) on_damage_(status.message);
+  if (store::IsDamage(status)) TellDamage(status);
 }
 
 void Housekeeper::Handle(const base::Status& status, const char* what, Trouble* trouble) {
   if (status.ok()) return trouble->Over();
-  if (store::IsDamage(status)) return on_damage_(status.message);
+  if (store::IsDamage(status)) return TellDamage(status);
   trouble->Met(std::string(what) + ": " + status.message);
+}
+
+void Housekeeper::TellDamage(const base::Status& status) {
+  // A check tells more than one line: the last says what is wrong where.
+  on_damage_({status.message.substr(status.message.rfind('\n') + 1), database_});
 }
 
 }  // namespace velmora::usage_stat::collector

@@ -20,17 +20,23 @@ namespace velmora::usage_stat::collector {
 
 class Housekeeper {
  public:
+  // What is wrong with a database, and which one it was, as Opened() counts them.
+  struct Damage {
+    std::string what;
+    std::int64_t database = 0;
+  };
+
   // `on_damage` is called, on the housekeeper's thread, when the database is found to be damaged.
   Housekeeper(std::string database_path, std::string archive_directory, store::Retention retention,
-              std::function<void(const std::string& damage)> on_damage);
+              std::function<void(const Damage&)> on_damage);
   // Ends after what is under way.
   ~Housekeeper();
   Housekeeper(const Housekeeper&) = delete;
   Housekeeper& operator=(const Housekeeper&) = delete;
 
   // A database was opened. What came before is finished or adopted; after a run that did not end
-  // in order, or on a file that is new, it is looked through.
-  void Opened(bool check);
+  // in order, or on a file that is new, it is looked through. Returns how many were opened so far.
+  std::int64_t Opened(bool check);
 
   // Asks for an archive of what has been committed. Requests that come within a minute of the last
   // archive are served together after it: an application gone wild must not make a file for each.
@@ -51,22 +57,25 @@ class Housekeeper {
   void Check();
   // Tells of a failure, and of damage to whom it concerns.
   void Handle(const base::Status& status, const char* what, Trouble* trouble);
+  void TellDamage(const base::Status& status);
   bool limits_size() const { return retention_.max_bytes > 0; }
   bool IsEnding();
 
   const std::string database_path_;
   const std::string archive_directory_;
   const store::Retention retention_;
-  const std::function<void(const std::string&)> on_damage_;
+  const std::function<void(const Damage&)> on_damage_;
   Trouble preparing_trouble_{"older files are in order"};
   Trouble rotation_trouble_{"archiving works again"};
   Trouble retention_trouble_{"deleting of old records works again"};
 
   Clock::time_point next_rotation_;
+  std::int64_t database_ = 0;  // the one that is looked after now
 
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable has_retained_;
+  std::int64_t opened_ = 0;
   bool is_opened_ = false;
   bool is_check_wanted_ = false;
   bool is_rotation_wanted_ = false;

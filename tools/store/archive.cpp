@@ -126,7 +126,8 @@ Status Complete(Connection* connection, const Archive& archive) {
   RETURN_IF_ERROR(SetState(connection, archive.id, ArchiveState::kComplete));
   // What came from a file of the first schema is no longer asked for there.
   RETURN_IF_ERROR(connection->Execute(
-      "UPDATE archives SET first_record = " + std::to_string(archive.last_record + 1) +
+      "UPDATE archives SET records = max(records - " + std::to_string(archive.records) +
+      ", 0), first_record = " + std::to_string(archive.last_record + 1) +
       " WHERE schema = 1 AND state = 'complete' AND first_record BETWEEN " +
       std::to_string(archive.first_record) + " AND " + std::to_string(archive.last_record)));
   RETURN_IF_ERROR(AddOwnRecord(connection, &event));

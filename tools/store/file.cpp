@@ -2,12 +2,35 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <vector>
 
 namespace velmora::usage_stat::store {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// `path` and what it leads to, link by link.
+std::vector<fs::path> StationsOf(const std::string& path) {
+  constexpr std::size_t kMost = 40;  // as the kernel
+  std::vector<fs::path> stations = {fs::absolute(path)};
+  std::error_code error;
+  while (stations.size() <= kMost && fs::is_symlink(stations.back(), error)) {
+    const fs::path target = fs::read_symlink(stations.back(), error);
+    if (error) break;
+    stations.push_back(stations.back().parent_path() / target);
+  }
+  return stations;
+}
+
+}  // namespace
 
 std::string ImmutableUri(const std::string& path) {
   constexpr char kHex[] = "0123456789ABCDEF";
@@ -31,21 +54,72 @@ Status CreatePrivateFile(const std::string& path) {
 
 Status ActAsOwnerOf(const std::string& path) {
   if (geteuid() != 0) return {};
-  const Descriptor folder(open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  struct stat status {};
-  if (!folder.is_open() || fstat(folder.get(), &status) != 0) {
-    return Status::Errno("cannot open the folder of " + path);
-  }
-  if (status.st_uid == 0) return {};
-  if (setgroups(1, &status.st_gid) != 0 || setegid(status.st_gid) != 0 ||
-      seteuid(status.st_uid) != 0) {
-    return Status::Errno("cannot act as the owner of " + FolderOf(path));
+  // A link leads to where its own folder's owner wants: the first of them who is not root.
+  for (const fs::path& station : StationsOf(path)) {
+    const std::string folder = station.parent_path();
+    const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (!opened.is_open() || fstat(opened.get(), &status) != 0) {
+      return Status::Errno("cannot open the folder of " + path);
+    }
+    if (status.st_uid == 0) continue;
+    if (setgroups(1, &status.st_gid) != 0 || setegid(status.st_gid) != 0 ||
+        seteuid(status.st_uid) != 0) {
+      return Status::Errno("cannot act as the owner of " + folder);
+    }
+    return {};
   }
   return {};
 }
 
-std::string FolderOf(const std::string& path) {
-  return std::filesystem::absolute(path).parent_path();
+std::string TargetOf(const std::string& path) { return StationsOf(path).back(); }
+
+std::string FolderOf(const std::string& path) { return StationsOf(path).back().parent_path(); }
+
+NewFile::~NewFile() {
+  if (file_.is_open()) Remove();
+}
+
+bool NewFile::Lock(int how) {
+  struct stat named {};
+  struct stat locked {};
+  while (flock(file_.get(), how) != 0) {
+    if (errno != EINTR) return false;
+  }
+  // Whoever had it may have given it its name, or removed it.
+  return stat(name_.c_str(), &named) == 0 && fstat(file_.get(), &locked) == 0 &&
+         named.st_dev == locked.st_dev && named.st_ino == locked.st_ino;
+}
+
+void NewFile::Remove() {
+  for (const char* beside : {"", "-journal", "-wal", "-shm"}) unlink((name_ + beside).c_str());
+}
+
+Status NewFile::Begin(const std::string& path) {
+  path_ = path;
+  name_ = path + ".new";
+  do {
+    file_ = Descriptor(
+        open(name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
+    if (!file_.is_open()) return Status::Errno("cannot create " + name_);
+  } while (!Lock(LOCK_EX));
+  for (const char* beside : {"-journal", "-wal", "-shm"}) unlink((name_ + beside).c_str());
+  if (ftruncate(file_.get(), 0) != 0) return Status::Errno("cannot write " + name_);
+  return {};
+}
+
+Status NewFile::Place() {
+  if (rename(name_.c_str(), path_.c_str()) != 0) return Status::Errno("cannot create " + path_);
+  file_ = Descriptor();
+  return SyncFolder(FolderOf(path_));
+}
+
+void NewFile::RemoveLeft(const std::string& path) {
+  NewFile left;
+  left.name_ = path + ".new";
+  left.file_ = Descriptor(open(left.name_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!left.file_.is_open()) return;
+  if (!left.Lock(LOCK_EX | LOCK_NB)) left.file_ = Descriptor();
 }
 
 Status SyncFolder(const std::string& folder) {

@@ -30,8 +30,41 @@ Status CreatePrivateFile(const std::string& path);
 // owns a folder can lead whoever trusts it to any other file. Does nothing for anybody else.
 Status ActAsOwnerOf(const std::string& path);
 
-// The folder that holds `path`.
+// What `path` stands for when it is a symbolic link, or a chain of them, whether that exists or
+// not; else the absolute path. What belongs to a file lies beside the file, not beside a link.
+std::string TargetOf(const std::string& path);
+
+// The folder that holds the target of `path`.
 std::string FolderOf(const std::string& path);
+
+// A file that is made under another name and gets its own when it is complete: nobody ever meets
+// a half of it. One process at a time makes it, others wait. What one leaves behind that was killed
+// the next one removes.
+class NewFile {
+ public:
+  NewFile() = default;
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  // Makes an empty file beside `path`.
+  Status Begin(const std::string& path);
+  // Gives it the name `path`, in the place of what has it.
+  Status Place();
+
+  const std::string& name() const { return name_; }
+
+  // Removes what a killed process left behind of the file at `path`.
+  static void RemoveLeft(const std::string& path);
+
+ private:
+  bool Lock(int how);
+  void Remove();
+
+  std::string path_;
+  std::string name_;
+  Descriptor file_;  // locked
+};
 
 // Brings the names of a folder's files to the disk.
 Status SyncFolder(const std::string& folder);

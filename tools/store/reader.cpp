@@ -385,7 +385,8 @@ Status History::FindNext(const Query& query, std::int64_t position, std::optiona
   RETURN_IF_ERROR(live_->ReadArchives(&archives));
   if (query.reverse) std::ranges::reverse(archives);
   const auto is_next = [&](const Archive& each) {
-    return each.state == ArchiveState::kComplete &&
+    // One whose records have all moved on is only waiting to go.
+    return each.state == ArchiveState::kComplete && each.first_record <= each.last_record &&
            (query.reverse ? each.first_record <= position : each.last_record >= position);
   };
   const auto next = std::ranges::find_if(archives, is_next);
@@ -417,6 +418,9 @@ Status History::Walk(const Query& query, const RecordVisitor& visit,
   for (;;) {
     std::optional<Archive> archive;
     std::optional<std::int64_t> limit;
+    // Rows that move to an archive between the two would be in neither.
+    std::optional<Snapshot> snapshot(&live_->connection());
+    RETURN_IF_ERROR(snapshot->Begin());
     RETURN_IF_ERROR(FindNext(query, position, &archive, &limit));
     Query piece = query;
     piece.newest.reset();
@@ -425,12 +429,14 @@ Status History::Walk(const Query& query, const RecordVisitor& visit,
         (query.reverse ? piece.after_id : piece.last_id) = *limit - (query.reverse ? 1 : 0);
       bool is_end = false;
       RETURN_IF_ERROR(live_->ReadPiece(piece, &position, &rows, &is_end));
+      snapshot.reset();
       if (!Visit(rows, visit, &left)) return {};
       if (!is_end) continue;
       if (!limit) return {};
       position = query.reverse ? *limit - 1 : *limit + 1;
       continue;
     }
+    snapshot.reset();
     const bool is_beyond = query.reverse ? query.after_id && archive->last_record <= *query.after_id
                                          : query.last_id && archive->first_record > *query.last_id;
     if (is_beyond) return {};

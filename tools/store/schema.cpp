@@ -1,19 +1,13 @@
 #include "tools/store/schema.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <map>
-#include <mutex>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -165,8 +159,8 @@ Status RenewViews(Connection* connection) {
   return transaction.Commit();
 }
 
-// What SQLite's header says about a file, read without SQLite: opening somebody else's database
-// could already change it.
+// What SQLite's header says about a file, before SQLite is asked to use it: it could already change
+// somebody else's database.
 enum class Kind { kMissing, kEmpty, kForeign, kOtherVersion, kOurs };
 
 struct Finding {
@@ -182,14 +176,14 @@ std::uint32_t BigEndian(std::string_view bytes) {
   return value;
 }
 
-// Reads the head of an open file.
-Status InspectHead(const std::string& path, int file, Finding* finding) {
-  std::array<char, kHeadSize> head{};
-  const ssize_t size = pread(file, head.data(), head.size(), 0);
-  if (size < 0) return Status::Errno("cannot read " + path);
-  const DatabaseHead said = ReadHead({head.data(), static_cast<std::size_t>(size)});
+// Looks at the file that `connection` has opened, through the connection: closing a descriptor of
+// one's own would release the locks that SQLite holds for other connections of the process.
+Status Inspect(const Connection& connection, Finding* finding) {
+  std::string head;
+  RETURN_IF_ERROR(connection.ReadHead(&head));
+  const DatabaseHead said = ReadHead(head);
   finding->version = said.version;
-  if (size == 0) {
+  if (head.empty()) {
     finding->kind = Kind::kEmpty;
   } else if (!said.is_ours) {
     finding->kind = Kind::kForeign;
@@ -199,32 +193,18 @@ Status InspectHead(const std::string& path, int file, Finding* finding) {
   return {};
 }
 
-Status Inspect(const std::string& path, Finding* finding) {
-  // Databases stay open as long as they exist, each once: closing a descriptor would release the
-  // locks that SQLite holds for the process's other connections to the same file.
-  static std::mutex mutex;
-  static std::map<std::pair<dev_t, ino_t>, Descriptor> kept;
-  const std::lock_guard lock(mutex);
-  std::erase_if(kept, [](const auto& entry) {
-    struct stat status {};
-    return fstat(entry.second.get(), &status) == 0 && status.st_nlink == 0;
-  });
-
+// Opens the file at `path`, if there is one, and looks what it is.
+Status Open(const std::string& path, Connection::Mode mode, Connection* connection,
+            Finding* finding) {
+  *finding = {};
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
     return errno == ENOENT ? Status() : Status::Errno("cannot open " + path);
   }
   // Opening a FIFO would wait for its other end.
   if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
-  const std::pair key(status.st_dev, status.st_ino);
-  if (const auto found = kept.find(key); found != kept.end()) {
-    return InspectHead(path, found->second.get(), finding);
-  }
-  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.is_open()) return Status::Errno("cannot open " + path);
-  Status result = InspectHead(path, file.get(), finding);
-  if (result.ok() && finding->kind == Kind::kOurs) kept.emplace(key, std::move(file));
-  return result;
+  RETURN_IF_ERROR(Connection::Open(path, mode, connection));
+  return Inspect(*connection, finding);
 }
 
 // Why a file is not opened; success for a database of ours.
@@ -246,31 +226,26 @@ Status Judge(const std::string& path, const Finding& finding) {
   return {};
 }
 
-// Makes the database under another name and gives it its own when it is complete, so that a file
-// that was only begun is never met. `kind` is what stands there now.
-Status Create(const std::string& path, Kind kind) {
+// Makes the database, unless another process has made it meanwhile.
+Status Create(const std::string& path) {
   const std::string folder = FolderOf(path);
   if (mkdir(folder.c_str(), kFolderMode) != 0 && errno != EEXIST) {
     return Status::Errno("cannot create the folder " + folder);
   }
+  const std::string target = TargetOf(path);
+  NewFile file;
+  RETURN_IF_ERROR(file.Begin(target));
+  struct stat present {};
+  if (stat(target.c_str(), &present) == 0 && present.st_size > 0) return {};
   // The log of a database that was taken away would be played into the new one.
-  unlink((path + "-wal").c_str());
-  unlink((path + "-shm").c_str());
-
-  const std::string temporary = path + ".new." + std::to_string(getpid());
-  Status status = CreatePrivateFile(temporary);
-  if (!status.ok()) return status;
+  unlink((target + "-wal").c_str());
+  unlink((target + "-shm").c_str());
   {
     Connection connection;
-    status = Connection::Open(temporary, Connection::Mode::kWrite, &connection);
-    if (status.ok()) status = InitializeSchema(&connection);
+    RETURN_IF_ERROR(Connection::Open(file.name(), Connection::Mode::kWrite, &connection));
+    RETURN_IF_ERROR(InitializeSchema(&connection));
   }
-  const unsigned int flags = kind == Kind::kMissing ? RENAME_NOREPLACE : 0;
-  if (status.ok() && renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), flags) != 0) {
-    status = Status::Errno("cannot create " + path);
-  }
-  if (!status.ok()) unlink(temporary.c_str());
-  return status;
+  return file.Place();
 }
 
 }  // namespace
@@ -312,13 +287,18 @@ std::string DefaultArchiveDirectory(const std::string& database_path) {
 
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
   Finding finding;
-  RETURN_IF_ERROR(Inspect(path, &finding));
+  RETURN_IF_ERROR(Open(path, Connection::Mode::kWrite, connection, &finding));
   const bool is_new = created && (finding.kind == Kind::kMissing || finding.kind == Kind::kEmpty);
-  if (Status status = is_new ? Create(path, finding.kind) : Judge(path, finding); !status.ok()) {
-    return status;
+  if (is_new) {
+    *connection = Connection();
+    RETURN_IF_ERROR(Create(path));
+    RETURN_IF_ERROR(Open(path, Connection::Mode::kWrite, connection, &finding));
+  } else if (created != nullptr) {
+    NewFile::RemoveLeft(TargetOf(path));
   }
   if (created) *created = is_new;
-  if (Status status = Connection::Open(path, Connection::Mode::kWrite, connection); !status.ok()) {
+  if (Status status = Judge(path, finding); !status.ok()) {
+    *connection = Connection();
     return status;
   }
   // Nothing that is collected depends on them: a disk that is full now keeps what it has.
@@ -341,7 +321,7 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
     return {SQLITE_READONLY_DBMOVED, path + " was removed or replaced while in use"};
   }
   Finding finding;
-  RETURN_IF_ERROR(Inspect(path, &finding));
+  RETURN_IF_ERROR(Inspect(connection, &finding));
   if (finding.kind == Kind::kEmpty || finding.kind == Kind::kForeign) {
     return {SQLITE_NOTADB, "it was overwritten while in use"};
   }
@@ -349,25 +329,25 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
 }
 
 Status SetAside(const std::string& path, std::string* moved_path) {
-  *moved_path = path + ".damaged-" + std::to_string(NowMs());
-  if (rename(path.c_str(), moved_path->c_str()) != 0) return Status::Errno("cannot move " + path);
-  for (const char* beside : {"-wal", "-shm"}) {
-    if (rename((path + beside).c_str(), (*moved_path + beside).c_str()) != 0 && errno != ENOENT) {
-      return Status::Errno("cannot move " + path + beside);
-    }
+  const std::string target = TargetOf(path);
+  *moved_path = target + ".damaged-" + std::to_string(NowMs());
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const std::string name = target + suffix;
+    if (rename(name.c_str(), (*moved_path + suffix).c_str()) == 0) continue;
+    if (*suffix == '\0' || errno != ENOENT) return Status::Errno("cannot move " + name);
   }
   return {};
 }
 
 Status OpenForReading(const std::string& path, Connection* connection, int* schema) {
   Finding finding;
-  RETURN_IF_ERROR(Inspect(path, &finding));
+  RETURN_IF_ERROR(Open(path, Connection::Mode::kRead, connection, &finding));
   const bool is_of_first_schema = finding.kind == Kind::kOtherVersion && finding.version == 1;
-  if (!is_of_first_schema) RETURN_IF_ERROR(Judge(path, finding));
-  if (schema) *schema = static_cast<int>(finding.version);
-  if (Status status = Connection::Open(path, Connection::Mode::kRead, connection); !status.ok()) {
+  if (Status status = Judge(path, finding); !is_of_first_schema && !status.ok()) {
+    *connection = Connection();
     return status;
   }
+  if (schema) *schema = static_cast<int>(finding.version);
   std::int64_t tables = 0;
   Status status = connection->Read("SELECT count(*) FROM sqlite_schema", &tables);
   // On a read-only medium SQLite can't make the files that it shares with writers. Then there are

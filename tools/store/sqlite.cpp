@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace velmora::usage_stat::store {
@@ -108,7 +110,12 @@ Status Connection::Open(const std::string& path, Mode mode, Connection* connecti
   sqlite3* database = nullptr;
   const int result = sqlite3_open_v2(path.c_str(), &database, FlagsOf(mode), nullptr);
   connection->database_.reset(database);
-  if (result != SQLITE_OK) return StatusOf(database, result);
+  if (result != SQLITE_OK) {
+    Status status = StatusOf(database, result);
+    const int error = database ? sqlite3_system_errno(database) : 0;
+    status.message = "cannot open " + path + ": " + (error ? strerror(error) : status.message);
+    return status;
+  }
   sqlite3_extended_result_codes(database, 1);
   sqlite3_busy_timeout(database, kBusyWaitMs);
   // A database may come from elsewhere: its schema must not run anything.
@@ -147,6 +154,22 @@ bool Connection::is_in_place() const {
   int has_moved = 0;
   (void)sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_HAS_MOVED, &has_moved);
   return has_moved == 0;
+}
+
+Status Connection::ReadHead(std::string* head) const {
+  constexpr sqlite3_int64 kHeadSize = 100;
+  sqlite3_file* file = nullptr;
+  sqlite3_int64 size = 0;
+  (void)sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_FILE_POINTER, &file);
+  if (!file || !file->pMethods) return Status::Failed("no file");
+  int result = file->pMethods->xFileSize(file, &size);
+  head->assign(static_cast<std::size_t>(std::min(size, kHeadSize)), '\0');
+  if (result == SQLITE_OK && size > 0) {
+    result = file->pMethods->xRead(file, head->data(), static_cast<int>(head->size()), 0);
+  }
+  // It was cut off in between.
+  if (result == SQLITE_IOERR_SHORT_READ) result = SQLITE_OK;
+  return result == SQLITE_OK ? Status() : Status{result, sqlite3_errstr(result)};
 }
 
 std::int64_t Connection::LastId() const { return sqlite3_last_insert_rowid(handle()); }

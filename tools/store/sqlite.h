@@ -77,6 +77,10 @@ class Connection {
   // Whether the file that was opened is still at its path.
   bool is_in_place() const;
 
+  // The first bytes of the file itself, as they are now: SQLite looks at nothing and changes
+  // nothing. Fewer than a header when there are no more.
+  Status ReadHead(std::string* head) const;
+
   std::int64_t LastId() const;
   std::int64_t Changes() const;  // rows that the last statement inserted, changed or deleted
   bool in_transaction() const;

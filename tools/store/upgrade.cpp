@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -93,7 +93,6 @@ Status MakeNew(const std::string& source, const std::string& old_path,
                const std::string& new_path) {
   Connection connection;
   Statement attach;
-  RETURN_IF_ERROR(CreatePrivateFile(new_path));
   RETURN_IF_ERROR(Connection::Open(new_path, Connection::Mode::kWrite, &connection));
   RETURN_IF_ERROR(InitializeSchema(&connection));
   RETURN_IF_ERROR(connection.Prepare("ATTACH ? AS old", &attach));
@@ -178,33 +177,41 @@ bool IsOfFirstSchema(const std::string& path) {
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+bool IsSameFile(const std::string& one, const std::string& other) {
+  std::error_code error;
+  return std::filesystem::equivalent(one, other, error);
+}
+
 }  // namespace
 
-std::string UpgradedPath(const std::string& path) { return path + ".schema-1"; }
+std::string UpgradedPath(const std::string& path) { return TargetOf(path) + ".schema-1"; }
 
 bool NeedsUpgrade(const std::string& path) {
   return IsOfFirstSchema(Exists(path) ? path : UpgradedPath(path));
 }
 
 Status BeginUpgrade(const std::string& path) {
-  // The old file steps aside before the new one takes its name. Whoever is killed in between leaves
-  // only the old one, under its other name.
-  const bool is_aside = !Exists(path);
-  std::string old_path = UpgradedPath(path);
-  if (!is_aside && Exists(old_path)) old_path.append("-").append(std::to_string(NowMs()));
-  const std::string new_path = path + ".new." + std::to_string(getpid());
-  const std::string& source = is_aside ? old_path : path;
+  const std::string target = TargetOf(path);
+  NewFile file;
+  RETURN_IF_ERROR(file.Begin(target));
+  // Another process may have done it while this one waited.
+  if (!NeedsUpgrade(target)) return {};
+  std::string old_path = UpgradedPath(target);
+  const bool is_aside = !Exists(target);
+  if (!is_aside && Exists(old_path) && !IsSameFile(target, old_path)) {
+    old_path.append("-").append(std::to_string(NowMs()));
+  }
+  const std::string& source = is_aside ? old_path : target;
   RETURN_IF_ERROR(Settle(source));
-  Status status = MakeNew(source, old_path, new_path);
-  if (status.ok() && !is_aside && rename(path.c_str(), old_path.c_str()) != 0) {
-    status = Status::Errno("cannot move " + path);
+  RETURN_IF_ERROR(MakeNew(source, old_path, file.name()));
+  // The old file has both names until the new one takes the first, so that readers always find one.
+  // A file system that knows no second names leaves them without for a moment; whoever is killed
+  // then leaves only the old one, under its other name.
+  if (!is_aside && link(target.c_str(), old_path.c_str()) != 0 && errno != EEXIST &&
+      rename(target.c_str(), old_path.c_str()) != 0) {
+    return Status::Errno("cannot move " + target);
   }
-  if (status.ok() && rename(new_path.c_str(), path.c_str()) != 0) {
-    status = Status::Errno("cannot create " + path);
-  }
-  if (status.ok()) status = SyncFolder(FolderOf(path));
-  if (!status.ok()) unlink(new_path.c_str());
-  return status;
+  return file.Place();
 }
 
 Status GoOnUpgrading(const std::string& database_path, const std::string& directory,

@@ -9,6 +9,7 @@
 
 #include "src/events/device_events.h"
 #include "tools/base/system.h"
+#include "tools/store/file.h"
 #include "tools/store/recover.h"
 #include "tools/store/schema.h"
 #include "tools/store/upgrade.h"
@@ -42,7 +43,8 @@ FilesBeside FilesBesideOf(const std::string& path) {
     struct stat status {};
     return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
   };
-  return {number_of(path + "-wal"), number_of(path + "-shm")};
+  const std::string target = TargetOf(path);
+  return {number_of(target + "-wal"), number_of(target + "-shm")};
 }
 
 // Names this start of the device.
@@ -147,14 +149,18 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
   RETURN_IF_ERROR(OpenForWriting(path, &connection, &created));
   if (archive_directory.empty()) archive_directory = DefaultArchiveDirectory(path);
   const std::int64_t known = created ? LargestKnownNumber(path, archive_directory) : 0;
-  {
+  const auto begin_run = [&] {
     Transaction transaction(&connection);
     RETURN_IF_ERROR(transaction.Begin());
     if (known > 0) RETURN_IF_ERROR(BeginStore(&connection, known + 1));
     RETURN_IF_ERROR(LookBack(&connection, boot, opened->clock_offset_ms_, &was_killed));
     RETURN_IF_ERROR(EnterRun(&connection, endpoint, boot, opened->clock_offset_ms_, &opened->run_));
     RETURN_IF_ERROR(NoteOpening(&connection, created));
-    RETURN_IF_ERROR(transaction.Commit());
+    return transaction.Commit();
+  };
+  if (Status status = begin_run(); !status.ok()) {
+    status.message = "cannot write " + path + ": " + status.message;
+    return status;
   }
   // A power cut may take the log, but never that this run began: it tells that numbers may have
   // been lost.
