@@ -163,5 +163,67 @@ TEST_F(CollectorKillTest, NothingCommittedIsLostWhereverItDies) {
   std::printf("| %d | %s |\n", deaths, step == 1 ? "each" : "some");
 }
 
+// The numbers and events of what the checked-in files of the first schema hold.
+std::vector<std::string> OldRecords(const std::string& database) {
+  std::vector<std::string> found;
+  std::vector<std::string> problems;
+  std::unique_ptr<store::History> history;
+  const store::Status status = store::History::Open(database, &history);
+  EXPECT_TRUE(status.ok()) << status.message;
+  if (!status.ok()) return found;
+  for (const bool reverse : {false, true}) {
+    const store::Query query{.last_id = 12, .reverse = reverse};
+    const auto visit = [&found](const store::RecordRow& row) {
+      found.push_back(std::to_string(row.id) + row.event);
+      return true;
+    };
+    EXPECT_TRUE(history->ForEach(query, visit, &problems).ok());
+  }
+  EXPECT_TRUE(problems.empty()) << problems.front();
+  return found;
+}
+
+TEST_F(CollectorKillTest, AnUpgradeHidesNothingWhereverItDies) {
+  const int step = std::getenv("USAGE_STAT_THOROUGH_TESTS") ? 1 : 13;
+  const std::string is_done = "SELECT 1 - min(1, count(*)) FROM archives WHERE schema = 1";
+  const auto copy = [this] {
+    std::filesystem::remove_all(folder_.path());
+    std::filesystem::copy(FIRST_SCHEMA, folder_.path(), std::filesystem::copy_options::recursive);
+  };
+  copy();
+  const std::vector<std::string> expected = OldRecords(database_);
+  ASSERT_EQ(expected.size(), 24U);
+  int deaths = 0;
+  bool was_killed = true;
+  for (long kill_at = 1; was_killed && !HasFailure(); kill_at += step) {
+    SCOPED_TRACE("killed at write " + std::to_string(kill_at));
+    copy();
+    {
+      KilledAtWrite collector(Words(), kill_at);
+      Await(collector, is_done, 1);
+      was_killed = collector.End() == -SIGKILL;
+      deaths += was_killed ? 1 : 0;
+    }
+    EXPECT_EQ(OldRecords(database_), expected) << "before the next start";
+    {
+      KilledAtWrite next(Words(), 0);
+      ASSERT_TRUE(Await(next, is_done, 1));
+      ASSERT_TRUE(Send(next, Note(1)));
+      ASSERT_EQ(next.End(), 0);
+    }
+    EXPECT_EQ(OldRecords(database_), expected);
+    EXPECT_EQ(Number("SELECT count(*) FROM quarantine"), 2);
+    for (const auto& file : std::filesystem::recursive_directory_iterator(folder_.path())) {
+      const std::string name = file.path().filename();
+      EXPECT_TRUE(name.starts_with("records.db") ? name.find("new") == std::string::npos &&
+                                                       name.find("schema") == std::string::npos
+                                                 : name == "archives" || name.ends_with(".zst"))
+          << name;
+    }
+  }
+  EXPECT_GT(deaths, 10);
+  std::printf("| upgrade | %d | %s |\n", deaths, step == 1 ? "each" : "some");
+}
+
 }  // namespace
 }  // namespace usage_stat_test

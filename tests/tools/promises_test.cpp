@@ -2,12 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -22,6 +25,7 @@
 #include "tools/store/recover.h"
 #include "tools/store/retention.h"
 #include "tools/store/schema.h"
+#include "tools/store/zstd_file.h"
 
 namespace {
 std::time_t g_clock_is_ahead = 0;  // seconds
@@ -116,6 +120,20 @@ class PromisesTest : public StoreTest {
     return numbers;
   }
 
+  // The damaged database that was set aside; empty when none was.
+  std::string Aside() const {
+    std::string aside;
+    for (const auto& file : fs::directory_iterator(folder_.path())) {
+      const std::string path = file.path();
+      const bool is_beside = path.ends_with("-wal") || path.ends_with("-shm");
+      if (!is_beside && path.find(".damaged-") != std::string::npos) aside = path;
+    }
+    return aside;
+  }
+  ProgramResult Recover() const {
+    return RunProgram({USAGE_STAT, "recover", Aside(), "--database", database_});
+  }
+
   std::optional<CollectorProcess> collector_;
   std::optional<base::EndpointAddress> address_;
   const int socket_ = [] {
@@ -201,7 +219,82 @@ TEST_F(PromisesTest, FirstSchemaIsUpgradedWhileTheSocketIsServed) {
   EXPECT_EQ(fields, "[1,2,3,4,5]");
 }
 
+// ---- Ends ----
+
+TEST_F(PromisesTest, ASocketThatIsShutLateLosesNothing) {
+  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to delay with";
+  const std::string script = folder_ / "delayed";
+  WriteFile(script,
+            "#!/bin/sh\nexec strace -E ASAN_OPTIONS=detect_leaks=0 -D -f -o /dev/null "
+            "--seccomp-bpf -e trace=shutdown -e inject=shutdown:delay_enter=100000 "
+            "\"" COLLECTOR_COMMAND "\" \"$@\"\n");
+  fs::permissions(script, fs::perms::owner_all);
+  collector_.emplace(script, folder_.path(), std::vector<std::string>{"--database", database_});
+  ASSERT_TRUE(Says("listens on the endpoint"));
+  address_ = base::AddressOf(collector_->endpoint());
+  int accepted = 0;
+  while (accepted < 10) accepted += Send(PageTurn(0, accepted)) == 0 ? 1 : 0;
+  collector_->Signal(SIGTERM);
+  for (int error = 0; error == 0 || error == EAGAIN;) {
+    error = Send(PageTurn(0, accepted));
+    if (error == 0) ++accepted;
+  }
+  EXPECT_EQ(collector_->Wait(), 0);
+  EXPECT_GT(accepted, 10) << "nothing came after the signal";
+  EXPECT_EQ(Turns().size(), static_cast<std::size_t>(accepted));
+}
+
 // ---- What others do ----
+
+TEST_F(PromisesTest, AReaderThatStaysOpenDoesNotMakeTheLogGrow) {
+  constexpr int kBatches = 200;
+  auto writer = OpenWriter();
+  store::Batch batch;
+  for (int i = 0; i < 100; ++i) batch.records.push_back(Row("GoToURLEvent", i));
+  for (store::RecordRow& row : batch.records) row.raw.resize(1024, 'u');
+  ASSERT_OK(writer->Commit(batch));
+  std::unique_ptr<store::History> history;
+  ASSERT_OK(store::History::Open(database_, &history));
+  int rows = 0;
+  // The first row is looked at for as long as 20 MB take to come in.
+  ASSERT_OK(history->ForEach({}, [&](const store::RecordRow&) {
+    for (int i = 0; rows == 0 && i < kBatches; ++i) EXPECT_OK(writer->Commit(batch));
+    return ++rows > 0;
+  }));
+  EXPECT_EQ(rows, 1 + 100 * (1 + kBatches)) << "what came meanwhile is read as well";
+  EXPECT_LT(fs::file_size(database_ + "-wal"), 4U * 1024 * 1024);
+}
+
+TEST_F(PromisesTest, ArchivesOfOthersTakeNeitherSpaceNorTime) {
+  {
+    auto writer = OpenWriter();
+    ASSERT_OK(writer->Finish());
+  }
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE); PRAGMA journal_mode = DELETE");
+  // What unpacks for 256 MiB, where its first page tells of some kB.
+  fs::resize_file(database_, 256U * 1024 * 1024);
+  ASSERT_OK(store::CompressFile(database_, folder_ / "endless.db.zst"));
+  EXPECT_LT(fs::file_size(folder_ / "endless.db.zst"), 64U * 1024);
+  ASSERT_EQ(mkfifo((folder_ / "fifo.db.zst").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((folder_ / "fifo.db").c_str(), 0600), 0);
+  WriteFile(folder_ / "text.db.zst", "a shopping list");
+  fs::create_directory(folder_ / "room");
+  const std::pair<const char*, const char*> cases[] = {{"endless.db.zst", "it holds more than"},
+                                                       {"fifo.db.zst", "is not a file"},
+                                                       {"fifo.db", "is not a file"},
+                                                       {"text.db.zst", "text.db.zst"}};
+  for (const auto& [name, complaint] : cases) {
+    SCOPED_TRACE(name);
+    // The limit is on each file that is written.
+    const ProgramResult result =
+        RunProgram({"/bin/sh", "-c", "ulimit -f 2048; exec \"$0\" list --database \"$1\"",
+                    USAGE_STAT, folder_ / name},
+                   {}, {"TMPDIR=" + (folder_ / "room")});
+    EXPECT_EQ(result.exit_code, 1) << result.err;
+    EXPECT_THAT(result.err, HasSubstr(complaint));
+    EXPECT_TRUE(fs::is_empty(folder_ / "room"));
+  }
+}
 
 TEST_F(PromisesTest, RefusedUserFillsNoMemory) {
   if (getuid() != 0) GTEST_SKIP() << "only root can send as another user";
@@ -308,18 +401,15 @@ TEST_F(PromisesTest, DamageIsFoundAndWhatCanBeReadIsRecovered) {
   ASSERT_TRUE(Eventually([this] { return Turns().size() == 51; }));
   EXPECT_EQ(collector_->End(), 0);
 
-  std::string aside;
-  for (const auto& file : fs::directory_iterator(folder_.path())) {
-    const std::string path = file.path();
-    if (path.find(".damaged-") != std::string::npos && !path.ends_with("-wal") &&
-        !path.ends_with("-shm")) {
-      aside = path;
-    }
-  }
-  store::Recovered recovered;
-  ASSERT_OK(store::Recover(aside, database_, folder_ / "archives", &recovered));
-  EXPECT_GT(recovered.records, 500);
-  EXPECT_GT(recovered.unreadable, 0);
+  const ProgramResult result = Recover();
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  long recovered = 0;
+  long unreadable = 0;
+  ASSERT_EQ(std::sscanf(result.out.c_str(), "%ld records recovered, %ld", &recovered, &unreadable),
+            2)
+      << result.out;
+  EXPECT_GT(recovered, 500);
+  EXPECT_GT(unreadable, 0);
   const std::vector<int> turns = Turns();
   EXPECT_GT(turns.size(), 500U);
   EXPECT_LT(turns.size(), kept + 1);
@@ -327,8 +417,55 @@ TEST_F(PromisesTest, DamageIsFoundAndWhatCanBeReadIsRecovered) {
   EXPECT_EQ(turns.back(), 5000);
   EXPECT_EQ(Number("SELECT sum(last_record - first_record + 1) FROM missing "
                    "WHERE reason = 'unreadable'"),
-            recovered.unreadable);
-  EXPECT_FALSE(store::Recover(aside, database_, folder_ / "archives", &recovered).ok());
+            unreadable);
+  EXPECT_EQ(Recover().exit_code, 1) << "its records are there already";
+}
+
+TEST_F(PromisesTest, DamageWhileInUseCostsNoMoreThanWhatItHit) {
+  struct Case {
+    const char* name;
+    void (*harm)(const std::string& path);
+  };
+  const Case cases[] = {
+      {"cut",
+       [](const std::string& path) { fs::resize_file(path, fs::file_size(path) / 2048 * 1024); }},
+      {"garbled", Garble},
+  };
+  constexpr int kBefore = 2000;
+  constexpr int kAfter = 400;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const auto& file : fs::directory_iterator(folder_.path())) fs::remove_all(file);
+    Start();
+    for (int i = 0; i < kBefore; ++i) SendSurely(PageTurn(0, i));
+    ASSERT_TRUE(Eventually([this] { return Turns().size() == kBefore; }));
+    // What is in the log only is out of harm's way.
+    Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+    c.harm(database_);
+    for (int i = 0; i < kAfter; ++i) SendSurely(PageTurn(0, kBefore + i));
+    EXPECT_EQ(collector_->End(), 0);
+    // Whatever it has met of it by now, the check after a kill finds it.
+    Start();
+    collector_->Signal(SIGKILL);
+    collector_->Wait();
+    Start();
+    SendSurely(PageTurn(0, kBefore + kAfter));
+    ASSERT_TRUE(Eventually([this] { return !Aside().empty(); })) << collector_->Err();
+    EXPECT_EQ(collector_->End(), 0);
+    const ProgramResult result = Recover();
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    const std::vector<int> turns = Turns();
+    std::printf("| %s | %zu of %d |\n", c.name, turns.size(), kBefore + kAfter + 1);
+    // How much of the rest depends on which pages the tree of the records had there.
+    EXPECT_GE(turns.size(), kAfter + 1U);
+    const std::int64_t lost = Number(
+        "SELECT sum(last_record - first_record + 1) FROM missing WHERE reason = 'unreadable'");
+    EXPECT_GE(static_cast<std::int64_t>(turns.size()) + lost, kBefore + kAfter);
+    EXPECT_EQ(turns.back(), kBefore + kAfter);
+    EXPECT_TRUE(std::ranges::is_sorted(turns));
+    const std::string database = database_;
+    EXPECT_EQ(Answer(database, "PRAGMA integrity_check"), "ok");
+  }
 }
 
 TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
@@ -488,6 +625,93 @@ TEST_F(PromisesTest, AMemberOfTheGroupReadsInEveryState) {
   EXPECT_TRUE(reads()) << "stopped";
   Start();
   EXPECT_TRUE(reads()) << "starting";
+}
+
+// ---- Where the database is ----
+
+TEST_F(PromisesTest, NoDescriptorStaysForADatabaseThatWasMoved) {
+  Start();
+  const auto open_files = [this] {
+    const fs::directory_iterator files("/proc/" + std::to_string(collector_->pid()) + "/fd");
+    return std::distance(begin(files), end(files));
+  };
+  const auto move = [this](int i) {
+    fs::rename(database_, folder_ / "moved" + std::to_string(i));
+    SendSurely(PageTurn(0, i));
+    ASSERT_TRUE(Eventually([this] { return fs::exists(database_) && Turns().size() == 1; }));
+  };
+  move(0);
+  // What looks through the new file closes it again.
+  auto before = open_files();
+  ASSERT_TRUE(Eventually([&] { return std::exchange(before, open_files()) == before; }));
+  for (int i = 1; i < 8; ++i) move(i);
+  EXPECT_TRUE(Eventually([&] { return open_files() <= before; })) << open_files();
+  EXPECT_EQ(collector_->End(), 0);
+}
+
+TEST_F(PromisesTest, WhatLiesBesideALinkedDatabaseLiesBesideItsFile) {
+  for (const char* name : {"disk", "links"}) fs::create_directory(folder_ / name);
+  const std::string file = folder_ / "disk/kept.db";
+  const std::string link = folder_ / "links/records.db";
+  fs::create_symlink("../disk/kept.db", link);
+  collector_.emplace(COLLECTOR_COMMAND, folder_.path(),
+                     std::vector<std::string>{"--database", link});
+  ASSERT_TRUE(Says("listens on the endpoint"));
+  address_ = base::AddressOf(collector_->endpoint());
+  SendSurely(PageTurn(0, 1));
+  ASSERT_TRUE(Eventually([&] { return Answer(file, "SELECT count(*) FROM change_page") == "1"; }));
+  EXPECT_EQ(RunProgram({USAGE_STAT, "archive", "--database", link}).exit_code, 0);
+  EXPECT_TRUE(fs::exists(folder_ / "disk/archives"));
+  WriteFile(file, std::string(5000, 'x'));
+  SendSurely(PageTurn(0, 2));
+  ASSERT_TRUE(Says("kept as " + (folder_ / "disk/kept.db.damaged-")));
+  ASSERT_TRUE(Eventually([&] { return fs::exists(file); }));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_ / "links"), fs::directory_iterator()), 1);
+  EXPECT_EQ(Answer(file, "SELECT count(*) FROM change_page"), "1");
+}
+
+TEST_F(PromisesTest, CollectorsThatStartAtOnceShareTheDatabaseThatOneOfThemMakes) {
+  constexpr int kCollectors = 6;
+  for (int round = 0; round < 3; ++round) {
+    for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(database_ + suffix);
+    std::vector<std::unique_ptr<CollectorProcess>> collectors;
+    for (int i = 0; i < kCollectors; ++i) {
+      const std::string folder = folder_ / std::to_string(i);
+      fs::remove_all(folder);  // with what the last round said
+      fs::create_directory(folder);
+      collectors.push_back(std::make_unique<CollectorProcess>(
+          COLLECTOR_COMMAND, folder, std::vector<std::string>{"--database", database_}));
+    }
+    for (const auto& collector : collectors) {
+      ASSERT_TRUE(Eventually([&] {
+        return collector->Err().find("listens on the endpoint") != std::string::npos;
+      })) << collector->Err();
+      EXPECT_EQ(collector->End(), 0) << collector->Err();
+    }
+    EXPECT_EQ(Number("SELECT count(*) FROM runs WHERE ended_ms IS NOT NULL"), kCollectors);
+    EXPECT_EQ(Number("SELECT count(*) FROM records"), kCollectors);
+    EXPECT_FALSE(fs::exists(database_ + ".new"));
+  }
+}
+
+TEST_F(PromisesTest, AFileSystemThatIsReadOnlyIsNamed) {
+  const std::string disk = folder_ / "disk";
+  fs::create_directory(disk);
+  if (mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=2m") != 0) {
+    GTEST_SKIP() << "no right to mount a file system";
+  }
+  database_ = disk + "/records.db";
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  ASSERT_EQ(mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  for (const std::string& path : {database_, disk + "/none.db"}) {
+    CollectorProcess collector(COLLECTOR_COMMAND, folder_.path(), {"--database", path});
+    EXPECT_EQ(collector.Wait(), 1);
+    EXPECT_THAT(collector.Err(), HasSubstr(path));
+  }
+  umount2(disk.c_str(), MNT_DETACH);
 }
 
 // ---- What it costs ----

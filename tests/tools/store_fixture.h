@@ -91,7 +91,7 @@ class StoreTest : public testing::Test {
   }
 
   const TempFolder folder_;
-  const std::string database_ = folder_ / "records.db";
+  std::string database_ = folder_ / "records.db";
 };
 
 }  // namespace usage_stat_test

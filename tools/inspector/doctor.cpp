@@ -259,7 +259,7 @@ std::unique_ptr<store::Reader> CheckDatabase(const std::string& path, Findings* 
     return add(
         State::kFail,
         fmt::format("{} is damaged: {}", path, status.ok() ? verdict : status.message),
-        "restart the collector, which puts it aside and begins a new one; sqlite3's .recover "
+        "restart the collector, which puts it aside and begins a new one; usage-stat recover "
         "may save what the old one holds");
   }
   struct stat file {};

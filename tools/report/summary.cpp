@@ -108,6 +108,7 @@ Status ReadBefore(History* history, const Range& range, RecordCounter* counter,
                   std::int64_t* first_ms, std::vector<std::string>* problems) {
   Query query;
   query.until_ms = range.since_ms;
+  query.with_fields = false;
   query.events = {kOpening, kNewBooks};
   std::optional<std::int64_t> last_ms;
   RETURN_IF_ERROR(history->ForEach(
@@ -131,6 +132,7 @@ Status CountRecords(History* history, const Range& range, RecordCounter* counter
   RETURN_IF_ERROR(ReadBefore(history, range, counter, &first_ms, problems));
   query.since_ms = first_ms;
   query.until_ms = range.until_ms + kLongestPauseMs;
+  query.with_fields = false;
   return history->ForEach(
       query,
       [&](const RecordRow& row) {

@@ -25,7 +25,9 @@ std::vector<fs::path> StationsOf(const std::string& path) {
   while (stations.size() <= kMost && fs::is_symlink(stations.back(), error)) {
     const fs::path target = fs::read_symlink(stations.back(), error);
     if (error) break;
-    stations.push_back(stations.back().parent_path() / target);
+    const fs::path next = stations.back().parent_path() / target;
+    stations.push_back(fs::weakly_canonical(next.parent_path(), error) / next.filename());
+    if (error) break;
   }
   return stations;
 }

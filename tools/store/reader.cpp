@@ -21,19 +21,21 @@ namespace velmora::usage_stat::store {
 namespace {
 
 // What one transaction of a reader looks at, and keeps of it, at most.
-constexpr std::int64_t kRowsInPiece = 2000;
+constexpr std::int64_t kNumbersInPiece = 2000;
 constexpr std::size_t kBytesInPiece = std::size_t{256} * 1024;
+constexpr std::size_t kRowBytes = 32;  // beside its texts
 
 // A statement's text and its parameters, which it owns.
 class Filter {
  public:
-  explicit Filter(const Query& query) {
+  Filter(const Query& query, int schema) {
     if (query.since_ms) Add("timestamp_ms >= ?", *query.since_ms);
     if (query.until_ms) Add("timestamp_ms < ?", *query.until_ms);
     if (!query.events.empty()) {
-      text_ += " AND event IN (";
-      for (std::size_t i = 0; i < query.events.size(); ++i) text_ += i == 0 ? "?" : ", ?";
-      text_ += ")";
+      std::string names;
+      for (std::size_t i = 0; i < query.events.size(); ++i) names += i == 0 ? "?" : ", ?";
+      text_ += " AND event IN (" +
+               (schema == 1 ? names : "SELECT id FROM events WHERE name IN (" + names + ")") + ")";
       names_ = &query.events;
     }
   }
@@ -59,21 +61,10 @@ class Filter {
 };
 
 // Whether what can't be asked for in SQL matches: the meaning of fields is not in the database.
-bool MatchesFields(const Query& query, const RecordRow& row) {
+bool MatchesFields(const Query& query, std::string_view raw) {
   return (!query.application ||
-          records::Names(row.raw, usage_stat::Kind::kApplication, *query.application)) &&
-         (!query.book_id || records::Names(row.raw, usage_stat::Kind::kBookId, *query.book_id));
-}
-
-RecordRow RecordOf(const Statement& row) {
-  return {row.Int(0),
-          row.Int(1),
-          {row.Int(2), row.Int(3)},
-          static_cast<int>(row.Int(4)),
-          std::string(row.Text(5)),
-          row.Int(6),
-          std::string(row.Text(7)),
-          std::string(row.Text(8))};
+          records::Names(raw, usage_stat::Kind::kApplication, *query.application)) &&
+         (!query.book_id || records::Names(raw, usage_stat::Kind::kBookId, *query.book_id));
 }
 
 QuarantineRow QuarantinedOf(const Statement& row) {
@@ -154,7 +145,7 @@ std::int64_t StartOf(const Query& query) {
 }
 
 // Hands out rows until the visitor or the query has enough; false then.
-bool Visit(const std::vector<RecordRow>& rows, const RecordVisitor& visit,
+bool Visit(std::span<const RecordRow> rows, const RecordVisitor& visit,
            std::optional<std::int64_t>* left) {
   for (const RecordRow& row : rows) {
     if (*left && **left <= 0) return false;
@@ -176,55 +167,87 @@ void RemoveAbandonedUnpacked() {
   }
 }
 
-Status Reader::Open(const std::string& path, std::unique_ptr<Reader>* reader) {
+Status Reader::Open(const std::string& path, std::unique_ptr<Reader>* reader,
+                    Connection::Mode mode) {
   auto opened = std::unique_ptr<Reader>(new Reader);
-  RETURN_IF_ERROR(IsArchive(path) ? OpenUnpacked(path, &opened->connection_, &opened->schema_)
-                                  : OpenForReading(path, &opened->connection_, &opened->schema_));
+  RETURN_IF_ERROR(IsArchive(path)
+                      ? OpenUnpacked(path, &opened->connection_, &opened->schema_)
+                      : OpenForReading(path, &opened->connection_, &opened->schema_, mode));
   *reader = std::move(opened);
   return {};
 }
 
-Status Reader::ReadPiece(const Query& query, std::int64_t* position, std::vector<RecordRow>* rows,
+const std::pair<int, std::string>* Reader::FindEvent(std::int64_t number) {
+  auto found = events_.find(number);
+  if (found != events_.end()) return &found->second;
+  Statement select;
+  if (!connection_.Prepare("SELECT id, type, name FROM events", &select).ok()) return nullptr;
+  while (select.Step()) {
+    events_[select.Int(0)] = {static_cast<int>(select.Int(1)), std::string(select.Text(2))};
+  }
+  found = events_.find(number);
+  return found == events_.end() ? nullptr : &found->second;
+}
+
+Status Reader::ReadPiece(const Query& query, std::int64_t* position, RowBuffer* rows,
                          bool* is_end) {
-  rows->clear();
+  rows->Clear();
   const bool is_down = query.reverse;
-  const Filter filter(query);
+  const Filter filter(query, schema_);
   Snapshot snapshot(&connection_);
   RETURN_IF_ERROR(snapshot.Begin());
 
-  // The range of numbers that this piece looks at.
-  Statement bounds;
+  // The range of numbers that this piece looks at, from the next one that there is.
+  Statement next;
   RETURN_IF_ERROR(connection_.Prepare(
-      is_down ? "SELECT min(id), max(id) FROM (SELECT id FROM records WHERE id <= ? "
-                "ORDER BY id DESC LIMIT ?)"
-              : "SELECT min(id), max(id) FROM (SELECT id FROM records WHERE id >= ? "
-                "ORDER BY id LIMIT ?)",
-      &bounds));
-  if (!bounds.Bind(1, *position).Bind(2, kRowsInPiece).Step()) return bounds.status();
-  *is_end = bounds.IsNull(0);
+      is_down ? "SELECT max(id) FROM records WHERE id <= ?"
+              : "SELECT min(id), (SELECT max(id) FROM records) FROM records WHERE id >= ?",
+      &next));
+  if (!next.Bind(1, *position).Step()) return next.status();
+  *is_end = next.IsNull(0);
   if (*is_end) return {};
-  std::int64_t first = bounds.Int(0);
-  std::int64_t last = bounds.Int(1);
+  std::int64_t first = next.Int(0);
+  std::int64_t last = first;
+  if (is_down) {
+    first = std::max(first, INT64_MIN + kNumbersInPiece) - kNumbersInPiece;
+  } else {
+    // Not beyond what there is: more may come until the next piece is read.
+    last = std::min(std::min(last, INT64_MAX - kNumbersInPiece) + kNumbersInPiece, next.Int(1));
+  }
   if (query.last_id) last = std::min(last, *query.last_id);
   if (query.after_id) first = std::max(first, *query.after_id + 1);
   *is_end = first > last;
   if (*is_end) return {};
 
+  const bool is_first_schema = schema_ == 1;
   Statement select;
-  RETURN_IF_ERROR(connection_.Prepare(
-      "SELECT id, received_ms, pid, uid, type, event, timestamp_ms, fields, raw FROM " +
-          std::string(schema_ == 1 ? "records" : "record_list") + " WHERE id BETWEEN ? AND ?" +
-          filter.text() + (is_down ? " ORDER BY id DESC" : " ORDER BY id"),
-      &select));
+  RETURN_IF_ERROR(connection_.Prepare("SELECT id, received_ms, pid, uid, event, timestamp_ms, raw" +
+                                          std::string(query.with_fields ? ", fields" : ", ''") +
+                                          (is_first_schema ? ", type" : "") +
+                                          " FROM records WHERE id BETWEEN ? AND ?" + filter.text() +
+                                          (is_down ? " ORDER BY id DESC" : " ORDER BY id"),
+                                      &select));
   filter.Bind(3, &select);
   select.Bind(1, first).Bind(2, last);
   std::size_t bytes = 0;
   while (bytes < kBytesInPiece && select.Step()) {
-    RecordRow row = RecordOf(select);
     // What is passed over need not be looked at again.
-    *position = row.id;
-    bytes += row.fields.size() + row.raw.size();
-    if (MatchesFields(query, row)) rows->push_back(std::move(row));
+    *position = select.Int(0);
+    const std::string_view raw = select.Text(6);
+    bytes += kRowBytes + raw.size();
+    if (!MatchesFields(query, raw)) continue;
+    const auto* event = is_first_schema ? nullptr : FindEvent(select.Int(4));
+    if (!is_first_schema && !event) continue;
+    RecordRow* row = rows->Add();
+    row->id = *position;
+    row->received_ms = select.Int(1);
+    row->sender = {select.Int(2), select.Int(3)};
+    row->type = event ? event->first : static_cast<int>(select.Int(8));
+    row->event = event ? std::string_view(event->second) : select.Text(4);
+    row->timestamp_ms = select.Int(5);
+    row->raw = raw;
+    row->fields = select.Text(7);
+    bytes += row->fields.size();
   }
   if (bytes < kBytesInPiece) {
     RETURN_IF_ERROR(select.status());
@@ -244,10 +267,10 @@ Status Reader::ForEach(const Query& query, const RecordVisitor& visit) {
   std::optional<std::int64_t> left = query.newest;
   if (left == 0) return {};
   std::int64_t position = StartOf(query);
-  std::vector<RecordRow> rows;
+  RowBuffer rows;
   for (bool is_end = false; !is_end;) {
     RETURN_IF_ERROR(ReadPiece(query, &position, &rows, &is_end));
-    if (!Visit(rows, visit, &left)) return {};
+    if (!Visit(rows.rows(), visit, &left)) return {};
   }
   return {};
 }
@@ -414,7 +437,7 @@ Status History::Walk(const Query& query, const RecordVisitor& visit,
   std::optional<std::int64_t> left = query.newest;
   if (left == 0) return {};
   std::int64_t position = StartOf(query);
-  std::vector<RecordRow> rows;
+  RowBuffer rows;
   for (;;) {
     std::optional<Archive> archive;
     std::optional<std::int64_t> limit;
@@ -430,7 +453,7 @@ Status History::Walk(const Query& query, const RecordVisitor& visit,
       bool is_end = false;
       RETURN_IF_ERROR(live_->ReadPiece(piece, &position, &rows, &is_end));
       snapshot.reset();
-      if (!Visit(rows, visit, &left)) return {};
+      if (!Visit(rows.rows(), visit, &left)) return {};
       if (!is_end) continue;
       if (!limit) return {};
       position = query.reverse ? *limit - 1 : *limit + 1;
@@ -452,7 +475,7 @@ Status History::Walk(const Query& query, const RecordVisitor& visit,
       Status status = Reader::Open(file, &reader);
       if (status.ok()) {
         status = reader->ForEach(piece, [&](const RecordRow& row) {
-          has_enough = !Visit({row}, visit, &left);
+          has_enough = !Visit({&row, 1}, visit, &left);
           return !has_enough;
         });
       }

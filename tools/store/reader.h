@@ -4,11 +4,15 @@
 #ifndef TOOLS_STORE_READER_H_
 #define TOOLS_STORE_READER_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "tools/store/row.h"
@@ -28,11 +32,29 @@ struct Query {
   std::optional<std::int64_t> last_id = {};   // up to this one
   std::optional<std::int64_t> newest = {};    // the last so many of what matches
   bool reverse = false;                       // newest first
+  bool with_fields = true;  // false leaves RecordRow::fields empty, for who reads the datagram
 };
 
 // Is called for each row in turn; returns false to see no more.
 using RecordVisitor = std::function<bool(const RecordRow&)>;
 using QuarantineVisitor = std::function<bool(const QuarantineRow&)>;
+
+// The rows of one piece. They are filled again and again, so that their texts need no new memory.
+class RowBuffer {
+ public:
+  // One more row, with whatever it held before.
+  RecordRow* Add() {
+    if (size_ == rows_.size()) rows_.emplace_back();
+    return &rows_[size_++];
+  }
+  void Clear() { size_ = 0; }
+
+  std::span<const RecordRow> rows() const { return {rows_.data(), size_}; }
+
+ private:
+  std::vector<RecordRow> rows_;
+  std::size_t size_ = 0;
+};
 
 // Reads one file. Records come in the order in which they were received, which is that of their
 // numbers. They are read in pieces, each in a short transaction that is over when its rows are
@@ -41,7 +63,8 @@ class Reader {
  public:
   // Opens a database or an archive. An archive is unpacked into a nameless temporary file of at
   // most kLargestUnpacked bytes and a little.
-  static Status Open(const std::string& path, std::unique_ptr<Reader>* reader);
+  static Status Open(const std::string& path, std::unique_ptr<Reader>* reader,
+                     Connection::Mode mode = Connection::Mode::kRead);
 
   Status ForEach(const Query& query, const RecordVisitor& visit);
   Status ForEachQuarantined(const QuarantineVisitor& visit);
@@ -75,10 +98,12 @@ class Reader {
 
   // The next rows from `*position` on that match; fewer than there are, and none while it passes
   // over others. `*position` is moved; `*is_end` tells that there is nothing behind it.
-  Status ReadPiece(const Query& query, std::int64_t* position, std::vector<RecordRow>* rows,
-                   bool* is_end);
+  Status ReadPiece(const Query& query, std::int64_t* position, RowBuffer* rows, bool* is_end);
+  // The type and name of an event by its number in this file; null when the file does not tell.
+  const std::pair<int, std::string>* FindEvent(std::int64_t number);
 
   Connection connection_;
+  std::unordered_map<std::int64_t, std::pair<int, std::string>> events_;
   int schema_ = 0;
 };
 

@@ -56,7 +56,7 @@ std::int64_t LastNumberIn(const std::string& path) {
   Connection connection;
   std::int64_t number = 0;
   std::int64_t largest = 0;
-  bool is_sure = OpenForReading(path, &connection).ok();
+  bool is_sure = OpenForReading(path, &connection, nullptr, Connection::Mode::kRescue).ok();
   for (const char* query :
        {"SELECT max(id) FROM records", "SELECT max(last_record) FROM archives"}) {
     if (connection.handle() && connection.Read(query, &number).ok()) {
@@ -306,7 +306,7 @@ Status Recover(const std::string& file, const std::string& database_path,
   RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
   RETURN_IF_ERROR(FinishArchives(&maintenance));
   std::unique_ptr<Reader> damaged;
-  RETURN_IF_ERROR(Reader::Open(file, &damaged));
+  RETURN_IF_ERROR(Reader::Open(file, &damaged, Connection::Mode::kRescue));
 
   // What its own archives hold is not lost; what comes behind them is looked for.
   std::int64_t last = LastNumberIn(file);

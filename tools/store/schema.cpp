@@ -244,6 +244,8 @@ Status Create(const std::string& path) {
     Connection connection;
     RETURN_IF_ERROR(Connection::Open(file.name(), Connection::Mode::kWrite, &connection));
     RETURN_IF_ERROR(InitializeSchema(&connection));
+    // From the start, so that no moment's journal keeps those out who may only read.
+    RETURN_IF_ERROR(connection.Execute("PRAGMA journal_mode = WAL"));
   }
   return file.Place();
 }
@@ -288,12 +290,14 @@ std::string DefaultArchiveDirectory(const std::string& database_path) {
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created) {
   Finding finding;
   RETURN_IF_ERROR(Open(path, Connection::Mode::kWrite, connection, &finding));
-  const bool is_new = created && (finding.kind == Kind::kMissing || finding.kind == Kind::kEmpty);
+  const bool may_create = created;
+  const bool is_new =
+      may_create && (finding.kind == Kind::kMissing || finding.kind == Kind::kEmpty);
   if (is_new) {
     *connection = Connection();
     RETURN_IF_ERROR(Create(path));
     RETURN_IF_ERROR(Open(path, Connection::Mode::kWrite, connection, &finding));
-  } else if (created != nullptr) {
+  } else if (may_create) {
     NewFile::RemoveLeft(TargetOf(path));
   }
   if (created) *created = is_new;
@@ -339,9 +343,10 @@ Status SetAside(const std::string& path, std::string* moved_path) {
   return {};
 }
 
-Status OpenForReading(const std::string& path, Connection* connection, int* schema) {
+Status OpenForReading(const std::string& path, Connection* connection, int* schema,
+                      Connection::Mode mode) {
   Finding finding;
-  RETURN_IF_ERROR(Open(path, Connection::Mode::kRead, connection, &finding));
+  RETURN_IF_ERROR(Open(path, mode, connection, &finding));
   const bool is_of_first_schema = finding.kind == Kind::kOtherVersion && finding.version == 1;
   if (Status status = Judge(path, finding); !is_of_first_schema && !status.ok()) {
     *connection = Connection();

@@ -64,7 +64,8 @@ Status InitializeSchema(Connection* connection);
 // Opens the database at `path` for reading. Refuses what OpenForWriting() refuses, and a missing
 // file. Nothing is written except what SQLite itself needs beside a database that is in use.
 // `schema`, which may be null, tells its version: this program's, or 1, which it can read as well.
-Status OpenForReading(const std::string& path, Connection* connection, int* schema = nullptr);
+Status OpenForReading(const std::string& path, Connection* connection, int* schema = nullptr,
+                      Connection::Mode mode = Connection::Mode::kRead);
 
 }  // namespace velmora::usage_stat::store
 

@@ -21,6 +21,7 @@ Status StatusOf(sqlite3* database, int result) {
 int FlagsOf(Connection::Mode mode) {
   switch (mode) {
     case Connection::Mode::kRead:
+    case Connection::Mode::kRescue:
       return SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
     case Connection::Mode::kWrite:
       return SQLITE_OPEN_READWRITE;
@@ -119,7 +120,9 @@ Status Connection::Open(const std::string& path, Mode mode, Connection* connecti
   sqlite3_extended_result_codes(database, 1);
   sqlite3_busy_timeout(database, kBusyWaitMs);
   // A database may come from elsewhere: its schema must not run anything.
-  sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  const bool is_rescue = mode == Mode::kRescue;
+  sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, is_rescue ? 0 : 1, nullptr);
+  sqlite3_db_config(database, SQLITE_DBCONFIG_WRITABLE_SCHEMA, is_rescue ? 1 : 0, nullptr);
   sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   return {};
 }

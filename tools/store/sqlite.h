@@ -62,7 +62,8 @@ class Statement {
 // One connection to a database. For one thread at a time.
 class Connection {
  public:
-  enum class Mode { kRead, kWrite, kCreate };
+  // kRescue reads what it can of a file that is shorter than it says.
+  enum class Mode { kRead, kRescue, kWrite, kCreate };
 
   // A connection that waits a second for other writers before it gives up.
   static Status Open(const std::string& path, Mode mode, Connection* connection);

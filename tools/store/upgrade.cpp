@@ -41,8 +41,11 @@ INSERT INTO sqlite_sequence SELECT name, seq FROM old.sqlite_sequence WHERE name
 // Brings all that was committed into the file itself.
 Status Settle(const std::string& path) {
   Connection connection;
+  std::int64_t is_busy = 0;
   RETURN_IF_ERROR(Connection::Open(path, Connection::Mode::kWrite, &connection));
-  return connection.Execute("PRAGMA wal_checkpoint(TRUNCATE); PRAGMA journal_mode = DELETE");
+  // Its mode stays: while it changes, nobody who may only read could.
+  RETURN_IF_ERROR(connection.Read("PRAGMA wal_checkpoint(TRUNCATE)", &is_busy));
+  return is_busy == 0 ? Status() : Status::Failed(path + " is in use");
 }
 
 // Lists the old database in the new one: as an archive, with counts as if its rows had been moved.
@@ -103,7 +106,8 @@ Status MakeNew(const std::string& source, const std::string& old_path,
   RETURN_IF_ERROR(BeginStore(&connection));
   RETURN_IF_ERROR(connection.Execute(kTakeAlong));
   RETURN_IF_ERROR(ListOldRows(&connection, old_path));
-  return transaction.Commit();
+  RETURN_IF_ERROR(transaction.Commit());
+  return connection.Execute("DETACH old; PRAGMA main.journal_mode = WAL");
 }
 
 // Moves the quarantine of the old database, a few rows at once. They are deleted there after they
@@ -140,6 +144,10 @@ Status MoveQuarantine(Connection* connection, const Archive& old) {
   return status.ok() ? end : status;
 }
 
+void RemoveLog(const std::string& path) {
+  for (const char* suffix : {"-wal", "-shm"}) unlink((path + suffix).c_str());
+}
+
 // Moves the records of one file, and the file out of the way.
 Status MoveRecords(Maintenance* maintenance, const std::string& directory, const Archive& old,
                    const std::function<bool()>& should_stop) {
@@ -159,6 +167,7 @@ Status MoveRecords(Maintenance* maintenance, const std::string& directory, const
   }
   // A file that is not listed any more is a stranger; so it goes first.
   if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
+  RemoveLog(path);
   return maintenance->connection.Execute("DELETE FROM archives WHERE id = " +
                                          std::to_string(old.id));
 }
@@ -211,6 +220,8 @@ Status BeginUpgrade(const std::string& path) {
       rename(target.c_str(), old_path.c_str()) != 0) {
     return Status::Errno("cannot move " + target);
   }
+  // The log is empty, and would be taken for the new one's.
+  RemoveLog(target);
   return file.Place();
 }
 
