@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -73,8 +74,9 @@ class CollectorKillTest : public testing::Test {
                : -1;
   }
   bool Await(const KilledAtWrite& collector, const std::string& query, std::int64_t number) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (Number(query) < number) {
-      if (!collector.is_alive()) return false;
+      if (!collector.is_alive() || std::chrono::steady_clock::now() > deadline) return false;
       usleep(500);
     }
     return true;

@@ -372,7 +372,9 @@ Status Recover(const std::string& file, const std::string& database_path,
     archive.state = ArchiveState::kComplete;
     recovered->archives.push_back(std::move(archive));
   }
-  if (status.ok() && highest > 0) {
+  // Where nothing is left, and nothing tells how far the numbers went, these are the most it can
+  // be.
+  if (status.ok()) {
     status = NoteUnreadable(&maintenance.connection, rescued.get(), first, std::max(last, highest),
                             &recovered->unreadable);
   }

@@ -148,6 +148,16 @@ void RemoveLog(const std::string& path) {
   for (const char* suffix : {"-wal", "-shm"}) unlink((path + suffix).c_str());
 }
 
+// Removes a file of which everything has moved on.
+Status Forget(Maintenance* maintenance, const Archive& old) {
+  const std::string path = LocateArchive(maintenance->path, old);
+  // A file that is not listed any more is a stranger; so it goes first.
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
+  RemoveLog(path);
+  return maintenance->connection.Execute("DELETE FROM archives WHERE id = " +
+                                         std::to_string(old.id));
+}
+
 // Moves the records of one file, and the file out of the way.
 Status MoveRecords(Maintenance* maintenance, const std::string& directory, const Archive& old,
                    const std::function<bool()>& should_stop) {
@@ -165,11 +175,7 @@ Status MoveRecords(Maintenance* maintenance, const std::string& directory, const
       after = made.last_record;
     }
   }
-  // A file that is not listed any more is a stranger; so it goes first.
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
-  RemoveLog(path);
-  return maintenance->connection.Execute("DELETE FROM archives WHERE id = " +
-                                         std::to_string(old.id));
+  return Forget(maintenance, old);
 }
 
 bool IsOfFirstSchema(const std::string& path) {
@@ -237,9 +243,13 @@ Status GoOnUpgrading(const std::string& database_path, const std::string& direct
     if (old.schema != 1) continue;
     if (should_stop()) break;
     // One that can't be read stays, and holds up nothing else.
-    Status status =
-        old.path.ends_with(".zst") ? Status() : MoveQuarantine(&maintenance.connection, old);
-    if (status.ok()) status = MoveRecords(&maintenance, directory, old, should_stop);
+    Status status;
+    if (old.records == 0 && !Exists(LocateArchive(database_path, old))) {
+      status = Forget(&maintenance, old);  // as was begun before
+    } else {
+      if (!old.path.ends_with(".zst")) status = MoveQuarantine(&maintenance.connection, old);
+      if (status.ok()) status = MoveRecords(&maintenance, directory, old, should_stop);
+    }
     if (!status.ok() && first_failure.ok()) first_failure = status;
   }
   return first_failure;
