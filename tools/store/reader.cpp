@@ -162,7 +162,7 @@ void RemoveAbandonedUnpacked() {
   for (const auto& entry : std::filesystem::directory_iterator(TemporaryFolder(), error)) {
     const std::string path = entry.path();
     if (!entry.path().filename().string().starts_with(kUnpackedName)) continue;
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.is_open() && flock(file.get(), LOCK_EX | LOCK_NB) == 0) unlink(path.c_str());
   }
 }
