@@ -93,7 +93,8 @@ int main(int argc, char** argv) {
   const std::vector<std::string> vectors = Vectors(argv[1]);
   for (const std::string& datagram : vectors) std::printf("%s\n", base::ToHex(datagram).c_str());
   for (long left = std::atol(argv[2]); left > 0; --left) {
-    const auto read = records::Read(vectors[random() % vectors.size()]);
+    const auto chosen = static_cast<std::size_t>(random() % vectors.size());  // 32 bits on ARM
+    const auto read = records::Read(vectors[chosen]);
     Dice dice(*read->type, &random);
     read->type->edit(read->event.get(), &dice);
     // Mostly of these years, some of any time.
