@@ -8,6 +8,8 @@
 #include <charconv>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <utility>
 
 #include "corvane/corvane.h"
 #include "corvane/log.h"
@@ -46,10 +48,22 @@ char* NextLine(char* line, int capacity, void* stream) {
   return line;
 }
 
+struct Parsed {
+  ConfigValues values;
+  bool is_out_of_memory = false;
+};
+
 // Keeps keys outside sections only: this interface has no sections, so the same key of two sections
-// could not be told apart. The last of several assignments counts.
+// could not be told apart. The last of several assignments counts. Lack of memory is noted, not
+// thrown: on ARM no exception gets through the frames of a library in C, and the process would end.
 int StoreValue(void* user, const char* section, const char* key, const char* value) {
-  if (*section == '\0') static_cast<ConfigValues*>(user)->insert_or_assign(key, value);
+  auto& parsed = *static_cast<Parsed*>(user);
+  if (*section != '\0') return 1;
+  try {
+    parsed.values.insert_or_assign(key, value);
+  } catch (const std::bad_alloc&) {
+    parsed.is_out_of_memory = true;
+  }
   return 1;
 }
 
@@ -62,29 +76,31 @@ const ConfigValues& LoadedValues(CorvaneConfig* config) {
 }  // namespace
 
 ConfigValues ParseConfig(std::string_view text) {
-  ConfigValues values;
-  const int bad_line = ini_parse_stream(NextLine, &text, StoreValue, &values);
+  Parsed parsed;
+  const int bad_line = ini_parse_stream(NextLine, &text, StoreValue, &parsed);
+  if (parsed.is_out_of_memory) throw std::bad_alloc();
   if (bad_line != 0) {
     CORVANE_LOG(kLogWarning, "line %d is no key=value line and was ignored", bad_line);
   }
-  return values;
+  return std::move(parsed.values);
 }
 
 std::shared_ptr<const ConfigValues> ConfigFile::Read() {
   // Looked at before the file is read: what changes meanwhile shows the next time.
-  const std::optional<FileState> state = StateOf(path_.c_str());
+  std::optional<FileState> state = StateOf(path_.c_str());
   if (state && state == state_) return values_;
-  state_ = state && state->IsSettled() ? state : std::nullopt;
+  if (state && !state->IsSettled()) state.reset();
   std::string text;
   const int error = ReadRegularFile(path_.c_str(), kMaxConfigSize, &text);
   if (error != 0 && error != ENOENT && error != ENOTDIR) {
     CORVANE_LOG(kLogError, "can't read %s: %s", path_.c_str(), strerrordesc_np(error));
-    state_.reset();
+    state.reset();
   }
   ConfigValues values = ParseConfig(text);
   if (!values_ || *values_ != values) {
     values_ = std::make_shared<const ConfigValues>(std::move(values));
   }
+  state_ = state;  // when nothing more can fail: memory may have run out above
   return values_;
 }
 
