@@ -69,23 +69,6 @@ std::set<std::string, std::less<>> KnownStores(store::Connection* connection, St
   return known;
 }
 
-// Overwritten first, since an unlinked file can still be found on the disk. Not by SQLite, whose
-// journal would hold what it overwrites.
-Status Shred(const std::string& path) {
-  if (access(path.c_str(), F_OK) != 0) return {};
-  const base::Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  struct stat found {};
-  if (!file.is_open() || fstat(file.get(), &found) != 0) {
-    return Status::Errno("cannot remove " + path);
-  }
-  const std::string zeros(static_cast<std::size_t>(found.st_size), '\0');
-  if (pwrite(file.get(), zeros.data(), zeros.size(), 0) != found.st_size ||
-      fsync(file.get()) != 0 || unlink(path.c_str()) != 0) {
-    return Status::Errno("cannot remove " + path);
-  }
-  return store::SyncFolder(store::FolderOf(path));
-}
-
 // What is being removed has this name, so that one that was killed at it goes on the next time.
 std::string GonePath(const std::string& path) { return path + ".gone"; }
 
@@ -96,7 +79,7 @@ Status State::Open(const std::string& path, Mode mode, std::unique_ptr<State>* s
   State& opened = **state;
   opened.path_ = path;
   struct stat found {};
-  RETURN_IF_ERROR(Shred(GonePath(path)));
+  RETURN_IF_ERROR(store::ShredFile(GonePath(path)));
   const bool is_there = stat(path.c_str(), &found) == 0 && found.st_size > 0;
   if (!is_there && mode == Mode::kRead) {
     return errno == ENOENT || errno == 0 ? Status() : Status::Errno("cannot open " + path);
@@ -362,7 +345,8 @@ Status State::Forgotten() {
   if (rename(path_.c_str(), GonePath(path_).c_str()) != 0) {
     return Status::Errno("cannot remove " + path_);
   }
-  return Shred(GonePath(path_));
+  // Not by deleting rows: SQLite's journal would hold what is overwritten.
+  return store::ShredFile(GonePath(path_));
 }
 
 Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t last,
@@ -382,8 +366,7 @@ Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t l
     store::Statement select;
     RETURN_IF_ERROR(
         connection_.Prepare("SELECT first, level, policy, since_ms FROM consent WHERE store = ? "
-                            "AND first <= ? ORDER BY "
-                            "first",
+                            "AND first <= ? ORDER BY first",
                             &select));
     select.BindBlob(1, BytesOf(store)).Bind(2, last);
     while (select.Step()) {

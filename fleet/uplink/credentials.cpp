@@ -1,6 +1,5 @@
 #include "fleet/uplink/credentials.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <openssl/bio.h>
 #include <openssl/ec.h>
@@ -8,7 +7,6 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -132,25 +130,6 @@ Status Check(const Certificate& facts, const std::string& name, std::int64_t now
   return {};
 }
 
-Status Destroy(const std::string& path) {
-  struct stat found {};
-  if (lstat(path.c_str(), &found) != 0) {
-    return errno == ENOENT ? Status() : Status::Errno("cannot look at " + path);
-  }
-  if (S_ISREG(found.st_mode)) {
-    // What an unlinked file held can still be found on the disk.
-    const base::Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-    const std::string zeros(static_cast<std::size_t>(found.st_size), '\0');
-    if (!file.is_open() ||
-        write(file.get(), zeros.data(), zeros.size()) != static_cast<ssize_t>(zeros.size()) ||
-        fsync(file.get()) != 0) {
-      return Status::Errno("cannot overwrite " + path);
-    }
-  }
-  if (unlink(path.c_str()) != 0) return Status::Errno("cannot remove " + path);
-  return store::SyncFolder(store::FolderOf(path));
-}
-
 }  // namespace
 
 Status MakeRequest(const std::string& name, const CredentialFiles& files, std::string* request) {
@@ -214,8 +193,8 @@ Status CheckCredentials(const std::string& name, const CredentialFiles& files,
 }
 
 Status DestroyCredentials(const CredentialFiles& files) {
-  RETURN_IF_ERROR(Destroy(files.key));
-  return Destroy(files.certificate);
+  RETURN_IF_ERROR(store::ShredFile(files.key));
+  return store::ShredFile(files.certificate);
 }
 
 }  // namespace velmora::usage_stat::uplink

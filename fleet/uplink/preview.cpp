@@ -19,7 +19,7 @@
 #include "fleet/consent/state.h"
 #include "fleet/uplink/outbox.h"
 #include "fleet/uplink/outgoing.h"
-#include "src/measurements/measurements.h"
+#include "src/measurements/statistics_switch.h"
 #include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/records/catalogue.h"

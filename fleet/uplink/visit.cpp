@@ -380,10 +380,12 @@ Status Diagnose(const SendOptions& options) {
   fmt::print("sent today    {} of {} bytes\n",
              visits.day == now_ms / kDayMs ? visits.sent_bytes : 0, config.daily_bytes);
   std::string why;
-  const bool is_due = IsDue(config, device, now_ms, &why);
-  if (!IsStatisticsEnabled())
+  bool is_due = IsDue(config, device, now_ms, &why);
+  if (!IsStatisticsEnabled()) {
+    is_due = false;
     why = "statistics are switched off, and nothing leaves while they are";
-  fmt::print("next visit    {}\n", is_due && IsStatisticsEnabled() ? "is due" : "not yet: " + why);
+  }
+  fmt::print("next visit    {}\n", is_due ? "is due" : "not yet: " + why);
   for (const std::string& problem : device.outgoing->problems()) fmt::print("{}\n", problem);
   if (const auto& pending = device.outbox->pending(); pending && pending->refusals > 0) {
     fmt::print("refused       numbers {} to {}, {} times\n", pending->after + 1, pending->through,

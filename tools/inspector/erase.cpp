@@ -91,12 +91,10 @@ void AddErase(CommandLine* line) {
   command.Flag("--yes", "Do it; without this, what would go is counted", &options->yes);
   command.Footer(
       "With a book go the records that carry its number; its file name may stand in the arguments "
-      "of "
-      "applications that were started, which go with --event StartApplicationEvent. "
+      "of applications that were started, which go with --event StartApplicationEvent. "
       "What can't be read as a record can't be looked through, and goes as well: the quarantine, "
       "damaged databases and damaged archives. Only --number leaves them. If it is interrupted, "
-      "say "
-      "it again. What has left the device is another matter: see usage-stat uplink forget.");
+      "say it again. What has left the device is another matter: see usage-stat uplink forget.");
   command.OnRun([options] { return Run(options.get()); });
 }
 

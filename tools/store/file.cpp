@@ -132,4 +132,22 @@ Status SyncFolder(const std::string& folder) {
   return {};
 }
 
+Status ShredFile(const std::string& path) {
+  struct stat found {};
+  if (lstat(path.c_str(), &found) != 0) {
+    return errno == ENOENT ? Status() : Status::Errno("cannot look at " + path);
+  }
+  if (S_ISREG(found.st_mode)) {
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    const std::string zeros(static_cast<std::size_t>(found.st_size), '\0');
+    if (!file.is_open() ||
+        write(file.get(), zeros.data(), zeros.size()) != static_cast<ssize_t>(zeros.size()) ||
+        fsync(file.get()) != 0) {
+      return Status::Errno("cannot overwrite " + path);
+    }
+  }
+  if (unlink(path.c_str()) != 0) return Status::Errno("cannot remove " + path);
+  return SyncFolder(FolderOf(path));
+}
+
 }  // namespace velmora::usage_stat::store

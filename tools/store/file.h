@@ -69,6 +69,11 @@ class NewFile {
 // Brings the names of a folder's files to the disk.
 Status SyncFolder(const std::string& folder);
 
+// Removes a file for good, on the disk: what an unlinked one held could still be found there, so it
+// is overwritten first. Of a symbolic link the link alone goes. One that is not there is no
+// failure.
+Status ShredFile(const std::string& path);
+
 }  // namespace velmora::usage_stat::store
 
 #endif  // TOOLS_STORE_FILE_H_
