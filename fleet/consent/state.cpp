@@ -369,7 +369,9 @@ Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t l
                             "AND first <= ? ORDER BY first",
                             &select));
     select.BindBlob(1, BytesOf(store)).Bind(2, last);
+    bool is_noted = false;
     while (select.Step()) {
+      is_noted = true;
       open.last = select.Int(0) - 1;
       if (select.Int(3) != 0) {  // not settled: it waits
         last = open.last;
@@ -386,6 +388,9 @@ Status State::SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t l
           agreed_then.At(open.level).And(agreed_.At(open.level)).And(shipped.At(open.level)));
     }
     RETURN_IF_ERROR(select.status());
+    // Begun since the last look. It waits for the next one: what is once declared as withheld is
+    // lost to the fleet.
+    if (!is_noted) return {};
   }
   open.last = last;
   add(std::move(open));

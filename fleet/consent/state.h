@@ -87,7 +87,8 @@ class State {
   // was received and the present one, and by what all three policies let through: the one agreed
   // to then, the one agreed to last, and the one `shipped` now. So neither a change of level nor
   // an update lets anything more through than was agreed to. In order, without gaps, up to `last`
-  // or to where a level begins of which nothing is known to have been received yet.
+  // or to where a level begins of which nothing is known to have been received yet; none of a store
+  // that was begun since the last look.
   base::Status SpansOf(const fleet::Id& store, std::int64_t first, std::int64_t last,
                        const Policy& shipped, std::vector<Span>* spans);
 

@@ -110,6 +110,9 @@ def main():
             print(f"device {device.number}: {len(expected)} to be held, {len(held)} held, "
                   f"{len(lost)} lost, {len(extra)} too many, "
                   f"{len(held) - len(set(held))} twice", flush=True)
+            for what, which in (("lost", lost), ("too many", extra)):
+                for record in sorted(which)[:3]:
+                    print(f"  {what}: {record}", flush=True)
             assert expected == held
             assert held, "nothing was tried"
         rig.fleet("status", "--each")
