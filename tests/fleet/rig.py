@@ -37,10 +37,6 @@ def wait_until(condition, what, seconds=PATIENCE):
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
 
-# Whoever ends a test ends what it started, too.
-signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-
-
 class Process:
     """A program that is started, killed and started again; what it prints goes to a file."""
 
@@ -483,8 +479,17 @@ class Device:
         self.config.write_text("".join(f"{key} = {value}\n" for key, value in self.settings.items()))
 
     def collect(self):
+        """Starts the collector. The record that it makes of its start is stored when this returns."""
+        runs = self.runs()
         self.collector.start()
-        wait_until(self.database.exists, "the collector")
+        wait_until(lambda: self.runs() > runs, "the collector")
+
+    def runs(self):
+        """How often the collector has begun."""
+        with contextlib.suppress(sqlite3.Error):
+            if self.database.exists():
+                return self.query("SELECT coalesce(max(id), 0) FROM runs")
+        return 0
 
     def command(self, *words, program=None):
         command = [program or self.rig.build / "fleet/uplink/usage-stat-uplink", *words, "--state",
