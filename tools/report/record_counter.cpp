@@ -77,6 +77,13 @@ std::vector<BookReading> MostReadFirst(const std::unordered_map<std::int32_t, Bo
   return sorted;
 }
 
+// The entry of `key`, which is made when there is none. Most keys are the largest so far.
+template <class Map>
+typename Map::mapped_type& Newest(Map* map, const typename Map::key_type& key) {
+  if (!map->empty() && map->rbegin()->first == key) return map->rbegin()->second;
+  return (*map)[key];
+}
+
 }  // namespace
 
 // Reads the payload of one record after another with the library's classes, in place.
@@ -117,6 +124,8 @@ RecordCounter::RecordCounter(Range range, SummaryOptions options, bool hold_all)
 RecordCounter::~RecordCounter() = default;
 
 void RecordCounter::Add(const store::RecordRow& row) {
+  if (row.timestamp_ms < range_.since_ms) return AddBefore(row);
+  holds_range_ = true;
   switch (row.type) {
     case EventFactory::kOpenBook:
     case EventFactory::kChangePage:
@@ -132,7 +141,7 @@ void RecordCounter::Add(const store::RecordRow& row) {
   }
   if (!range_.Holds(row.timestamp_ms)) return;
   ++summary_.records;
-  events_.Add(row.event);
+  CountEvent(row.event);
   switch (row.type) {
     case EventFactory::kStartApplication:
     case EventFactory::kStartOutsideApplication:
@@ -146,11 +155,31 @@ void RecordCounter::Add(const store::RecordRow& row) {
   }
 }
 
-void RecordCounter::Learn(const store::RecordRow& row) {
-  if (row.type == EventFactory::kOpenBook) {
-    ReadActivity(row);
-  } else {
-    LearnNewBooks(row);
+// Of what came before the range only the last session may reach into it: what came before its
+// opening is let go.
+void RecordCounter::AddBefore(const store::RecordRow& row) {
+  switch (row.type) {
+    case EventFactory::kNewBooks:
+      LearnNewBooks(row);
+      break;
+    case EventFactory::kOpenBook: {
+      const Activity opening = ReadActivity(row);
+      if (opened_before_ms_ && opening.at_ms < *opened_before_ms_) break;
+      opened_before_ms_ = opening.at_ms;
+      if (!holds_range_) {
+        std::erase_if(held_, [&](const Activity& each) { return each.at_ms < opening.at_ms; });
+      }
+      Hold(opening);
+      break;
+    }
+    case EventFactory::kChangePage:
+    case EventFactory::kGoToPage:
+    case EventFactory::kGoToPageNew:
+      if (!opened_before_ms_ || row.timestamp_ms < *opened_before_ms_) break;
+      Hold({row.timestamp_ms, 0, 0, 0, 0, Activity::Kind::kTurn});
+      break;
+    default:
+      break;
   }
 }
 
@@ -183,6 +212,16 @@ RecordCounter::Activity RecordCounter::ReadActivity(const store::RecordRow& row)
   return {at_ms, 0, 0, 0, 0, Kind::kJump};
 }
 
+// Most records are of the class of the one before.
+void RecordCounter::CountEvent(const std::string& event) {
+  if (event != event_) {
+    if (of_event_ > 0) events_.Add(event_, of_event_);
+    event_ = event;
+    of_event_ = 0;
+  }
+  ++of_event_;
+}
+
 void RecordCounter::LearnNewBooks(const store::RecordRow& row) {
   NewBooksEventEx batch;
   if (!payload_->Read(row.raw, &batch)) return;
@@ -201,7 +240,7 @@ void RecordCounter::LearnNames(std::int32_t book_id, std::string title, std::str
 
 void RecordCounter::AddLaunch(const store::RecordRow& row) {
   ++summary_.launches;
-  ++summary_.launches_by_day[clock_.At(row.timestamp_ms).day];
+  ++Newest(&summary_.launches_by_day, clock_.At(row.timestamp_ms).day);
   if (row.type == EventFactory::kStartApplication) {
     StartApplicationEvent launch;
     payload_->Read(row.raw, &launch);
@@ -217,7 +256,7 @@ void RecordCounter::AddLookup(const store::RecordRow& row) {
   UseDictionaryEvent lookup;
   if (!payload_->Read(row.raw, &lookup)) return;
   ++summary_.lookups;
-  if (lookup.a_ != 0) ++books_[lookup.a_].lookups;
+  if (lookup.a_ != 0) ++BookOf(lookup.a_).lookups;
   if (options_.with_words) words_.Add(Shortened(std::move(lookup.b_)));
 }
 
@@ -246,6 +285,11 @@ void RecordCounter::AddSettings(const store::RecordRow& row) {
 
 // ---- Reading, in order of time ----
 
+BookReading& RecordCounter::BookOf(std::int32_t id) {
+  if (!book_ || book_->first != id) book_ = &*books_.try_emplace(id).first;
+  return book_->second;
+}
+
 void RecordCounter::Hold(const Activity& activity) {
   if (activity.at_ms < counted_ms_) is_out_of_order_ = true;
   held_.push_back(activity);
@@ -270,7 +314,7 @@ void RecordCounter::CountActivity(const Activity& activity) {
   const auto credit = [&](const LocalHour& hour, Reading* book, const Reading& reading) {
     const auto weekday = static_cast<std::size_t>(hour.weekday);
     summary_.reading += reading;
-    summary_.days[hour.day] += reading;
+    Newest(&summary_.days, hour.day) += reading;
     summary_.week[weekday][static_cast<std::size_t>(hour.hour)] += reading;
     if (book) *book += reading;
   };
@@ -279,7 +323,7 @@ void RecordCounter::CountActivity(const Activity& activity) {
     tracker_.Open(activity.at_ms, activity.book_id);
     if (in_range) {
       ++summary_.openings;
-      ++books_[activity.book_id].openings;
+      ++BookOf(activity.book_id).openings;
     }
     return;
   }
@@ -288,7 +332,7 @@ void RecordCounter::CountActivity(const Activity& activity) {
     const std::int64_t end = std::min(span->end_ms, range_.until_ms);
     std::int64_t at = std::max(span->begin_ms, range_.since_ms);
     if (at >= end && !in_range) return;
-    book = &books_[span->book_id];
+    book = &BookOf(span->book_id);
     if (span->session != counted_session_) ++summary_.sessions;
     counted_session_ = span->session;
     while (at < end) {
@@ -303,7 +347,7 @@ void RecordCounter::CountActivity(const Activity& activity) {
   const bool is_turn = activity.kind == Activity::Kind::kTurn;
   credit(hour, book ? &book->reading : nullptr, {0, 1, book && is_turn ? 1 : 0});
   if (book) {
-    ++book->turns_by_day[hour.day];
+    ++Newest(&book->turns_by_day, hour.day);
   } else {
     ++summary_.turns_outside;
   }
@@ -312,7 +356,7 @@ void RecordCounter::CountActivity(const Activity& activity) {
 
 // Where in a book its reader is. Jumps don't tell: they are looks at something too.
 void RecordCounter::FollowBook(const Activity& turn) {
-  BookReading& book = books_[turn.book_id];
+  BookReading& book = BookOf(turn.book_id);
   if (turn.pages > 0) book.pages = turn.pages;
   const bool is_first = book.furthest == 0;
   book.furthest = std::max(book.furthest, turn.to_page);
@@ -327,6 +371,7 @@ void RecordCounter::FollowBook(const Activity& turn) {
 
 Summary RecordCounter::Finish() {
   CountHeld(held_.size());
+  CountEvent("");
   Summary summary = std::move(summary_);
   for (auto& [id, book] : books_) {
     book.id = id;

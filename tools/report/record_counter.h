@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -79,12 +80,9 @@ class RecordCounter {
   RecordCounter(const RecordCounter&) = delete;
   RecordCounter& operator=(const RecordCounter&) = delete;
 
-  // Counts `row`. Records outside the range count as far as a session reaches into it: give those
-  // since the last opening before it, and those up to kLongestPauseMs after it.
+  // Counts `row`. Records outside the range count as far as a session reaches into it, and tell
+  // what books are called: give those before it too, and those up to kLongestPauseMs after it.
   void Add(const store::RecordRow& row);
-
-  // Takes from a record from before these only what books are called.
-  void Learn(const store::RecordRow& row);
 
   // Whether a page event came so late that it could not be counted in order of time. What Finish()
   // gives is wrong then; count again and hold all.
@@ -109,7 +107,10 @@ class RecordCounter {
   };
   class Payload;
 
+  void AddBefore(const store::RecordRow& row);
+  void CountEvent(const std::string& event);
   Activity ReadActivity(const store::RecordRow& row);
+  BookReading& BookOf(std::int32_t id);
   void Hold(const Activity& activity);
   void CountHeld(std::size_t count);
   void CountActivity(const Activity& activity);
@@ -124,6 +125,8 @@ class RecordCounter {
   SummaryOptions options_;
   bool hold_all_;
   bool is_out_of_order_ = false;
+  bool holds_range_ = false;                      // something at or after its begin has come
+  std::optional<std::int64_t> opened_before_ms_;  // the last opening before the range so far
   std::unique_ptr<Payload> payload_;
 
   std::vector<Activity> held_;
@@ -133,10 +136,14 @@ class RecordCounter {
   LocalClock clock_;
 
   Summary summary_;
-  std::unordered_map<std::int32_t, BookReading> books_;
+  using Books = std::unordered_map<std::int32_t, BookReading>;
+  Books books_;
+  Books::value_type* book_ = nullptr;  // the last one that was asked for
   std::unordered_map<std::int32_t, BookNames> names_;
   Counts applications_;
   Counts events_;
+  std::string event_;  // the class of the last record, and how many in a row
+  std::int64_t of_event_ = 0;
   Counts words_;
   std::map<std::string, Settings> settings_;
 };

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <map>
-#include <optional>
 #include <set>
 
-#include "src/stat_event/event_factory.h"
 #include "tools/base/status.h"
 #include "tools/report/record_counter.h"
 #include "tools/report/sessions.h"
@@ -18,9 +16,6 @@ using base::Status;
 using store::History;
 using store::Query;
 using store::RecordRow;
-
-constexpr const char* kOpening = "OpenBookEvent";
-constexpr const char* kNewBooks = "NewBooksEventEx";
 
 Status CheckRange(const Range& range) {
   if (range.since_ms >= range.until_ms) return Status::Failed("the range of time is empty");
@@ -102,37 +97,11 @@ Status CountRefused(store::Reader* reader, Summary* summary) {
   return {};
 }
 
-// Reads what came before the range: it tells what books are called, and `first_ms`, the last
-// opening, whose session may reach into the range; its begin when there is none.
-Status ReadBefore(History* history, const Range& range, RecordCounter* counter,
-                  std::int64_t* first_ms, std::vector<std::string>* problems) {
-  Query query;
-  query.until_ms = range.since_ms;
-  query.with_fields = false;
-  query.events = {kOpening, kNewBooks};
-  std::optional<std::int64_t> last_ms;
-  RETURN_IF_ERROR(history->ForEach(
-      query,
-      [&](const RecordRow& row) {
-        if (row.type == EventFactory::kOpenBook) {
-          last_ms = std::max(last_ms.value_or(row.timestamp_ms), row.timestamp_ms);
-        }
-        counter->Learn(row);
-        return true;
-      },
-      problems));
-  *first_ms = last_ms.value_or(range.since_ms);
-  return {};
-}
-
 Status CountRecords(History* history, const Range& range, RecordCounter* counter,
                     std::vector<std::string>* problems) {
   Query query;
-  std::int64_t first_ms = 0;
-  RETURN_IF_ERROR(ReadBefore(history, range, counter, &first_ms, problems));
-  query.since_ms = first_ms;
   query.until_ms = range.until_ms + kLongestPauseMs;
-  query.with_fields = false;
+  query.datagram_only = true;
   return history->ForEach(
       query,
       [&](const RecordRow& row) {

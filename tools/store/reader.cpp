@@ -67,6 +67,13 @@ bool MatchesFields(const Query& query, std::string_view raw) {
          (!query.book_id || records::Names(raw, usage_stat::Kind::kBookId, *query.book_id));
 }
 
+// The columns of a record, the datagram alone or all of them; AddRow() reads them.
+constexpr const char* kKeyColumns = "id, raw";
+std::string ColumnsOf(const Query& query, int schema) {
+  return std::string(kKeyColumns) + ", event, timestamp_ms" + (schema == 1 ? ", type" : ", NULL") +
+         (query.datagram_only ? "" : ", received_ms, pid, uid, fields");
+}
+
 QuarantineRow QuarantinedOf(const Statement& row) {
   return {row.Int(0),
           row.Int(1),
@@ -189,6 +196,23 @@ const std::pair<int, std::string>* Reader::FindEvent(std::int64_t number) {
   return found == events_.end() ? nullptr : &found->second;
 }
 
+const RecordRow* Reader::AddRow(const Query& query, const Statement& columns, RowBuffer* rows) {
+  const bool is_first_schema = schema_ == 1;
+  const auto* event = is_first_schema ? nullptr : FindEvent(columns.Int(2));
+  if (!is_first_schema && !event) return nullptr;
+  RecordRow* row = rows->Add();
+  row->id = columns.Int(0);
+  row->raw = columns.Text(1);
+  row->event = event ? std::string_view(event->second) : columns.Text(2);
+  row->timestamp_ms = columns.Int(3);
+  row->type = event ? event->first : static_cast<int>(columns.Int(4));
+  if (query.datagram_only) return row;
+  row->received_ms = columns.Int(5);
+  row->sender = {columns.Int(6), columns.Int(7)};
+  row->fields = columns.Text(8);
+  return row;
+}
+
 Status Reader::ReadPiece(const Query& query, std::int64_t* position, RowBuffer* rows,
                          bool* is_end) {
   rows->Clear();
@@ -219,35 +243,34 @@ Status Reader::ReadPiece(const Query& query, std::int64_t* position, RowBuffer* 
   *is_end = first > last;
   if (*is_end) return {};
 
-  const bool is_first_schema = schema_ == 1;
+  // Few rows match what only the datagram tells: the rest of a row is fetched when it does.
+  const std::string columns = ColumnsOf(query, schema_);
+  const bool looks_inside = query.application || query.book_id;
   Statement select;
-  RETURN_IF_ERROR(connection_.Prepare("SELECT id, received_ms, pid, uid, event, timestamp_ms, raw" +
-                                          std::string(query.with_fields ? ", fields" : ", ''") +
-                                          (is_first_schema ? ", type" : "") +
+  Statement fetch;
+  RETURN_IF_ERROR(connection_.Prepare("SELECT " + (looks_inside ? kKeyColumns : columns) +
                                           " FROM records WHERE id BETWEEN ? AND ?" + filter.text() +
                                           (is_down ? " ORDER BY id DESC" : " ORDER BY id"),
                                       &select));
+  if (looks_inside) {
+    RETURN_IF_ERROR(
+        connection_.Prepare("SELECT " + columns + " FROM records WHERE id = ?", &fetch));
+  }
   filter.Bind(3, &select);
   select.Bind(1, first).Bind(2, last);
   std::size_t bytes = 0;
   while (bytes < kBytesInPiece && select.Step()) {
     // What is passed over need not be looked at again.
     *position = select.Int(0);
-    const std::string_view raw = select.Text(6);
+    const std::string_view raw = select.Text(1);
     bytes += kRowBytes + raw.size();
     if (!MatchesFields(query, raw)) continue;
-    const auto* event = is_first_schema ? nullptr : FindEvent(select.Int(4));
-    if (!is_first_schema && !event) continue;
-    RecordRow* row = rows->Add();
-    row->id = *position;
-    row->received_ms = select.Int(1);
-    row->sender = {select.Int(2), select.Int(3)};
-    row->type = event ? event->first : static_cast<int>(select.Int(8));
-    row->event = event ? std::string_view(event->second) : select.Text(4);
-    row->timestamp_ms = select.Int(5);
-    row->raw = raw;
-    row->fields = select.Text(7);
-    bytes += row->fields.size();
+    if (looks_inside) {
+      fetch.Reset();
+      if (!fetch.Bind(1, *position).Step()) return fetch.status();
+    }
+    const RecordRow* row = AddRow(query, looks_inside ? fetch : select, rows);
+    if (row) bytes += row->fields.size();
   }
   if (bytes < kBytesInPiece) {
     RETURN_IF_ERROR(select.status());

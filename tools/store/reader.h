@@ -32,7 +32,8 @@ struct Query {
   std::optional<std::int64_t> last_id = {};   // up to this one
   std::optional<std::int64_t> newest = {};    // the last so many of what matches
   bool reverse = false;                       // newest first
-  bool with_fields = true;  // false leaves RecordRow::fields empty, for who reads the datagram
+  // Leaves out when it was received, the sender and the fields, for those who read the datagram.
+  bool datagram_only = false;
 };
 
 // Is called for each row in turn; returns false to see no more.
@@ -99,6 +100,8 @@ class Reader {
   // The next rows from `*position` on that match; fewer than there are, and none while it passes
   // over others. `*position` is moved; `*is_end` tells that there is nothing behind it.
   Status ReadPiece(const Query& query, std::int64_t* position, RowBuffer* rows, bool* is_end);
+  // Adds the row whose columns these are; nothing when the file does not tell its event.
+  const RecordRow* AddRow(const Query& query, const Statement& columns, RowBuffer* rows);
   // The type and name of an event by its number in this file; null when the file does not tell.
   const std::pair<int, std::string>* FindEvent(std::int64_t number);
 
