@@ -50,6 +50,7 @@ struct ExportOptions {
   std::string since;
   int keep_months = 13;
   std::string memory = "1GB";
+  bool keep_figures = false;
 };
 
 // The days to export: those that were asked for, or those that were not exported yet.
@@ -92,7 +93,7 @@ Status Export(const ExportOptions& options) {
   std::int64_t rewritten = 0;
   RETURN_IF_ERROR(lake->Forget(names, &rewritten));
   if (rewritten > 0) std::cout << fmt::format("forgotten: {} files rewritten\n", rewritten);
-  RETURN_IF_ERROR(database.Execute(RefreshSql()));
+  if (!options.keep_figures) RETURN_IF_ERROR(database.Execute(RefreshSql()));
   RETURN_IF_ERROR(database.Ask(
       fmt::format("SELECT ((now() AT TIME ZONE 'UTC')::date - interval '{} months')::date::text "
                   "AS day",
@@ -156,6 +157,8 @@ void AddExport(CommandLine* line) {
   command.Option("--since", "DAY", "All days from this one on, again if need be",
                  DayInto(&options->since));
   command.Exclude("--day", "--since");
+  command.Flag("--keep-figures", "Leave the figures of the role reader as they are",
+               &options->keep_figures);
   command.Option("--keep-months", "COUNT", "Remove days that are older", 1, 1200,
                  &options->keep_months);
   command.Option("--memory", "SIZE", "Memory to sort in, such as 4GB; the rest goes to a file",

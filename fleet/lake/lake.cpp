@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -181,18 +182,27 @@ Status Lake::LoadDay(Database* database, const std::string& day) {
 }
 
 Status Lake::WriteTable(const std::string& select, const std::string& folder,
-                        const std::string& table, std::int64_t* rows) {
+                        const std::string& table) {
   const std::string place = folder + "/event=" + table;
   std::error_code error;
   fs::create_directories(place, error);
   RETURN_IF_ERROR(Failure("cannot make " + place, error));
   const std::string file = place + "/records.parquet";
-  RETURN_IF_ERROR(engine_->Run(fmt::format("COPY ({}) TO {} {}", select, Quoted(file), kParquet)));
-  // What was written counts, not what was meant to be.
-  nlohmann::json answer;
-  RETURN_IF_ERROR(engine_->Ask(
-      fmt::format("SELECT count(*) AS n FROM read_parquet({})", Quoted(file)), &answer));
-  *rows = answer[0]["n"].get<std::int64_t>();
+  return engine_->Run(fmt::format("COPY ({}) TO {} {}", select, Quoted(file), kParquet));
+}
+
+// By the files themselves: what was written counts, not what was meant to be.
+Status Lake::CountRows(const std::string& folder, std::map<std::string, std::int64_t>* rows) {
+  nlohmann::json files;
+  RETURN_IF_ERROR(
+      engine_->Ask(fmt::format("SELECT file_name, num_rows FROM parquet_file_metadata({})",
+                               Quoted(folder + "/event=*/records.parquet")),
+                   &files));
+  for (const auto& file : files) {
+    const fs::path path = file["file_name"].get<std::string>();
+    (*rows)[path.parent_path().filename().string().substr(6)] =
+        file["num_rows"].get<std::int64_t>();
+  }
   return {};
 }
 
@@ -201,8 +211,9 @@ Status Lake::Export(Database* database, const std::string& day, std::int64_t* re
   nlohmann::json counts;
   nlohmann::json today;
   Status status = database->Ask(
-      fmt::format("SELECT e.id, e.name, count(*) AS records FROM records r JOIN events e ON e.id = "
-                  "r.event WHERE r.day = '{}' GROUP BY 1, 2 ORDER BY 1",
+      fmt::format("SELECT e.id, e.name, c.records FROM (SELECT event, count(*) AS records FROM "
+                  "records WHERE day = '{}' GROUP BY event) c JOIN events e ON e.id = c.event "
+                  "ORDER BY 1",
                   day),
       &counts);
   if (status.ok()) {
@@ -232,28 +243,31 @@ Status Lake::Export(Database* database, const std::string& day, std::int64_t* re
   fs::remove_all(made, error);
   fs::create_directories(made, error);
   RETURN_IF_ERROR(Failure("cannot make " + made, error));
-  Json manifest = {{"format", 1}, {"day", day}, {"records", 0}, {"events", Json::object()}};
-  std::int64_t sum = 0;
   for (const auto& count : counts) {
     const auto name = count["name"].get<std::string>();
     const records::RecordType* type = records::FindEvent(name);
     if (!type) return Status::Failed(name + " is newer than this program; update it");
+    RETURN_IF_ERROR(WriteTable(LakeSelect(*type, count["id"].get<int>()), made, TableName(name)));
+  }
+  RETURN_IF_ERROR(WriteTable("SELECT * FROM missing ORDER BY ALL", made, "missing"));
+  RETURN_IF_ERROR(WriteTable("SELECT * FROM ingestion ORDER BY ALL", made, "ingestion"));
+  std::map<std::string, std::int64_t> written;
+  RETURN_IF_ERROR(CountRows(made, &written));
+  Json manifest = {{"format", 1}, {"day", day}, {"records", 0}, {"events", Json::object()}};
+  std::int64_t sum = 0;
+  for (const auto& count : counts) {
+    const auto name = count["name"].get<std::string>();
     const auto expected = count["records"].get<std::int64_t>();
-    std::int64_t written = 0;
-    RETURN_IF_ERROR(
-        WriteTable(LakeSelect(*type, count["id"].get<int>()), made, TableName(name), &written));
-    if (written != expected) {
+    const std::int64_t rows = written[TableName(name)];
+    if (rows != expected) {
       return Status::Failed(
-          fmt::format("{} of {}: {} in the database, {} written", name, day, expected, written));
+          fmt::format("{} of {}: {} in the database, {} written", name, day, expected, rows));
     }
-    manifest["events"][TableName(name)] = written;
-    sum += written;
+    manifest["events"][TableName(name)] = rows;
+    sum += rows;
   }
   manifest["records"] = sum;
-  std::int64_t runs = 0;
-  RETURN_IF_ERROR(WriteTable("SELECT * FROM missing ORDER BY ALL", made, "missing", &runs));
-  manifest["missing"] = runs;
-  RETURN_IF_ERROR(WriteTable("SELECT * FROM ingestion ORDER BY ALL", made, "ingestion", &runs));
+  manifest["missing"] = written["missing"];
   RETURN_IF_ERROR(engine_->Run("DROP TABLE records"));
 
   const std::string text = manifest.dump(2) + "\n";

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -51,7 +52,9 @@ class Lake {
  private:
   base::Status LoadDay(Database* database, const std::string& day);
   base::Status WriteTable(const std::string& select, const std::string& folder,
-                          const std::string& table, std::int64_t* rows);
+                          const std::string& table);
+  // How many rows each table below `folder` has.
+  base::Status CountRows(const std::string& folder, std::map<std::string, std::int64_t>* rows);
   base::Status Rewrite(const std::string& file, const std::string& devices);
 
   std::string folder_;
