@@ -5,7 +5,7 @@ BUILD := build/$(PRESET)
 
 .PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 \
         package package-armhf test-package abi-check abi-update test-browser demo records \
-        reference bench bench-smoke bench-build bench-fleet fleet-demo fleet-faults contract fuzz \
+        reference bench bench-smoke bench-build bench-fleet bench-reading fleet-demo fleet-faults contract fuzz \
         fuzz-long fuzz-build faults mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
@@ -116,6 +116,10 @@ contract: bench-build
 bench-fleet: bench-build
 	scripts/setup fleet
 	bench/fleet build/bench
+
+# What looks at a million records and more take.
+bench-reading: bench-build
+	bench/reading build/bench
 
 bench-build:
 	scripts/setup build bench
