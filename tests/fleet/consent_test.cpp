@@ -509,6 +509,7 @@ TEST_F(ConsentTest, ForgettingEndsEverythingButTheRequest) {
   // As on the first day; a new name, and nothing of before.
   Agree(Level::kFull);
   EXPECT_NE(Open()->name(), name);
+  EXPECT_NE(Open()->key(), key);  // and so other pseudonyms, of the stores too
   Receive(1);
   EXPECT_EQ(Leaving(1, 11), "none 1-10, full 11-11");
 }

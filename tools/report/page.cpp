@@ -299,13 +299,14 @@ std::string RangeText(const Range& range) {
 
 std::string Notices(const Summary& summary) {
   std::string html;
-  // The collector's own first record is there from the beginning.
-  if (summary.records == 0 && summary.all_records <= 1) {
+  // What the collector tells of itself is there from the beginning.
+  const bool is_empty = summary.records == summary.own;
+  if (is_empty && summary.all_records <= std::max(summary.own, std::int64_t{1})) {
     html +=
         "<p class=\"notice\" role=\"status\">The database holds no records yet. Applications send "
         "them once <code>usage-stat-collector</code> runs; <code>usage-stat doctor</code> says "
         "what is in the way. <code>usage-stat-sample</code> makes a database to try this on.</p>\n";
-  } else if (summary.records == 0) {
+  } else if (is_empty) {
     html += fmt::format(
         "<p class=\"notice\" role=\"status\">There are no records in this range. The database "
         "holds {}; choose another range with <code>--since</code> and <code>--until</code>.</p>\n",

@@ -150,6 +150,12 @@ void RecordCounter::Add(const store::RecordRow& row) {
     case EventFactory::kUseDictionary:
       AddLookup(row);
       break;
+    case EventFactory::kNewJournalFile:
+    case EventFactory::kOpenJournalFile:
+    case EventFactory::kSendArchive:
+    case EventFactory::kDeleteArchive:
+      ++summary_.own;
+      break;
     default:
       if (TellsSettings(row.type)) AddSettings(row);
   }

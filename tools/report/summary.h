@@ -79,6 +79,7 @@ struct Summary {
   std::int64_t generated_ms = 0;
 
   std::int64_t records = 0;      // in the range
+  std::int64_t own = 0;          // of them, what the collector tells of itself
   std::int64_t all_records = 0;  // in the database, archives apart
 
   Reading reading;                 // all of it
