@@ -250,10 +250,12 @@ std::string ApplicationsFigure(const FleetSummary& summary, Figures* figures) {
   constexpr const char* kTitle = "Applications by share of active devices";
   std::vector<Bar> bars;
   std::vector<Row> rows;
+  bool has_nearly_all = false;
   for (const auto& application : summary.applications) {
     const Share share = TellShare(application.devices, summary.devices);
     if (share != Share::kTold && share != Share::kNearlyAll) continue;
     const bool is_told = share == Share::kTold;
+    has_nearly_all |= !is_told;
     bars.push_back(
         {application.name, "",
          is_told ? (100 * application.devices + summary.devices / 2) / summary.devices : 100});
@@ -261,11 +263,12 @@ std::string ApplicationsFigure(const FleetSummary& summary, Figures* figures) {
                     FormatNumber(application.launches)});
   }
   if (rows.empty()) return HiddenCard(kTitle);
+  const std::string note = fmt::format("Launched by {} or more.{}", Plural(kLeastDevices, "device"),
+                                       has_nearly_all ? " 100 % stands for nearly all." : "");
   return figures->Ranking(
-      "applications", kTitle,
-      fmt::format("Launched by {} or more.", Plural(kLeastDevices, "device")),
-      fmt::format("Most: {}, {} %.", bars.front().label, bars.front().value), kPercent, bars,
-      Table(kTitle, {{"Application"}, {"Devices", true}, {"Launches", true}}, rows), false);
+      "applications", kTitle, note,
+      fmt::format("{} Most: {}, {} %.", note, bars.front().label, bars.front().value), kPercent,
+      bars, Table(kTitle, {{"Application"}, {"Devices", true}, {"Launches", true}}, rows), false);
 }
 
 std::string SettingsCards(const FleetSummary& summary) {

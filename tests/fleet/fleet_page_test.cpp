@@ -110,6 +110,9 @@ TEST(FleetPageTest, NineteenDevicesShowNoCellAndTwentyDo) {
     EXPECT_THAT(shown, HasSubstr(cell));
     EXPECT_THAT(hidden, Not(HasSubstr(cell)));
   }
+  // A bar has to have a length where its table says no number.
+  EXPECT_THAT(shown, Not(HasSubstr("100 % stands for")));
+  EXPECT_THAT(page_of(100, 81), HasSubstr("100 % stands for nearly all"));
   const std::string nothing = page_of(19, 19);
   EXPECT_THAT(nothing, HasSubstr("Fewer than 20 devices"));
   for (const char* cell :

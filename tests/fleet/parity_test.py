@@ -154,7 +154,8 @@ def main():
     seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 32)
     print(f"{count} random records, seed {seed}")
     with rigs.Rig(build) as rig:
-        rig.ingester()
+        # What this one does not know waits for the next, and arrives on the day of that.
+        older = rig.ingester(program=build / "fleet/ingest/usage-stat-fleet-older")
         source = random_records(rig, count, seed)
         shipped = rigs.Device.POLICY
         people = [("basic", shipped), ("full", shipped), ("full", loud_policy(rig, rig.folder))]
@@ -172,6 +173,11 @@ def main():
                 replayed = device.name, last
                 assert len(shown[key]) > count * 9 // 10
                 device.collector.stop()
+                if number == 0:
+                    older.stop()
+                    assert rig.sql("UPDATE quarantine SET day = '2026-01-01' RETURNING 1")
+                    rig.ingester(1)
+                    assert rig.sql("SELECT count(*) FROM records WHERE day = '2026-01-01'") == "0"
         finally:
             wire.close()
         assert rig.sql("SELECT count(*) FROM quarantine") == "0"
