@@ -16,6 +16,7 @@
 #include "collector_process.h"
 #include "src/events/device_events.h"
 #include "src/events/new_books_events.h"
+#include "tests/support/child.h"
 #include "tests/support/device_root.h"
 #include "tests/support/sample_records.h"
 #include "tools/store/reader.h"
@@ -468,11 +469,9 @@ TEST_F(CollectorTest, RefusesOtherUsers) {
   constexpr uid_t kFriend = 12346;
   Start({"--allow-uid", std::to_string(kFriend)});
   for (const uid_t uid : {kStranger, kFriend}) {
-    const pid_t child = fork();
-    if (child == 0) _exit(setuid(uid) == 0 ? Send(PageTurn(0, static_cast<int>(uid))) : 1);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    Child child(
+        [this, uid] { return setuid(uid) == 0 ? Send(PageTurn(0, static_cast<int>(uid))) : 1; });
+    EXPECT_EQ(child.Wait(), 0);
   }
   EXPECT_EQ(collector_->End(), 0);
   EXPECT_EQ(PageTurns(0), std::vector<int>{kFriend});

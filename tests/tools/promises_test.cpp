@@ -19,6 +19,7 @@
 
 #include "collector_process.h"
 #include "store_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/run_program.h"
 #include "tools/base/system.h"
 #include "tools/store/archive.h"
@@ -72,15 +73,12 @@ class PromisesTest : public StoreTest {
   }
   // Sends page turns as another user, until `count` of `bytes` were sent or refused by the socket.
   void FloodAs(uid_t uid, const std::string& bytes, int count) const {
-    const pid_t child = fork();
-    if (child == 0) {
-      if (setuid(uid) != 0) _exit(1);
+    Child child([&] {
+      if (setuid(uid) != 0) return 1;
       for (int i = 0; i < count; ++i) (void)Send(bytes);
-      _exit(0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(status, 0);
+      return 0;
+    });
+    ASSERT_EQ(child.Wait(), 0);
   }
 
   bool Says(const std::string& text) const {
@@ -599,19 +597,16 @@ TEST_F(PromisesTest, AMemberOfTheGroupReadsInEveryState) {
   ASSERT_EQ(chown(folder_.path().c_str(), 0, kGroup), 0);
   fs::permissions(folder_.path(), fs::perms::set_gid, fs::perm_options::add);
   const auto reads = [this] {
-    const pid_t child = fork();
-    if (child == 0) {
-      if (setgid(kGroup) != 0 || setuid(12345) != 0) _exit(2);
+    Child child([this] {
+      if (setgid(kGroup) != 0 || setuid(12345) != 0) return 2;
       std::unique_ptr<store::History> history;
       int count = 0;
       const bool is_read =
           store::History::Open(database_, &history).ok() &&
           history->ForEach({}, [&count](const store::RecordRow&) { return ++count > 0; }).ok();
-      _exit(is_read && count > 0 ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status == 0;
+      return is_read && count > 0 ? 0 : 1;
+    });
+    return child.Wait() == 0;
   };
   Start();
   SendSurely(PageTurn(0, 1));

@@ -1,9 +1,7 @@
 // The database of the records: what goes in comes out, counts add up, and files of others stay.
 
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +11,7 @@
 
 #include "src/events/events.h"
 #include "store_fixture.h"
+#include "tests/support/child.h"
 #include "tools/store/archive.h"
 #include "tools/store/retention.h"
 #include "tools/store/schema.h"
@@ -248,15 +247,13 @@ TEST_F(ArchiveTest, KilledAtAnyMomentEveryRecordIsInOnePlace) {
   std::mt19937 random(20);
   for (int round = 0; round < 20; ++round) {
     Add(200);
-    const pid_t child = fork();
-    if (child == 0) {
-      std::vector<store::Archive> archives;
-      (void)store::ArchiveRecords(database_, archives_, &archives);
-      _exit(0);
+    {
+      const Child killed([this] {
+        std::vector<store::Archive> archives;
+        return store::ArchiveRecords(database_, archives_, &archives).ok() ? 0 : 1;
+      });
+      usleep(std::uniform_int_distribution<useconds_t>(0, 60'000)(random));
     }
-    usleep(std::uniform_int_distribution<useconds_t>(0, 60'000)(random));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
     ASSERT_OK(store::FinishArchives(database_));
     ASSERT_EQ(ReadJournal(), Expected()) << "round " << round;
   }

@@ -4,6 +4,8 @@
 #include <numeric>
 #include <set>
 
+#include "tools/base/status.h"
+
 namespace velmora::usage_stat::inspector {
 
 namespace {
@@ -58,8 +60,8 @@ void AddRuns(const std::vector<store::Run>& runs, Balance* balance) {
 Status ReadCounts(store::Reader* reader, Balance* balance) {
   std::vector<store::Run> runs;
   std::vector<store::Tally> tallies;
-  if (Status status = reader->ReadRuns(&runs); !status.ok()) return status;
-  if (Status status = reader->ReadTallies(&tallies); !status.ok()) return status;
+  RETURN_IF_ERROR(reader->ReadRuns(&runs));
+  RETURN_IF_ERROR(reader->ReadTallies(&tallies));
   AddRuns(runs, balance);
   for (const store::Tally& tally : tallies) Count(tally, balance);
   return reader->CountRows(&balance->records, &balance->in_quarantine);
@@ -101,7 +103,7 @@ bool Balance::adds_up() const {
 
 Status ReadBalance(store::Reader* reader, std::int64_t now_ms, Balance* balance) {
   store::Connection& connection = reader->connection();
-  if (Status status = connection.Execute("BEGIN"); !status.ok()) return status;
+  RETURN_IF_ERROR(connection.Execute("BEGIN"));
   Status status = ReadCounts(reader, balance);
   if (status.ok()) status = ReadRates(reader, now_ms, balance);
   const Status end = connection.Execute("COMMIT");

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <memory>
 
+#include "tools/base/status.h"
 #include "tools/records/record.h"
 #include "tools/store/reader.h"
 #include "tools/store/zstd_file.h"
@@ -30,7 +31,7 @@ bool IsDatabase(std::istream& file) {
 template <class Source>
 Status ReadRows(const std::string& path, std::vector<std::string>* datagrams) {
   std::unique_ptr<Source> source;
-  if (Status status = Source::Open(path, &source); !status.ok()) return status;
+  RETURN_IF_ERROR(Source::Open(path, &source));
   return source->ForEach({}, [datagrams](const store::RecordRow& row) {
     datagrams->push_back(row.raw);
     return true;

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/base/status.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/rows.h"
 #include "tools/inspector/selection.h"
@@ -90,12 +91,12 @@ class Tail {
     if (now == FileId{}) return {};  // it was removed; a collector may begin a new one
     bool is_changed = false;
     if (now != file_) {
-      if (Status status = Open(); !status.ok()) return status;
+      RETURN_IF_ERROR(Open());
       last_id_ = 0;
       is_changed = true;
     }
     std::int64_t version = version_;
-    if (Status status = Read("PRAGMA data_version", &version); !status.ok()) return status;
+    RETURN_IF_ERROR(Read("PRAGMA data_version", &version));
     is_changed = is_changed || version != version_;
     version_ = version;
     if (!is_changed) return {};

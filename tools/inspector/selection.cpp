@@ -8,6 +8,7 @@
 #include <set>
 
 #include "include/usage_stat.h"
+#include "tools/base/status.h"
 #include "tools/inspector/moment.h"
 #include "tools/records/record.h"
 #include "tools/store/file.h"
@@ -154,9 +155,7 @@ base::Status FindBook(const std::string& database, const std::string& name, stor
     return {};
   }
   std::set<std::int64_t> ids;
-  if (name.find('/') == std::string::npos) {
-    if (base::Status status = BooksCalled(database, name, &ids); !status.ok()) return status;
-  }
+  if (name.find('/') == std::string::npos) RETURN_IF_ERROR(BooksCalled(database, name, &ids));
   if (ids.size() > 1) {
     std::string list;
     for (const std::int64_t each : ids) list += " " + std::to_string(each);

@@ -76,12 +76,12 @@ Status CountUndecodable(store::Reader* reader, Summary* summary) {
 // the last refusal did not come before it.
 Status CountRefused(store::Reader* reader, Summary* summary) {
   std::vector<store::Run> runs;
-  if (Status status = reader->ReadRuns(&runs); !status.ok()) return status;
+  RETURN_IF_ERROR(reader->ReadRuns(&runs));
   std::map<std::int64_t, std::int64_t> started_ms;
   for (const store::Run& run : runs) started_ms[run.id] = run.started_ms;
 
   std::vector<store::Tally> rows;
-  if (Status status = reader->ReadTallies(&rows); !status.ok()) return status;
+  RETURN_IF_ERROR(reader->ReadTallies(&rows));
   std::map<std::string, ErrorTally> tallies;
   for (const store::Tally& row : rows) {
     if (row.outcome != store::Outcome::kRefused || row.last_ms < summary->range.since_ms ||
