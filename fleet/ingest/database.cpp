@@ -190,7 +190,12 @@ Status Database::Open(const std::string& conninfo, Database* database) {
   if (!database->is_connected()) return database->Failure();
   PQsetNoticeProcessor(
       database->connection_.get(), [](void*, const char*) {}, nullptr);
-  return database->Execute("SET client_encoding = 'UTF8'; SET timezone = 'UTC'; SET jit = off");
+  // A receipt tells a device that its records are safe: where commits are not waited for by
+  // default, a crash of the server would take what was answered already.
+  return database->Execute(
+      "SET client_encoding = 'UTF8'; SET timezone = 'UTC'; SET jit = off;"
+      "SELECT set_config('synchronous_commit', 'on', false) "
+      "WHERE current_setting('synchronous_commit') = 'off'");
 }
 
 bool Database::is_connected() const {

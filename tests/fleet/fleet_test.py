@@ -93,6 +93,18 @@ def cursor_rules(rig):
     wire.close()
 
 
+def lazy_database(rig):
+    """A database that would answer before its log is on the disk is asked to wait for that."""
+    rig.sql("ALTER DATABASE fleet SET synchronous_commit = off")
+    rig.ingester()
+    rig.sql("CREATE TABLE waits(setting text);"
+            "CREATE FUNCTION note() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN INSERT INTO waits "
+            "VALUES(current_setting('synchronous_commit')); RETURN NULL; END $$;"
+            "CREATE TRIGGER note AFTER INSERT ON stores EXECUTE FUNCTION note()")
+    assert rigs.Wire(rig).ask(NAME, batch(1, 0, 3))[2] == STORED
+    assert rig.sql("SELECT DISTINCT setting FROM waits") == "on"
+
+
 def hostile_batches(rig):
     """What is malformed is counted, kept up to a quota, and answered; the rest goes on."""
     rig.ingester()
@@ -915,11 +927,11 @@ def weight(rig):
 
 
 SECURE = [certificates, small_authority, strangers, forgotten_device, weight]
-CASES = [cursor_rules, hostile_batches, metrics, quarantine, older_ingester, clocks, masks, forgetting,
-         tombstones, retirement, upgrade, visits, offline, daily_bytes, broker_loses_all,
-         trusting_the_broker_loses, slow_ingester, lowered_consent, fleet_falls_back, copies,
-         numbers_given_again, power_cut_in_flight, what_is_gone, retention_meanwhile, only_reading,
-         old_receipts, refusals, denied, many] + SECURE
+CASES = [cursor_rules, lazy_database, hostile_batches, metrics, quarantine, older_ingester, clocks,
+         masks, forgetting, tombstones, retirement, upgrade, visits, offline, daily_bytes,
+         broker_loses_all, trusting_the_broker_loses, slow_ingester, lowered_consent,
+         fleet_falls_back, copies, numbers_given_again, power_cut_in_flight, what_is_gone,
+         retention_meanwhile, only_reading, old_receipts, refusals, denied, many] + SECURE
 
 
 def main():

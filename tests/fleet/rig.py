@@ -286,6 +286,7 @@ class Wire:
         self.listener = subprocess.Popen(
             ["stdbuf", "-oL", "mosquitto_sub", "-p", str(rig.broker.port), "-q", "1", "-t", "usage/1/+/down", "-F",
              "%t %x", "-d"], stdout=subprocess.PIPE, text=True)
+        rig.cleanup.callback(self.close)
         self.lines = queue.Queue()
         threading.Thread(target=self.listen, daemon=True).start()
         while "received SUBACK" not in self.lines.get(timeout=PATIENCE):
