@@ -44,7 +44,7 @@ class InspectorTest : public StoreTest {
     url.b_ = "x\x1b[31m\"é\u009b";
     velmora::usage_stat::StartOpenBookEvent opening;
     opening.book_id_ = -645120848;
-    opening.application_ = 4;
+    opening.application_ = 33;  // the store of a partner
     velmora::usage_stat::NewBooksEventEx books;
     books.count_ = 1;
     books.application_ = 1;
@@ -97,8 +97,10 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
   const Case cases[] = {
       {{"--event", "GoToURL", "--event", "gotopageevent"}, "GoToURLEvent GoToPageEvent"},
       {{"--event", "2032", "--event", "kStartOpenBook"}, "StartOpenBookEvent ChangePageEvent"},
-      {{"--app", "4"}, "StartOpenBookEvent"},
+      {{"--app", "33"}, "StartOpenBookEvent"},
       {{"--app", "explorer.app"}, "NewBooksEventEx"},
+      {{"--app", "Explorer"}, "NewBooksEventEx"},
+      {{"--app", "bookstore"}, "StartOpenBookEvent"},
       {{"--book", "abc"}, "StartOpenBookEvent"},
       {{"--book", "the alder walk"}, "NewBooksEventEx"},
       {{"--book", "7"}, "NewBooksEventEx"},
@@ -106,7 +108,7 @@ TEST_F(InspectorTest, ListsWhatIsAskedFor) {
       {{"--until", "@6", "-n", "2"}, "NewBooksEventEx GoToPageEvent"},
       {{"--until", "@6", "-n", "2", "-r"}, "GoToPageEvent NewBooksEventEx"},
       {{"--since", "tomorrow"}, ""},
-      {{"--file", archives.at(0).path, "--app", "4"}, "StartOpenBookEvent"},
+      {{"--file", archives.at(0).path, "--app", "33"}, "StartOpenBookEvent"},
       {{"--file", database_, "--event", "2032"}, "ChangePageEvent"},
   };
   for (const Case& c : cases) {
@@ -261,6 +263,9 @@ TEST_F(InspectorTest, FollowsRecordsThroughRotationAndReplacement) {
 }
 
 TEST_F(InspectorTest, BalancesWhatWasReceived) {
+  ASSERT_OK(OpenWriter()->Finish());
+  EXPECT_THAT(UsageStat({"status"}).out, HasSubstr("no application has sent anything yet"));
+  std::filesystem::remove(database_);
   Fill();
   const Json status = Status();
   EXPECT_EQ(status["received"], 12);

@@ -118,6 +118,10 @@ TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
     EXPECT_EQ(text.exit_code, 1);
     EXPECT_THAT(text.out, HasSubstr(c.reason));
   }
+  EXPECT_THAT(UsageStat({"decode"}, "e507").out, HasSubstr("2021 (GoToPageEvent)"));
+  EXPECT_THAT(UsageStat({"decode"}, "f007").out,
+              HasSubstr("2032 (ChangePageEvent or ChangePageEventEx)"));
+  EXPECT_THAT(UsageStat({"decode"}, "f407").out, HasSubstr("2036 (unknown)"));
 }
 
 // What stands between the parentheses after `function` in the public header, as names.

@@ -67,6 +67,18 @@ void PrintBytes(std::string_view bytes, std::size_t offset, const std::string& m
   } while (begin < bytes.size());
 }
 
+// The classes that write the code in `field`, for a datagram too damaged to tell which one did.
+std::string WritersOf(const TracedField& field) {
+  const int code = field.value.get<int>();
+  const records::RecordType* type = records::FindType(code);
+  if (!type) return "unknown";
+  std::string names(type->event);
+  if (const records::RecordType* shorter = records::FindShorterType(code)) {
+    names = fmt::format("{} or {}", shorter->event, names);
+  }
+  return names;
+}
+
 // The name of a number that has one.
 std::string NameOf(const TracedField& field, const Trace& trace) {
   const records::RecordType* type = records::FindEvent(trace.event);
@@ -86,7 +98,8 @@ std::string Explained(const TracedField& field, const Trace& trace) {
   if (const std::string name = NameOf(field, trace); !name.empty()) {
     value += fmt::format(" ({})", Printable(name));
   } else if (field.name == "type") {
-    value += fmt::format(" ({})", trace.event.empty() ? "unknown" : trace.event);
+    value +=
+        fmt::format(" ({})", trace.event.empty() ? WritersOf(field) : std::string(trace.event));
   } else if (field.name == "timestamp") {
     value += fmt::format(" ({})", LocalTime(field.value.get<std::int64_t>()));
   }

@@ -27,7 +27,7 @@ struct Options {
 };
 
 bool IsNarrowed(const store::Query& query) {
-  return query.since_ms || query.until_ms || !query.events.empty() || query.application ||
+  return query.since_ms || query.until_ms || !query.events.empty() || !query.applications.empty() ||
          query.after_id;
 }
 

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "include/usage_stat.h"
+#include "src/usage_stat_client/application_table.h"
 #include "tools/base/status.h"
 #include "tools/inspector/moment.h"
 #include "tools/records/record.h"
@@ -52,18 +53,33 @@ bool ReadNumber(const std::string& text, std::int64_t* number) {
   return result.ec == std::errc() && result.ptr == end;
 }
 
-std::string TakeApplication(const std::string& text, std::optional<std::int64_t>* application) {
-  std::int64_t id = 0;
-  if (!ReadNumber(text, &id)) {
-    id = Stat_GetApplicationId(text.c_str());
-    if (id < 0) return "there is no application \"" + text + "\"";
-  }
-  *application = id;
-  return {};
-}
-
 bool IsSame(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// Names count also without ".app". That of a store stands for the stores of all partners: the
+// records may come from another device than this one, which alone the library knows the partner of.
+std::string TakeApplication(const std::string& text, std::vector<std::int64_t>* applications) {
+  using Kind = ApplicationRow::Kind;
+  applications->clear();
+  if (std::int64_t id = 0; ReadNumber(text, &id)) {
+    applications->push_back(id);
+    return {};
+  }
+  bool is_store = false;
+  for (const ApplicationRow& row : kApplicationTable) {
+    const bool is_called = IsSame(row.name, text) || IsSame(row.name, text + ".app");
+    if (is_called && row.kind == Kind::kApplication) applications->push_back(row.id);
+    is_store = is_store || (is_called && row.kind == Kind::kStore);
+  }
+  if (is_store) {
+    applications->push_back(kDefaultStoreId);
+    for (const ApplicationRow& row : kApplicationTable) {
+      if (row.kind == Kind::kPartner) applications->push_back(row.id);
+    }
+  }
+  if (!applications->empty()) return {};
+  return "there is no application \"" + text + "\"; usage-stat types -o markdown names them";
 }
 
 // The ids of the books whose title or file name is `name`, as records of new and of opened books
@@ -141,7 +157,7 @@ void AddFilterOptions(Command command, store::Query* query, std::string* book) {
       [query](const std::string& text) { return TakeEvent(text, &query->events); });
   command.Option(
       "--app", "APP", "Records that name this application: an id, or a name such as explorer.app",
-      [query](const std::string& text) { return TakeApplication(text, &query->application); });
+      [query](const std::string& text) { return TakeApplication(text, &query->applications); });
   command.Option(
       "--book", "BOOK",
       "Records that name this book: an id, a title, a file name, or a path of the device", book);

@@ -129,6 +129,9 @@ void PrintText(const Options& options, const Balance& balance, const Sizes& size
   Print("  {} records came in the last minute, {} in the last hour, {} in the last day{}\n",
         balance.last_minute, balance.last_hour, balance.last_day,
         balance.archived > 0 ? ", archived ones apart" : "");
+  if (balance.received == 0) {
+    Write("  no application has sent anything yet; usage-stat doctor says what is in the way\n");
+  }
 
   Print("\n{}\n", Coloured(Colour::kBold, "Received and what became of it"));
   Print("{:<14} {:>10}\n", "received", balance.received);

@@ -62,8 +62,10 @@ class Filter {
 
 // Whether what can't be asked for in SQL matches: the meaning of fields is not in the database.
 bool MatchesFields(const Query& query, std::string_view raw) {
-  return (!query.application ||
-          records::Names(raw, usage_stat::Kind::kApplication, *query.application)) &&
+  const auto names = [raw](std::int64_t application) {
+    return records::Names(raw, usage_stat::Kind::kApplication, application);
+  };
+  return (query.applications.empty() || std::ranges::any_of(query.applications, names)) &&
          (!query.book_id || records::Names(raw, usage_stat::Kind::kBookId, *query.book_id));
 }
 
@@ -245,7 +247,7 @@ Status Reader::ReadPiece(const Query& query, std::int64_t* position, RowBuffer* 
 
   // Few rows match what only the datagram tells: the rest of a row is fetched when it does.
   const std::string columns = ColumnsOf(query, schema_);
-  const bool looks_inside = query.application || query.book_id;
+  const bool looks_inside = !query.applications.empty() || query.book_id;
   Statement select;
   Statement fetch;
   RETURN_IF_ERROR(connection_.Prepare("SELECT " + (looks_inside ? kKeyColumns : columns) +

@@ -22,10 +22,10 @@ namespace velmora::usage_stat::store {
 
 // Which records, and in which order. What is left empty does not filter.
 struct Query {
-  std::optional<std::int64_t> since_ms = {};     // timestamp at or after
-  std::optional<std::int64_t> until_ms = {};     // timestamp before
-  std::vector<std::string> events = {};          // names of classes, any of them
-  std::optional<std::int64_t> application = {};  // the field `application`
+  std::optional<std::int64_t> since_ms = {};    // timestamp at or after
+  std::optional<std::int64_t> until_ms = {};    // timestamp before
+  std::vector<std::string> events = {};         // names of classes, any of them
+  std::vector<std::int64_t> applications = {};  // the field `application`; empty: any
   std::optional<std::int64_t> book_id =
       {};  // the field `book_id`, of the record or of a book in it
   std::optional<std::int64_t> after_id = {};  // records that came later than this one
