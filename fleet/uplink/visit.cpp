@@ -361,12 +361,18 @@ Status Diagnose(const SendOptions& options) {
   RETURN_IF_ERROR(consent::ActAsOwnerOf(options.folder));
   SendConfig config;
   RETURN_IF_ERROR(ReadConfig(options, &config));
+  {
+    // Before anything was agreed to, and after the device was forgotten, there is nothing to open.
+    std::unique_ptr<consent::State> state;
+    RETURN_IF_ERROR(consent::State::Open(consent::StatePath(options.folder),
+                                         consent::State::Mode::kRead, &state));
+    if (state->level() == consent::Level::kNone && !state->is_forgetting()) {
+      fmt::print("no consent: nothing leaves\n");
+      return {};
+    }
+  }
   Device device;
   RETURN_IF_ERROR(OpenDevice(options, consent::State::Mode::kRead, &device));
-  if (device.state->level() == consent::Level::kNone && !device.state->is_forgetting()) {
-    fmt::print("no consent: nothing leaves\n");
-    return {};
-  }
   const std::int64_t now_ms = base::NowMs();
   const Visits& visits = device.outbox->visits();
   const auto ago = [&](std::int64_t ms) {

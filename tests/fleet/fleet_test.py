@@ -911,6 +911,7 @@ def forgotten_device(rig):
     one.uplink("forget")
     one.send()
     assert list(one.state.iterdir()) == [] and rig.sql("SELECT count(*) FROM devices") == "0"
+    assert b"no consent" in one.uplink("doctor", "--config", one.config).stdout
 
 
 def weight(rig):
