@@ -101,13 +101,16 @@ ssize_t WriteWithoutWaitingByReopening(const char* line, std::size_t size) {
 ssize_t WriteWithoutWaiting(const char* line, std::size_t size) {
   const iovec part = {const_cast<char*>(line), size};
   const ssize_t written = pwritev2(STDERR_FILENO, &part, 1, -1, RWF_NOWAIT);
-  const bool is_unable = errno == EOPNOTSUPP || errno == ENOSYS;
-  if (written >= 0 || (!is_unable && errno != EAGAIN)) return written;
+  if (written >= 0 || errno == EPIPE) return written;
+  // All but a log that is full may have refused the request alone, and under many names: what takes
+  // none such, a kernel that does not know it yet (ENOSYS, EINVAL), a sandbox that does not
+  // (EPERM). A fault of the log itself shows again.
+  const bool is_full = errno == EAGAIN;
   struct stat status;
   if (fstat(STDERR_FILENO, &status) != 0) return -1;
   // Nobody has to read a file for it to take a line, whatever it has to do for that.
   if (S_ISREG(status.st_mode)) return write(STDERR_FILENO, line, size);
-  if (!is_unable) {
+  if (is_full) {
     errno = EAGAIN;
     return -1;
   }
