@@ -14,7 +14,7 @@
  *                     EAGAIN when it stayed too busy, EMSGSIZE when the event is larger than
  *                     100 KiB, EMFILE and the like when the process has run out of resources
  *   Blocking  A call hands over its message before it returns. When the collector's queue is full
- *             it waits for room until the first tick of the kernel's clock after 100 ms, and then
+ *             it waits for room for 100 ms, which the kernel's timers may make up to 110, and then
  *             as long as a busy machine keeps it from running. No signal is raised.
  *   Threads   Any function may be called from any thread at any time, except that the new-book list
  *             (StatUtils_...) belongs to one thread.

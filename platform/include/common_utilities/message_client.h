@@ -35,7 +35,7 @@ class __attribute__((visibility("default"))) MessageClient {
   int Init(const char* name, unsigned int name_length, unsigned int capacity);
 
   // Delivers the `size` bytes at `data` as one message, whole or not at all. Waits for a full
-  // receiver until the first tick of the kernel's clock after 100 ms (and for a processor to run
+  // receiver for 100 ms, which the kernel's timers may make up to 110 (and for a processor to run
   // on).
   //
   // EMSGSIZE: more than `capacity` bytes. ECONNREFUSED: nobody listens. EAGAIN: the receiver stayed
