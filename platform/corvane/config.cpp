@@ -1,6 +1,7 @@
 #include "corvane/config.h"
 
 #include <ini.h>
+#include <pthread.h>
 #include <string.h>
 
 #include <algorithm>
@@ -22,8 +23,22 @@ struct CorvaneConfig {
   std::shared_ptr<const corvane::ConfigValues> values;  // null until they are needed
 };
 
+namespace {
+
 // Lives as long as the process, since other libraries may log or send while it ends.
-CorvaneState g_corvane = {new CorvaneConfig("/mnt/ext1/system/config/global.cfg")};
+//
+// No thread is at it while the process forks: the child would wait for ever for one that it does
+// not have.
+CorvaneConfig* GlobalConfig() {
+  static auto* const config = new CorvaneConfig("/mnt/ext1/system/config/global.cfg");
+  constexpr auto kUnlock = [] { config->mutex.unlock(); };
+  pthread_atfork([] { config->mutex.lock(); }, kUnlock, kUnlock);
+  return config;
+}
+
+}  // namespace
+
+CorvaneState g_corvane = {GlobalConfig()};
 
 namespace corvane {
 namespace {

@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
 #include "corvane/corvane.h"
+#include "tests/support/child.h"
 #include "tests/support/device_root.h"
 
 namespace {
@@ -12,6 +14,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using usage_stat_test::Child;
 using usage_stat_test::DeviceRoot;
 using usage_stat_test::kGlobalConfig;
 using usage_stat_test::StderrCapture;
@@ -86,6 +89,10 @@ TEST(Config, AFileThatCantBeReadIsEmptyAtOnce) {
   StderrCapture capture;
   CloseConfigNoSave(OpenConfig("/missing", 0));
   CloseConfigNoSave(OpenConfig("/huge/below", 0));
+  root.Write("/largest", "k=1\n" + std::string((1 << 20) - 4, '\n'));
+  CorvaneConfig* config = OpenConfig("/largest", 0);
+  EXPECT_EQ(ReadInt(config, "k", 0), 1);
+  CloseConfigNoSave(config);
   EXPECT_THAT(capture.Writes(), IsEmpty());
 }
 
@@ -122,15 +129,26 @@ TEST(Config, ThreadsMayShareOne) {
   const DeviceRoot root;
   root.Write(kGlobalConfig, "number=5\n");
   RefreshConfig(g_corvane.global_config);
+  std::atomic<bool> has_ended = false;
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] {
-      for (int turn = 0; turn < 50; ++turn) {
+    threads.emplace_back([&] {
+      do {
         RefreshConfig(g_corvane.global_config);
         EXPECT_EQ(ReadInt(g_corvane.global_config, "number", 0), 5);
-      }
+      } while (!has_ended);
     });
   }
+  // So may the child of a fork, whatever the threads that it does not have were about.
+  for (int i = 0; i < 50; ++i) {
+    Child child([] {
+      alarm(60);
+      RefreshConfig(g_corvane.global_config);
+      return ReadInt(g_corvane.global_config, "number", 0);
+    });
+    EXPECT_EQ(child.Wait(), 5);
+  }
+  has_ended = true;
   for (std::thread& thread : threads) thread.join();
 }
 
