@@ -168,12 +168,21 @@ TEST_F(PlatformTest, TheLibraryItselfTakesAtMost4KiBOfStack) {
   static const std::string long_text(5000, 't');
   records.push_back({2035, "", "", "Stat_GoToURLEvent with a long text",
                      [] { return Stat_GoToURLEvent(1, long_text.c_str()); }});
+  records.push_back({2028, "", "", "a described book by path, and one in the list", [] {
+                       const char* const path = "/x/a.fb2.zip";
+                       StatUtils_AddNewBookToStatList(path);
+                       EXPECT_EQ(StatUtils_StatListSize(), 1);
+                       StatUtils_FreeStatList();
+                       return Stat_NewBooksEventSimple(1, &path, 1);
+                     }});
+  constexpr BookInfo book = {1, "/x/a.fb2.zip", "en", "Ann", {"n"}, 1, 2, "1", "2", "3", "isbn"};
   std::size_t most = 0;
   for (const GoldenRecord& record : records) {
     if (!record.send) continue;
     for (const int failing_step : {0, 4}) {
       Forget();
       Recorded().is_silent = true;
+      Recorded().books = {{book.path, book}};
       Recorded().failing_step = failing_step;
       const std::size_t used = StackUsedBy(record.send);
       EXPECT_LE(used, 4096) << record.signature;
