@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,11 +17,23 @@
 #include <latch>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child.h"
 #include "tests/support/receiver.h"
 #include "tests/support/secure_mode.h"
+
+namespace {
+std::function<void()> g_while_opening;  // what happens while a socket is opened
+}  // namespace
+
+// Stands before the C library's.
+extern "C" __attribute__((visibility("default"))) int socket(int domain, int type,
+                                                             int protocol) noexcept {
+  if (g_while_opening) std::exchange(g_while_opening, nullptr)();
+  return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
 
 namespace {
 
@@ -203,10 +216,11 @@ TEST(MessageClientTest, KeepsOneCloseOnExecSocketClearOfTheStandardStreams) {
   Receiver receiver;
   EXPECT_TRUE(HoldsInChild([&] {
     bool holds = true;
-    for (const int closed : {STDIN_FILENO, STDOUT_FILENO}) {
+    for (const int closed : {STDERR_FILENO, STDIN_FILENO, STDOUT_FILENO}) {
       holds = holds && Send(receiver.name()) == 0 && Send(receiver.name()) == 0;
       const std::vector<int> kept = KeptSockets();
-      holds = holds && kept.size() == 1 && (fcntl(kept[0], F_GETFD) & FD_CLOEXEC) != 0;
+      holds = holds && kept.size() == 1 && kept[0] > STDERR_FILENO &&
+              (fcntl(kept[0], F_GETFD) & FD_CLOEXEC) != 0;
       CloseKeptSockets();
       close(closed);
     }
@@ -230,6 +244,17 @@ TEST(MessageClientTest, AForkedChildUsesASocketOfItsOwn) {
   for (const char* const message : {"message", "child", "parent"}) {
     EXPECT_EQ(receiver.Receive(), message);
   }
+}
+
+TEST(MessageClientTest, AChildForkedWhileTheSocketIsOpenedKeepsOneToo) {
+  Receiver receiver;
+  CloseKeptSockets();
+  bool holds = false;
+  g_while_opening = [&] {
+    holds = HoldsInChild([&] { return Send(receiver.name()) == 0 && KeptSockets().size() == 1; });
+  };
+  EXPECT_EQ(Send(receiver.name()), 0);
+  EXPECT_TRUE(holds);
 }
 
 // Descriptors of the application: what is written to `mine` shows at `peer`.

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 #include "corvane/corvane.h"
@@ -469,6 +470,25 @@ TEST(Books, EveryDamagedByteIsSurvived) {
     root.Write("/b.epub", damaged);
     GetBookInfo("/b.epub");
   }
+}
+
+TEST(Books, TextsStayWhateverAnotherThreadAsks) {
+  const DeviceRoot root;
+  const auto write = [&](const std::string& name, const std::string& isbn) {
+    root.Write(name, Fb2("<title-info><book-title>" + name +
+                         "</book-title></title-info><publish-info><isbn>" + isbn +
+                         "</isbn></publish-info>"));
+  };
+  write("/a.fb2", "9780306406157");
+  write("/b.fb2", "9783161484100");
+  const BookInfo* const book = GetBookInfo("/a.fb2");
+  const char* const isbn = GetBookISBN("/a.fb2");
+  std::thread([] {
+    EXPECT_STREQ(GetBookInfo("/b.fb2")->s1, "/b.fb2");
+    EXPECT_STREQ(GetBookISBN("/b.fb2"), "9783161484100");
+  }).join();
+  EXPECT_STREQ(book->s1, "/a.fb2");
+  EXPECT_STREQ(isbn, "9780306406157");
 }
 
 TEST(Books, BooksOfOthersAreRead) {

@@ -77,18 +77,22 @@ TEST(Logging, LevelsAboveTheThresholdAreLeftOut) {
 
 TEST(Logging, ACallIsOneWriteOfOneLine) {
   StderrCapture capture;
-  errno = EILSEQ;
-  vm_print_log2(1, "src/events", 42, "int F()", "[pid:%d] err:[%d] %s", 7, -1, "caf\xC3\xA9");
-  vm_print_log2(1, nullptr, -1, nullptr, nullptr);
-  vm_print_log2(1, "f", 1, "g", "a\nb\x1B[31m\x7F\r\n\n");
-  vm_print_log2(1, "f", 1, "g", "%lc", wint_t{0x110000});  // no character
-  EXPECT_EQ(errno, EILSEQ);
-  std::vector<std::string> writes = capture.Writes();
-  std::transform(writes.begin(), writes.end(), writes.begin(), AfterTime);
-  EXPECT_THAT(writes,
-              ElementsAre(Prefix(1) + "src/events:42 int F(): [pid:7] err:[-1] caf\xC3\xA9\n",
-                          Prefix(1) + ":-1 : \n", Prefix(1) + "f:1 g: a?b?[31m??\n",
-                          Prefix(1) + "f:1 g: %lc\n"));
+  std::vector<std::string> writes;
+  for (const int refusal : {ENOSYS, 0}) {
+    g_refusal = refusal;
+    errno = EILSEQ;
+    vm_print_log2(1, "src/events", 42, "int F()", "[pid:%d] err:[%d] %s", 7, -1, "caf\xC3\xA9");
+    vm_print_log2(1, nullptr, -1, nullptr, nullptr);
+    vm_print_log2(1, "f", 1, "g", "a\nb\x1B[31m\x7F\r\n\n");
+    vm_print_log2(1, "f", 1, "g", "%lc", wint_t{0x110000});  // no character
+    EXPECT_EQ(errno, EILSEQ);
+    writes = capture.Writes();
+    std::transform(writes.begin(), writes.end(), writes.begin(), AfterTime);
+    EXPECT_THAT(writes,
+                ElementsAre(Prefix(1) + "src/events:42 int F(): [pid:7] err:[-1] caf\xC3\xA9\n",
+                            Prefix(1) + ":-1 : \n", Prefix(1) + "f:1 g: a?b?[31m??\n",
+                            Prefix(1) + "f:1 g: %lc\n"));
+  }
 
   const std::string long_text(100'000, 'x');
   vm_print_log2(1, long_text.c_str(), 1, long_text.c_str(), "%s", long_text.c_str());
@@ -120,7 +124,18 @@ TEST(Logging, ALogThatNobodyReadsEndsNoProcess) {
   StderrCapture capture;
   capture.CloseReadEnd();
   vm_print_log2(1, "f", 1, "g", "into the void");
-  EXPECT_EQ(write(STDERR_FILENO, "", 0), 0);  // a signal left pending would have come by now
+  sigset_t pipe_signal;
+  sigset_t held_back;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &held_back);
+  EXPECT_EQ(sigismember(&held_back, SIGPIPE), 0);
+  // One that the application itself waits for is left to it.
+  raise(SIGPIPE);
+  vm_print_log2(1, "f", 1, "g", "into the void again");
+  const timespec no_wait{};
+  EXPECT_EQ(sigtimedwait(&pipe_signal, nullptr, &no_wait), SIGPIPE);
+  pthread_sigmask(SIG_SETMASK, &held_back, nullptr);
   StderrCapture of_a_new_reader;
   vm_print_log2(1, "f", 1, "g", "read again");
   EXPECT_EQ(of_a_new_reader.Writes().size(), 2U);  // this line, and how many are lost
@@ -179,6 +194,8 @@ TEST(Logging, ALogThatTakesNoMoreLosesCountedLinesAndHoldsNobodyUp) {
       fcntl(channel.reader, F_SETFL, O_NONBLOCK);
       const int saved = dup(STDERR_FILENO);
       dup2(channel.log, STDERR_FILENO);
+      const int unused = dup(STDERR_FILENO);
+      close(unused);
       constexpr int kLines = 2000;
       for (int i = 0; i < kLines; ++i) vm_print_log2(1, "f", 1, "g", "number %d.", i);
       std::string text;
@@ -192,8 +209,9 @@ TEST(Logging, ALogThatTakesNoMoreLosesCountedLinesAndHoldsNobodyUp) {
       drain();
       vm_print_log2(1, "f", 1, "g", "afterwards");
       drain();
-      dup2(saved, STDERR_FILENO);
-      for (const int descriptor : {saved, channel.log, channel.reader}) close(descriptor);
+      EXPECT_EQ(dup2(saved, STDERR_FILENO), STDERR_FILENO);
+      EXPECT_EQ(dup(STDERR_FILENO), unused);  // none stayed open
+      for (const int each : {saved, channel.log, channel.reader, unused}) close(each);
       g_refusal = 0;
 
       EXPECT_NE(text.find("afterwards\n"), std::string::npos) << strerror(refusal);
@@ -226,19 +244,41 @@ TEST(Logging, EqualLinesBeyondAHundredASecondAreCounted) {
   const std::string text = testing::internal::GetCapturedStderr();
 
   std::map<std::string, int> equal_in_second;
+  std::map<std::string, int> told_in_second;
   std::map<std::string, int> lines;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
     const std::string message = line.substr(line.rfind(' ') + 1);
     ++lines[message];
     if (message == "equal") ++equal_in_second[line.substr(0, 19)];
+    if (line.find(kRepeated) != line.npos) ++told_in_second[line.substr(0, 19)];
   }
   int fullest = 0;
   for (const auto& [second, count] : equal_in_second) fullest = std::max(fullest, count);
   EXPECT_EQ(fullest, 100);
   EXPECT_EQ(lines["equal"] + NumberOf(kRepeated, text), kLines);
+  for (const auto& [second, count] : told_in_second) EXPECT_EQ(count, 1);
   EXPECT_EQ(lines["rare"], kLines / 50);
   EXPECT_EQ(lines["later"], 1);
+}
+
+TEST(Logging, WhatIsMissingIsToldAtTheEnd) {
+  const Channel channel = Pipe();
+  fcntl(channel.reader, F_SETFL, O_NONBLOCK);
+  fflush(nullptr);
+  usage_stat_test::Child child([&]() -> int {
+    dup2(channel.log, STDERR_FILENO);
+    for (int i = 0; i < 5000; ++i) vm_print_log2(1, "f", 1, "g", "number %d.", i);
+    for (int i = 0; i < 5000; ++i) vm_print_log2(1, "f", 1, "g", "equal");
+    for (char bytes[4096]; read(channel.reader, bytes, sizeof(bytes)) > 0;) continue;
+    exit(0);
+  });
+  EXPECT_EQ(child.Wait(), 0);
+  std::string text(4096, '\0');
+  text.resize(static_cast<std::size_t>(read(channel.reader, text.data(), text.size())));
+  EXPECT_GT(NumberOf(kLost, text), 0);
+  EXPECT_GT(NumberOf(kRepeated, text), 0);
+  for (const int descriptor : {channel.log, channel.reader}) close(descriptor);
 }
 
 TEST(ProcessId, FollowsForks) {

@@ -64,6 +64,13 @@ TEST_F(NewBooksTest, MoreThanAHundredPathsAreSentAsTheirNumberAlone) {
   const std::vector<const char*> paths(101, "/x/a");
   EXPECT_EQ(Stat_NewBooksEventSimple(101, paths.data(), 3), 0);
   EXPECT_EQ(Recorded().message, "Int16 2028; Timestamp now; Int32 101; Int16 3; ");
+  EXPECT_EQ(Stat_NewBooksEventSimple(100, paths.data(), 3), 0);
+  const std::string book = Id("/x/a") + "Language ; " + kListB +
+                           "String ; StringVec [][][][][][][][][][]; Int32 0; Int16 0; String a; "
+                           "String ; String ; String ; String ; ";
+  std::string books;
+  for (int i = 0; i < 100; ++i) books += book;
+  EXPECT_EQ(Recorded().message, "Int16 2028; Timestamp now; Int32 100; " + books + "Int16 3; ");
 }
 
 TEST_F(NewBooksTest, FileTypesFollowTwoRules) {

@@ -1,5 +1,6 @@
 // The measurements' probes, on a platform that answers as the test says.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <openssl/evp.h>
 #include <sys/resource.h>
@@ -326,6 +327,7 @@ TEST_F(ProbesTest, EachVectorKeepsItsDescriptor) {
   EXPECT_EQ(GenerateIV().size(), 16U);
   const int after = dup(STDIN_FILENO);
   EXPECT_EQ(after, before + 1);
+  EXPECT_EQ(fcntl(before, F_GETFD), FD_CLOEXEC);
   close(before);
   close(after);
 }
