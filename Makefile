@@ -6,7 +6,7 @@ BUILD := build/$(PRESET)
 .PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 \
         package package-armhf test-package abi-check abi-update test-browser demo records \
         reference bench bench-smoke bench-build bench-fleet bench-reading fleet-demo fleet-faults contract fuzz \
-        fuzz-long fuzz-build faults mutate soak clean
+        fuzz-long fuzz-build faults kills mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -155,6 +155,10 @@ soak: all
 # What becomes of calls when memory, system calls and the collector fail.
 faults: all
 	scripts/faults $(BUILD)
+
+# The collector killed at each of its writes, while it archives and while it upgrades.
+kills: all
+	USAGE_STAT_THOROUGH_TESTS=1 $(BUILD)/tests/faults/collector_kill_test
 
 # Puts faults into a copy of the tree, one by one, and tells which tests see them. Takes a while.
 mutate:

@@ -1,9 +1,11 @@
 // What the collector takes in, and how much memory it needs for it, beside a bare receiving loop:
 // several processes send page turns as fast as they can. Afterwards every page turn that was
-// accepted must be in the database once, each process's in order.
+// accepted must be in the database once, each process's in order. And what a page turn writes.
 
 #include <fmt/format.h>
+#include <linux/magic.h>
 #include <sys/socket.h>
+#include <sys/statfs.h>
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -95,7 +97,89 @@ bool RunCollector(const std::string& command, const Load& load) {
   return is_clean && IsComplete(database, load);
 }
 
-int Measure(const std::string& collector, const Load& load, int rounds) {
+// ---- What is written ----
+
+// By a process so far, as the kernel counts it.
+struct Written {
+  std::int64_t calls = 0;  // bytes that it passed to write calls
+  std::int64_t disk = 0;   // pages of the cache that it made dirty, in bytes; 0 on a tmpfs
+};
+
+Written WrittenBy(pid_t pid) {
+  Written written;
+  std::istringstream lines(ReadFile("/proc/" + std::to_string(pid) + "/io"));
+  std::int64_t number = 0;
+  for (std::string name; lines >> name >> number;) {
+    if (name == "wchar:") written.calls = number;
+    if (name == "write_bytes:") written.disk = number;
+  }
+  return written;
+}
+
+class FlashBench {
+ public:
+  FlashBench(const std::string& command, const std::string& interval)
+      : process_(command, folder_.path(),
+                 {"--database", database_, "--commit-interval", interval}) {
+    struct statfs disk {};
+    is_ready_ = process_.IsUp() && Eventually([this] { return Count() > 0; }) &&
+                statfs(folder_.path().c_str(), &disk) == 0;
+    has_disk_ = disk.f_type != TMPFS_MAGIC;
+  }
+
+  // Has `senders` processes send `count` page turns each, `times` times over, each time when those
+  // before are committed and at least `pause` later; and prints what that has cost.
+  bool Run(const char* work, int senders, int count, int times, std::chrono::seconds pause) {
+    const Written before = WrittenBy(process_.pid());
+    for (int i = 0; i < times && is_ready_; ++i) {
+      const auto next = Clock::now() + pause;
+      const std::int64_t rows = Count() + senders * count;
+      SendAll(process_.endpoint(), {senders, count});
+      is_ready_ = Eventually([&] { return Count() >= rows; });
+      std::this_thread::sleep_until(next);
+    }
+    const Written after = WrittenBy(process_.pid());
+    const int records = senders * count * times;
+    const auto each = [records](std::int64_t bytes) { return bytes / records; };
+    fmt::print("| {} | {} | {} | {} |\n", work, records, each(after.calls - before.calls),
+               has_disk_ ? std::to_string(each(after.disk - before.disk)) : "on a tmpfs");
+    std::fflush(stdout);
+    return is_ready_;
+  }
+
+ private:
+  std::int64_t Count() const {
+    std::unique_ptr<store::Reader> reader;
+    std::int64_t records = -1;
+    std::int64_t quarantined = 0;
+    if (store::Reader::Open(database_, &reader).ok())
+      (void)reader->CountRows(&records, &quarantined);
+    return records;
+  }
+
+  const TempFolder folder_;
+  const std::string database_ = folder_ / "records.db";
+  CollectorProcess process_;
+  bool is_ready_ = false;
+  bool has_disk_ = false;
+};
+
+bool MeasureFlash(const std::string& collector, int seconds) {
+  constexpr std::chrono::seconds kSecond{1};
+  constexpr std::chrono::seconds kNoPause{0};
+  fmt::print(
+      "\n| work | page turns | bytes in write calls for each | `write_bytes` for each |\n"
+      "|---|--:|--:|--:|\n");
+  FlashBench single(collector, "50");
+  FlashBench burst(collector, "1000");
+  return single.Run("one a second", 1, 1, seconds, kSecond) &&
+         single.Run("one when the other is committed", 1, 1, 20 * seconds, kNoPause) &&
+         burst.Run("a burst, one commit a second", 4, 2500, 1, kNoPause);
+}
+
+// ---- All of it ----
+
+int Measure(const std::string& collector, const Load& load, int rounds, int seconds) {
   fmt::print(
       "| receiver | page turns | seconds | per second | peak MiB |\n|---|---|---|---|---|\n");
   for (int round = 0; round < rounds; ++round) {
@@ -104,7 +188,9 @@ int Measure(const std::string& collector, const Load& load, int rounds) {
       return usage_stat::kFailed;
     }
   }
-  return usage_stat::kOk;
+  if (MeasureFlash(collector, seconds)) return usage_stat::kOk;
+  std::fputs("collector_bench: a page turn was not committed\n", stderr);
+  return usage_stat::kFailed;
 }
 
 }  // namespace
@@ -112,14 +198,18 @@ int Measure(const std::string& collector, const Load& load, int rounds) {
 int main(int argc, char** argv) {
   Load load;
   int rounds = 3;
+  int seconds = 120;
   std::string collector;
-  usage_stat::CommandLine line("collector_bench",
-                               "Measures the collector beside a bare receiving loop.", "");
+  usage_stat::CommandLine line(
+      "collector_bench", "Measures the collector beside a bare receiving loop, and what it writes.",
+      "");
   usage_stat::Command command = line.main();
   command.Argument("collector", "The program", &collector, true);
   command.Option("--senders", "COUNT", "Processes that send", 1, 1000, &load.senders);
   command.Option("--count", "COUNT", "Page turns for each of them", 1, 10'000'000, &load.count);
   command.Option("--rounds", "COUNT", "How often both are measured, in turn", 1, 1000, &rounds);
-  command.OnRun([&] { return Measure(collector, load, rounds); });
+  command.Option("--seconds", "COUNT", "How long one page turn a second is sent", 1, 100'000,
+                 &seconds);
+  command.OnRun([&] { return Measure(collector, load, rounds, seconds); });
   return line.Run(argc, argv);
 }

@@ -242,6 +242,22 @@ TEST_F(CollectorTest, MistakesAreTold) {
   EXPECT_EQ(foreign.Wait(), 1);
   EXPECT_THAT(foreign.Err(), HasSubstr("is not a database of usage-stat"));
   EXPECT_EQ(ReadFile(other / "notes"), "a shopping list");
+
+  // As a firmware meets it that goes back to an older version.
+  const std::string newer = other / "newer.db";
+  {
+    store::Connection connection;
+    bool created = false;
+    ASSERT_TRUE(store::OpenForWriting(newer, &connection, &created).ok());
+    ASSERT_TRUE(
+        connection.Execute("PRAGMA user_version = 3; PRAGMA wal_checkpoint(TRUNCATE)").ok());
+  }
+  const std::string before = ReadFile(newer);
+  CollectorProcess older(COLLECTOR_COMMAND, other.path(), {"--database", newer});
+  EXPECT_EQ(older.Wait(), 1);
+  EXPECT_THAT(older.Err(), HasSubstr(newer + " has schema version 3, this program knows version 2; "
+                                             "it was left as it is"));
+  EXPECT_EQ(ReadFile(newer), before);
 }
 
 TEST_F(CollectorTest, KeepsEverythingThatManyProcessesSend) {
@@ -340,6 +356,18 @@ TEST_F(CollectorTest, WaitsForAFullDisk) {
   EXPECT_EQ(collector_->End(), 0);
   ExpectPageTurns(0, count, count);
   ExpectBalance();
+  for (const char* once : {"cannot write", "can be written again"}) {
+    EXPECT_EQ(collector_->Err().find(once), collector_->Err().rfind(once)) << "told once";
+  }
+
+  // Nor does it wait for ever when it is to end.
+  Start();
+  WriteFile(disk + "/ballast", std::string(2'000'000, 'x'));
+  while (collector_->Err().find("cannot write") == std::string::npos) {
+    if (Send(PageTurn(0, count)) == 0) ++count;
+  }
+  EXPECT_EQ(collector_->End(), 1);
+  EXPECT_THAT(collector_->Err(), HasSubstr("datagrams are lost"));
   umount2(disk.c_str(), MNT_DETACH);
 }
 
@@ -452,7 +480,7 @@ TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
   const int sent = count + kDescriptors;
   ASSERT_TRUE(Eventually([&] { return Number("SELECT received FROM run_counts") == sent; }));
   const std::string open_files = "/proc/" + std::to_string(collector_->pid()) + "/fd";
-  EXPECT_LT(std::distance(std::filesystem::directory_iterator(open_files), {}), kDescriptors);
+  EXPECT_LT(std::distance(std::filesystem::directory_iterator(open_files), {}), kDescriptors / 2);
 
   EXPECT_EQ(collector_->End(), 0);
   ExpectBalance();
@@ -478,6 +506,12 @@ TEST_F(CollectorTest, RefusesOtherUsers) {
   EXPECT_EQ(Number("SELECT count FROM tally WHERE outcome = 'refused' AND uid = 12345"), 1);
   EXPECT_THAT(collector_->Err(), HasSubstr("2 received, 1 decoded, 0 quarantined, 1 refused"));
   ExpectBalance();
+
+  Start({"--allow-any"});
+  Child anybody([this] { return setuid(kStranger) == 0 ? Send(PageTurn(0, 1)) : 1; });
+  EXPECT_EQ(anybody.Wait(), 0);
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(PageTurns(0), (std::vector<int>{kFriend, 1}));
 }
 
 TEST_F(CollectorTest, NobodyHasToReadItsOutput) {
@@ -508,8 +542,12 @@ TEST_F(CollectorTest, RotatesWhenAskedTo) {
   SendSurely(Bytes(usage_stat::ForceRotationEvent()));
   ASSERT_TRUE(Eventually(
       [this] { return Number("SELECT count(*) FROM archives WHERE state = 'complete'") == 1; }));
+  // Once a minute at most.
   SendSurely(PageTurn(0, 1));
+  SendSurely(Bytes(usage_stat::ForceRotationEvent()));
+  ASSERT_TRUE(Eventually([this] { return CountWithArchives("ForceRotationEvent") == 2; }));
   EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(Number("SELECT count(*) FROM archives"), 1);
   EXPECT_EQ(PageTurns(0), std::vector<int>{1});
   EXPECT_EQ(
       Number("SELECT count(*) FROM record_list r, archives a WHERE r.event = 'SendArchiveEvent' "

@@ -13,6 +13,7 @@
 #include "store_fixture.h"
 #include "tests/support/child.h"
 #include "tools/store/archive.h"
+#include "tools/store/maintenance.h"
 #include "tools/store/retention.h"
 #include "tools/store/schema.h"
 
@@ -213,6 +214,16 @@ TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
   ASSERT_OK(store::ArchiveRecords(database_, archives_, &archives));
   ASSERT_EQ(archives.size(), 1U);
   EXPECT_EQ(archives[0].records, 11);
+  struct stat status {};
+  ASSERT_EQ(stat(archives[0].path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0640U);
+  ASSERT_EQ(stat(archives_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0750U);
+  {
+    store::Maintenance somebody;
+    ASSERT_OK(store::Maintenance::Open(database_, &somebody));
+    EXPECT_EQ(store::ArchiveRecords(database_, archives_, &archives).code, SQLITE_BUSY);
+  }
   EXPECT_EQ(std::filesystem::file_size(database_ + "-wal"), 0U);
   Add(10);
   ASSERT_OK(store::ArchiveRecords(database_, archives_, &archives));
@@ -257,11 +268,51 @@ TEST_F(ArchiveTest, KilledAtAnyMomentEveryRecordIsInOnePlace) {
     ASSERT_OK(store::FinishArchives(database_));
     ASSERT_EQ(ReadJournal(), Expected()) << "round " << round;
   }
-  std::string integrity;
-  std::unique_ptr<store::Reader> reader;
-  ASSERT_OK(store::Reader::Open(database_, &reader));
-  ASSERT_OK(reader->CheckIntegrity(&integrity));
-  EXPECT_EQ(integrity, "ok");
+  EXPECT_EQ(Answer(database_, "PRAGMA integrity_check"), "ok");
+}
+
+// What archives the records at the moment when a reader of theirs begins another statement.
+struct Mover {
+  std::string database;
+  std::string archives;
+  int statements_before;
+
+  void Move() const {
+    store::Maintenance maintenance;
+    std::unique_ptr<store::Reader> reader;
+    store::Archive archive;
+    ASSERT_OK(store::Maintenance::Open(database, &maintenance));
+    ASSERT_OK(store::Reader::Open(database, &reader));
+    ASSERT_OK(store::MakeArchive(&maintenance, archives, reader.get(), 0, INT64_MAX - 1, &archive));
+    ASSERT_OK(store::FinishArchives(&maintenance));
+  }
+};
+
+TEST_F(ArchiveTest, RecordsThatMoveWhileTheyAreReadAreMetOnce) {
+  const auto move_in_time = [](unsigned, void* context, void*, void*) {
+    auto* mover = static_cast<Mover*>(context);
+    if (mover->statements_before-- == 0) mover->Move();
+    return 0;
+  };
+  for (const bool reverse : {false, true}) {
+    Mover mover{database_, archives_, -1};
+    for (int moment = 0; mover.statements_before < 0; ++moment) {
+      SCOPED_TRACE(std::to_string(moment) + (reverse ? ", newest first" : ""));
+      std::unique_ptr<store::History> history;
+      std::int64_t last = 0;
+      ASSERT_OK(store::History::Open(database_, &history));
+      ASSERT_OK(history->live().LastNumber(&last));
+      const Names expected = {std::to_string(next_), std::to_string(next_ + 1)};
+      Add(2);
+      mover.statements_before = moment;
+      sqlite3_trace_v2(history->live().connection().handle(), SQLITE_TRACE_STMT, move_in_time,
+                       &mover);
+      Names found = Read(*history, {.after_id = last, .reverse = reverse});
+      if (reverse) std::ranges::reverse(found);
+      std::erase_if(found, [](const std::string& name) { return name.ends_with("Event"); });
+      EXPECT_EQ(found, expected);
+    }
+  }
 }
 
 TEST_F(ArchiveTest, RetentionDeletesTheOldestFirst) {

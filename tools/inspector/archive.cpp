@@ -58,7 +58,9 @@ int RunRecover(const Options& options, const std::string& file) {
   if (status.ok())
     status = store::Recover(file, options.database, DirectoryOf(options), &recovered);
   if (!status.ok()) return Complain(kFailed, status.message);
-  Print("{} records recovered, {} could not be read\n", recovered.records, recovered.unreadable);
+  // A file that lost its end does not tell how far its numbers went.
+  Print("{} records recovered, {}{} could not be read\n", recovered.records,
+        recovered.unreadable > 0 ? "at most " : "", recovered.unreadable);
   for (const store::Archive& archive : recovered.archives) {
     Print("  {} to {}: {}\n", archive.first_record, archive.last_record, Printable(archive.path));
   }

@@ -394,10 +394,6 @@ Status Reader::CountRows(std::int64_t* records, std::int64_t* quarantined) {
   return connection_.Read("SELECT count(*) FROM quarantine", quarantined);
 }
 
-Status Reader::CheckIntegrity(std::string* result) {
-  return connection_.Read("PRAGMA integrity_check", result);
-}
-
 // ---- The database and its archives ----
 
 bool MayHoldMatch(const Archive& archive, const Query& query) {

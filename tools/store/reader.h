@@ -86,9 +86,6 @@ class Reader {
 
   Status CountRows(std::int64_t* records, std::int64_t* quarantined);
 
-  // SQLite's own check of the whole file: "ok", or what it found.
-  Status CheckIntegrity(std::string* result);
-
   // For queries that are not foreseen here. Reading only.
   Connection& connection() { return connection_; }
   int schema() const { return schema_; }
