@@ -221,6 +221,8 @@ TEST(Books, Fb2MetadataFillsTheFields) {
   const std::string declared =
       "<FictionBook><description><title-info><author><nickname>\xC6</nickname></author>"
       "</title-info></description><body/></FictionBook>";
+  std::string replaced;
+  for (int i = 0; i < 15; ++i) replaced += "\xEF\xBF\xBD";
   struct Case {
     std::string file;
     std::string description;
@@ -261,6 +263,10 @@ TEST(Books, Fb2MetadataFillsTheFields) {
       {Fb2("<title-info><author><nickname>Caf\xE9</nickname></author>"
            "<book-title>\xCF\xE5\xF0 \xE2</book-title></title-info>"),
        "1|-|Caf\xEF\xBF\xBD|0|0|-|-|-|-"},
+      // Longer than need be, and beyond the last character.
+      {Fb2("<title-info><book-title>\xE0\x80\xAF\xF0\x80\x80\xAF\xF4\x90\x80\x80\xF5\x80\x80\x80"
+           " and what can be read</book-title></title-info>"),
+       "1|-|-|0|0|" + replaced + " and what can be read|-|-|-"},
       {Fb2("<title-info><book-title>" + std::string(5000, ' ') +
            "T</book-title><sequence/>"
            "<sequence name=' ' number='2'/></title-info><publish-info><sequence name='S' "
@@ -373,6 +379,10 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
   MakeZip(root.HostPath("/bomb.fb2.zip"), {{"b.fb2", many_blanks + Fb2("<title-info/>")}});
   MakeZip(root.HostPath("/cut.epub"), Epub(good));
   std::filesystem::resize_file(root.HostPath("/cut.epub"), 200);
+  MakeZip(root.HostPath("/checksum.epub"), Epub(good), ZIP_CM_STORE);
+  std::string changed = ContentOf(root.HostPath("/checksum.epub"));
+  changed.replace(changed.find(">T<"), 3, ">U<");
+  root.Write("/checksum.epub", changed);
   root.Write("/empty.epub", "");
   root.Write("/deep.fb2", Fb2(deep));
   root.Write("/directory.epub", End(0x7FFFFFFF, 0));
@@ -425,6 +435,7 @@ TEST(Books, HostileFilesGiveNullAndOneLine) {
                                      Case{"/no-container.epub", "missing"},
                                      Case{"/bomb.fb2.zip", "no whole FB2 description"},
                                      Case{"/cut.epub", "no readable archive"},
+                                     Case{"/checksum.epub", "damaged"},
                                      Case{"/empty.epub", "no readable archive"},
                                      Case{"/deep.fb2", "no whole FB2 description"},
                                      Case{"/directory.epub", "directory is too large"},

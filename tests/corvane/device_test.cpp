@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <array>
 #include <chrono>
@@ -73,6 +74,15 @@ TEST(DeviceFacts, FollowAFileThatLooksLikeItsPredecessor) {
   const std::string path = root.HostPath(kDeviceConfig);
   const auto modified = std::filesystem::last_write_time(path);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  {  // nor must what could not be read
+    const StderrCapture quiet;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_STREQ(GetCustomizedPartnerName(), "");
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
   EXPECT_STREQ(GetCustomizedPartnerName(), "P");
   EXPECT_STREQ(GetCustomizedPartnerName(), "P");
   root.Write(kDeviceConfig, "partner_name=Q\n");
@@ -117,9 +127,9 @@ TEST(Sensor, ReadingDecidesTheOrientation) {
   const StderrCapture quiet;
   for (const auto& [gsensor, orientation] :
        {Case{"0,980,190", 0}, Case{"-800, 100,5", 1}, Case{"0,-1000,0", 2}, Case{"900,-10,0", 3},
-        Case{"499,-499,-1000", 7}, Case{"-2147483648,0,0", 1}, Case{"700,700,0", 0},
-        Case{"none", -1}, Case{"", -1}, Case{"1,2", -1}, Case{"1,2,3,4", -1}, Case{"a,b,c", -1},
-        Case{"1,2,99999999999", -1}}) {
+        Case{"499,-499,-1000", 7}, Case{"500,0,-1000", 3}, Case{"-2147483648,0,0", 1},
+        Case{"700,700,0", 0}, Case{"none", -1}, Case{"", -1}, Case{"1,2", -1}, Case{"1,2,3,4", -1},
+        Case{"a,b,c", -1}, Case{"1,2,99999999999", -1}}) {
     SCOPED_TRACE(gsensor);
     root.Write(kDeviceConfig, std::string("orientation=7\ngsensor=") + gsensor);
     EXPECT_EQ(ReadGSensor(nullptr, nullptr, nullptr), orientation);

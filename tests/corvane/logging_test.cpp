@@ -95,9 +95,17 @@ TEST(Logging, ACallIsOneWriteOfOneLine) {
   }
 
   const std::string long_text(100'000, 'x');
+  timespec before{};
+  timespec after{};
+  clock_gettime(CLOCK_REALTIME, &before);
   vm_print_log2(1, long_text.c_str(), 1, long_text.c_str(), "%s", long_text.c_str());
+  clock_gettime(CLOCK_REALTIME, &after);
   writes = capture.Writes();
   ASSERT_EQ(writes.size(), 1U);
+  tm utc{};
+  strptime(writes[0].c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+  EXPECT_LE(before.tv_sec, timegm(&utc));
+  EXPECT_LE(timegm(&utc), after.tv_sec);
   EXPECT_EQ(writes[0].size(), 4096U);
   EXPECT_TRUE(writes[0].ends_with("xxx...\n"));
 }

@@ -275,6 +275,7 @@ TEST_F(ProbesTest, ModelCodesComeFromTheTableOrTheNumberInTheName) {
   for (const DeviceModel& model : kDeviceModels) {
     names.insert(model.name);
     codes.insert(model.code);
+    EXPECT_TRUE(model.code >= 100 || *codes.rbegin() == static_cast<int>(codes.size()));  // serial
   }
   EXPECT_EQ(names.size(), 31U);
   EXPECT_LT(codes.size(), names.size());  // aliases
