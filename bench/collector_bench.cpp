@@ -207,7 +207,7 @@ int main(int argc, char** argv) {
   command.Argument("collector", "The program", &collector, true);
   command.Option("--senders", "COUNT", "Processes that send", 1, 1000, &load.senders);
   command.Option("--count", "COUNT", "Page turns for each of them", 1, 10'000'000, &load.count);
-  command.Option("--rounds", "COUNT", "How often both are measured, in turn", 1, 1000, &rounds);
+  command.Option("--rounds", "COUNT", "How often both are measured, in turn", 0, 1000, &rounds);
   command.Option("--seconds", "COUNT", "How long one page turn a second is sent", 1, 100'000,
                  &seconds);
   command.OnRun([&] { return Measure(collector, load, rounds, seconds); });

@@ -4,6 +4,7 @@
 #define USAGE_STAT_TESTS_SUPPORT_FILES_H_
 
 #include <stdlib.h>
+#include <sys/mount.h>
 
 #include <filesystem>
 #include <fstream>
@@ -28,6 +29,29 @@ class TempFolder {
 
  private:
   std::string path_;
+};
+
+// A small file system of its own at `path`, until its owner goes. Not everybody may mount one.
+class SmallDisk {
+ public:
+  SmallDisk(const std::string& path, const char* size) : path_(path) {
+    std::filesystem::create_directory(path);
+    is_there_ = mount("tmpfs", path.c_str(), "tmpfs", 0, size) == 0;
+  }
+  ~SmallDisk() {
+    if (is_there_) umount2(path_.c_str(), MNT_DETACH);
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+  bool is_there() const { return is_there_; }
+  bool MakeReadOnly() const {
+    return mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+  }
+
+ private:
+  const std::string path_;
+  bool is_there_ = false;
 };
 
 inline std::string ReadFile(const std::string& path) {

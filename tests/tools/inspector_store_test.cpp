@@ -10,6 +10,7 @@
 #include "tests/support/run_program.h"
 #include "tests/tools/collector_process.h"
 #include "tests/tools/store_fixture.h"
+#include "tools/base/text.h"
 #include "tools/inspector/moment.h"
 #include "tools/records/record.h"
 #include "tools/store/archive.h"
@@ -458,6 +459,17 @@ TEST_F(InspectorTest, ReplaysEveryRecordAsItWas) {
     while (program.out().empty() && receiver.Receive(100)) {
     }
   }
+  // A clock that was set meanwhile, from 1970 to today and back, is no pause.
+  std::string around_a_step;
+  for (const std::int64_t at : {1000LL, 1'790'000'000'000LL, 2000LL}) {
+    around_a_step +=
+        velmora::usage_stat::base::ToHex(RowOf(velmora::usage_stat::GoToPageEvent(), at).raw) +
+        "\n";
+  }
+  const Receiver patient;
+  Program stepping(Started({"replay", "--raw", "--endpoint", patient.endpoint(), "-"}),
+                   around_a_step, environment_);
+  EXPECT_TRUE(stepping.AwaitOutput("3 as bytes"));
   receiver.Stop();
   EXPECT_EQ(UsageStat({"replay", "-"}, "00ff\nnonsense\n").exit_code, 1);
   EXPECT_EQ(UsageStat({"replay", "--speed", "0", "-"}, "").exit_code, 2);
