@@ -19,11 +19,15 @@ constexpr long kWritingCalls[] = {SYS_write,     SYS_pwrite64,  SYS_writev,    S
                                   SYS_renameat2, SYS_unlink,    SYS_unlinkat,  SYS_mkdir,
                                   SYS_link,      SYS_linkat,    SYS_fallocate, SYS_copy_file_range};
 
-bool IsAboutToWrite(pid_t thread) {
+// Those of them after which another file has a name.
+constexpr long kNamingCalls[] = {SYS_rename,   SYS_renameat, SYS_renameat2, SYS_unlink,
+                                 SYS_unlinkat, SYS_link,     SYS_linkat};
+
+// The system call that a thread is about to make; -1 when it stopped elsewhere.
+long CallOf(pid_t thread) {
   __ptrace_syscall_info info{};
   ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof(info), &info);
-  return info.op == PTRACE_SYSCALL_INFO_ENTRY &&
-         std::ranges::count(kWritingCalls, static_cast<long>(info.entry.nr)) > 0;
+  return info.op == PTRACE_SYSCALL_INFO_ENTRY ? static_cast<long>(info.entry.nr) : -1;
 }
 
 [[noreturn]] void Become(std::vector<std::string> words) {
@@ -75,9 +79,11 @@ void KilledAtWrite::Trace(std::vector<std::string> words, long kill_at) {
       break;
     }
     const int stop = WSTOPSIG(status);
-    if (stop == (SIGTRAP | 0x80) && IsAboutToWrite(thread) && ++writes_ == kill_at) {
+    const long call = stop == (SIGTRAP | 0x80) ? CallOf(thread) : -1;
+    if (std::ranges::count(kWritingCalls, call) > 0 && ++writes_ == kill_at) {
       kill(program, SIGKILL);
     }
+    if (std::ranges::count(kNamingCalls, call) > 0) namings_.insert(writes_);
     // Signals are passed on, except those that come from tracing itself.
     const bool is_own = stop == (SIGTRAP | 0x80) || stop == SIGTRAP || stop == SIGSTOP;
     ptrace(PTRACE_SYSCALL, thread, nullptr, is_own ? 0 : stop);

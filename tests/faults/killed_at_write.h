@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +26,9 @@ class KilledAtWrite {
   bool is_alive() const { return is_alive_; }
   long writes() const { return writes_; }
 
+  // Those of its writes that gave a file a name or took it away; after End().
+  const std::set<long>& namings() const { return namings_; }
+
   // Asks it to end and waits. Returns its exit code, or minus the signal that ended it.
   int End();
 
@@ -34,6 +38,7 @@ class KilledAtWrite {
   std::atomic<pid_t> pid_ = 0;
   std::atomic<bool> is_alive_ = true;
   std::atomic<long> writes_ = 0;
+  std::set<long> namings_;
   std::atomic<int> end_ = -1;
   std::thread tracer_;  // of the program's calls: the kernel wants that to be one thread
 };
