@@ -257,6 +257,18 @@ TEST_F(CollectorTest, MistakesAreTold) {
   EXPECT_THAT(older.Err(), HasSubstr(newer + " has schema version 3, this program knows version 2; "
                                              "it was left as it is"));
   EXPECT_EQ(ReadFile(newer), before);
+
+  // What it can't use is named, also where nothing can be found any more.
+  std::filesystem::create_directory(other / "blocked.db-wal");
+  CollectorProcess blocked(COLLECTOR_COMMAND, other.path(), {"--database", other / "blocked.db"});
+  EXPECT_EQ(blocked.Wait(), 1);
+  EXPECT_THAT(blocked.Err(), HasSubstr(other / "blocked.db: "));
+  const std::string nowhere = "mkdir " + (other / "gone") + " && cd " + (other / "gone") +
+                              " && rmdir ../gone && exec " + COLLECTOR_COMMAND +
+                              " --endpoint nowhere." + std::to_string(getpid()) +
+                              " --database r.db 2>" + (other / "err");
+  EXPECT_EQ(WEXITSTATUS(std::system(nowhere.c_str())), 1);
+  EXPECT_THAT(ReadFile(other / "err"), HasSubstr("r.db"));
 }
 
 TEST_F(CollectorTest, KeepsEverythingThatManyProcessesSend) {

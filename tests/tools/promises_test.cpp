@@ -350,7 +350,18 @@ TEST_F(PromisesTest, ArchivesOfOthersTakeNeitherSpaceNorTime) {
   ASSERT_EQ(mkfifo((folder_ / "fifo.db").c_str(), 0600), 0);
   WriteFile(folder_ / "text.db.zst", "a shopping list");
   fs::create_directory(folder_ / "room");
+  fs::remove(database_);
+  {
+    auto writer = OpenWriter();
+    ASSERT_OK(writer->Finish());
+  }
+  Answer(database_,
+         "ALTER TABLE records RENAME TO others; CREATE VIEW records AS WITH RECURSIVE n(id) AS "
+         "(SELECT 1 UNION ALL SELECT id + 1 FROM n) SELECT id FROM n; "
+         "PRAGMA wal_checkpoint(TRUNCATE)");
+  ASSERT_OK(store::CompressFile(database_, folder_ / "looping.db.zst"));
   const std::pair<const char*, const char*> cases[] = {{"endless.db.zst", "it holds more than"},
+                                                       {"looping.db.zst", "is not sound"},
                                                        {"fifo.db.zst", "is not a file"},
                                                        {"fifo.db", "is not a file"},
                                                        {"text.db.zst", "text.db.zst"}};
@@ -549,6 +560,101 @@ TEST_F(PromisesTest, DamageWhileInUseCostsNoMoreThanWhatItHit) {
     EXPECT_TRUE(std::ranges::is_sorted(turns));
     const std::string database = database_;
     EXPECT_EQ(Answer(database, "PRAGMA integrity_check"), "ok");
+  }
+}
+
+TEST_F(PromisesTest, RowsAndTablesThatCannotBeAreDamage) {
+  const auto with_schema = [](const std::string& from, const std::string& to) {
+    return "PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = replace(sql, '" + from +
+           "', '" + to + "')";
+  };
+  const std::string strict = "uid INTEGER NOT NULL";
+  const std::string loose = "uid INTEGER";
+  struct Case {
+    const char* name;
+    std::vector<std::string> harm;
+    bool while_in_use;
+  };
+  const std::vector<std::string> null_uid = {with_schema(strict, loose),
+                                             "UPDATE records SET uid = NULL",
+                                             with_schema(loose + ",", strict + ",")};
+  const Case cases[] = {{"a value is gone", null_uid, false},
+                        {"a value is gone while in use", null_uid, true},
+                        {"a column has another name", {with_schema("boot ", "boat ")}, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const auto& file : fs::directory_iterator(folder_.path())) fs::remove_all(file);
+    Start();
+    SendSurely(PageTurn(0, 1));
+    ASSERT_TRUE(Eventually([this] { return Turns().size() == 1; }));
+    if (!c.while_in_use) collector_->Signal(SIGKILL);
+    if (!c.while_in_use) collector_->Wait();
+    for (const std::string& sql : c.harm) Answer(database_, sql);
+    if (!c.while_in_use) Start();
+    // Counts are added up for so many.
+    for (int i = 0; i < 1100; ++i) SendSurely(PageTurn(0, i));
+    EXPECT_TRUE(Says("is kept as"));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_FALSE(Aside().empty());
+    EXPECT_EQ(Answer(database_, "SELECT max(book_id) FROM change_page"), "1099");
+  }
+}
+
+TEST_F(PromisesTest, DamageThatIsMetAtTheEndIsNotForgotten) {
+  Start();
+  for (int i = 0; i < 500; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 500; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+  Garble(database_);
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_FALSE(Aside().empty()) << collector_->Err();
+}
+
+TEST_F(PromisesTest, RecordsThatAnArchiveHoldsTooAreMetOnce) {
+  Start();
+  for (int i = 0; i < 50; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 50; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+  // A power cut takes back that they were moved.
+  fs::copy_file(database_, folder_ / "before");
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  for (const char* beside : {"-wal", "-shm"}) fs::remove(database_ + beside);
+  fs::rename(folder_ / "before", database_);
+  Start();
+  EXPECT_TRUE(Says("records of the same numbers are here"));
+  SendSurely(PageTurn(0, 50));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(Turns().size(), 51U);
+  // Even where both are listed.
+  Answer(database_, "INSERT INTO archives SELECT 7, '" + archives[0].path +
+                        "', 'complete', 2, 1, min(id), 51, 51, 1, 9e15, 1 FROM records");
+  EXPECT_EQ(Turns().size(), 51U);
+}
+
+TEST_F(PromisesTest, ANumberBeyondBeliefIsDamage) {
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  const std::string claim = "UPDATE records SET id = 9223372036854775807";
+  Answer(database_, claim);
+  EXPECT_THAT(
+      RunProgram({USAGE_STAT, "sql", "--database", database_, "SELECT count(*) FROM records"}).out,
+      HasSubstr("\n1\n"));
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+  fs::create_directory(folder_ / "archives");
+  ASSERT_OK(store::CompressFile(database_, folder_ / "archives/records-x-1-1.db.zst"));
+  for (int i = 0; i < 2; ++i) {
+    Start();
+    EXPECT_TRUE(Says("larger than any that was given")) << "the database, then the archive";
+    SendSurely(PageTurn(0, 1));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(Answer(database_, "SELECT count(*) FROM change_page"), "1");
+    fs::remove(database_);
   }
 }
 
@@ -846,6 +952,7 @@ TEST_F(PromisesTest, AnIdleCollectorNeverWakesUp) {
   }));
   sleep(12);  // the rounds that there once were came every ten seconds
   EXPECT_EQ(Switches(collector_->pid()), before);
+  EXPECT_EQ(collector_->Err().find("cannot"), std::string::npos) << collector_->Err();
 }
 
 // What the system calls of a traced collector have written so far.

@@ -51,6 +51,10 @@ Summary Collector::Stop() {
   intake_.Close();
   keeping_.join();
   housekeeper_.reset();
+  // What it has met by now is acted upon: after an end in order nobody looks again.
+  if (!damage_.what.empty() && damage_.database == database_) {
+    if (const base::Status status = SetAside(damage_.what); !status.ok()) Tell(status.message);
+  }
   if (writer_) {
     if (const base::Status status = writer_->Finish(); !status.ok()) {
       Tell("cannot note the end of this run: " + status.message);

@@ -84,7 +84,7 @@ void Housekeeper::Run() {
   const std::int64_t look_after =
       std::max<std::int64_t>(retention_.max_bytes / 64, std::int64_t{64} * 1024);
   const bool has_retention = retention_.keep_days > 0 || limits_size();
-  auto next_age = Clock::now();
+  auto next_age = Clock::time_point::max();
   auto next_check = Clock::now() + kCheckRound;
   auto next_try = Clock::time_point::max();
   bool is_rotation_due = false;
@@ -93,7 +93,8 @@ void Housekeeper::Run() {
     return is_ending_ || is_opened_ || is_rotation_wanted_ ||
            (limits_size() && committed_bytes_ >= look_after);
   };
-  while (!is_ending_ || is_rotation_wanted_) {
+  // A check that is due is not put off: after an end in order nobody would look again.
+  while (!is_ending_ || is_rotation_wanted_ || is_check_wanted_) {
     auto next = std::min(next_check, next_try);
     if (has_retention) next = std::min(next, next_age);
     wake_.wait_until(lock, next, has_work);
@@ -111,8 +112,8 @@ void Housekeeper::Run() {
     if (is_opened) Prepare(is_check_due);
     if (is_rotation_due) is_rotation_due = !Rotate();
     if (is_rotation_due) next_try = std::max(next_rotation_, Clock::now() + kRetry);
-    const bool is_age_due = Clock::now() >= next_age;
-    if (has_retention && (is_full || is_age_due || is_opened)) Retain(is_age_due || is_opened);
+    const bool is_age_due = is_opened || Clock::now() >= next_age;
+    if (has_retention && (is_full || is_age_due)) Retain(is_age_due);
     if (is_age_due) next_age = Clock::now() + kAgeRound;
     if (is_check_due) {
       Check();
@@ -170,6 +171,8 @@ void Housekeeper::Check() {
 void Housekeeper::Handle(const base::Status& status, const char* what, Trouble* trouble) {
   if (status.ok()) return trouble->Over();
   if (store::IsDamage(status)) return TellDamage(status);
+  // Rows that the tables don't allow are damage, too; the check says so.
+  if ((status.code & 0xff) == SQLITE_CONSTRAINT) Check();
   trouble->Met(std::string(what) + ": " + status.message);
 }
 

@@ -142,15 +142,15 @@ void CheckSetting(Findings* findings) {
 
 void CheckDisk(const std::string& database, Findings* findings) {
   constexpr std::uint64_t kMiB = 1 << 20;
-  const auto folder = std::filesystem::absolute(database).parent_path();
+  const std::string folder = store::FolderOf(database);
   struct statvfs disk {};
   if (statvfs(folder.c_str(), &disk) != 0) {
-    findings->push_back({"disk", State::kFail, folder.string() + " can't be looked at",
+    findings->push_back({"disk", State::kFail, folder + " can't be looked at",
                          "create it, readable and writable for the collector"});
     return;
   }
   const std::uint64_t free = std::uint64_t{disk.f_bavail} * disk.f_frsize / kMiB;
-  const std::string message = fmt::format("{} MiB are free in {}", free, folder.string());
+  const std::string message = fmt::format("{} MiB are free in {}", free, folder);
   const char* advice =
       "make room, or give the collector --keep-days or --max-size: on a full disk senders wait and "
       "then lose their records";
@@ -215,7 +215,7 @@ void CheckBalance(store::Reader* reader, Findings* findings) {
 
 // How somebody who may not read the database can come to: by the group that may.
 std::string AdviceForStrangers(const std::string& path) {
-  const std::string folder = std::filesystem::absolute(path).parent_path();
+  const std::string folder = store::FolderOf(path);
   struct stat kept {};  // the file, or its folder where that hides it
   const bool is_known = stat(path.c_str(), &kept) == 0 || stat(folder.c_str(), &kept) == 0;
   const group* const readers = is_known ? getgrgid(kept.st_gid) : nullptr;

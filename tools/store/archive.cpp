@@ -24,8 +24,10 @@ namespace {
 
 // The order is what makes it safe to be killed: the complete file waits under a temporary name
 // while the database notes its final one ("begun"); then it gets that name; then one transaction
-// deletes the records and notes "complete". So a noted name with a file means that the records are
-// safe in it and may go, one without a file that nothing has happened.
+// deletes the records and notes "complete". The first note is on the disk before the file gets its
+// name: a power cut would leave an archive of records that are here as well. So a noted name with a
+// file means that the records are safe in it and may go, one without a file that nothing has
+// happened.
 
 // A name that no other archive has, even if the database was begun anew beside old archives.
 std::string NewName(const std::string& directory, const Archive& archive) {
@@ -178,6 +180,7 @@ Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reade
     status = Status::Failed(archive->path + " exists already");
   }
   if (status.ok()) status = InsertArchive(&maintenance->connection, archive);
+  if (status.ok()) status = maintenance->connection.Execute("PRAGMA wal_checkpoint(PASSIVE)");
   if (status.ok() && rename(temporary.c_str(), archive->path.c_str()) != 0) {
     status = Status::Errno("cannot create " + archive->path);
   }

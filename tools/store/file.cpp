@@ -20,8 +20,10 @@ namespace {
 // `path` and what it leads to, link by link.
 std::vector<fs::path> StationsOf(const std::string& path) {
   constexpr std::size_t kMost = 40;  // as the kernel
-  std::vector<fs::path> stations = {fs::absolute(path)};
   std::error_code error;
+  std::vector<fs::path> stations = {fs::absolute(path, error)};
+  // Without a name, or in a working folder that is gone, nothing will be found.
+  if (error) stations = {fs::path(".") / path};
   while (stations.size() <= kMost && fs::is_symlink(stations.back(), error)) {
     const fs::path target = fs::read_symlink(stations.back(), error);
     if (error) break;

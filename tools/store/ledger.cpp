@@ -1,5 +1,6 @@
 #include "tools/store/ledger.h"
 
+#include <sqlite3.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -55,12 +56,16 @@ Status RecordInserter::Insert(std::int64_t id, const RecordRow& row) {
 Status NextRecord(Connection* connection, std::int64_t* number) {
   // Numbers are never given twice, also after the newest records were moved or deleted: who follows
   // the records by number, or looks one up in an archive, relies on it.
-  return connection->Read(
-      "SELECT 1 + max((SELECT coalesce(max(id), 0) FROM records), "
-      "(SELECT coalesce(max(last_record), 0) FROM archives), "
-      "(SELECT coalesce(max(last_record), 0) FROM missing), "
-      "(SELECT coalesce(max(first_record), 1) - 1 FROM stores))",
-      number);
+  RETURN_IF_ERROR(
+      connection->Read("SELECT 1 + max((SELECT coalesce(max(id), 0) FROM records), "
+                       "(SELECT coalesce(max(last_record), 0) FROM archives), "
+                       "(SELECT coalesce(max(last_record), 0) FROM missing), "
+                       "(SELECT coalesce(max(first_record), 1) - 1 FROM stores))",
+                       number));
+  if (*number > kLargestNumber) {
+    return {SQLITE_CORRUPT, "a record's number is larger than any that was given"};
+  }
+  return {};
 }
 
 Status Count(Statement* count, const Tally& tally) {
@@ -209,7 +214,19 @@ Status InsertArchive(Connection* connection, Archive* archive) {
                       .Bind(10, archive->bytes)
                       .Run());
   archive->id = connection->LastId();
-  return {};
+  // What comes from elsewhere must neither use up the numbers of what is to come nor hold those of
+  // what is here, which every query would show twice.
+  std::int64_t next = 0;
+  const Status status = NextRecord(connection, &next);
+  if (IsDamage(status)) return Status::Failed(status.message);
+  RETURN_IF_ERROR(status);
+  if (archive->state != ArchiveState::kComplete) return {};
+  std::int64_t is_here = 0;
+  RETURN_IF_ERROR(connection->Read("SELECT EXISTS (SELECT 1 FROM records WHERE id BETWEEN " +
+                                       std::to_string(archive->first_record) + " AND " +
+                                       std::to_string(archive->last_record) + ")",
+                                   &is_here));
+  return is_here == 0 ? Status() : Status::Failed("records of the same numbers are here");
 }
 
 Status UpdateArchive(Connection* connection, const Archive& archive) {
@@ -246,10 +263,12 @@ Status ReadArchives(Connection* connection, int schema, std::vector<Archive>* ar
   while (select.Step()) {
     const auto state = ValueNamed<ArchiveState>(kArchiveStateNames, select.Text(2));
     if (!state) continue;
+    const auto record = [&select](int column) {
+      return std::clamp<std::int64_t>(select.Int(column), 0, kLargestNumber);
+    };
     archives->push_back({select.Int(0), std::string(select.Text(1)), *state,
-                         static_cast<int>(select.Int(3)), select.Int(4), select.Int(5),
-                         select.Int(6), select.Int(7), select.Int(8), select.Int(9),
-                         select.Int(10)});
+                         static_cast<int>(select.Int(3)), select.Int(4), record(5), record(6),
+                         select.Int(7), select.Int(8), select.Int(9), select.Int(10)});
   }
   return select.status();
 }

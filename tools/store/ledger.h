@@ -39,7 +39,11 @@ class RecordInserter {
 
 // All that follows is part of the caller's transaction.
 
-// The number of the next record.
+// The largest number of a record that is believed: as many as JSON can carry, and more than any
+// device lives to give. Damage, or a stranger's archive, may claim anything.
+constexpr std::int64_t kLargestNumber = std::int64_t{1} << 53;
+
+// The number of the next record. IsDamage() when that would be larger than any that was given.
 Status NextRecord(Connection* connection, std::int64_t* number);
 
 // Prepares what Count() runs.

@@ -130,7 +130,8 @@ Status OpenUnpacked(const std::string& path, Connection* connection, int* schema
   (void)flock(file.get(), LOCK_SH | LOCK_NB);
   Status status = UnpackArchive(path, unpacked);
   if (status.ok()) status = OpenForReading(unpacked, connection, schema);
-  unlink(unpacked.c_str());
+  // A stranger's may have a log.
+  for (const char* beside : {"", "-journal", "-wal", "-shm"}) unlink((unpacked + beside).c_str());
   return status;
 }
 
@@ -150,7 +151,7 @@ Status ForEachOfNewest(Source source, Query query, const RecordVisitor& visit) {
 
 std::int64_t StartOf(const Query& query) {
   if (query.reverse) return query.last_id.value_or(INT64_MAX);
-  return query.after_id && *query.after_id < INT64_MAX ? *query.after_id + 1 : INT64_MIN;
+  return query.after_id ? *query.after_id + 1 : INT64_MIN;
 }
 
 // Hands out rows until the visitor or the query has enough; false then.
@@ -290,7 +291,7 @@ Status Reader::ForEach(const Query& query, const RecordVisitor& visit) {
                            query, visit);
   }
   std::optional<std::int64_t> left = query.newest;
-  if (left == 0) return {};
+  if (left == 0 || query.after_id == INT64_MAX) return {};
   std::int64_t position = StartOf(query);
   RowBuffer rows;
   for (bool is_end = false; !is_end;) {
@@ -441,8 +442,9 @@ Status History::FindNext(const Query& query, std::int64_t position, std::optiona
                                                   : "SELECT min(id) FROM records WHERE id >= ?",
                                               &rows));
   if (!rows.Bind(1, position).Step()) return rows.status();
-  const bool archive_first = rows.IsNull(0) || (query.reverse ? rows.Int(0) < next->last_record
-                                                              : rows.Int(0) > next->first_record);
+  // Should both have a record, the archive goes first: its numbers are passed over then.
+  const bool archive_first = rows.IsNull(0) || (query.reverse ? rows.Int(0) <= next->last_record
+                                                              : rows.Int(0) >= next->first_record);
   if (archive_first) {
     *archive = *next;
   } else {
@@ -456,7 +458,7 @@ Status History::FindNext(const Query& query, std::int64_t position, std::optiona
 Status History::Walk(const Query& query, const RecordVisitor& visit,
                      std::vector<std::string>* problems) {
   std::optional<std::int64_t> left = query.newest;
-  if (left == 0) return {};
+  if (left == 0 || query.after_id == INT64_MAX) return {};
   std::int64_t position = StartOf(query);
   RowBuffer rows;
   for (;;) {

@@ -5,7 +5,9 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <map>
 #include <string_view>
@@ -129,6 +131,12 @@ Status RenewViews(Connection* connection) {
   static const std::vector<records::View> wanted = [] {
     std::vector<records::View> views = records::Views();
     views.insert(views.begin(), {"in_archives", kInArchives});
+    constexpr std::string_view kSchema(kTables);
+    constexpr std::string_view kCreate("CREATE VIEW ");
+    for (auto at = kSchema.find(kCreate); at != kSchema.npos; at = kSchema.find(kCreate, at + 1)) {
+      const std::string sql(kSchema.substr(at, kSchema.find(';', at) - at));
+      views.push_back({sql.substr(kCreate.size(), sql.find(" AS") - kCreate.size()), sql});
+    }
     return views;
   }();
   const records::NameTable& names = records::ValueNames();
@@ -157,6 +165,48 @@ Status RenewViews(Connection* connection) {
   RETURN_IF_ERROR(transaction.Begin());
   RETURN_IF_ERROR(connection->Execute(changes));
   return transaction.Commit();
+}
+
+// How a file's tables and views are defined, beside kTables.
+struct Definitions {
+  std::ptrdiff_t ours = 0;  // to the letter
+  std::string other_table;  // the name of one that is something else
+  std::string other_view;
+};
+
+Status ReadDefinitions(Connection* connection, Definitions* found) {
+  const auto has = [](const std::string& text) {
+    return std::string_view(kTables).find(text) != std::string_view::npos;
+  };
+  Statement select;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT lower(name), type, sql FROM sqlite_schema WHERE type IN ('table', 'view')", &select));
+  while (select.Step()) {
+    const std::string name(select.Text(0));
+    if (has(std::string("\n").append(select.Text(2)).append(";"))) {
+      ++found->ours;
+    } else if (has("CREATE VIEW " + name + " AS")) {
+      found->other_view = name;
+    } else if (has("CREATE TABLE " + name + "(") && select.Text(1) != "table") {
+      found->other_table = name;
+    }
+  }
+  return select.status();
+}
+
+// What a stranger's file has in the place of our tables and views could run for ever. So the text
+// of a view can't be changed without a new version of the schema.
+Status CheckDefinitions(const std::string& path, Connection::Mode mode, Connection* connection) {
+  Definitions found;
+  Status status = ReadDefinitions(connection, &found);
+  if (mode == Connection::Mode::kRescue) {
+    // Damage may have hit them.
+    status = {};
+    found.other_view.clear();
+  }
+  const std::string other = found.other_table + found.other_view;
+  if (!status.ok() || other.empty()) return status;
+  return Status::Failed(path + " is not sound: what it calls " + other + " is something else");
 }
 
 // What SQLite's header says about a file, before SQLite is asked to use it: it could already change
@@ -250,6 +300,28 @@ Status Create(const std::string& path) {
   return file.Place();
 }
 
+// Has a database of ours be as this program wants it.
+Status MakeReady(Connection* connection) {
+  // Nothing that is collected depends on them: a disk that is full now keeps what it has.
+  (void)RenewViews(connection);
+  Definitions found;
+  RETURN_IF_ERROR(ReadDefinitions(connection, &found));
+  if (!found.other_table.empty()) {
+    return {SQLITE_CORRUPT, "what it calls " + found.other_table + " is no table"};
+  }
+  // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
+  // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
+  RETURN_IF_ERROR(connection->Execute(
+      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA secure_delete = ON; "
+      "PRAGMA journal_size_limit = "
+      "4194304"));
+  // The log and its index stay where they are when the last writer goes: who may only read could
+  // not make them.
+  int is_kept = 1;
+  (void)sqlite3_file_control(connection->handle(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &is_kept);
+  return {};
+}
+
 }  // namespace
 
 DatabaseHead ReadHead(std::string_view head) {
@@ -264,6 +336,24 @@ DatabaseHead ReadHead(std::string_view head) {
   said.version = BigEndian(head.substr(60));
   said.is_ours = BigEndian(head.substr(68)) == kApplicationId;
   return said;
+}
+
+Status CauseOf(Connection* connection, const Status& status) {
+  const int code = status.code & 0xff;
+  if (code == SQLITE_CONSTRAINT) {
+    std::string verdict = "ok";
+    if (connection->Read("PRAGMA quick_check(1)", &verdict).ok() && verdict != "ok") {
+      return {SQLITE_CORRUPT, verdict};
+    }
+  }
+  if (code == SQLITE_ERROR) {
+    const auto made = std::ranges::count(std::string_view(kTables), ';');
+    Definitions found;
+    if (ReadDefinitions(connection, &found).ok() && found.ours < made) {
+      return {SQLITE_CORRUPT, status.message};
+    }
+  }
+  return status;
 }
 
 Status InitializeSchema(Connection* connection) {
@@ -301,23 +391,14 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
     NewFile::RemoveLeft(TargetOf(path));
   }
   if (created) *created = is_new;
-  if (Status status = Judge(path, finding); !status.ok()) {
-    *connection = Connection();
-    return status;
+  Status status = Judge(path, finding);
+  if (status.ok()) {
+    status = MakeReady(connection);
+    const bool is_named = status.ok() || IsDamage(status);
+    if (!is_named) status.message = "cannot write " + path + ": " + status.message;
   }
-  // Nothing that is collected depends on them: a disk that is full now keeps what it has.
-  (void)RenewViews(connection);
-  // A commit reaches the file's log at once and the disk at the next checkpoint: a killed process
-  // loses nothing, a power cut at most the last moments, and flash memory is written to in bulk.
-  RETURN_IF_ERROR(connection->Execute(
-      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA secure_delete = ON; "
-      "PRAGMA journal_size_limit = "
-      "4194304"));
-  // The log and its index stay where they are when the last writer goes: who may only read could
-  // not make them.
-  int is_kept = 1;
-  (void)sqlite3_file_control(connection->handle(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &is_kept);
-  return {};
+  if (!status.ok()) *connection = Connection();
+  return status;
 }
 
 Status CheckInUse(const std::string& path, const Connection& connection) {
@@ -353,8 +434,7 @@ Status OpenForReading(const std::string& path, Connection* connection, int* sche
     return status;
   }
   if (schema) *schema = static_cast<int>(finding.version);
-  std::int64_t tables = 0;
-  Status status = connection->Read("SELECT count(*) FROM sqlite_schema", &tables);
+  Status status = connection->Execute("SELECT count(*) FROM sqlite_schema");
   // On a read-only medium SQLite can't make the files that it shares with writers. Then there are
   // no writers either; anywhere else there may be one that has just begun.
   struct statvfs medium {};
@@ -363,7 +443,8 @@ Status OpenForReading(const std::string& path, Connection* connection, int* sche
   if (unshareable && statvfs(path.c_str(), &medium) == 0 && (medium.f_flag & ST_RDONLY) != 0) {
     status = Connection::Open(ImmutableUri(path), Connection::Mode::kRead, connection);
   }
-  return status;
+  RETURN_IF_ERROR(status);
+  return CheckDefinitions(path, mode, connection);
 }
 
 }  // namespace velmora::usage_stat::store

@@ -43,7 +43,7 @@ std::string DefaultDatabasePath();
 std::string DefaultArchiveDirectory(const std::string& database_path);
 
 // Opens the database at `path` for writing. When there is none, or the file is empty, it is
-// created, readable for its owner alone, and `created` tells so; for a null `created` it is
+// created, readable for its owner and its group, and `created` tells so; for a null `created` it is
 // refused. It gets the views of records::Views(), or the present ones in the place of older. A file
 // that is not ours, or of a newer version than this one knows, is refused and left as it is, to the
 // last byte.
@@ -53,6 +53,11 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
 // would go on writing to a file that nobody finds again. IsMoved() when the file was
 // removed or replaced, and IsDamage() when its head was overwritten.
 Status CheckInUse(const std::string& path, const Connection& connection);
+
+// Why writing to a database failed with `status`, which is returned when it is that. IsDamage()
+// when rows are there that the tables don't allow, or the tables are other ones: then what comes
+// in, which would be tried for ever, is not at fault.
+Status CauseOf(Connection* connection, const Status& status);
 
 // Moves a damaged database, with the files beside it, out of the way. `moved_path` tells where to:
 // it still holds what can be rescued.

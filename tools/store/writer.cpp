@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -141,36 +142,39 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
   auto opened = std::unique_ptr<Writer>(new Writer);
   opened->path_ = path;
   opened->clock_offset_ms_ = ClockOffsetMs();
-  const std::string boot = BootId();
-  Connection& connection = opened->connection_;
   if (NeedsUpgrade(path)) RETURN_IF_ERROR(BeginUpgrade(path));
   bool created = false;
-  bool was_killed = false;
-  RETURN_IF_ERROR(OpenForWriting(path, &connection, &created));
+  RETURN_IF_ERROR(OpenForWriting(path, &opened->connection_, &created));
   if (archive_directory.empty()) archive_directory = DefaultArchiveDirectory(path);
-  const std::int64_t known = created ? LargestKnownNumber(path, archive_directory) : 0;
-  const auto begin_run = [&] {
-    Transaction transaction(&connection);
-    RETURN_IF_ERROR(transaction.Begin());
-    if (known > 0) RETURN_IF_ERROR(BeginStore(&connection, known + 1));
-    RETURN_IF_ERROR(LookBack(&connection, boot, opened->clock_offset_ms_, &was_killed));
-    RETURN_IF_ERROR(EnterRun(&connection, endpoint, boot, opened->clock_offset_ms_, &opened->run_));
-    RETURN_IF_ERROR(NoteOpening(&connection, created));
-    return transaction.Commit();
-  };
-  if (Status status = begin_run(); !status.ok()) {
-    status.message = "cannot write " + path + ": " + status.message;
+  const std::int64_t known =
+      created ? std::min(LargestKnownNumber(path, archive_directory), kLargestNumber / 2) : 0;
+  if (Status status = opened->BeginRun(endpoint, created, known); !status.ok()) {
+    status = CauseOf(&opened->connection_, status);
+    if (!IsDamage(status)) status.message = "cannot write " + path + ": " + status.message;
     return status;
   }
-  // A power cut may take the log, but never that this run began: it tells that numbers may have
-  // been lost.
-  RETURN_IF_ERROR(connection.Execute("PRAGMA wal_checkpoint(PASSIVE)"));
-  RETURN_IF_ERROR(opened->inserter_.Prepare(&connection));
-  RETURN_IF_ERROR(connection.Prepare(kInsertQuarantine, &opened->insert_quarantine_));
-  RETURN_IF_ERROR(connection.Prepare(kCount, &opened->count_));
-  opened->is_after_loss_ = created || was_killed;
   opened->files_beside_ = FilesBesideOf(path);
   *writer = std::move(opened);
+  return {};
+}
+
+Status Writer::BeginRun(const std::string& endpoint, bool created, std::int64_t known) {
+  const std::string boot = BootId();
+  bool was_killed = false;
+  Transaction transaction(&connection_);
+  RETURN_IF_ERROR(transaction.Begin());
+  if (known > 0) RETURN_IF_ERROR(BeginStore(&connection_, known + 1));
+  RETURN_IF_ERROR(LookBack(&connection_, boot, clock_offset_ms_, &was_killed));
+  RETURN_IF_ERROR(EnterRun(&connection_, endpoint, boot, clock_offset_ms_, &run_));
+  RETURN_IF_ERROR(NoteOpening(&connection_, created));
+  RETURN_IF_ERROR(transaction.Commit());
+  // A power cut may take the log, but never that this run began: it tells that numbers may have
+  // been lost.
+  RETURN_IF_ERROR(connection_.Execute("PRAGMA wal_checkpoint(PASSIVE)"));
+  RETURN_IF_ERROR(inserter_.Prepare(&connection_));
+  RETURN_IF_ERROR(connection_.Prepare(kInsertQuarantine, &insert_quarantine_));
+  RETURN_IF_ERROR(connection_.Prepare(kCount, &count_));
+  is_after_loss_ = created || was_killed;
   return {};
 }
 
@@ -196,7 +200,7 @@ Status Writer::Commit(const Batch& batch) {
   } else {
     inserter_.Forget();
   }
-  return status;
+  return CauseOf(&connection_, status);
 }
 
 Status Writer::NoteClockStep(std::int64_t offset_ms) {

@@ -59,6 +59,7 @@ class Writer {
 
  private:
   Writer() = default;
+  Status BeginRun(const std::string& endpoint, bool created, std::int64_t known);
   Status Add(const Batch& batch);
   Status NoteClockStep(std::int64_t offset_ms);
 
