@@ -14,6 +14,7 @@
 #include "fleet/lake/lake.h"
 #include "fleet/lake/tables.h"
 #include "tools/base/system.h"
+#include "tools/base/text.h"
 #include "tools/report/html.h"
 
 namespace velmora::usage_stat::fleet {
@@ -83,7 +84,7 @@ Status Export(const ExportOptions& options) {
   for (const std::string& day : days) {
     std::int64_t records = 0;
     RETURN_IF_ERROR(lake->Export(&database, day, &records));
-    std::cout << fmt::format("{}: {} records", day, records) << std::endl;
+    std::cout << fmt::format("{}: {}", day, base::Plural(records, "record")) << std::endl;
   }
   // After the days: who was forgotten while they were written is forgotten in them too.
   nlohmann::json rows;
@@ -92,7 +93,8 @@ Status Export(const ExportOptions& options) {
   for (const auto& row : rows) names.push_back(row["name"].get<std::string>());
   std::int64_t rewritten = 0;
   RETURN_IF_ERROR(lake->Forget(names, &rewritten));
-  if (rewritten > 0) std::cout << fmt::format("forgotten: {} files rewritten\n", rewritten);
+  if (rewritten > 0)
+    std::cout << fmt::format("forgotten: {} rewritten\n", base::Plural(rewritten, "file"));
   if (!options.keep_figures) RETURN_IF_ERROR(database.Execute(RefreshSql()));
   RETURN_IF_ERROR(database.Ask(
       fmt::format("SELECT ((now() AT TIME ZONE 'UTC')::date - interval '{} months')::date::text "

@@ -151,9 +151,9 @@ Json Describe(const fleet::Batch& batch, const std::vector<Json>& records,
 
 void PrintText(const fleet::Batch& batch, const std::vector<Json>& records,
                const std::string& message) {
-  Print("{} records, numbers {} to {} of store {}, level {}, {} bytes\n", batch.records.size(),
-        batch.after + 1, batch.through, fleet::ToText(batch.store), consent::NameOf(batch.level),
-        message.size());
+  Print("{}, numbers {} to {} of store {}, level {}, {} bytes\n",
+        base::Plural(batch.records.size(), "record"), batch.after + 1, batch.through,
+        fleet::ToText(batch.store), consent::NameOf(batch.level), message.size());
   Print("device's clock  {}\n", records::LocalTime(batch.sent_ms));
   for (const fleet::Run& run : batch.runs) {
     Print("{} to {}  no record: {}\n", run.first, run.last, ReasonText(run.reason));

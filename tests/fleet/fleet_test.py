@@ -772,6 +772,9 @@ def small_authority(rig):
              "-nodes", "-keyout", "/dev/null", "-subj", f"/CN={name}"],
             capture_output=True, check=True).stdout
 
+    for words in ((), ("broker",), ("begin",)):
+        done = run(*words)
+        assert done.returncode == 2 and b"FOLDER init" in done.stderr, done
     for words in (("init",), ("broker", "127.0.0.1"), ("ingester",)):
         assert run(*words).returncode == 0, words
     one = device(rig, records=10, ca=folder / "ca.pem")

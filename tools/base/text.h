@@ -30,6 +30,12 @@ std::optional<Number> ParseWhole(std::string_view text, int base = 10) {
   return number;
 }
 
+// "1 record", "2 records".
+template <std::integral Number>
+std::string Plural(Number count, std::string_view noun) {
+  return std::to_string(count).append(" ").append(noun).append(count == 1 ? "" : "s");
+}
+
 // ---- UTF-8 ----
 
 struct Character {

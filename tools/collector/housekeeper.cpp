@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -151,6 +153,10 @@ bool Housekeeper::Rotate() {
 }
 
 void Housekeeper::Retain(bool by_age) {
+  // At the first start there is nothing to delete from yet.
+  std::error_code unknown;
+  const auto found = std::filesystem::status(database_path_, unknown).type();
+  if (found == std::filesystem::file_type::not_found) return;
   store::Retention due = retention_;
   if (!by_age) due.keep_days = 0;
   Handle(store::ApplyRetention(database_path_, due), "cannot delete old records",

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
@@ -45,8 +46,8 @@ int Run(const Options& options) {
     return kOk;
   }
   for (const store::Archive& archive : archives) {
-    Print("{} records moved to {} ({} bytes)\n", archive.records, Printable(archive.path),
-          archive.bytes);
+    Print("{} moved to {} ({} bytes)\n", base::Plural(archive.records, "record"),
+          Printable(archive.path), archive.bytes);
   }
   if (archives.empty()) Write("no records to move\n");
   return kOk;
@@ -59,7 +60,7 @@ int RunRecover(const Options& options, const std::string& file) {
     status = store::Recover(file, options.database, DirectoryOf(options), &recovered);
   if (!status.ok()) return Complain(kFailed, status.message);
   // A file that lost its end does not tell how far its numbers went.
-  Print("{} records recovered, {}{} could not be read\n", recovered.records,
+  Print("{} recovered, {}{} could not be read\n", base::Plural(recovered.records, "record"),
         recovered.unreadable > 0 ? "at most " : "", recovered.unreadable);
   for (const store::Archive& archive : recovered.archives) {
     Print("  {} to {}: {}\n", archive.first_record, archive.last_record, Printable(archive.path));

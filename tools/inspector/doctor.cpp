@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "src/measurements/statistics_switch.h"
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
 #include "tools/inspector/endpoint.h"
@@ -208,7 +209,7 @@ void CheckBalance(store::Reader* reader, Findings* findings) {
        fmt::format("all {} received datagrams are accounted for", balance.received)});
   if (balance.in_quarantine > 0) {
     findings->push_back({"quarantine", State::kWarn,
-                         fmt::format("{} datagrams could not be read", balance.in_quarantine),
+                         base::Plural(balance.in_quarantine, "datagram") + " could not be read",
                          "after an update, usage-stat replay --quarantine reads them again"});
   }
 }

@@ -62,9 +62,9 @@ int Run(Options* options) {
           ? store::Erase(options->database, options->query, options->directory, &erased)
           : store::CountErasable(options->database, options->query, options->directory, &erased);
   const char* verb = options->yes ? "erased" : "to be erased";
-  Print("{} records {}\n", erased.records, verb);
+  Print("{} {}\n", base::Plural(erased.records, "record"), verb);
   if (erased.quarantined > 0) {
-    Print("{} datagrams that could not be read {}\n", erased.quarantined, verb);
+    Print("{} that could not be read {}\n", base::Plural(erased.quarantined, "datagram"), verb);
   }
   for (const std::string& file : erased.files) Print("{} {}\n", Printable(file), verb);
   if (!status.ok()) {

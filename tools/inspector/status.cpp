@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
 #include "tools/inspector/listeners.h"
@@ -120,14 +121,14 @@ void PrintRuns(const Balance& balance) {
 
 void PrintText(const Options& options, const Balance& balance, const Sizes& sizes) {
   Print("{} {}\n", Coloured(Colour::kBold, "Database"), Printable(options.database));
-  Print("  {} bytes, and {} bytes in {} archives\n", sizes.database, sizes.archives,
-        sizes.archive_count);
+  Print("  {}, and {} in {}\n", base::Plural(sizes.database, "byte"),
+        base::Plural(sizes.archives, "byte"), base::Plural(sizes.archive_count, "archive"));
   if (balance.last) {
     Print("  last record {}, {}\n", LocalTime(balance.last->received_ms),
           Printable(balance.last->event));
   }
-  Print("  {} records came in the last minute, {} in the last hour, {} in the last day{}\n",
-        balance.last_minute, balance.last_hour, balance.last_day,
+  Print("  {} came in the last minute, {} in the last hour, {} in the last day{}\n",
+        base::Plural(balance.last_minute, "record"), balance.last_hour, balance.last_day,
         balance.archived > 0 ? ", archived ones apart" : "");
   if (balance.received == 0) {
     Write("  no application has sent anything yet; usage-stat doctor says what is in the way\n");
@@ -144,9 +145,9 @@ void PrintText(const Options& options, const Balance& balance, const Sizes& size
 
   Print("\n{}\n", Coloured(Colour::kBold, "Kept"));
   Print(
-      "  {} records and {} in quarantine = {} stored + {} quarantined + {} by the collector "
+      "  {} and {} in quarantine = {} stored + {} quarantined + {} by the collector "
       "itself - {} archived - {} deleted: {}\n",
-      balance.records, balance.in_quarantine, balance.total.stored,
+      base::Plural(balance.records, "record"), balance.in_quarantine, balance.total.stored,
       SumOf(balance.total.quarantined), balance.own, balance.archived, balance.deleted,
       Verdict(balance.records + balance.in_quarantine == balance.expected_rows()));
   PrintRuns(balance);

@@ -10,6 +10,7 @@
 #include "src/events/new_books_events.h"
 #include "src/stat_event/event.h"
 #include "src/stat_event/fields.h"
+#include "tools/base/text.h"
 
 namespace velmora::usage_stat::records {
 
@@ -54,10 +55,6 @@ std::size_t BytesNeeded(std::string_view primitive, std::size_t least_size,
   return least_size;
 }
 
-std::string Plural(std::size_t count, const char* noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 // Traces one datagram; the sink of its payload.
 class Tracer : public FieldSink {
  public:
@@ -90,7 +87,7 @@ class Tracer : public FieldSink {
       damage.offset = in_.position();
       damage.left_over = rest;
       damage.kind = "bytes left over";
-      damage.reason = Plural(rest, "byte") + " left over after the record";
+      damage.reason = base::Plural(rest, "byte") + " left over after the record";
       trace_.damage = std::move(damage);
     }
     return std::move(trace_);
@@ -121,7 +118,8 @@ class Tracer : public FieldSink {
       damage.missing = needed - rest.size();
       damage.kind = "cut short";
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
-                      std::to_string(current_.offset) + " lacks " + Plural(damage.missing, "byte");
+                      std::to_string(current_.offset) + " lacks " +
+                      base::Plural(damage.missing, "byte");
     } else {
       damage.kind = "value out of place";
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
