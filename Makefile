@@ -5,8 +5,8 @@ BUILD := build/$(PRESET)
 
 .PHONY: all privacy test test-armhf test-armel test-arm64 build-armhf size size-armel size-arm64 \
         package package-armhf test-package abi-check abi-update test-browser demo records \
-        reference bench bench-smoke bench-build bench-fleet bench-reading fleet-demo fleet-faults contract fuzz \
-        fuzz-long fuzz-build faults kills mutate soak clean
+        lint lint-deep reference bench bench-smoke bench-build bench-fleet bench-reading fleet-demo \
+        fleet-faults contract fuzz fuzz-long fuzz-build faults kills mutate soak clean
 
 # What a build of the preset is asked for; the tests need it all, the demo does not.
 DEMO := usage_stat_collector usage_stat_inspector usage_stat_sample reading_session send_event
@@ -76,6 +76,12 @@ test-package: package
 	packaging/reproduce build/packages
 	packaging/check build/packages
 	packaging/test build/packages
+
+# Clang-tidy, over what has changed since it passed; deep, its analyzer takes twice the time.
+lint lint-deep: lint%:
+	scripts/setup build check
+	cmake --preset asan
+	scripts/check-tidy build/asan $(subst -,--,$*)
 
 # The public header as pages, in build/reference/html.
 reference:
