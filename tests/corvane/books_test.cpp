@@ -113,8 +113,9 @@ TEST(Books, EpubMetadataFillsTheFields) {
       {"<dc:date>0101-01-01T00:00:00+00:00</dc:date><dc:contributor opf:role='BKP'>calibre"
        "</dc:contributor><dc:contributor opf:role='trl'>T</dc:contributor>",
        "1|-|T|0|0|-|-|-|-"},
-      {"<dc:date opf:event='creation'>2003</dc:date><dc:date opf:event='original-publication'>1925"
-       "</dc:date><dc:date opf:event='issued'>2002</dc:date>",
+      {"<dc:date opf:event='creation'>2003</dc:date><dc:date opf:event='modification'>2004"
+       "</dc:date><dc:date opf:event='original-publication'>1925</dc:date><dc:date "
+       "opf:event='issued'>2002</dc:date>",
        "1|-|-|1925|0|-|-|-|-"},
       {"<dc:date opf:event='published'>1925</dc:date><dc:date>2001</dc:date>",
        "1|-|-|2001|0|-|-|-|-"},

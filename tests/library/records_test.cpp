@@ -199,6 +199,19 @@ TEST(RecordsTest, EventsWithoutATypeAreNotWritten) {
                                    Condition("EventFactory::kNone == type_", "VM_FAILED")));
 }
 
+TEST(RecordsTest, WhatAClassReturnsIsPassedOn) {
+  class Failing : public Event {
+   public:
+    Failing() : Event(EventFactory::kTurnOn) {}
+    int WriteStateToStream(std::ostream&) override { return 77; }
+    int ReadStateFromStream(std::istream&) override { return 77; }
+  };
+  Recorded().log.clear();
+  std::ostringstream out;
+  EXPECT_EQ(Failing().WriteToStream(out), 77);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
 TEST(RecordsTest, ReadersFollowTheirOwnRules) {
   EXPECT_TRUE(ReadAs<GoToPageEvent>(2021, I16(1) + Ch(2) + I16(3) + I16(4))->b_);
   EXPECT_TRUE(ReadAs<GoToPageEventNew>(2031, I16(1) + Ch(0x80) + std::string(16, 0))->f_);

@@ -41,7 +41,11 @@ int WritePatching(const std::string& text, std::ostream& out) {
   buffer.pubseekpos(head + std::streamoff{7}, std::ios_base::in);
   buffer.sgetn(read.data(), static_cast<std::streamsize>(read.size()));
   out.seekp(0, std::ios_base::end) << "; ";
-  return read == text && out ? 0 : kStepError;
+  // Neither position goes beyond what was written, and both can't move by what one of them was.
+  const std::streambuf::pos_type failed(std::streamoff{-1});
+  const bool is_bound = buffer.pubseekoff(1, std::ios_base::end) == failed &&
+                        buffer.pubseekoff(0, std::ios_base::cur) == failed;
+  return read == text && is_bound && out ? 0 : kStepError;
 }
 
 std::string Joined(const std::vector<std::string>& texts) {
