@@ -233,7 +233,7 @@ TEST(Books, Fb2MetadataFillsTheFields) {
           "<translator><nickname>N</nickname></translator><author><last-name>C</last-name></author>"
           "<book-title>T</book-title><date value='1998-01-02'>January</date><lang>ru</lang>"
           "<sequence name=''><sequence name='S' number='4'/></sequence></title-info>"
-          "<publish-info><publisher>P</publisher>"
+          "<publish-info><publisher>P</publisher><sequence name='E' number='5'/>"
           "<year>2003</year><isbn>none, 978-0-306-40615-7</isbn></publish-info>");
   const Case cases[] = {
       {full, "1|ru|A B+C+N|2003|4|T|S|P|9780306406157"},
@@ -492,12 +492,12 @@ TEST(Books, TextsStayWhateverAnotherThreadAsks) {
                          "</isbn></publish-info>"));
   };
   write("/a.fb2", "9780306406157");
-  write("/b.fb2", "9783161484100");
+  write("/b.fb2", "9791090636071");
   const BookInfo* const book = GetBookInfo("/a.fb2");
   const char* const isbn = GetBookISBN("/a.fb2");
   std::thread([] {
     EXPECT_STREQ(GetBookInfo("/b.fb2")->s1, "/b.fb2");
-    EXPECT_STREQ(GetBookISBN("/b.fb2"), "9783161484100");
+    EXPECT_STREQ(GetBookISBN("/b.fb2"), "9791090636071");
   }).join();
   EXPECT_STREQ(book->s1, "/a.fb2");
   EXPECT_STREQ(isbn, "9780306406157");
