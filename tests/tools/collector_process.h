@@ -82,6 +82,9 @@ class CollectorProcess {
   std::string err_path() const { return folder_ + "/err"; }
   std::string Out() const { return ReadFile(out_path()); }
   std::string Err() const { return ReadFile(err_path()); }
+  bool Says(const std::string& text) const {
+    return Eventually([&] { return Err().find(text) != std::string::npos; });
+  }
   long peak_kib() const { return usage_.ru_maxrss; }  // after Wait()
 
  private:

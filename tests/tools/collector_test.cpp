@@ -15,6 +15,7 @@
 #include "collector_process.h"
 #include "src/events/device_events.h"
 #include "src/events/new_books_events.h"
+#include "store_fixture.h"
 #include "tests/support/child.h"
 #include "tests/support/device_root.h"
 #include "tests/support/sample_records.h"
@@ -80,18 +81,8 @@ class CollectorTest : public testing::Test {
     ASSERT_TRUE(Eventually([&] { return Send(bytes) == 0; }));
   }
 
-  bool Says(const std::string& text) const {
-    return Eventually([&] { return collector_->Err().find(text) != std::string::npos; });
-  }
-
-  std::int64_t Number(const std::string& sql) const {
-    store::Connection connection;
-    std::int64_t number = -1;
-    store::Status status = store::OpenForReading(database_, &connection);
-    if (status.ok()) status = connection.Read(sql, &number);
-    EXPECT_TRUE(status.ok()) << status.message;
-    return number;
-  }
+  bool Says(const std::string& text) const { return collector_->Says(text); }
+  std::int64_t Number(const std::string& sql) const { return NumberIn(database_, sql); }
 
   // The numbers of the page turns of one sender, in the order in which they were received.
   // With store::History those in archives too.

@@ -81,18 +81,8 @@ class PromisesTest : public StoreTest {
     ASSERT_EQ(child.Wait(), 0);
   }
 
-  bool Says(const std::string& text) const {
-    return Eventually([&] { return collector_->Err().find(text) != std::string::npos; });
-  }
-
-  std::int64_t Number(const std::string& sql) const {
-    store::Connection connection;
-    std::int64_t number = -1;
-    store::Status status = store::OpenForReading(database_, &connection);
-    if (status.ok()) status = connection.Read(sql, &number);
-    EXPECT_TRUE(status.ok()) << status.message;
-    return number;
-  }
+  bool Says(const std::string& text) const { return collector_->Says(text); }
+  std::int64_t Number(const std::string& sql) const { return NumberIn(database_, sql); }
 
   void ExpectBalance() const {
     EXPECT_EQ(Number("SELECT (SELECT count(*) FROM records) + (SELECT count(*) FROM quarantine)"),

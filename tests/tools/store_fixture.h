@@ -15,6 +15,7 @@
 #include "tests/support/files.h"
 #include "tools/records/record.h"
 #include "tools/store/reader.h"
+#include "tools/store/schema.h"
 #include "tools/store/writer.h"
 
 namespace usage_stat_test {
@@ -43,6 +44,15 @@ inline std::string Answer(const std::string& path, const std::string& sql) {
       << sql << ": " << sqlite3_errmsg(database);
   sqlite3_close(database);
   return rows;
+}
+
+// The first column of the first row of a query, as the store's readers see the database.
+inline std::int64_t NumberIn(const std::string& path, const std::string& sql) {
+  store::Connection connection;
+  std::int64_t number = -1;
+  EXPECT_OK(store::OpenForReading(path, &connection));
+  EXPECT_OK(connection.Read(sql, &number));
+  return number;
 }
 
 class StoreTest : public testing::Test {
