@@ -183,13 +183,18 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   return {};
 }
 
+Status MakeStoreId(std::string* id) {
+  id->resize(kStoreIdSize);
+  const auto size = static_cast<ssize_t>(id->size());
+  return getrandom(id->data(), id->size(), 0) == size ? Status()
+                                                      : Status::Errno("no random numbers");
+}
+
 Status BeginStore(Connection* connection, std::int64_t first) {
-  std::string id(16, '\0');
-  if (getrandom(id.data(), id.size(), 0) != static_cast<ssize_t>(id.size())) {
-    return Status::Errno("no random numbers");
-  }
+  std::string id;
   std::int64_t number = 0;
   Statement insert;
+  RETURN_IF_ERROR(MakeStoreId(&id));
   RETURN_IF_ERROR(NextRecord(connection, &number));
   RETURN_IF_ERROR(connection->Prepare(
       "INSERT OR REPLACE INTO stores(first_record, store_id) VALUES(?, ?)", &insert));

@@ -73,6 +73,9 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
 // before keep their reason.
 Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason);
 
+// A random id for a store.
+Status MakeStoreId(std::string* id);
+
 // Begins a new store with the next number, or with `first` when that is larger.
 Status BeginStore(Connection* connection, std::int64_t first = 0);
 

@@ -7,8 +7,10 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
+#include <span>
+#include <string_view>
+#include <tuple>
 #include <utility>
 #include <variant>
 
@@ -18,6 +20,7 @@
 #include "tools/store/file.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/pages.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
 #include "tools/store/zstd_file.h"
@@ -44,31 +47,149 @@ std::int64_t LastNumberInName(const std::string& path) {
   constexpr std::string_view kEnding = ".db.zst";
   if (!path.ends_with(kEnding)) return 0;
   const std::string_view stem = std::string_view(path).substr(0, path.size() - kEnding.size());
-  constexpr std::int64_t kLargestBelieved = std::int64_t{1} << 53;
   const auto number = base::ParseWhole<std::int64_t>(stem.substr(stem.rfind('-') + 1));
-  return number && *number <= kLargestBelieved ? *number : 0;
+  return number && *number <= kLargestNumber ? *number : 0;
 }
 
-// The largest number of a damaged database; where even that can't be read, more than it can have
-// given since the last archive.
-std::int64_t LastNumberIn(const std::string& path) {
-  constexpr std::int64_t kSmallestRow = 32;
-  Connection connection;
-  std::int64_t number = 0;
-  std::int64_t largest = 0;
-  bool is_sure = OpenForReading(path, &connection, nullptr, Connection::Mode::kRescue).ok();
-  for (const char* query :
-       {"SELECT max(id) FROM records", "SELECT max(last_record) FROM archives"}) {
-    if (connection.handle() && connection.Read(query, &number).ok()) {
-      largest = std::max(largest, number);
-    } else {
-      is_sure = false;
+// ---- What a damaged database still holds ----
+
+// A letter for each column: which table a row is of, and of which schema.
+constexpr std::string_view kRecord = "-IIIIITB";
+constexpr std::string_view kRecordOfFirstSchema = "-IIIITITB";
+constexpr std::string_view kArchive = "-TTIIIIIIII";
+constexpr std::string_view kArchiveOfFirstSchema = "-TTIIIIIII";
+constexpr std::string_view kStore = "-B";
+constexpr std::string_view kEventOrMissing = "-IT";
+
+std::string ShapeOf(std::span<const Column> columns) {
+  std::string shape;
+  for (const Column& column : columns) shape += "-ITB"[static_cast<std::size_t>(column.type)];
+  return shape;
+}
+
+bool IsNumber(std::int64_t number) { return number > 0 && number <= kLargestNumber; }
+
+// What tells about the records.
+struct Surroundings {
+  std::map<std::int64_t, std::pair<int, std::string>> events;
+  std::vector<Store> stores;
+  std::vector<Missing> missing;
+  std::vector<Archive> archives;
+  std::int64_t last_record = 0;  // that was found
+  std::int64_t last = 0;         // the largest number that is known to have been given
+  std::int64_t unread = 0;       // bytes that may have held more
+
+  explicit Surroundings(const Pages& pages) {
+    const auto take = [this](std::int64_t number, std::span<const Column> columns) {
+      if (IsNumber(number)) Take(number, columns);
+    };
+    unread = pages.bytes() - pages.ForEachRow(take);
+    std::ranges::sort(missing, {}, &Missing::first_record);
+    last = std::max(last, last_record);
+  }
+
+ private:
+  void Take(std::int64_t number, std::span<const Column> columns) {
+    const std::string shape = ShapeOf(columns);
+    if (shape == kRecord || shape == kRecordOfFirstSchema) {
+      last_record = std::max(last_record, number);
+    } else if (shape == kStore && columns[1].bytes.size() == kStoreIdSize) {
+      stores.push_back({std::string(columns[1].bytes), number});
+      last = std::max(last, number - 1);
+    } else if (shape == kEventOrMissing) {
+      const std::int64_t value = columns[1].integer;
+      const auto reason = ValueNamed<Absence>(kAbsenceNames, columns[2].bytes);
+      if (!reason) {
+        events[number] = {static_cast<int>(value), std::string(columns[2].bytes)};
+      } else if (IsNumber(value)) {
+        missing.push_back({number, value, *reason});
+        last = std::max(last, value);
+      }
+    } else if (shape == kArchive || shape == kArchiveOfFirstSchema) {
+      const std::size_t at = shape == kArchive ? 5 : 4;
+      const auto state = ValueNamed<ArchiveState>(kArchiveStateNames, columns[2].bytes);
+      if (!state || !IsNumber(columns[at + 1].integer)) return;
+      Archive archive;
+      archive.state = *state;
+      archive.first_record = columns[at].integer;
+      archive.last_record = columns[at + 1].integer;
+      last = std::max(last, archive.last_record);
+      archives.push_back(archive);
     }
   }
-  std::error_code error;
-  const auto bytes = static_cast<std::int64_t>(fs::file_size(path, error));
-  return is_sure || error ? largest : largest + bytes / kSmallestRow;
+};
+
+// The record of a row; false when it is none that anybody could read.
+bool ReadRecord(std::span<const Column> columns, const Surroundings& surroundings,
+                RecordRow* record) {
+  const std::string shape = ShapeOf(columns);
+  const bool is_of_first_schema = shape == kRecordOfFirstSchema;
+  if (shape != kRecord && !is_of_first_schema) return false;
+  const std::size_t at = is_of_first_schema ? 6 : 5;
+  record->received_ms = columns[1].integer;
+  record->sender = {columns[2].integer, columns[3].integer};
+  record->timestamp_ms = columns[at].integer;
+  record->fields = columns[at + 1].bytes;
+  record->raw = columns[at + 2].bytes;
+  const auto decoded = records::Decode(record->raw);
+  if (const auto* known = std::get_if<records::Record>(&decoded)) {
+    record->type = known->type;
+    record->event = known->event;
+    record->fields = records::Dump(known->values);
+    return record->timestamp_ms == known->timestamp;
+  }
+  if (is_of_first_schema) {
+    record->type = static_cast<int>(columns[4].integer);
+    record->event = columns[5].bytes;
+  } else if (const auto event = surroundings.events.find(columns[4].integer);
+             event != surroundings.events.end()) {
+    std::tie(record->type, record->event) = event->second;
+  } else {
+    return false;  // nothing tells what it was
+  }
+  // A program that knows more may have kept it. What this one knows did read when it came.
+  return !records::FindEvent(record->event) && base::IsUtf8(record->event) &&
+         base::IsUtf8(record->fields) && records::Json::accept(record->fields);
 }
+
+// Puts the records from number `first` on into a sound database.
+Status SaveRecords(const Pages& pages, const Surroundings& surroundings, std::int64_t first,
+                   Connection* sound, std::int64_t* saved) {
+  RecordInserter inserter;
+  Status failure;
+  RETURN_IF_ERROR(inserter.Prepare(sound));
+  RETURN_IF_ERROR(sound->Execute("BEGIN"));
+  pages.ForEachRow([&](std::int64_t number, std::span<const Column> columns) {
+    RecordRow record;
+    if (!failure.ok() || !IsNumber(number) || number < first) return;
+    if (!ReadRecord(columns, surroundings, &record)) return;
+    Status status = inserter.Insert(number, record);
+    if (status.ok()) ++*saved;
+    // A broken page may tell a number that another record has.
+    if (!status.ok() && status.code != SQLITE_CONSTRAINT_PRIMARYKEY) failure = std::move(status);
+  });
+  RETURN_IF_ERROR(failure);
+  return sound->Execute("COMMIT");
+}
+
+// The largest number of a damaged database; where SQLite can't read even that, more than it can
+// have given.
+std::int64_t LastNumberIn(const std::string& path) {
+  constexpr std::int64_t kSmallestRow = 32;
+  Pages pages;
+  if (!Pages::Open(path, &pages).ok()) return 0;
+  const Surroundings surroundings(pages);
+  Connection connection;
+  std::int64_t next = 0;
+  if (OpenForReading(path, &connection, nullptr, Connection::Mode::kRescue).ok() &&
+      NextRecord(&connection, &next).ok() && next <= kLargestNumber) {
+    // SQLite does not read behind what is broken in a log.
+    return std::max(next - 1, surroundings.last);
+  }
+  return surroundings.last + surroundings.unread / kSmallestRow;
+}
+
+// ---- Archives that no database lists ----
 
 // What an archive holds; fails when it can't be read.
 Status Inspect(const std::string& path, std::unique_ptr<Reader>* reader, Archive* archive) {
@@ -118,130 +239,49 @@ Status Adopt(Connection* connection, Reader* reader, Archive* archive) {
   return transaction.Commit();
 }
 
-// Reads the records of a damaged database into a sound one.
-class Rescuer {
- public:
-  Rescuer(Connection* damaged, int schema, Connection* sound)
-      : damaged_(damaged), schema_(schema), sound_(sound) {}
+// ---- Recovering ----
 
-  Status Run(std::int64_t first, std::int64_t last) {
-    RETURN_IF_ERROR(inserter_.Prepare(sound_));
-    ReadEvents();
-    RETURN_IF_ERROR(sound_->Execute("BEGIN"));
-    Read(first, last);
-    RETURN_IF_ERROR(sound_->Execute("COMMIT"));
-    return failure_;
-  }
-  std::int64_t records() const { return records_; }
-
- private:
-  // Reads the range from its front, and what then is left from its end, and the halves of the rest.
-  void Read(std::int64_t first, std::int64_t last) {
-    if (first > last || !failure_.ok()) return;
-    std::int64_t reached = first - 1;
-    if (ReadOneWay(first, last, false, &reached)) return;
-    first = reached + 1;
-    reached = last + 1;
-    if (ReadOneWay(first, last, true, &reached)) return;
-    last = reached - 1;
-    if (first >= last) return;
-    const std::int64_t middle = first + (last - first) / 2;
-    Read(first, middle);
-    Read(middle + 1, last);
-  }
-
-  // True when the range was read to its end; otherwise `reached` is the last number that was.
-  bool ReadOneWay(std::int64_t first, std::int64_t last, bool is_down, std::int64_t* reached) {
-    Statement select;
-    const std::string columns = schema_ == 1 ? "type, event" : "event, ''";
-    const Status prepared = damaged_->Prepare(
-        "SELECT id, received_ms, pid, uid, timestamp_ms, fields, raw, " + columns +
-            " FROM records WHERE id BETWEEN ? AND ? ORDER BY id" + (is_down ? " DESC" : ""),
-        &select);
-    if (!prepared.ok()) {
-      failure_ = prepared;
-      return true;
-    }
-    select.Bind(1, first).Bind(2, last);
-    while (select.Step()) {
-      const std::int64_t id = select.Int(0);
-      // A damaged page may say anything.
-      if (id < first || id > last) return false;
-      *reached = id;
-      Keep(id, select);
-      if (!failure_.ok()) return true;
-    }
-    return select.status().ok();
-  }
-
-  void Keep(std::int64_t id, const Statement& select) {
-    RecordRow row;
-    row.received_ms = select.Int(1);
-    row.sender = {select.Int(2), select.Int(3)};
-    row.timestamp_ms = select.Int(4);
-    row.fields = select.Text(5);
-    row.raw = select.Text(6);
-    const auto decoded = records::Decode(row.raw);
-    if (const auto* record = std::get_if<records::Record>(&decoded)) {
-      row.type = record->type;
-      row.event = record->event;
-      row.timestamp_ms = record->timestamp;
-    } else if (schema_ == 1) {
-      row.type = static_cast<int>(select.Int(7));
-      row.event = select.Text(8);
-    } else if (const auto event = events_.find(select.Int(7)); event != events_.end()) {
-      std::tie(row.type, row.event) = event->second;
-    } else {
-      return;  // nothing tells what it was
-    }
-    if (!kept_.insert(id).second) return;
-    failure_ = inserter_.Insert(id, row);
-    ++records_;
-  }
-
-  void ReadEvents() {
-    Statement select;
-    if (schema_ == 1 || !damaged_->Prepare("SELECT id, type, name FROM events", &select).ok()) {
-      return;
-    }
-    while (select.Step()) {
-      events_[select.Int(0)] = {static_cast<int>(select.Int(1)), std::string(select.Text(2))};
+// What lies before the records that only the damaged database had: archives, and what was missing.
+// `known` are the archives that the sound database lists; where an archive was begun only, they
+// tell whether its file came to be.
+std::int64_t FirstOf(const Surroundings& surroundings, const std::vector<Archive>& known) {
+  std::int64_t first = 1;
+  for (const Archive& archive : surroundings.archives) {
+    const auto is_same = [&archive](const Archive& other) {
+      return other.first_record == archive.first_record && other.last_record == archive.last_record;
+    };
+    if (archive.state != ArchiveState::kBegun || std::ranges::any_of(known, is_same)) {
+      first = std::max(first, archive.last_record + 1);
     }
   }
+  for (const Missing& run : surroundings.missing) {
+    if (run.first_record <= first) first = std::max(first, run.last_record + 1);
+  }
+  return first;
+}
 
-  Connection* damaged_;
-  int schema_;
-  Connection* sound_;
-  RecordInserter inserter_;
-  std::map<std::int64_t, std::pair<int, std::string>> events_;
-  std::set<std::int64_t> kept_;
-  std::int64_t records_ = 0;
-  Status failure_;
-};
-
-// The stores of a damaged database; one of its own, when they can't be read.
-Status StoresOf(Reader* damaged, std::int64_t first, std::vector<Store>* stores) {
-  const Status status = damaged->ReadStores(stores);
-  if (status.ok() && !stores->empty()) return {};
-  Connection memory;
-  std::string id;
-  RETURN_IF_ERROR(Connection::Open(":memory:", Connection::Mode::kCreate, &memory));
-  RETURN_IF_ERROR(memory.Read("SELECT randomblob(16)", &id));
-  *stores = {{id, first}};
+// Takes over what the file tells of its numbers, with a store for the first of its records.
+Status TakeSurroundings(Connection* connection, const Surroundings& surroundings,
+                        std::int64_t first) {
+  std::vector<Store> stores = surroundings.stores;
+  if (std::ranges::none_of(stores, [&](const Store& s) { return s.first_record <= first; })) {
+    stores.push_back({"", first});
+    RETURN_IF_ERROR(MakeStoreId(&stores.back().id));
+  }
+  RETURN_IF_ERROR(TakeStores(connection, stores));
+  for (const Missing& run : surroundings.missing) {
+    RETURN_IF_ERROR(NoteMissing(connection, run.first_record, run.last_record, run.reason));
+  }
   return {};
 }
 
-// Notes which numbers from `first` to `last` are neither rescued nor known otherwise.
+// Notes the numbers from `first` to `last` that are neither among the rescued nor known otherwise.
 Status NoteUnreadable(Connection* connection, Reader* rescued, std::int64_t first,
-                      std::int64_t last, std::int64_t* unreadable) {
-  Transaction transaction(connection);
-  RETURN_IF_ERROR(transaction.Begin());
+                      std::int64_t last) {
   std::int64_t next = first;
   Status status;
   const auto note = [&](std::int64_t until) {
-    if (next > until) return;
-    *unreadable += until - next + 1;
-    status = NoteMissing(connection, next, until, Absence::kUnreadable);
+    if (next <= until) status = NoteMissing(connection, next, until, Absence::kUnreadable);
   };
   RETURN_IF_ERROR(rescued->ForEach({}, [&](const RecordRow& row) {
     note(row.id - 1);
@@ -249,9 +289,52 @@ Status NoteUnreadable(Connection* connection, Reader* rescued, std::int64_t firs
     return status.ok();
   }));
   if (status.ok()) note(last);
-  RETURN_IF_ERROR(status);
-  return transaction.Commit();
+  return status;
 }
+
+Status CountUnreadable(Connection* connection, std::int64_t* numbers) {
+  return connection->Read(
+      "SELECT coalesce(sum(last_record - first_record + 1), 0) FROM missing "
+      "WHERE reason = 'unreadable'",
+      numbers);
+}
+
+// Refuses the numbers from `lowest` to `highest` when the database or its archives have some.
+Status CheckFree(Connection* connection, std::int64_t lowest, std::int64_t highest,
+                 const std::string& file) {
+  std::int64_t taken = 0;
+  const std::string first = std::to_string(lowest);
+  const std::string last = std::to_string(highest);
+  RETURN_IF_ERROR(connection->Read(
+      "SELECT (SELECT count(*) FROM records WHERE id BETWEEN " + first + " AND " + last +
+          ") + (SELECT count(*) FROM archives WHERE state = 'complete' AND first_record <= " +
+          last + " AND last_record >= " + first + ")",
+      &taken));
+  return taken == 0 ? Status()
+                    : Status::Failed("records of the same numbers are there already: was " + file +
+                                     " recovered before?");
+}
+
+// A database that is filled on the way and then gone.
+class Halfway {
+ public:
+  explicit Halfway(std::string path) : path_(std::move(path)) { unlink(path_.c_str()); }
+  ~Halfway() { unlink(path_.c_str()); }
+  Halfway(const Halfway&) = delete;
+  Halfway& operator=(const Halfway&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  Status Create(Connection* connection) const {
+    RETURN_IF_ERROR(CreatePrivateFile(path_));
+    RETURN_IF_ERROR(Connection::Open(path_, Connection::Mode::kWrite, connection));
+    RETURN_IF_ERROR(connection->Execute("PRAGMA journal_mode = MEMORY; PRAGMA synchronous = OFF"));
+    return InitializeSchema(connection);
+  }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace
 
@@ -260,9 +343,10 @@ std::int64_t LargestKnownNumber(const std::string& path, const std::string& dire
   for (const std::string& file : FilesIn(directory)) {
     largest = std::max(largest, LastNumberInName(file));
   }
+  const std::string aside = TargetOf(path) + ".damaged-";
   for (const std::string& file : FilesIn(FolderOf(path))) {
-    const bool is_aside = file.starts_with(fs::absolute(path).string() + ".damaged-") &&
-                          !file.ends_with("-wal") && !file.ends_with("-shm");
+    const bool is_aside =
+        file.starts_with(aside) && !file.ends_with("-wal") && !file.ends_with("-shm");
     if (is_aside) largest = std::max(largest, LastNumberIn(file));
   }
   return largest;
@@ -302,85 +386,71 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
 Status Recover(const std::string& file, const std::string& database_path,
                const std::string& directory, Recovered* recovered) {
   *recovered = {};
+  std::error_code error;
+  if (fs::equivalent(file, database_path, error)) {
+    return Status::Failed(file + " is the database itself, not one that was set aside");
+  }
+  Pages pages;
+  RETURN_IF_ERROR(Pages::Open(file, &pages));
+  if (pages.head().is_ours && pages.head().version > kSchemaVersion) {
+    return Status::Failed(file + " has schema version " + std::to_string(pages.head().version) +
+                          ", this program knows version " + std::to_string(kSchemaVersion));
+  }
+  const Surroundings surroundings(pages);
+  if (!pages.head().is_ours && surroundings.last_record == 0) {
+    return Status::Failed(file + " is not a database of usage-stat, or nothing of it is left");
+  }
+
   Maintenance maintenance;
+  Connection* const database = &maintenance.connection;
+  std::vector<Archive> known;
   RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
   RETURN_IF_ERROR(FinishArchives(&maintenance));
-  std::unique_ptr<Reader> damaged;
-  RETURN_IF_ERROR(Reader::Open(file, &damaged, Connection::Mode::kRescue));
+  RETURN_IF_ERROR(ReadArchives(database, ArchiveState::kComplete, &known));
 
-  // What its own archives hold is not lost; what comes behind them is looked for.
-  std::int64_t last = LastNumberIn(file);
-  std::vector<Archive> archives;
-  std::int64_t first = 1;
-  if (damaged->ReadArchives(&archives).ok()) {
-    for (const Archive& archive : archives) first = std::max(first, archive.last_record + 1);
-  }
-  std::vector<Missing> missing;
-  if (damaged->ReadMissing(&missing).ok()) {
-    for (const Missing& run : missing) {
-      if (run.first_record <= first) first = std::max(first, run.last_record + 1);
-    }
-  }
-  const std::string sound_path = FolderOf(database_path) + "/unfinished-recovery.db";
-  const auto remove = [&sound_path] { unlink(sound_path.c_str()); };
-  remove();
-  RETURN_IF_ERROR(CreatePrivateFile(sound_path));
-  Status status;
-  {
-    Connection sound;
-    status = Connection::Open(sound_path, Connection::Mode::kWrite, &sound);
-    if (status.ok()) status = sound.Execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF");
-    if (status.ok()) status = InitializeSchema(&sound);
-    if (status.ok()) {
-      Rescuer rescuer(&damaged->connection(), damaged->schema(), &sound);
-      status = rescuer.Run(first, last);
-      recovered->records = rescuer.records();
-    }
-  }
-  std::unique_ptr<Reader> rescued;
-  std::vector<Store> stores;
+  std::int64_t first = FirstOf(surroundings, known);
   std::int64_t lowest = 0;
   std::int64_t highest = 0;
-  if (status.ok()) status = Reader::Open(sound_path, &rescued);
-  if (status.ok()) {
-    status = rescued->connection().Read("SELECT coalesce(min(id), 0) FROM records", &lowest);
+  const Halfway halfway(FolderOf(database_path) + "/unfinished-recovery.db");
+  {
+    Connection sound;
+    RETURN_IF_ERROR(halfway.Create(&sound));
+    RETURN_IF_ERROR(SaveRecords(pages, surroundings, first, &sound, &recovered->records));
+    RETURN_IF_ERROR(sound.Read("SELECT coalesce(min(id), 0) FROM records", &lowest));
+    RETURN_IF_ERROR(sound.Read("SELECT coalesce(max(id), 0) FROM records", &highest));
   }
-  if (status.ok()) {
-    status = rescued->connection().Read("SELECT coalesce(max(id), 0) FROM records", &highest);
+  const std::int64_t last = std::max(highest, LastNumberIn(file));
+  const bool is_any_left = highest > 0;
+  if (is_any_left) RETURN_IF_ERROR(CheckFree(database, lowest, highest, file));
+  // Its own archives of which it no longer tells.
+  for (const Archive& archive : known) {
+    if (archive.last_record > (is_any_left ? lowest : last)) continue;
+    first = std::max(first, archive.last_record + 1);
   }
-  std::int64_t taken = 0;
-  if (status.ok() && highest > 0) {
-    const std::string range = std::to_string(lowest) + " AND " + std::to_string(highest);
-    status = maintenance.connection.Read(
-        "SELECT (SELECT count(*) FROM records WHERE id BETWEEN " + range +
-            ") + (SELECT count(*) FROM archives WHERE state = 'complete' AND first_record <= " +
-            std::to_string(highest) + " AND last_record >= " + std::to_string(lowest) + ")",
-        &taken);
-    if (status.ok() && taken > 0) {
-      status = Status::Failed("records of the same numbers are there already: was " + file +
-                              " recovered before?");
-    }
-  }
-  if (status.ok()) status = StoresOf(damaged.get(), first, &stores);
-  if (status.ok()) status = TakeStores(&maintenance.connection, stores);
-  for (std::int64_t after = first - 1; status.ok() && after < highest;) {
+
+  std::int64_t unreadable_before = 0;
+  std::int64_t unreadable_after = 0;
+  std::unique_ptr<Reader> rescued;
+  RETURN_IF_ERROR(CountUnreadable(database, &unreadable_before));
+  RETURN_IF_ERROR(TakeSurroundings(database, surroundings, is_any_left ? lowest : first));
+  RETURN_IF_ERROR(Reader::Open(halfway.path(), &rescued));
+  for (std::int64_t after = first - 1; after < highest;) {
     Archive archive;
-    status = MakeArchive(&maintenance, directory, rescued.get(), after, highest, &archive);
-    if (!status.ok() || archive.records == 0) break;
-    status = FinishArchives(&maintenance);
+    RETURN_IF_ERROR(MakeArchive(&maintenance, directory, rescued.get(), after, highest, &archive));
+    if (archive.records == 0) break;
+    RETURN_IF_ERROR(FinishArchives(&maintenance));
     after = archive.last_record;
     archive.state = ArchiveState::kComplete;
     recovered->archives.push_back(std::move(archive));
   }
-  // Where nothing is left, and nothing tells how far the numbers went, these are the most it can
-  // be.
-  if (status.ok()) {
-    status = NoteUnreadable(&maintenance.connection, rescued.get(), first, std::max(last, highest),
-                            &recovered->unreadable);
-  }
-  rescued.reset();
-  remove();
-  return status;
+  // Where nothing tells how far the numbers went, these are the most it can be.
+  Transaction transaction(database);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(NoteUnreadable(database, rescued.get(), first, last));
+  RETURN_IF_ERROR(transaction.Commit());
+  RETURN_IF_ERROR(CountUnreadable(database, &unreadable_after));
+  recovered->unreadable = unreadable_after - unreadable_before;
+  return {};
 }
 
 }  // namespace velmora::usage_stat::store

@@ -23,14 +23,16 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
 
 struct Recovered {
   std::int64_t records = 0;
-  std::int64_t unreadable = 0;  // numbers whose records could not be read
+  // Numbers whose records could not be read; where nothing tells how many were given, the most that
+  // it can be.
+  std::int64_t unreadable = 0;
   std::vector<Archive> archives;
 };
 
-// Reads what SQLite still gives of the damaged database `file`: its records by number, from both
-// ends, halving around pages that fail. They become archives in `directory` under the file's own
-// stores and numbers, which the database at `database_path` lists; so does what could not be read,
-// as missing. The file stays as it is.
+// Saves the records of the damaged database `file` that still stand whole in their pages, whatever
+// else of it is broken (see Pages). They become archives in `directory` under the file's own stores
+// and numbers, which the database at `database_path` lists; so does what could not be read, as
+// missing. The file stays as it is.
 Status Recover(const std::string& file, const std::string& database_path,
                const std::string& directory, Recovered* recovered);
 

@@ -135,8 +135,9 @@ struct Archive {
 // Records are named by a store and a number in it. A database begins a new store where numbers may
 // have been given before to records that were lost: with the file, and at every start after a run
 // that did not end in order.
+inline constexpr std::size_t kStoreIdSize = 16;
 struct Store {
-  std::string id;  // 16 random bytes
+  std::string id;  // kStoreIdSize random bytes
   std::int64_t first_record = 0;
 };
 

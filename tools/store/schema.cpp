@@ -331,8 +331,9 @@ DatabaseHead ReadHead(std::string_view head) {
   const auto byte = [head](std::size_t i) {
     return std::uint32_t{static_cast<std::uint8_t>(head[i])};
   };
-  const std::uint32_t page_size = byte(16) << 8 | byte(17);
-  said.bytes = std::uint64_t{BigEndian(head.substr(28))} * (page_size == 1 ? 65536 : page_size);
+  said.page_size = byte(16) << 8 | byte(17);
+  if (said.page_size == 1) said.page_size = 65536;
+  said.bytes = std::uint64_t{BigEndian(head.substr(28))} * said.page_size;
   said.version = BigEndian(head.substr(60));
   said.is_ours = BigEndian(head.substr(68)) == kApplicationId;
   return said;
@@ -358,11 +359,11 @@ Status CauseOf(Connection* connection, const Status& status) {
 
 Status InitializeSchema(Connection* connection) {
   // The header's marks are written before the journal mode, while they still go to the file itself.
-  return connection->Execute(
-      "PRAGMA page_size = 1024; PRAGMA auto_vacuum = INCREMENTAL; "
-      "PRAGMA application_id = " +
-      std::to_string(kApplicationId) + "; PRAGMA user_version = " + std::to_string(kSchemaVersion) +
-      ";" + "BEGIN;" + kTables + "COMMIT;");
+  return connection->Execute("PRAGMA page_size = " + std::to_string(kPageSize) +
+                             "; PRAGMA auto_vacuum = INCREMENTAL; "
+                             "PRAGMA application_id = " +
+                             std::to_string(kApplicationId) + "; PRAGMA user_version = " +
+                             std::to_string(kSchemaVersion) + ";" + "BEGIN;" + kTables + "COMMIT;");
 }
 
 std::string DefaultDatabasePath() {

@@ -14,6 +14,7 @@ namespace velmora::usage_stat::store {
 // Marks a database as ours, in the field of SQLite's header that is made for it ("USrd").
 constexpr int kApplicationId = 0x55537264;
 constexpr int kSchemaVersion = 2;
+constexpr std::uint32_t kPageSize = 1024;
 
 // How many records are in archives, where the views of this database do not see them.
 constexpr const char* kInArchives =
@@ -29,8 +30,9 @@ constexpr std::int64_t kLargestUnpacked = std::int64_t{16} * 1024 * 1024;
 // What the first 100 bytes of a database say about it.
 struct DatabaseHead {
   bool is_ours = false;
-  std::uint32_t version = 0;  // of the schema
-  std::uint64_t bytes = 0;    // of the file, when it was last complete
+  std::uint32_t version = 0;    // of the schema
+  std::uint32_t page_size = 0;  // in bytes
+  std::uint64_t bytes = 0;      // of the file, when it was last complete
 };
 DatabaseHead ReadHead(std::string_view head);
 
