@@ -420,6 +420,66 @@ TEST_F(PromisesTest, MaxSizeHoldsUnderAFlood) {
   ExpectBalance();
 }
 
+TEST_F(PromisesTest, WhatCannotBeDeletedHoldsUpNothingElse) {
+  auto writer = OpenWriter();
+  std::vector<store::Archive> archives;
+  store::Batch batch;
+  for (int i = 0; i < 100; ++i) batch.records.push_back(Row("GoToURLEvent", i));
+  for (store::RecordRow& row : batch.records) row.raw.resize(20'000, 'u');
+  ASSERT_OK(writer->Commit(batch));
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  fs::remove(archives[0].path);
+  fs::create_directory(archives[0].path);
+  ASSERT_OK(writer->Commit(batch));
+  const store::Status status =
+      store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = 1024 * 1024});
+  EXPECT_THAT(status.message, HasSubstr("cannot delete " + archives[0].path));
+  EXPECT_LT(Number("SELECT count(*) FROM records"), 60);
+}
+
+TEST_F(PromisesTest, NothingButArchivesIsDeleted) {
+  const TempFolder elsewhere;
+  auto writer = OpenWriter();
+  for (const char* name : {"notes", "notes.zst", "records-1-2.db.zst"}) {
+    const std::string path = elsewhere / name;
+    name == std::string("records-1-2.db.zst") ? fs::create_symlink("notes", path)
+                                              : WriteFile(path, "a shopping list");
+    Answer(database_, "INSERT INTO archives SELECT NULL, '" + path +
+                          "', 'complete', 2, 1, 100, 200, 1, 1, 2, 9000000");
+    const store::Status status =
+        store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = 1024 * 1024});
+    EXPECT_THAT(status.message, HasSubstr("it is no archive"));
+    const ProgramResult erased =
+        RunProgram({USAGE_STAT, "erase", "--all", "--yes", "--database", database_});
+    EXPECT_EQ(erased.exit_code, 0) << erased.err;
+    EXPECT_TRUE(fs::exists(path)) << path;
+  }
+}
+
+TEST_F(PromisesTest, StrangersArchivesFillNoLog) {
+  fs::create_directory(folder_ / "archives");
+  for (int i = 0; i < 100; ++i) {
+    WriteFile(folder_ / ("archives/" + std::to_string(i) + ".db.zst"), "a shopping list");
+  }
+  Start();
+  EXPECT_TRUE(Says("90 more like this"));
+  EXPECT_EQ(collector_->End(), 0);
+}
+
+TEST_F(PromisesTest, ALimitOnFileSizesIsAFullDisk) {
+  const std::string script = folder_ / "limited";
+  WriteFile(script, "#!/bin/sh\nulimit -f 300; exec \"" COLLECTOR_COMMAND "\" \"$@\"\n");
+  fs::permissions(script, fs::perms::owner_all);
+  collector_.emplace(script, folder_.path(), std::vector<std::string>{"--database", database_});
+  ASSERT_TRUE(Says("listens on the endpoint")) << collector_->Err();
+  address_ = base::AddressOf(collector_->endpoint());
+  for (int i = 0; collector_->Err().find("nothing more is received") == std::string::npos; ++i) {
+    ASSERT_LT(i, 100'000);
+    (void)Send(PageTurn(0, i));
+  }
+  EXPECT_EQ(collector_->End(), 1);
+}
+
 TEST_F(PromisesTest, EndingHasPatienceWithALockedDatabase) {
   for (const bool is_for_a_moment : {true, false}) {
     Start();

@@ -137,7 +137,10 @@ void Housekeeper::Prepare(bool check) {
     std::vector<std::string> problems;
     status = store::AdoptArchives(database_path_, archive_directory_, &adopted, &problems);
     for (const std::string& path : adopted) Tell("the archive " + path + " belongs to it now");
-    for (const std::string& problem : problems) Tell("an archive is left aside: " + problem);
+    // There may be any number of strangers' files.
+    Flood flood;
+    for (const std::string& problem : problems) flood.Tell("an archive is left aside: " + problem);
+    flood.Flush();
   }
   Handle(status, "older files can't be put in order", &preparing_trouble_);
 }

@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
   // is worth telling.
   setenv("CORVANE_LOG_LEVEL", "0", 0);
   (void)signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGXFSZ, SIG_IGN);  // a limit on file sizes is met like a full disk
   const sigset_t signals = HoldEndingSignals();
 
   collector::Collector collecting(*options);

@@ -256,4 +256,25 @@ std::string LocateArchive(const std::string& database_path, const Archive& archi
   return access(beside.c_str(), F_OK) == 0 ? beside : archive.path;
 }
 
+bool MayBeArchive(const std::string& database_path, const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  const std::string name = std::filesystem::path(path).filename();
+  if (IsArchive(name)) {
+    return (name.starts_with("records-") && name.ends_with(".db.zst")) ||
+           FolderOf(path) == FolderOf(DefaultArchiveDirectory(database_path) + "/.");
+  }
+  return path.starts_with(TargetOf(database_path) + ".schema-1");
+}
+
+Status DeleteFile(const std::string& database_path, const Archive& archive) {
+  const std::string path = LocateArchive(database_path, archive);
+  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return {};
+  if (!MayBeArchive(database_path, path)) {
+    return Status::Failed("cannot delete " + path + ": it is no archive");
+  }
+  if (unlink(path.c_str()) != 0) return Status::Errno("cannot delete " + path);
+  return {};
+}
+
 }  // namespace velmora::usage_stat::store

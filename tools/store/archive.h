@@ -46,6 +46,14 @@ Status MakeRest(Maintenance* maintenance, Reader* source, const std::set<std::in
 // with its archives, its place in the archive folder of `database_path`.
 std::string LocateArchive(const std::string& database_path, const Archive& archive);
 
+// Whether the file at `path` can be an archive of this database: a regular file, named as archives
+// are, or in the folder that is theirs, or a database before an upgrade. What a database says of
+// its archives may have been put there to have other files deleted.
+bool MayBeArchive(const std::string& database_path, const std::string& path);
+
+// Deletes the file of an archive; one that is not there is no failure.
+Status DeleteFile(const std::string& database_path, const Archive& archive);
+
 }  // namespace velmora::usage_stat::store
 
 #endif  // TOOLS_STORE_ARCHIVE_H_

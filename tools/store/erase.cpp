@@ -122,7 +122,10 @@ std::vector<std::string> UnlistedArchives(const std::string& database_path,
   std::vector<std::string> unlisted;
   for (const std::string& folder : ArchiveFolders(database_path, directory, archives)) {
     for (const std::string& file : FilesIn(folder)) {
-      if (IsArchive(file) && !names.contains(fs::path(file).filename())) unlisted.push_back(file);
+      const bool is_listed = names.contains(fs::path(file).filename());
+      if (IsArchive(file) && !is_listed && MayBeArchive(database_path, file)) {
+        unlisted.push_back(file);
+      }
     }
   }
   return unlisted;
@@ -281,6 +284,8 @@ Status Eraser::EraseArchive(const Archive& archive) {
   // A file of the first schema that could not be moved to archives can't be replaced by one.
   const bool goes_whole = !readable.ok() || found.count() == held || !IsArchive(path);
 
+  // What is none has nothing of ours, and is only listed no longer.
+  const bool is_archive = MayBeArchive(maintenance_->path, path);
   Runs gone = found;
   Archive rest = archive;
   if (!goes_whole) {
@@ -294,8 +299,8 @@ Status Eraser::EraseArchive(const Archive& archive) {
     if (rename(temporary.c_str(), path.c_str()) != 0) {
       return Status::Errno("cannot replace " + path);
     }
-  } else if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-    return Status::Errno("cannot delete " + path);
+  } else if (is_archive) {
+    RETURN_IF_ERROR(DeleteFile(maintenance_->path, archive));
   }
   RETURN_IF_ERROR(SyncFolder(FolderOf(path)));
   Transaction transaction(&connection());
@@ -310,7 +315,7 @@ Status Eraser::EraseArchive(const Archive& archive) {
   }
   RETURN_IF_ERROR(transaction.Commit());
   erased_->records += readable.ok() ? found.count() : archive.records;
-  if (!readable.ok()) erased_->files.push_back(path);
+  if (!readable.ok() && is_archive) erased_->files.push_back(path);
   return {};
 }
 
@@ -358,7 +363,8 @@ Status Eraser::RemoveFiles(const std::vector<std::string>& files) {
 // The log holds what pages were before. It is played into the file, and cut to nothing, as soon as
 // nobody reads from it.
 Status Eraser::EmptyLog() {
-  RETURN_IF_ERROR(connection().Execute("PRAGMA incremental_vacuum"));
+  // Who waits for readers here keeps the collector from writing.
+  RETURN_IF_ERROR(connection().Execute("PRAGMA incremental_vacuum; PRAGMA busy_timeout = 0"));
   for (int i = 0; i < kTries; ++i) {
     std::int64_t is_busy = 0;
     Status status = connection().Read("PRAGMA wal_checkpoint(TRUNCATE)", &is_busy);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 #include "src/events/device_events.h"
@@ -35,6 +36,8 @@ class Retainer {
   Status ApplyAge(std::int64_t keep_days);
   Status ApplySize(std::int64_t max_bytes);
   bool has_removed() const { return has_removed_; }
+  // The first archive that could not be deleted: the rest is looked after all the same.
+  const Status& failure() const { return failure_; }
 
  private:
   Connection& connection() { return maintenance_->connection; }
@@ -51,12 +54,16 @@ class Retainer {
 
   Maintenance* const maintenance_;
   const std::string database_path_;
+  void Note(Status status) {
+    if (failure_.ok()) failure_ = std::move(status);
+  }
+
   bool has_removed_ = false;
+  Status failure_;
 };
 
 Status Retainer::DeleteArchive(const Archive& archive) {
-  const std::string path = LocateArchive(database_path_, archive);
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) return Status::Errno("cannot delete " + path);
+  RETURN_IF_ERROR(DeleteFile(database_path_, archive));
   DeleteArchiveEvent event;
   event.archive_ = archive.path;
   Transaction transaction(&connection());
@@ -187,7 +194,7 @@ Status Retainer::ApplyAge(std::int64_t keep_days) {
   RETURN_IF_ERROR(ReadArchives(&connection(), ArchiveState::kComplete, &archives));
   for (const Archive& archive : archives) {
     if (archive.created_ms >= before_ms || archive.created_ms < kEarliestMs) continue;
-    RETURN_IF_ERROR(DeleteArchive(archive));
+    Note(DeleteArchive(archive));
   }
   RETURN_IF_ERROR(DeleteOldRecords(before_ms));
   return DeleteOldQuarantine(before_ms);
@@ -211,7 +218,7 @@ Status Retainer::ApplySize(std::int64_t max_bytes) {
   for (const Archive& archive : archives) bytes += archive.bytes;
   for (const Archive& archive : archives) {
     if (bytes <= max_bytes) return {};
-    RETURN_IF_ERROR(DeleteArchive(archive));
+    Note(DeleteArchive(archive));
     bytes -= archive.bytes;
   }
   for (;;) {
@@ -248,7 +255,7 @@ Status ApplyRetention(const std::string& database_path, const Retention& retenti
   if (retention.keep_days > 0) status = retainer.ApplyAge(retention.keep_days);
   if (status.ok() && retention.max_bytes > 0) status = retainer.ApplySize(retention.max_bytes);
   if (retainer.has_removed()) maintenance.GiveBackSpace();
-  return status;
+  return status.ok() ? retainer.failure() : status;
 }
 
 }  // namespace velmora::usage_stat::store

@@ -254,7 +254,9 @@ Status Open(const std::string& path, Connection::Mode mode, Connection* connecti
   // Opening a FIFO would wait for its other end.
   if (!S_ISREG(status.st_mode)) return Status::Failed(path + " is not a file");
   RETURN_IF_ERROR(Connection::Open(path, mode, connection));
-  return Inspect(*connection, finding);
+  Status inspected = Inspect(*connection, finding);
+  if (!inspected.ok()) inspected.message = "cannot open " + path + ": " + inspected.message;
+  return inspected;
 }
 
 // Why a file is not opened; success for a database of ours.
