@@ -665,6 +665,21 @@ TEST_F(PromisesTest, DamageThatIsMetAtTheEndIsNotForgotten) {
   EXPECT_FALSE(Aside().empty()) << collector_->Err();
 }
 
+TEST_F(PromisesTest, AFileWithoutItsHeadIsSetAside) {
+  Start();
+  for (int i = 0; i < 100; ++i) SendSurely(PageTurn(0, i));
+  EXPECT_EQ(collector_->End(), 0);
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+  std::string bytes = ReadFile(database_);
+  bytes.replace(0, 100, 100, '\x55');
+  WriteFile(database_, bytes);
+  Start();
+  EXPECT_TRUE(Says("is kept as"));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(Recover().exit_code, 0);
+  EXPECT_EQ(Turns().size(), 100U);
+}
+
 TEST_F(PromisesTest, RecordsThatAnArchiveHoldsTooAreMetOnce) {
   Start();
   for (int i = 0; i < 50; ++i) SendSurely(PageTurn(0, i));

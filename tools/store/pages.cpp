@@ -62,7 +62,7 @@ struct Layout {
 
 std::uint64_t SizeOf(std::uint64_t type) {
   constexpr std::array<std::uint64_t, 12> kSizes = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
-  return type < kSizes.size() ? kSizes[type] : (type - 12) / 2;
+  return type < kSizes.size() ? kSizes[static_cast<std::size_t>(type)] : (type - 12) / 2;
 }
 
 // Reads the head of a row of `size` bytes; false unless all of it fits together, which hardly
@@ -252,15 +252,16 @@ std::int64_t Pages::ForEachRow(const Visitor& visit) const {
     std::uint64_t size = 0;
     if (!TakeVarint(&cell, &size) || !TakeVarint(&cell, key) || size > kLargestRow) return false;
     const auto in_page = static_cast<std::size_t>(SizeInPage(size, usable_size_));
-    const bool is_whole = in_page == size;
+    const auto whole = static_cast<std::size_t>(size);
+    const bool is_whole = in_page == whole;
     if (cell.size() < in_page + (is_whole ? 0 : 4)) return false;
     if (!ReadLayout(cell.substr(0, in_page), size, &layout)) return false;
     row = cell.substr(0, in_page);
     std::uint32_t next = is_whole ? 0 : WordAt(cell, in_page);
-    while (row.size() < size) {
+    while (row.size() < whole) {
       if (!taken.insert(next).second || !ReadPage(next, &further)) return false;
       next = WordAt(further, 0);
-      row.append(further, 4, std::min<std::size_t>(usable_size_ - 4, size - row.size()));
+      row.append(further, 4, std::min(std::size_t{usable_size_} - 4, whole - row.size()));
     }
     return ReadColumns(layout, row, &columns);
   };

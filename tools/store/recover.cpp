@@ -352,6 +352,18 @@ std::int64_t LargestKnownNumber(const std::string& path, const std::string& dire
   return largest;
 }
 
+bool HoldsRecords(const std::string& path) {
+  Pages pages;
+  if (!Pages::Open(path, &pages).ok()) return false;
+  const Surroundings surroundings(pages);
+  bool is_found = false;
+  pages.ForEachRow([&](std::int64_t, std::span<const Column> columns) {
+    RecordRow record;
+    is_found = is_found || ReadRecord(columns, surroundings, &record);
+  });
+  return is_found;
+}
+
 Status AdoptArchives(const std::string& database_path, const std::string& directory,
                      std::vector<std::string>* adopted, std::vector<std::string>* problems) {
   Maintenance maintenance;

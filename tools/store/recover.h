@@ -16,6 +16,9 @@ namespace velmora::usage_stat::store {
 // known to have given. A database that is begun anew goes on behind it.
 std::int64_t LargestKnownNumber(const std::string& path, const std::string& directory);
 
+// Whether the file at `path` has records of ours on its pages, whatever its head says.
+bool HoldsRecords(const std::string& path);
+
 // Lists the archives in `directory` that the database does not list, with the stores of what they
 // hold. `adopted` tells which, `problems` what can't be read or holds numbers that another has.
 Status AdoptArchives(const std::string& database_path, const std::string& directory,

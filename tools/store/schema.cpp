@@ -16,6 +16,7 @@
 
 #include "tools/records/views.h"
 #include "tools/store/file.h"
+#include "tools/store/recover.h"
 
 namespace velmora::usage_stat::store {
 
@@ -395,6 +396,11 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   }
   if (created) *created = is_new;
   Status status = Judge(path, finding);
+  // Somebody else's file stays as it is. Ours may have lost its head, and would be in the way for
+  // ever.
+  if (may_create && finding.kind == Kind::kForeign && HoldsRecords(path)) {
+    status = {SQLITE_NOTADB, "the head of the file is damaged"};
+  }
   if (status.ok()) {
     status = MakeReady(connection);
     const bool is_named = status.ok() || IsDamage(status);

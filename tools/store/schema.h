@@ -48,7 +48,8 @@ std::string DefaultArchiveDirectory(const std::string& database_path);
 // created, readable for its owner and its group, and `created` tells so; for a null `created` it is
 // refused. It gets the views of records::Views(), or the present ones in the place of older. A file
 // that is not ours, or of a newer version than this one knows, is refused and left as it is, to the
-// last byte.
+// last byte; IsDamage() where it may be created, and records of ours tell that it only lost its
+// head.
 Status OpenForWriting(const std::string& path, Connection* connection, bool* created);
 
 // Looks whether the database at `path`, to which `connection` writes, is still what it was: SQLite
