@@ -259,7 +259,7 @@ std::int64_t Pages::ForEachRow(const Visitor& visit) const {
     row = cell.substr(0, in_page);
     std::uint32_t next = is_whole ? 0 : WordAt(cell, in_page);
     while (row.size() < whole) {
-      if (!taken.insert(next).second || !ReadPage(next, &further)) return false;
+      if (next == 0 || !taken.insert(next).second || !ReadPage(next, &further)) return false;
       next = WordAt(further, 0);
       row.append(further, 4, std::min(std::size_t{usable_size_} - 4, whole - row.size()));
     }
