@@ -55,8 +55,9 @@ std::optional<Options> ParseOptions(int argc, char** argv, int* exit_code) {
                    USAGE_STAT_VERSION);
   Command command = line.main();
   command.Option("--endpoint", "NAME",
-                 "Listen on the abstract socket of this name (default: the environment variable "
-                 "VELMORA_MESSAGE_ENDPOINT, else usage_stat_event1)",
+                 std::string("Listen on the abstract socket of this name (default: the environment "
+                             "variable ") +
+                     base::kEndpointVariable + ", else " + base::kDefaultEndpoint + ")",
                  &options.endpoint);
   command.Option("--database", "PATH",
                  "Keep the records in this file (default: the environment variable "

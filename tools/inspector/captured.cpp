@@ -6,10 +6,10 @@
 #include <cctype>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 
 #include "tools/base/status.h"
+#include "tools/base/text.h"
 #include "tools/records/record.h"
 #include "tools/store/reader.h"
 #include "tools/store/zstd_file.h"
@@ -59,27 +59,14 @@ Status ReadLines(std::istream& in, const std::string& path, std::vector<std::str
 
 }  // namespace
 
-std::optional<std::string> FromHex(std::string_view text) {
-  std::string digits;
-  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
-               [](unsigned char c) { return std::isspace(c) == 0; });
-  const bool all_hex = std::all_of(digits.begin(), digits.end(),
-                                   [](unsigned char c) { return std::isxdigit(c) != 0; });
-  if (!all_hex || digits.size() % 2 != 0 || digits.empty()) return std::nullopt;
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
 std::optional<std::string> DatagramIn(std::string_view line) {
-  if (!line.starts_with('{')) return FromHex(line);
+  if (!line.starts_with('{')) return base::FromHex(line);
   const auto json = records::Json::parse(line, nullptr, false);
   if (!json.is_object()) return std::nullopt;
   for (const char* name : {"raw", "hex"}) {
     const auto digits = json.find(name);
-    if (digits != json.end() && digits->is_string()) return FromHex(digits->get<std::string>());
+    if (digits != json.end() && digits->is_string())
+      return base::FromHex(digits->get<std::string>());
   }
   return std::nullopt;
 }

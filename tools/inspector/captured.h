@@ -12,10 +12,6 @@
 
 namespace velmora::usage_stat::inspector {
 
-// The bytes that hexadecimal digits with white space between them stand for; nothing when `text`
-// is something else, or nothing.
-std::optional<std::string> FromHex(std::string_view text);
-
 // The datagram that `text` has: digits, or a JSON object with them under "raw", as list prints it,
 // or "hex", as a test vector has it. Nothing for anything else.
 std::optional<std::string> DatagramIn(std::string_view text);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "src/measurements/statistics_switch.h"
+#include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
@@ -60,7 +61,7 @@ bool IsTrusted(uid_t uid, const std::string& database) {
 }
 
 void CheckEndpoint(const std::string& database, Findings* findings) {
-  const std::string endpoint = EndpointInUse();
+  const std::string endpoint = base::EndpointInUse();
   const Listener listener = FindListener(endpoint);
   const auto add = [&](State state, const std::string& message, const std::string& advice) {
     findings->push_back({"endpoint", state, message, advice});

@@ -15,9 +15,6 @@ void AddEndpointOption(Command command, std::string* endpoint);
 // empty.
 void UseEndpoint(const std::string& endpoint);
 
-// The text between the two NULs of the name to which this process sends.
-std::string EndpointInUse();
-
 }  // namespace velmora::usage_stat::inspector
 
 #endif  // TOOLS_INSPECTOR_ENDPOINT_H_

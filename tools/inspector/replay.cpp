@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "src/usage_stat_client/statistics_client.h"
+#include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/captured.h"
 #include "tools/inspector/endpoint.h"
@@ -84,10 +86,9 @@ class Pace {
 };
 
 int SendBytes(const std::string& datagram) {
-  constexpr char kName[] = "\0usage_stat_event1";
-  constexpr unsigned int kCapacity = 102400;
   utilities::MessageClient client;
-  const int error = client.Init(kName, sizeof(kName), kCapacity);
+  const int error =
+      client.Init(kStatisticsEndpoint, sizeof(kStatisticsEndpoint), kLargestStatisticsMessage);
   if (error != 0) return error;
   return client.SendMessage(datagram.data(), static_cast<unsigned int>(datagram.size()));
 }
@@ -155,7 +156,7 @@ int Replay(const Options& options, double speed) {
     if (error == ECONNREFUSED) {
       return Complain(kFailed,
                       fmt::format("no collector listens on \"{}\"; {} of {} records sent",
-                                  EndpointInUse(), by_function + by_bytes, datagrams.size()));
+                                  base::EndpointInUse(), by_function + by_bytes, datagrams.size()));
     }
     ++(error != 0 ? failed : is_raw ? by_bytes : by_function);
     if (error > 0) Complain(kFailed, std::string("a record was not sent: ") + std::strerror(error));

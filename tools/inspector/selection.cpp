@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -10,6 +9,7 @@
 #include "include/usage_stat.h"
 #include "src/usage_stat_client/application_table.h"
 #include "tools/base/status.h"
+#include "tools/base/text.h"
 #include "tools/inspector/moment.h"
 #include "tools/records/record.h"
 #include "tools/store/file.h"
@@ -47,12 +47,6 @@ std::string TakeEvent(const std::string& text, std::vector<std::string>* events)
   return "there is no record type \"" + text + "\"; usage-stat types shows them";
 }
 
-bool ReadNumber(const std::string& text, std::int64_t* number) {
-  const char* end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, *number);
-  return result.ec == std::errc() && result.ptr == end;
-}
-
 bool IsSame(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
@@ -62,8 +56,8 @@ bool IsSame(std::string_view a, std::string_view b) {
 std::string TakeApplication(const std::string& text, std::vector<std::int64_t>* applications) {
   using Kind = ApplicationRow::Kind;
   applications->clear();
-  if (std::int64_t id = 0; ReadNumber(text, &id)) {
-    applications->push_back(id);
+  if (const auto id = base::ParseWhole<std::int64_t>(text)) {
+    applications->push_back(*id);
     return {};
   }
   bool is_store = false;
@@ -131,9 +125,9 @@ void AddOutputOption(Command command, std::string* output,
 void AddCountOption(Command command, std::optional<std::int64_t>* count,
                     const std::string& description) {
   command.Option("-n", "COUNT", description, [count](const std::string& text) -> std::string {
-    std::int64_t number = 0;
-    if (!ReadNumber(text, &number) || number < 0) return "\"" + text + "\" is no count";
-    *count = number;
+    const auto number = base::ParseWhole<std::int64_t>(text);
+    if (!number || *number < 0) return "\"" + text + "\" is no count";
+    *count = *number;
     return {};
   });
 }
@@ -165,9 +159,8 @@ void AddFilterOptions(Command command, store::Query* query, std::string* book) {
 
 base::Status FindBook(const std::string& database, const std::string& name, store::Query* query) {
   if (name.empty()) return {};
-  std::int64_t id = 0;
-  if (ReadNumber(name, &id)) {
-    query->book_id = id;
+  if (const auto id = base::ParseWhole<std::int64_t>(name)) {
+    query->book_id = *id;
     return {};
   }
   std::set<std::int64_t> ids;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/endpoint.h"
 #include "tools/inspector/functions.h"
@@ -126,7 +127,7 @@ int Report(const Function& function, const std::vector<Json>& arguments, const J
   if (result == ECONNREFUSED) {
     return Complain(kFailed, fmt::format("no collector listens on \"{}\"; usage-stat doctor tells "
                                          "more",
-                                         EndpointInUse()));
+                                         base::EndpointInUse()));
   }
   return kFailed;
 }
