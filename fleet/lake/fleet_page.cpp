@@ -62,7 +62,7 @@ constexpr std::string_view kMain = R"html({{notices}}<section aria-label="Key nu
 std::string DateOf(Day day) { return fmt::format("week of {}", LongDate(day)); }
 
 std::string PercentOf(std::int64_t part, std::int64_t whole) {
-  return FormatPercent((100 * part + whole / 2) / whole);
+  return FormatPercent(whole > 0 ? (100 * part + whole / 2) / whole : 0);
 }
 
 std::string HiddenCard(const std::string& title, bool is_wide = false) {
