@@ -139,15 +139,21 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
 
 namespace {
 
+// Where in `missing` the runs begin that may reach number ?1 or what is behind it: runs don't
+// overlap, so that only the last one in front can.
+constexpr std::string_view kFromRunAt =
+    "first_record >= coalesce((SELECT max(first_record) FROM missing WHERE first_record < ?1), 0)";
+
 // Notes a run of numbers of which none has been noted.
 Status NoteRun(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
   // Runs that touch become one.
   Statement merge;
   RETURN_IF_ERROR(connection->Prepare(
-      "DELETE FROM missing WHERE reason = ?1 AND first_record <= ?3 + 1 AND last_record >= ?2 - 1 "
-      "RETURNING first_record, last_record",
+      std::string("DELETE FROM missing WHERE ").append(kFromRunAt) +
+          " AND first_record <= ?2 + 1 AND last_record >= ?1 - 1 AND reason = ?3 "
+          "RETURNING first_record, last_record",
       &merge));
-  merge.Bind(1, NameOf(reason)).Bind(2, first).Bind(3, last);
+  merge.Bind(1, first).Bind(2, last).Bind(3, NameOf(reason));
   while (merge.Step()) {
     first = std::min(first, merge.Int(0));
     last = std::max(last, merge.Int(1));
@@ -166,10 +172,10 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   std::vector<std::pair<std::int64_t, std::int64_t>> runs;
   Statement noted;
   RETURN_IF_ERROR(connection->Prepare(
-      "SELECT first_record, last_record FROM missing WHERE first_record <= ? AND last_record >= ? "
-      "ORDER BY first_record",
+      std::string("SELECT first_record, last_record FROM missing WHERE ").append(kFromRunAt) +
+          " AND first_record <= ?2 AND last_record >= ?1 ORDER BY first_record",
       &noted));
-  noted.Bind(1, last).Bind(2, first);
+  noted.Bind(1, first).Bind(2, last);
   while (noted.Step()) {
     if (first < noted.Int(0)) runs.emplace_back(first, noted.Int(0) - 1);
     first = noted.Int(1) + 1;
@@ -179,6 +185,26 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   if (first <= last) runs.emplace_back(first, last);
   for (const auto& [run_first, run_last] : runs) {
     RETURN_IF_ERROR(NoteRun(connection, run_first, run_last, reason));
+  }
+  return {};
+}
+
+Status NoteReadable(Connection* connection, std::int64_t first, std::int64_t last) {
+  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
+  Statement remove;
+  RETURN_IF_ERROR(
+      connection->Prepare(std::string("DELETE FROM missing WHERE ").append(kFromRunAt) +
+                              " AND first_record <= ?2 AND last_record >= ?1 AND reason = ?3 "
+                              "RETURNING first_record, last_record",
+                          &remove));
+  remove.Bind(1, first).Bind(2, last).Bind(3, NameOf(Absence::kUnreadable));
+  while (remove.Step()) {
+    if (remove.Int(0) < first) runs.emplace_back(remove.Int(0), first - 1);
+    if (remove.Int(1) > last) runs.emplace_back(last + 1, remove.Int(1));
+  }
+  RETURN_IF_ERROR(remove.status());
+  for (const auto& [run_first, run_last] : runs) {
+    RETURN_IF_ERROR(NoteRun(connection, run_first, run_last, Absence::kUnreadable));
   }
   return {};
 }

@@ -6,20 +6,25 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
+#include <iterator>
 #include <set>
 #include <vector>
+
+#include "tools/store/file.h"
+#include "tools/store/schema.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
 
 // The format of file and log is SQLite's, which has promised to keep it: sqlite.org/fileformat2.
-constexpr std::size_t kHeadSize = 100;
 constexpr char kTableLeaf = 0x0d;
 constexpr std::size_t kLeafHeadSize = 8;
 constexpr std::size_t kLogHeadSize = 32;
 constexpr std::size_t kFrameHeadSize = 24;
+constexpr std::size_t kRoundSize = 8;  // of two random words that all frames of a round carry
 // Of ours, a table has at most 11 columns, and a row much less than this.
 constexpr std::size_t kMostColumns = 16;
 constexpr std::uint64_t kLargestRow = std::uint64_t{4} * 1024 * 1024;
@@ -28,7 +33,7 @@ std::uint32_t ByteAt(std::string_view bytes, std::size_t at) {
   return static_cast<std::uint8_t>(bytes[at]);
 }
 
-// The big-endian number of `size` bytes.
+// The number of `size` bytes, the most significant first.
 std::uint64_t NumberAt(std::string_view bytes, std::size_t at, std::size_t size) {
   std::uint64_t number = 0;
   for (std::size_t i = 0; i < size; ++i) number = number << 8 | ByteAt(bytes, at + i);
@@ -51,6 +56,49 @@ bool TakeVarint(std::string_view* bytes, std::uint64_t* number) {
     return true;
   }
   return false;
+}
+
+// Where in a page a row is, and its key.
+struct Cell {
+  std::size_t place = 0;
+  std::int64_t key = 0;
+};
+
+// The rows of a leaf whose head is at `start`. In a sound page their keys ascend; where they don't,
+// as few as possible are left out: a broken key would give a record the number of another.
+std::vector<Cell> CellsInOrder(std::string_view page, std::size_t start) {
+  std::vector<Cell> cells;
+  const std::size_t first = start + kLeafHeadSize;
+  const std::uint64_t count =
+      std::min<std::uint64_t>(NumberAt(page, start + 3, 2), (page.size() - first) / 2);
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto place = static_cast<std::size_t>(NumberAt(page, first + 2 * i, 2));
+    std::string_view cell = page.substr(std::min(place, page.size()));
+    std::uint64_t size = 0;
+    std::uint64_t key = 0;
+    if (place == 0 || !TakeVarint(&cell, &size) || !TakeVarint(&cell, &key)) continue;
+    cells.push_back({place, static_cast<std::int64_t>(key)});
+  }
+  // The longest ascending part: for each length the end of the one that ends lowest.
+  constexpr std::size_t kNone = SIZE_MAX;
+  std::vector<std::size_t> ends;
+  std::vector<std::size_t> before(cells.size(), kNone);
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    const auto end = std::ranges::lower_bound(
+        ends, cells[i].key, {}, [&cells](std::size_t each) { return cells[each].key; });
+    if (end != ends.begin()) before[i] = *std::prev(end);
+    if (end == ends.end()) {
+      ends.push_back(i);
+    } else {
+      *end = i;
+    }
+  }
+  std::vector<Cell> in_order;
+  for (std::size_t i = ends.empty() ? kNone : ends.back(); i != kNone; i = before[i]) {
+    in_order.push_back(cells[i]);
+  }
+  std::ranges::reverse(in_order);
+  return in_order;
 }
 
 // How a row tells what its columns are.
@@ -164,11 +212,20 @@ void AddUp(std::string_view bytes, bool is_big_endian, std::array<std::uint32_t,
   }
 }
 
-bool IsPageSize(std::uint32_t size) {
-  return size >= 512 && size <= 65536 && (size & (size - 1)) == 0;
-}
-
 }  // namespace
+
+DatabaseHead ReadHead(std::string_view head) {
+  constexpr std::string_view kMagic("SQLite format 3\0", 16);
+  DatabaseHead said;
+  if (head.size() < kHeadSize || !head.starts_with(kMagic)) return said;
+  const auto size = static_cast<std::uint32_t>(NumberAt(head, 16, 2));
+  if (size >= 512 && std::has_single_bit(size)) said.page_size = size;
+  if (size == 1) said.page_size = 65536;
+  said.bytes = std::uint64_t{WordAt(head, 28)} * said.page_size;
+  said.version = WordAt(head, 60);
+  said.is_ours = WordAt(head, 68) == kApplicationId;
+  return said;
+}
 
 Status Pages::Open(const std::string& path, Pages* pages) {
   // Opening a FIFO would wait for its other end.
@@ -178,14 +235,12 @@ Status Pages::Open(const std::string& path, Pages* pages) {
   if (size < 0) return Status::Failed(path + " is not a file");
   std::string head;
   if (ReadBytes(pages->file_, 0, kHeadSize, &head)) pages->head_ = ReadHead(head);
-  // Without its head, a file is taken for one of the present schema.
-  const bool has_head = pages->head_.is_ours && IsPageSize(pages->head_.page_size);
-  pages->page_size_ = has_head ? pages->head_.page_size : kPageSize;
-  pages->usable_size_ = pages->page_size_ - (has_head ? ByteAt(head, 20) : 0);
-  if (pages->usable_size_ < 480) pages->usable_size_ = pages->page_size_;  // as SQLite demands
+  // Without its head, a file is taken for one of the present schema. None of ours keeps a part of
+  // its pages for others.
+  pages->page_size_ = pages->head_.page_size > 0 ? pages->head_.page_size : kPageSize;
   pages->pages_ =
       static_cast<std::uint32_t>(std::min<std::int64_t>(size / pages->page_size_, UINT32_MAX - 1));
-  pages->ReadLog(path + "-wal");
+  pages->ReadLog(TargetOf(path) + "-wal");
   return {};
 }
 
@@ -198,27 +253,38 @@ std::int64_t Pages::bytes() const {
 
 // A frame counts when it is of the log's present round and its own sum is right. SQLite ends at
 // the first that is not; here those behind it count as well, up to the last that ends a
-// transaction.
+// transaction. They are newer than those in front; only of a file that was set aside right after a
+// power cut they may be some that were given up.
 void Pages::ReadLog(const std::string& path) {
   constexpr std::uint32_t kMagic = 0x377f0682;  // or the next number, for sums in big-endian words
+  constexpr std::int64_t kMostRead = std::int64_t{1024} * 1024 * 1024;
   log_ = base::Descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::string head;
-  if (!log_.is_open() || SizeOfFile(log_) < 0 || !ReadBytes(log_, 0, kLogHeadSize, &head)) return;
-  const std::uint32_t magic = WordAt(head, 0);
-  if ((magic & ~1U) != kMagic || WordAt(head, 8) != page_size_) return;
-  std::map<std::uint32_t, std::int64_t> open_transaction;
-  std::array<std::uint32_t, 2> said = {WordAt(head, 24), WordAt(head, 28)};
   std::string frame;
   const std::size_t frame_size = kFrameHeadSize + page_size_;
-  for (std::int64_t at = kLogHeadSize; ReadBytes(log_, at, frame_size, &frame);
+  if (!log_.is_open() || SizeOfFile(log_) < 0 || !ReadBytes(log_, 0, kLogHeadSize, &head)) return;
+  bool is_big_endian = WordAt(head, 0) == kMagic + 1;
+  std::string round = head.substr(16, kRoundSize);
+  std::array<std::uint32_t, 2> sum{};
+  std::array<std::uint32_t, 2> said = {WordAt(head, 24), WordAt(head, 28)};
+  AddUp(std::string_view(head).substr(0, 24), is_big_endian, &sum);
+  if ((WordAt(head, 0) & ~1U) != kMagic || sum != said) {
+    // The first frame whose sum goes on from the one before it tells which round it is.
+    is_big_endian = false;
+    round.clear();
+  } else if (WordAt(head, 8) != page_size_) {
+    return;
+  }
+  std::map<std::uint32_t, std::int64_t> open_transaction;
+  for (std::int64_t at = kLogHeadSize; at < kMostRead && ReadBytes(log_, at, frame_size, &frame);
        at += static_cast<std::int64_t>(frame_size)) {
-    std::array<std::uint32_t, 2> sum = said;
+    sum = said;
     said = {WordAt(frame, 16), WordAt(frame, 20)};
-    AddUp(std::string_view(frame).substr(0, 8), (magic & 1) != 0, &sum);
-    AddUp(std::string_view(frame).substr(kFrameHeadSize), (magic & 1) != 0, &sum);
-    const bool is_of_round =
-        std::string_view(frame).substr(8, 8) == std::string_view(head).substr(16, 8);
-    if (!is_of_round || sum != said) continue;
+    AddUp(std::string_view(frame).substr(0, 8), is_big_endian, &sum);
+    AddUp(std::string_view(frame).substr(kFrameHeadSize), is_big_endian, &sum);
+    if (sum != said) continue;
+    if (round.empty()) round = frame.substr(8, kRoundSize);
+    if (frame.compare(8, kRoundSize, round) != 0) continue;
     open_transaction[WordAt(frame, 0)] = at + static_cast<std::int64_t>(kFrameHeadSize);
     const std::uint32_t pages = WordAt(frame, 4);
     if (pages == 0) continue;
@@ -238,7 +304,7 @@ bool Pages::ReadPage(std::uint32_t number, std::string* page) const {
              : ReadBytes(file_, (std::int64_t{number} - 1) * page_size_, page_size_, page);
 }
 
-std::int64_t Pages::ForEachRow(const Visitor& visit) const {
+std::int64_t Pages::ForEachRow(const Visitor& visit, std::int64_t most) const {
   std::string page;
   std::string row;
   std::string further;
@@ -247,11 +313,12 @@ std::int64_t Pages::ForEachRow(const Visitor& visit) const {
   // A page belongs to one row at most: broken chains take no longer than sound ones.
   std::set<std::uint32_t> taken;
 
-  // Reads the row's part in its own page and the chain of further pages.
-  const auto read_row = [&](std::string_view cell, std::uint64_t* key) {
+  // Reads the row whose part in its own page begins `cell`, and the chain of its further pages.
+  const auto read_row = [&](std::string_view cell) {
     std::uint64_t size = 0;
-    if (!TakeVarint(&cell, &size) || !TakeVarint(&cell, key) || size > kLargestRow) return false;
-    const auto in_page = static_cast<std::size_t>(SizeInPage(size, usable_size_));
+    std::uint64_t key = 0;
+    if (!TakeVarint(&cell, &size) || !TakeVarint(&cell, &key) || size > kLargestRow) return false;
+    const auto in_page = static_cast<std::size_t>(SizeInPage(size, page_size_));
     const auto whole = static_cast<std::size_t>(size);
     const bool is_whole = in_page == whole;
     if (cell.size() < in_page + (is_whole ? 0 : 4)) return false;
@@ -261,35 +328,29 @@ std::int64_t Pages::ForEachRow(const Visitor& visit) const {
     while (row.size() < whole) {
       if (next == 0 || !taken.insert(next).second || !ReadPage(next, &further)) return false;
       next = WordAt(further, 0);
-      row.append(further, 4, std::min(std::size_t{usable_size_} - 4, whole - row.size()));
+      row.append(further, 4, std::min(std::size_t{page_size_} - 4, whole - row.size()));
     }
     return ReadColumns(layout, row, &columns);
   };
 
   std::int64_t whole_pages = 0;
+  bool has_enough = false;
   const auto visit_page = [&](std::uint32_t number) {
     const std::size_t start = number == 1 ? kHeadSize : 0;
     if (!ReadPage(number, &page) || page[start] != kTableLeaf) return;
-    const std::string_view bytes = std::string_view(page).substr(0, usable_size_);
-    const std::uint64_t cells = NumberAt(bytes, start + 3, 2);
-    bool is_whole = true;
-    for (std::size_t i = 0; i < cells; ++i) {
-      const std::size_t pointer = start + kLeafHeadSize + 2 * i;
-      const bool has_pointer = pointer + 2 <= bytes.size();
-      const auto cell = has_pointer ? static_cast<std::size_t>(NumberAt(bytes, pointer, 2)) : 0;
-      std::uint64_t key = 0;
-      if (cell > 0 && cell < bytes.size() && read_row(bytes.substr(cell), &key)) {
-        visit(static_cast<std::int64_t>(key), columns);
-      } else {
-        is_whole = false;
-      }
-      if (!has_pointer) break;
+    const std::vector<Cell> cells = CellsInOrder(page, start);
+    bool is_whole = cells.size() == NumberAt(page, start + 3, 2);
+    for (auto cell = cells.begin(); cell != cells.end() && !has_enough; ++cell) {
+      const bool is_row = read_row(std::string_view(page).substr(cell->place));
+      is_whole = is_whole && is_row;
+      if (is_row) has_enough = !visit(cell->key, columns);
     }
     if (is_whole) ++whole_pages;
   };
 
-  for (std::uint32_t number = 1; number <= pages_; ++number) visit_page(number);
-  for (auto newer = in_log_.upper_bound(pages_); newer != in_log_.end(); ++newer) {
+  const auto last = static_cast<std::uint32_t>(std::min<std::int64_t>(pages_, most / page_size_));
+  for (std::uint32_t number = 1; number <= last && !has_enough; ++number) visit_page(number);
+  for (auto newer = in_log_.upper_bound(pages_); newer != in_log_.end() && !has_enough; ++newer) {
     visit_page(newer->first);
   }
   return whole_pages * page_size_;

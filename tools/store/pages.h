@@ -1,8 +1,9 @@
-// The rows that a database's pages hold, read without SQLite.
+// A database's file read without SQLite: its head, and the rows that its pages hold.
 
 #ifndef TOOLS_STORE_PAGES_H_
 #define TOOLS_STORE_PAGES_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -10,10 +11,22 @@
 #include <string>
 #include <string_view>
 
+#include "tools/base/status.h"
 #include "tools/base/system.h"
-#include "tools/store/schema.h"
 
 namespace velmora::usage_stat::store {
+
+using base::Status;
+
+// What the first bytes of a database say about it.
+constexpr std::size_t kHeadSize = 100;
+struct DatabaseHead {
+  bool is_ours = false;
+  std::uint32_t version = 0;    // of the schema
+  std::uint32_t page_size = 0;  // in bytes; 0 when it is no database, or no longer one
+  std::uint64_t bytes = 0;      // of the file, when it was last complete
+};
+DatabaseHead ReadHead(std::string_view head);
 
 struct Column {
   enum class Type { kNull, kInteger, kText, kBlob };
@@ -26,8 +39,9 @@ struct Column {
 // pages above the row's own, and where one of these is broken, nothing below it. Here each page
 // stands for itself: whatever else is damaged, a page that is whole gives its rows.
 //
-// Deleted rows don't come back: the store has SQLite overwrite them, and of a page that stands in
-// file and log only the newest state counts.
+// Deleted rows hardly come back: the store has SQLite overwrite them, and of a page that stands in
+// file and log only the newest state counts. Where that is the broken one, an older may still have
+// them.
 class Pages {
  public:
   // Opens what is at `path`, which must be a file.
@@ -40,10 +54,11 @@ class Pages {
 
   // Hands out each row of a table that has one number for a key, in the order of the pages. A page
   // that can't be read is passed over, and so is a row that is not whole or has more columns than
-  // any of ours. `columns` is valid during the call. Returns how many bytes the pages have that
-  // gave all of their rows.
-  using Visitor = std::function<void(std::int64_t number, std::span<const Column> columns)>;
-  std::int64_t ForEachRow(const Visitor& visit) const;
+  // any of ours. `columns` is valid during the call. Ends when `visit` returns false, or after the
+  // first `most` bytes of the file. Returns how many bytes the pages have that gave all of their
+  // rows.
+  using Visitor = std::function<bool(std::int64_t number, std::span<const Column> columns)>;
+  std::int64_t ForEachRow(const Visitor& visit, std::int64_t most = INT64_MAX) const;
 
  private:
   void ReadLog(const std::string& path);
@@ -52,8 +67,7 @@ class Pages {
   base::Descriptor file_;
   base::Descriptor log_;
   DatabaseHead head_;
-  std::uint32_t page_size_ = 0;
-  std::uint32_t usable_size_ = 0;                 // of a page
+  std::uint32_t page_size_ = 0;                   // in bytes
   std::uint32_t pages_ = 0;                       // in the file, as far as they count
   std::map<std::uint32_t, std::int64_t> in_log_;  // where in the log a page's newest state is
 };

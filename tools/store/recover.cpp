@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <span>
 #include <string_view>
@@ -31,6 +33,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// What is believed: more than any device lives to give, and less than what is believed elsewhere,
+// so that numbers are left for what is to come. Records go further than what is only claimed, which
+// the numbers of a new database are behind.
+constexpr std::int64_t kLargestClaim = kLargestNumber / 2;
+constexpr std::int64_t kLargestRecovered = kLargestNumber / 4 * 3;
+
 std::vector<std::string> FilesIn(const std::string& folder) {
   std::vector<std::string> files;
   std::error_code error;
@@ -48,7 +56,62 @@ std::int64_t LastNumberInName(const std::string& path) {
   if (!path.ends_with(kEnding)) return 0;
   const std::string_view stem = std::string_view(path).substr(0, path.size() - kEnding.size());
   const auto number = base::ParseWhole<std::int64_t>(stem.substr(stem.rfind('-') + 1));
-  return number && *number <= kLargestNumber ? *number : 0;
+  return number && *number <= kLargestClaim ? *number : 0;
+}
+
+// A set of numbers of records.
+class Numbers {
+ public:
+  // Whatever a broken or a stranger's file says they are.
+  void Add(std::int64_t first, std::int64_t last) {
+    first = std::max<std::int64_t>(first, 1);
+    last = std::min(last, kLargestNumber);
+    if (first > last) return;
+    auto run = runs_.upper_bound(first);
+    if (run != runs_.begin() && std::prev(run)->second >= first - 1) first = (--run)->first;
+    while (run != runs_.end() && run->first <= last + 1) {
+      last = std::max(last, run->second);
+      run = runs_.erase(run);
+    }
+    runs_[first] = last;
+  }
+
+  bool Overlaps(std::int64_t first, std::int64_t last) const {
+    const auto run = runs_.upper_bound(last);
+    return run != runs_.begin() && std::prev(run)->second >= first;
+  }
+  bool Contains(std::int64_t number) const { return Overlaps(number, number); }
+
+  bool empty() const { return runs_.empty(); }
+  std::int64_t lowest() const { return runs_.begin()->first; }
+  std::int64_t highest() const { return runs_.empty() ? 0 : runs_.rbegin()->second; }
+  // From the first number of each run to its last.
+  const std::map<std::int64_t, std::int64_t>& runs() const { return runs_; }
+
+  // Hands out the numbers from `first` to `last` that are not in it, run by run.
+  template <class Visitor>
+  Status ForEachOther(std::int64_t first, std::int64_t last, const Visitor& visit) const {
+    auto run = runs_.upper_bound(first);
+    if (run != runs_.begin() && std::prev(run)->second >= first) --run;
+    for (; run != runs_.end() && run->first <= last; ++run) {
+      if (first < run->first) RETURN_IF_ERROR(visit(first, run->first - 1));
+      first = run->second + 1;
+    }
+    return first <= last ? visit(first, last) : Status();
+  }
+
+ private:
+  std::map<std::int64_t, std::int64_t> runs_;
+};
+
+// Adds the numbers from `first` to `last` that a database has records of.
+Status AddNumbers(Connection* connection, std::int64_t first, std::int64_t last, Numbers* numbers) {
+  Statement select;
+  RETURN_IF_ERROR(
+      connection->Prepare("SELECT id FROM records WHERE id BETWEEN ? AND ? ORDER BY id", &select));
+  select.Bind(1, first).Bind(2, last);
+  while (select.Step()) numbers->Add(select.Int(0), select.Int(0));
+  return select.status();
 }
 
 // ---- What a damaged database still holds ----
@@ -67,33 +130,35 @@ std::string ShapeOf(std::span<const Column> columns) {
   return shape;
 }
 
-// Half of what is believed elsewhere: what is recovered must leave numbers for what is to come.
-bool IsNumber(std::int64_t number) { return number > 0 && number <= kLargestNumber / 2; }
+bool IsClaim(std::int64_t number) { return number > 0 && number <= kLargestClaim; }
+
+using Events = std::map<std::int64_t, std::pair<int, std::string>>;
 
 // What tells about the records.
 struct Surroundings {
-  std::map<std::int64_t, std::pair<int, std::string>> events;
+  Events events;
   std::vector<Store> stores;
   std::vector<Missing> missing;
   std::vector<Archive> archives;
-  std::int64_t last_record = 0;  // that was found
-  std::int64_t last = 0;         // the largest number that is known to have been given
-  std::int64_t unread = 0;       // bytes that may have held more
+  std::int64_t last = 0;    // the largest number that was found
+  std::int64_t unread = 0;  // bytes that may have held more
 
   explicit Surroundings(const Pages& pages) {
     const auto take = [this](std::int64_t number, std::span<const Column> columns) {
-      if (IsNumber(number)) Take(number, columns);
+      if (number > 0 && number <= kLargestRecovered) Take(number, columns);
+      return true;
     };
     unread = pages.bytes() - pages.ForEachRow(take);
-    std::ranges::sort(missing, {}, &Missing::first_record);
-    last = std::max(last, last_record);
+    std::ranges::sort(stores, {}, &Store::first_record);
   }
 
  private:
   void Take(std::int64_t number, std::span<const Column> columns) {
     const std::string shape = ShapeOf(columns);
     if (shape == kRecord || shape == kRecordOfFirstSchema) {
-      last_record = std::max(last_record, number);
+      last = std::max(last, number);
+    } else if (!IsClaim(number)) {
+      return;
     } else if (shape == kStore && columns[1].bytes.size() == kStoreIdSize) {
       stores.push_back({std::string(columns[1].bytes), number});
       last = std::max(last, number - 1);
@@ -102,27 +167,36 @@ struct Surroundings {
       const auto reason = ValueNamed<Absence>(kAbsenceNames, columns[2].bytes);
       if (!reason) {
         events[number] = {static_cast<int>(value), std::string(columns[2].bytes)};
-      } else if (IsNumber(value)) {
+      } else if (IsClaim(value) && number <= value) {
         missing.push_back({number, value, *reason});
         last = std::max(last, value);
       }
     } else if (shape == kArchive || shape == kArchiveOfFirstSchema) {
       const std::size_t at = shape == kArchive ? 5 : 4;
       const auto state = ValueNamed<ArchiveState>(kArchiveStateNames, columns[2].bytes);
-      if (!state || !IsNumber(columns[at + 1].integer)) return;
       Archive archive;
-      archive.state = *state;
       archive.first_record = columns[at].integer;
       archive.last_record = columns[at + 1].integer;
+      if (!state || archive.first_record > archive.last_record) return;
+      if (!IsClaim(archive.first_record) || !IsClaim(archive.last_record)) return;
+      archive.state = *state;
       last = std::max(last, archive.last_record);
       archives.push_back(archive);
     }
   }
 };
 
+// The fields of a row were made of its datagram: where they differ, one of the two is damaged. Only
+// a program that knows more or fewer fields of this event made other ones, or kept those by name
+// that the first schema had.
+bool AgreeWith(std::string_view fields, const records::Json& values) {
+  if (fields == records::Dump(values)) return true;
+  const records::Json stored = records::Json::parse(fields, nullptr, false);
+  return stored.is_object() || (stored.is_array() && stored.size() != values.size());
+}
+
 // The record of a row; false when it is none that anybody could read.
-bool ReadRecord(std::span<const Column> columns, const Surroundings& surroundings,
-                RecordRow* record) {
+bool ReadRecord(std::span<const Column> columns, const Events& events, RecordRow* record) {
   const std::string shape = ShapeOf(columns);
   const bool is_of_first_schema = shape == kRecordOfFirstSchema;
   if (shape != kRecord && !is_of_first_schema) return false;
@@ -136,14 +210,14 @@ bool ReadRecord(std::span<const Column> columns, const Surroundings& surrounding
   if (const auto* known = std::get_if<records::Record>(&decoded)) {
     record->type = known->type;
     record->event = known->event;
+    if (!is_of_first_schema && !AgreeWith(record->fields, known->values)) return false;
     record->fields = records::Dump(known->values);
     return record->timestamp_ms == known->timestamp;
   }
   if (is_of_first_schema) {
     record->type = static_cast<int>(columns[4].integer);
     record->event = columns[5].bytes;
-  } else if (const auto event = surroundings.events.find(columns[4].integer);
-             event != surroundings.events.end()) {
+  } else if (const auto event = events.find(columns[4].integer); event != events.end()) {
     std::tie(record->type, record->event) = event->second;
   } else {
     return false;  // nothing tells what it was
@@ -153,39 +227,42 @@ bool ReadRecord(std::span<const Column> columns, const Surroundings& surrounding
          base::IsUtf8(record->fields) && records::Json::accept(record->fields);
 }
 
-// Puts the records from number `first` on into a sound database.
-Status SaveRecords(const Pages& pages, const Surroundings& surroundings, std::int64_t first,
-                   Connection* sound, std::int64_t* saved) {
+// Puts the records into a sound database, except for those whose numbers are in `gone`.
+Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone, Connection* sound,
+                   Numbers* saved, std::int64_t* passed_over) {
   RecordInserter inserter;
   Status failure;
   RETURN_IF_ERROR(inserter.Prepare(sound));
   RETURN_IF_ERROR(sound->Execute("BEGIN"));
   pages.ForEachRow([&](std::int64_t number, std::span<const Column> columns) {
     RecordRow record;
-    if (!failure.ok() || !IsNumber(number) || number < first) return;
-    if (!ReadRecord(columns, surroundings, &record)) return;
+    if (number <= 0 || number > kLargestRecovered) return true;
+    if (!ReadRecord(columns, events, &record)) return true;
+    if (gone.Contains(number)) {
+      ++*passed_over;
+      return true;
+    }
     Status status = inserter.Insert(number, record);
-    if (status.ok()) ++*saved;
+    if (status.ok()) saved->Add(number, number);
     // A broken page may tell a number that another record has.
     if (!status.ok() && status.code != SQLITE_CONSTRAINT_PRIMARYKEY) failure = std::move(status);
+    return failure.ok();
   });
   RETURN_IF_ERROR(failure);
   return sound->Execute("COMMIT");
 }
 
-// The largest number of a damaged database; where SQLite can't read even that, more than it can
-// have given.
-std::int64_t LastNumberIn(const std::string& path) {
+// The largest number that the damaged database at `path` is known to have given; where SQLite can't
+// read even that, more than it can have given. What a log's broken end alone told is given again,
+// as after a power cut: in another store.
+std::int64_t LastNumberOf(const std::string& path, const Surroundings& surroundings) {
   constexpr std::int64_t kSmallestRow = 32;
-  Pages pages;
-  if (!Pages::Open(path, &pages).ok()) return 0;
-  const Surroundings surroundings(pages);
-  Connection connection;
-  std::int64_t next = 0;
-  if (OpenForReading(path, &connection, nullptr, Connection::Mode::kRescue).ok() &&
-      NextRecord(&connection, &next).ok() && next <= kLargestNumber) {
-    // SQLite does not read behind what is broken in a log.
-    return std::max(next - 1, surroundings.last);
+  std::unique_ptr<Reader> reader;
+  std::int64_t last = 0;
+  // SQLite does not read behind what is broken in a log.
+  if (Reader::Open(path, &reader, Connection::Mode::kRescue).ok() &&
+      reader->LastNumber(&last).ok() && last <= kLargestRecovered) {
+    return std::max(last, surroundings.last);
   }
   return surroundings.last + surroundings.unread / kSmallestRow;
 }
@@ -215,12 +292,29 @@ Status Inspect(const std::string& path, std::unique_ptr<Reader>* reader, Archive
   return {};
 }
 
-Status TakeStores(Connection* connection, const std::vector<Store>& stores) {
+// Takes over the stores that begin at number `last` at the latest.
+Status TakeStores(Connection* connection, const std::vector<Store>& stores, std::int64_t last) {
   Statement insert;
   RETURN_IF_ERROR(connection->Prepare(
       "INSERT OR IGNORE INTO stores(first_record, store_id) VALUES(?, ?)", &insert));
   for (const Store& store : stores) {
+    if (store.first_record > last) continue;
     RETURN_IF_ERROR(insert.Bind(1, store.first_record).BindBlob(2, store.id).Run());
+  }
+  return {};
+}
+
+// Notes the numbers from `first` to `last` that are not `held`.
+Status NoteOthers(Connection* connection, const Numbers& held, std::int64_t first,
+                  std::int64_t last, Absence reason) {
+  return held.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
+    return NoteMissing(connection, from, to, reason);
+  });
+}
+
+Status NoteAllReadable(Connection* connection, const Numbers& held) {
+  for (const auto& [first, last] : held.runs()) {
+    RETURN_IF_ERROR(NoteReadable(connection, first, last));
   }
   return {};
 }
@@ -228,92 +322,31 @@ Status TakeStores(Connection* connection, const std::vector<Store>& stores) {
 Status Adopt(Connection* connection, Reader* reader, Archive* archive) {
   std::vector<Store> stores;
   std::vector<Missing> missing;
+  Numbers held;
   RETURN_IF_ERROR(reader->ReadStores(&stores));
   RETURN_IF_ERROR(reader->ReadMissing(&missing));
+  RETURN_IF_ERROR(
+      AddNumbers(&reader->connection(), archive->first_record, archive->last_record, &held));
   Transaction transaction(connection);
   RETURN_IF_ERROR(transaction.Begin());
-  RETURN_IF_ERROR(TakeStores(connection, stores));
+  // Of other numbers it has nothing to tell.
+  RETURN_IF_ERROR(TakeStores(connection, stores, archive->last_record));
   for (const Missing& run : missing) {
-    RETURN_IF_ERROR(NoteMissing(connection, run.first_record, run.last_record, run.reason));
+    RETURN_IF_ERROR(NoteOthers(connection, held, std::max(run.first_record, archive->first_record),
+                               std::min(run.last_record, archive->last_record), run.reason));
   }
+  RETURN_IF_ERROR(NoteAllReadable(connection, held));
   RETURN_IF_ERROR(InsertArchive(connection, archive));
   return transaction.Commit();
 }
 
 // ---- Recovering ----
 
-// What lies before the records that only the damaged database had: archives, and what was missing.
-// `known` are the archives that the sound database lists; where an archive was begun only, they
-// tell whether its file came to be.
-std::int64_t FirstOf(const Surroundings& surroundings, const std::vector<Archive>& known) {
-  std::int64_t first = 1;
-  for (const Archive& archive : surroundings.archives) {
-    const auto is_same = [&archive](const Archive& other) {
-      return other.first_record == archive.first_record && other.last_record == archive.last_record;
-    };
-    if (archive.state != ArchiveState::kBegun || std::ranges::any_of(known, is_same)) {
-      first = std::max(first, archive.last_record + 1);
-    }
-  }
-  for (const Missing& run : surroundings.missing) {
-    if (run.first_record <= first) first = std::max(first, run.last_record + 1);
-  }
-  return first;
-}
-
-// Takes over what the file tells of its numbers, with a store for the first of its records.
-Status TakeSurroundings(Connection* connection, const Surroundings& surroundings,
-                        std::int64_t first) {
-  std::vector<Store> stores = surroundings.stores;
-  if (std::ranges::none_of(stores, [&](const Store& s) { return s.first_record <= first; })) {
-    stores.push_back({"", first});
-    RETURN_IF_ERROR(MakeStoreId(&stores.back().id));
-  }
-  RETURN_IF_ERROR(TakeStores(connection, stores));
-  for (const Missing& run : surroundings.missing) {
-    RETURN_IF_ERROR(NoteMissing(connection, run.first_record, run.last_record, run.reason));
-  }
-  return {};
-}
-
-// Notes the numbers from `first` to `last` that are neither among the rescued nor known otherwise.
-Status NoteUnreadable(Connection* connection, Reader* rescued, std::int64_t first,
-                      std::int64_t last) {
-  std::int64_t next = first;
-  Status status;
-  const auto note = [&](std::int64_t until) {
-    if (next <= until) status = NoteMissing(connection, next, until, Absence::kUnreadable);
-  };
-  RETURN_IF_ERROR(rescued->ForEach({}, [&](const RecordRow& row) {
-    note(row.id - 1);
-    next = row.id + 1;
-    return status.ok();
-  }));
-  if (status.ok()) note(last);
-  return status;
-}
-
 Status CountUnreadable(Connection* connection, std::int64_t* numbers) {
   return connection->Read(
       "SELECT coalesce(sum(last_record - first_record + 1), 0) FROM missing "
       "WHERE reason = 'unreadable'",
       numbers);
-}
-
-// Refuses the numbers from `lowest` to `highest` when the database or its archives have some.
-Status CheckFree(Connection* connection, std::int64_t lowest, std::int64_t highest,
-                 const std::string& file) {
-  std::int64_t taken = 0;
-  const std::string first = std::to_string(lowest);
-  const std::string last = std::to_string(highest);
-  RETURN_IF_ERROR(connection->Read(
-      "SELECT (SELECT count(*) FROM records WHERE id BETWEEN " + first + " AND " + last +
-          ") + (SELECT count(*) FROM archives WHERE state = 'complete' AND first_record <= " +
-          last + " AND last_record >= " + first + ")",
-      &taken));
-  return taken == 0 ? Status()
-                    : Status::Failed("records of the same numbers are there already: was " + file +
-                                     " recovered before?");
 }
 
 // A database that is filled on the way and then gone.
@@ -337,6 +370,250 @@ class Halfway {
   std::string path_;
 };
 
+// Numbers whose rows, should a broken page still have some, must not come back.
+Numbers FindGone(const Surroundings& surroundings, const std::vector<Missing>& noted) {
+  Numbers gone;
+  for (const std::vector<Missing>* missing : {&surroundings.missing, &noted}) {
+    for (const Missing& run : *missing) {
+      if (run.reason != Absence::kUnreadable) gone.Add(run.first_record, run.last_record);
+    }
+  }
+  for (const Archive& archive : surroundings.archives) {
+    if (archive.state != ArchiveState::kDeleted) continue;
+    gone.Add(archive.first_record, archive.last_record);
+  }
+  return gone;
+}
+
+// Whether the archive at `path` has each of the saved records in its range.
+Status HasAll(const std::string& path, const Archive& archive, Reader* saved, bool* has_all) {
+  std::unique_ptr<Reader> reader;
+  Statement find;
+  RETURN_IF_ERROR(Reader::Open(path, &reader));
+  RETURN_IF_ERROR(reader->connection().Prepare("SELECT raw FROM records WHERE id = ?", &find));
+  *has_all = true;
+  const auto compare = [&](const RecordRow& row) {
+    find.Reset();
+    *has_all = find.Bind(1, row.id).Step() && find.Text(0) == row.raw;
+    return *has_all;
+  };
+  return saved->ForEach({.after_id = archive.first_record - 1, .last_id = archive.last_record},
+                        compare);
+}
+
+// One damaged file on its way into the database.
+class Recovery {
+ public:
+  Recovery(const std::string& file, const std::string& database_path, Recovered* recovered)
+      : file_(file), database_path_(database_path), recovered_(recovered) {}
+
+  Status Run(const std::string& directory);
+
+ private:
+  Connection* database() { return &maintenance_.connection; }
+  Status AreThere() const {
+    return Status::Failed("records of the same numbers are there already: was " + file_ +
+                          " recovered before?");
+  }
+
+  Status Save();
+  Status CheckArchives();
+  Status NoteNumbers();
+  Status NoteStores(std::int64_t last);
+  Status NoteMissingNumbers(std::int64_t last, Numbers held);
+  Status FindHeld(std::int64_t last, Numbers* held);
+  std::int64_t FirstNumber(std::int64_t last) const;
+  Status MakeArchives(const std::string& directory);
+
+  const std::string& file_;
+  const std::string& database_path_;
+  Recovered* const recovered_;
+  Maintenance maintenance_;
+  Pages pages_;
+  std::optional<Surroundings> surroundings_;
+  // What the database has noted and listed already.
+  std::vector<Missing> noted_;
+  std::vector<Archive> listed_;
+  std::optional<Halfway> halfway_;
+  std::unique_ptr<Reader> rescued_;
+  Numbers saved_;     // what it reads
+  Numbers archived_;  // the ranges of archives
+};
+
+Status Recovery::Save() {
+  RETURN_IF_ERROR(Pages::Open(file_, &pages_));
+  const DatabaseHead& head = pages_.head();
+  if (head.is_ours && head.version > kSchemaVersion) {
+    return Status::Failed(file_ + " has schema version " + std::to_string(head.version) +
+                          ", this program knows version " + std::to_string(kSchemaVersion));
+  }
+  surroundings_.emplace(pages_);
+  halfway_.emplace(FolderOf(database_path_) + "/unfinished-recovery.db");
+  {
+    Connection sound;
+    RETURN_IF_ERROR(halfway_->Create(&sound));
+    RETURN_IF_ERROR(SaveRecords(pages_, surroundings_->events, FindGone(*surroundings_, noted_),
+                                &sound, &saved_, &recovered_->passed_over));
+  }
+  if (!head.is_ours && saved_.empty()) {
+    return Status::Failed(file_ + " is not a database of usage-stat, or nothing of it is left");
+  }
+  return Reader::Open(halfway_->path(), &rescued_);
+}
+
+// An archive may hold what was saved: a recovery that was interrupted made it, or a page that was
+// lost told that its records had moved there. Anything else of the same numbers is another's.
+Status Recovery::CheckArchives() {
+  for (const Archive& archive : listed_) {
+    archived_.Add(archive.first_record, archive.last_record);
+    if (!saved_.Overlaps(archive.first_record, archive.last_record)) continue;
+    const std::string path = LocateArchive(database_path_, archive);
+    bool has_all = false;
+    Status status = HasAll(path, archive, rescued_.get(), &has_all);
+    if (!status.ok()) return Status::Failed(path + ": " + status.message);
+    if (!has_all) return AreThere();
+  }
+  // Those that only the file tells of may come back.
+  for (const Archive& archive : surroundings_->archives) {
+    const bool is_held = archive.state == ArchiveState::kComplete &&
+                         !saved_.Overlaps(archive.first_record, archive.last_record);
+    if (is_held) archived_.Add(archive.first_record, archive.last_record);
+  }
+  return {};
+}
+
+// Notes all that is known of the file's numbers, before the first archive of them is there: so
+// each archive takes along what belongs to it.
+Status Recovery::NoteNumbers() {
+  std::int64_t last = std::max(saved_.highest(), LastNumberOf(file_, *surroundings_));
+  Transaction transaction(database());
+  RETURN_IF_ERROR(transaction.Begin());
+  // Of a file that was moved by hand the database knew nothing when it went on with its numbers.
+  std::int64_t above = 0;
+  RETURN_IF_ERROR(database()->Read("SELECT coalesce(min(id), " + std::to_string(INT64_MAX) +
+                                       ") FROM records WHERE id > " +
+                                       std::to_string(saved_.highest()),
+                                   &above));
+  last = std::min(last, above - 1);
+  Numbers held = saved_;
+  RETURN_IF_ERROR(FindHeld(last, &held));
+  RETURN_IF_ERROR(NoteStores(last));
+  RETURN_IF_ERROR(NoteMissingNumbers(last, std::move(held)));
+  return transaction.Commit();
+}
+
+// Adds the numbers that have records, in the database and its archives.
+Status Recovery::FindHeld(std::int64_t last, Numbers* held) {
+  Numbers live;
+  RETURN_IF_ERROR(AddNumbers(database(), 1, last, &live));
+  for (const auto& [from, to] : live.runs()) {
+    if (!saved_.empty() && to >= saved_.lowest() && from <= saved_.highest()) return AreThere();
+    held->Add(from, to);
+  }
+  Numbers told;
+  for (const Missing& run : surroundings_->missing) told.Add(run.first_record, run.last_record);
+  for (const Archive& archive : listed_) {
+    if (archive.records == archive.last_record - archive.first_record + 1) {
+      held->Add(archive.first_record, archive.last_record);
+    } else if (told.Overlaps(archive.first_record, archive.last_record)) {
+      std::unique_ptr<Reader> reader;
+      if (!Reader::Open(LocateArchive(database_path_, archive), &reader).ok()) continue;
+      RETURN_IF_ERROR(
+          AddNumbers(&reader->connection(), archive.first_record, archive.last_record, held));
+    }
+  }
+  return {};
+}
+
+Status Recovery::NoteStores(std::int64_t last) {
+  std::int64_t next = 0;
+  RETURN_IF_ERROR(NextRecord(database(), &next));
+  if (next <= last) RETURN_IF_ERROR(BeginStore(database(), last + 1));
+  RETURN_IF_ERROR(TakeStores(database(), surroundings_->stores, last));
+  if (saved_.empty()) return {};
+  // The store that the first of the records belongs to, whatever the database has before it.
+  Store store{"", saved_.lowest()};
+  for (const Store& each : surroundings_->stores) {
+    if (each.first_record <= store.first_record) store.id = each.id;
+  }
+  if (store.id.empty()) RETURN_IF_ERROR(MakeStoreId(&store.id));
+  std::string present;
+  Statement find;
+  RETURN_IF_ERROR(database()->Prepare(
+      "SELECT store_id FROM stores WHERE first_record <= ? ORDER BY first_record DESC LIMIT 1",
+      &find));
+  if (find.Bind(1, store.first_record).Step()) present = find.Text(0);
+  RETURN_IF_ERROR(find.status());
+  return present == store.id ? Status() : TakeStores(database(), {store}, last);
+}
+
+Status Recovery::NoteMissingNumbers(std::int64_t last, Numbers held) {
+  RETURN_IF_ERROR(NoteAllReadable(database(), saved_));
+  for (const Missing& run : surroundings_->missing) {
+    RETURN_IF_ERROR(NoteOthers(database(), held, run.first_record, std::min(run.last_record, last),
+                               run.reason));
+  }
+  // What lacks in the ranges of archives they tell themselves.
+  for (const auto& [from, to] : archived_.runs()) held.Add(from, to);
+  std::int64_t before = 0;
+  std::int64_t after = 0;
+  RETURN_IF_ERROR(CountUnreadable(database(), &before));
+  RETURN_IF_ERROR(NoteOthers(database(), held, FirstNumber(last), last, Absence::kUnreadable));
+  RETURN_IF_ERROR(CountUnreadable(database(), &after));
+  recovered_->unreadable = after - before;
+  return {};
+}
+
+// Where the file's own numbers begin of which anything is to be told. When it no longer tells so,
+// archives in front of its records are taken for its own.
+std::int64_t Recovery::FirstNumber(std::int64_t last) const {
+  const std::vector<Store>& stores = surroundings_->stores;
+  const std::int64_t end = saved_.empty() ? last + 1 : saved_.lowest();
+  if (!stores.empty()) return std::min(stores.front().first_record, end);
+  std::int64_t first = 1;
+  for (const Archive& archive : listed_) {
+    if (archive.last_record < end) first = std::max(first, archive.last_record + 1);
+  }
+  return first;
+}
+
+Status Recovery::MakeArchives(const std::string& directory) {
+  // None reaches over another, whose records would be passed over.
+  return archived_.ForEachOther(
+      saved_.empty() ? 1 : saved_.lowest(), saved_.highest(),
+      [&](std::int64_t first, std::int64_t last) -> Status {
+        if (!saved_.Overlaps(first, last)) return {};
+        for (std::int64_t after = first - 1; after < last;) {
+          Archive archive;
+          RETURN_IF_ERROR(
+              MakeArchive(&maintenance_, directory, rescued_.get(), after, last, &archive));
+          if (archive.records == 0) break;
+          RETURN_IF_ERROR(FinishArchives(&maintenance_));
+          after = archive.last_record;
+          archive.state = ArchiveState::kComplete;
+          recovered_->records += archive.records;
+          recovered_->archives.push_back(std::move(archive));
+        }
+        return {};
+      });
+}
+
+Status Recovery::Run(const std::string& directory) {
+  std::unique_ptr<Reader> present;
+  RETURN_IF_ERROR(Maintenance::Open(database_path_, &maintenance_));
+  RETURN_IF_ERROR(FinishArchives(&maintenance_));
+  RETURN_IF_ERROR(ReadArchives(database(), ArchiveState::kComplete, &listed_));
+  RETURN_IF_ERROR(Reader::Open(database_path_, &present));
+  RETURN_IF_ERROR(present->ReadMissing(&noted_));
+  present.reset();
+  RETURN_IF_ERROR(Save());
+  RETURN_IF_ERROR(CheckArchives());
+  RETURN_IF_ERROR(NoteNumbers());
+  RETURN_IF_ERROR(MakeArchives(directory));
+  const bool is_new = recovered_->records > 0 || recovered_->unreadable > 0;
+  return saved_.empty() || is_new ? Status() : AreThere();
+}
+
 }  // namespace
 
 std::int64_t LargestKnownNumber(const std::string& path, const std::string& directory) {
@@ -348,20 +625,24 @@ std::int64_t LargestKnownNumber(const std::string& path, const std::string& dire
   for (const std::string& file : FilesIn(FolderOf(path))) {
     const bool is_aside =
         file.starts_with(aside) && !file.ends_with("-wal") && !file.ends_with("-shm");
-    if (is_aside) largest = std::max(largest, LastNumberIn(file));
+    Pages pages;
+    if (!is_aside || !Pages::Open(file, &pages).ok()) continue;
+    largest = std::max(largest, LastNumberOf(file, Surroundings(pages)));
   }
   return largest;
 }
 
 bool HoldsRecords(const std::string& path) {
+  constexpr std::int64_t kMostLookedAt = std::int64_t{64} * 1024 * 1024;
   Pages pages;
   if (!Pages::Open(path, &pages).ok()) return false;
-  const Surroundings surroundings(pages);
   bool is_found = false;
-  pages.ForEachRow([&](std::int64_t, std::span<const Column> columns) {
+  const auto look = [&](std::int64_t, std::span<const Column> columns) {
     RecordRow record;
-    is_found = is_found || ReadRecord(columns, surroundings, &record);
-  });
+    is_found = ReadRecord(columns, {}, &record) && records::FindEvent(record.event);
+    return !is_found;
+  };
+  pages.ForEachRow(look, kMostLookedAt);
   return is_found;
 }
 
@@ -403,67 +684,7 @@ Status Recover(const std::string& file, const std::string& database_path,
   if (fs::equivalent(file, database_path, error)) {
     return Status::Failed(file + " is the database itself, not one that was set aside");
   }
-  Pages pages;
-  RETURN_IF_ERROR(Pages::Open(file, &pages));
-  if (pages.head().is_ours && pages.head().version > kSchemaVersion) {
-    return Status::Failed(file + " has schema version " + std::to_string(pages.head().version) +
-                          ", this program knows version " + std::to_string(kSchemaVersion));
-  }
-  const Surroundings surroundings(pages);
-  if (!pages.head().is_ours && surroundings.last_record == 0) {
-    return Status::Failed(file + " is not a database of usage-stat, or nothing of it is left");
-  }
-
-  Maintenance maintenance;
-  Connection* const database = &maintenance.connection;
-  std::vector<Archive> known;
-  RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
-  RETURN_IF_ERROR(FinishArchives(&maintenance));
-  RETURN_IF_ERROR(ReadArchives(database, ArchiveState::kComplete, &known));
-
-  std::int64_t first = FirstOf(surroundings, known);
-  std::int64_t lowest = 0;
-  std::int64_t highest = 0;
-  const Halfway halfway(FolderOf(database_path) + "/unfinished-recovery.db");
-  {
-    Connection sound;
-    RETURN_IF_ERROR(halfway.Create(&sound));
-    RETURN_IF_ERROR(SaveRecords(pages, surroundings, first, &sound, &recovered->records));
-    RETURN_IF_ERROR(sound.Read("SELECT coalesce(min(id), 0) FROM records", &lowest));
-    RETURN_IF_ERROR(sound.Read("SELECT coalesce(max(id), 0) FROM records", &highest));
-  }
-  const std::int64_t last = std::max(highest, LastNumberIn(file));
-  const bool is_any_left = highest > 0;
-  if (is_any_left) RETURN_IF_ERROR(CheckFree(database, lowest, highest, file));
-  // Its own archives of which it no longer tells.
-  for (const Archive& archive : known) {
-    if (archive.last_record > (is_any_left ? lowest : last)) continue;
-    first = std::max(first, archive.last_record + 1);
-  }
-
-  std::int64_t unreadable_before = 0;
-  std::int64_t unreadable_after = 0;
-  std::unique_ptr<Reader> rescued;
-  RETURN_IF_ERROR(CountUnreadable(database, &unreadable_before));
-  RETURN_IF_ERROR(TakeSurroundings(database, surroundings, is_any_left ? lowest : first));
-  RETURN_IF_ERROR(Reader::Open(halfway.path(), &rescued));
-  for (std::int64_t after = first - 1; after < highest;) {
-    Archive archive;
-    RETURN_IF_ERROR(MakeArchive(&maintenance, directory, rescued.get(), after, highest, &archive));
-    if (archive.records == 0) break;
-    RETURN_IF_ERROR(FinishArchives(&maintenance));
-    after = archive.last_record;
-    archive.state = ArchiveState::kComplete;
-    recovered->archives.push_back(std::move(archive));
-  }
-  // Where nothing tells how far the numbers went, these are the most it can be.
-  Transaction transaction(database);
-  RETURN_IF_ERROR(transaction.Begin());
-  RETURN_IF_ERROR(NoteUnreadable(database, rescued.get(), first, last));
-  RETURN_IF_ERROR(transaction.Commit());
-  RETURN_IF_ERROR(CountUnreadable(database, &unreadable_after));
-  recovered->unreadable = unreadable_after - unreadable_before;
-  return {};
+  return Recovery(file, database_path, recovered).Run(directory);
 }
 
 }  // namespace velmora::usage_stat::store

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <string_view>
 #include <utility>
@@ -16,22 +17,30 @@
 
 #include "tools/records/views.h"
 #include "tools/store/file.h"
+#include "tools/store/pages.h"
 #include "tools/store/recover.h"
 
 namespace velmora::usage_stat::store {
 
 namespace {
 
+// A table or a view.
+struct Definition {
+  std::string_view name;
+  bool is_view;
+  // As SQLite keeps it. Nothing of it can be changed without a new version of the schema: see
+  // CheckDefinitions().
+  std::string_view sql;
+};
 // A commit writes whole pages, and most commits hold one record: so a record touches one small page
 // and has no index; the counts of the newest records are derived from them (see AddUp()); and the
 // event's name stands once.
-constexpr const char* kTables = R"sql(
-CREATE TABLE events(
+constexpr Definition kDefinitions[] = {
+    {"events", false, R"sql(CREATE TABLE events(
   id INTEGER PRIMARY KEY,
   type INTEGER NOT NULL,
-  name TEXT NOT NULL UNIQUE);
-
-CREATE TABLE records(
+  name TEXT NOT NULL UNIQUE))sql"},
+    {"records", false, R"sql(CREATE TABLE records(
   id INTEGER PRIMARY KEY,
   received_ms INTEGER NOT NULL,
   pid INTEGER NOT NULL,
@@ -39,9 +48,8 @@ CREATE TABLE records(
   event INTEGER NOT NULL,
   timestamp_ms INTEGER NOT NULL,
   fields TEXT NOT NULL,
-  raw BLOB NOT NULL);
-
-CREATE TABLE quarantine(
+  raw BLOB NOT NULL))sql"},
+    {"quarantine", false, R"sql(CREATE TABLE quarantine(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   run INTEGER NOT NULL,
   received_ms INTEGER NOT NULL,
@@ -51,9 +59,8 @@ CREATE TABLE quarantine(
   reason TEXT NOT NULL,
   type INTEGER,
   size INTEGER NOT NULL,
-  raw BLOB NOT NULL);
-
-CREATE TABLE runs(
+  raw BLOB NOT NULL))sql"},
+    {"runs", false, R"sql(CREATE TABLE runs(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   pid INTEGER NOT NULL,
   endpoint TEXT NOT NULL,
@@ -62,18 +69,16 @@ CREATE TABLE runs(
   started_ms INTEGER NOT NULL,
   ended_ms INTEGER,
   first_record INTEGER NOT NULL,
-  counted_record INTEGER NOT NULL);
-
-CREATE TABLE tally(
+  counted_record INTEGER NOT NULL))sql"},
+    {"tally", false, R"sql(CREATE TABLE tally(
   run INTEGER NOT NULL,
   uid INTEGER NOT NULL,
   outcome TEXT NOT NULL,
   reason TEXT NOT NULL,
   count INTEGER NOT NULL,
   last_ms INTEGER NOT NULL,
-  PRIMARY KEY(run, uid, outcome, reason)) WITHOUT ROWID;
-
-CREATE TABLE archives(
+  PRIMARY KEY(run, uid, outcome, reason)) WITHOUT ROWID)sql"},
+    {"archives", false, R"sql(CREATE TABLE archives(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   path TEXT NOT NULL,
   state TEXT NOT NULL,
@@ -84,44 +89,37 @@ CREATE TABLE archives(
   records INTEGER NOT NULL,
   first_timestamp_ms INTEGER NOT NULL,
   last_timestamp_ms INTEGER NOT NULL,
-  bytes INTEGER NOT NULL);
-
-CREATE TABLE stores(
+  bytes INTEGER NOT NULL))sql"},
+    {"stores", false, R"sql(CREATE TABLE stores(
   first_record INTEGER PRIMARY KEY,
-  store_id BLOB NOT NULL);
-
-CREATE TABLE missing(
+  store_id BLOB NOT NULL))sql"},
+    {"missing", false, R"sql(CREATE TABLE missing(
   first_record INTEGER PRIMARY KEY,
   last_record INTEGER NOT NULL,
-  reason TEXT NOT NULL);
-
-CREATE TABLE clock_steps(
+  reason TEXT NOT NULL))sql"},
+    {"clock_steps", false, R"sql(CREATE TABLE clock_steps(
   record INTEGER NOT NULL,
   wall_ms INTEGER NOT NULL,
-  step_ms INTEGER NOT NULL);
-
-CREATE VIEW newest_counts AS
+  step_ms INTEGER NOT NULL))sql"},
+    {"newest_counts", true, R"sql(CREATE VIEW newest_counts AS
   SELECT runs.id AS run, uid, count(*) AS count, max(received_ms) AS last_ms
   FROM runs CROSS JOIN records ON records.id > counted_record
-  WHERE runs.id = (SELECT max(id) FROM runs) GROUP BY uid;
-
-CREATE VIEW outcomes AS
+  WHERE runs.id = (SELECT max(id) FROM runs) GROUP BY uid)sql"},
+    {"outcomes", true, R"sql(CREATE VIEW outcomes AS
   SELECT run, uid, outcome, reason, sum(count) AS count, max(last_ms) AS last_ms
   FROM (SELECT run, uid, outcome, reason, count, last_ms FROM tally
         UNION ALL SELECT run, uid, 'stored', '', count, last_ms FROM newest_counts)
-  GROUP BY run, uid, outcome, reason;
-
-CREATE VIEW run_counts AS
+  GROUP BY run, uid, outcome, reason)sql"},
+    {"run_counts", true, R"sql(CREATE VIEW run_counts AS
   SELECT runs.id AS run, coalesce(max(started_ms, max(last_ms)), started_ms) AS last_commit_ms,
     coalesce(sum(count) FILTER (
       WHERE outcome IN ('stored', 'quarantined', 'refused', 'off')), 0) AS received
-  FROM runs LEFT JOIN outcomes ON run = runs.id GROUP BY runs.id;
-
-CREATE VIEW record_list AS
+  FROM runs LEFT JOIN outcomes ON run = runs.id GROUP BY runs.id)sql"},
+    {"record_list", true, R"sql(CREATE VIEW record_list AS
   SELECT records.id, received_ms, pid, uid, events.type, events.name AS event, timestamp_ms,
     fields, raw
-  FROM records CROSS JOIN events ON events.id = records.event;
-)sql";
+  FROM records CROSS JOIN events ON events.id = records.event)sql"},
+};
 
 // ---- What SQL tools read ----
 
@@ -132,11 +130,8 @@ Status RenewViews(Connection* connection) {
   static const std::vector<records::View> wanted = [] {
     std::vector<records::View> views = records::Views();
     views.insert(views.begin(), {"in_archives", kInArchives});
-    constexpr std::string_view kSchema(kTables);
-    constexpr std::string_view kCreate("CREATE VIEW ");
-    for (auto at = kSchema.find(kCreate); at != kSchema.npos; at = kSchema.find(kCreate, at + 1)) {
-      const std::string sql(kSchema.substr(at, kSchema.find(';', at) - at));
-      views.push_back({sql.substr(kCreate.size(), sql.find(" AS") - kCreate.size()), sql});
+    for (const Definition& each : kDefinitions) {
+      if (each.is_view) views.push_back({std::string(each.name), std::string(each.sql)});
     }
     return views;
   }();
@@ -168,28 +163,26 @@ Status RenewViews(Connection* connection) {
   return transaction.Commit();
 }
 
-// How a file's tables and views are defined, beside kTables.
+// How a file's tables and views are defined, beside kDefinitions.
 struct Definitions {
-  std::ptrdiff_t ours = 0;  // to the letter
+  std::size_t ours = 0;     // to the letter
   std::string other_table;  // the name of one that is something else
   std::string other_view;
 };
 
 Status ReadDefinitions(Connection* connection, Definitions* found) {
-  const auto has = [](const std::string& text) {
-    return std::string_view(kTables).find(text) != std::string_view::npos;
-  };
   Statement select;
   RETURN_IF_ERROR(connection->Prepare(
       "SELECT lower(name), type, sql FROM sqlite_schema WHERE type IN ('table', 'view')", &select));
   while (select.Step()) {
-    const std::string name(select.Text(0));
-    if (has(std::string("\n").append(select.Text(2)).append(";"))) {
+    const auto* ours = std::ranges::find(kDefinitions, select.Text(0), &Definition::name);
+    if (ours == std::end(kDefinitions)) continue;
+    if (select.Text(2) == ours->sql) {
       ++found->ours;
-    } else if (has("CREATE VIEW " + name + " AS")) {
-      found->other_view = name;
-    } else if (has("CREATE TABLE " + name + "(") && select.Text(1) != "table") {
-      found->other_table = name;
+    } else if (ours->is_view) {
+      found->other_view = ours->name;
+    } else if (select.Text(1) != "table") {
+      found->other_table = ours->name;
     }
   }
   return select.status();
@@ -212,20 +205,12 @@ Status CheckDefinitions(const std::string& path, Connection::Mode mode, Connecti
 
 // What SQLite's header says about a file, before SQLite is asked to use it: it could already change
 // somebody else's database.
-enum class Kind { kMissing, kEmpty, kForeign, kOtherVersion, kOurs };
+enum class Kind { kMissing, kEmpty, kNoDatabase, kForeign, kOtherVersion, kOurs };
 
 struct Finding {
   Kind kind = Kind::kMissing;
   std::uint32_t version = 0;
 };
-
-constexpr std::size_t kHeadSize = 100;
-
-std::uint32_t BigEndian(std::string_view bytes) {
-  std::uint32_t value = 0;
-  for (const char byte : bytes.substr(0, 4)) value = value << 8 | static_cast<std::uint8_t>(byte);
-  return value;
-}
 
 // Looks at the file that `connection` has opened, through the connection: closing a descriptor of
 // one's own would release the locks that SQLite holds for other connections of the process.
@@ -237,7 +222,7 @@ Status Inspect(const Connection& connection, Finding* finding) {
   if (head.empty()) {
     finding->kind = Kind::kEmpty;
   } else if (!said.is_ours) {
-    finding->kind = Kind::kForeign;
+    finding->kind = said.page_size == 0 ? Kind::kNoDatabase : Kind::kForeign;
   } else {
     finding->kind = said.version == kSchemaVersion ? Kind::kOurs : Kind::kOtherVersion;
   }
@@ -267,6 +252,7 @@ Status Judge(const std::string& path, const Finding& finding) {
       return Status::Failed("there is no database " + path);
     case Kind::kEmpty:
       return Status::Failed(path + " is empty");
+    case Kind::kNoDatabase:
     case Kind::kForeign:
       return Status::Failed(path + " is not a database of usage-stat; it was left as it is");
     case Kind::kOtherVersion:
@@ -327,21 +313,6 @@ Status MakeReady(Connection* connection) {
 
 }  // namespace
 
-DatabaseHead ReadHead(std::string_view head) {
-  constexpr std::string_view kMagic("SQLite format 3\0", 16);
-  DatabaseHead said;
-  if (head.size() < kHeadSize || !head.starts_with(kMagic)) return said;
-  const auto byte = [head](std::size_t i) {
-    return std::uint32_t{static_cast<std::uint8_t>(head[i])};
-  };
-  said.page_size = byte(16) << 8 | byte(17);
-  if (said.page_size == 1) said.page_size = 65536;
-  said.bytes = std::uint64_t{BigEndian(head.substr(28))} * said.page_size;
-  said.version = BigEndian(head.substr(60));
-  said.is_ours = BigEndian(head.substr(68)) == kApplicationId;
-  return said;
-}
-
 Status CauseOf(Connection* connection, const Status& status) {
   const int code = status.code & 0xff;
   if (code == SQLITE_CONSTRAINT) {
@@ -351,9 +322,8 @@ Status CauseOf(Connection* connection, const Status& status) {
     }
   }
   if (code == SQLITE_ERROR) {
-    const auto made = std::ranges::count(std::string_view(kTables), ';');
     Definitions found;
-    if (ReadDefinitions(connection, &found).ok() && found.ours < made) {
+    if (ReadDefinitions(connection, &found).ok() && found.ours < std::size(kDefinitions)) {
       return {SQLITE_CORRUPT, status.message};
     }
   }
@@ -362,11 +332,12 @@ Status CauseOf(Connection* connection, const Status& status) {
 
 Status InitializeSchema(Connection* connection) {
   // The header's marks are written before the journal mode, while they still go to the file itself.
-  return connection->Execute("PRAGMA page_size = " + std::to_string(kPageSize) +
-                             "; PRAGMA auto_vacuum = INCREMENTAL; "
-                             "PRAGMA application_id = " +
-                             std::to_string(kApplicationId) + "; PRAGMA user_version = " +
-                             std::to_string(kSchemaVersion) + ";" + "BEGIN;" + kTables + "COMMIT;");
+  std::string sql = "PRAGMA page_size = " + std::to_string(kPageSize) +
+                    "; PRAGMA auto_vacuum = INCREMENTAL; PRAGMA application_id = " +
+                    std::to_string(kApplicationId) +
+                    "; PRAGMA user_version = " + std::to_string(kSchemaVersion) + "; BEGIN;";
+  for (const Definition& each : kDefinitions) sql.append(each.sql).append(";");
+  return connection->Execute(sql + "COMMIT");
 }
 
 std::string DefaultDatabasePath() {
@@ -398,7 +369,7 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
   Status status = Judge(path, finding);
   // Somebody else's file stays as it is. Ours may have lost its head, and would be in the way for
   // ever.
-  if (may_create && finding.kind == Kind::kForeign && HoldsRecords(path)) {
+  if (may_create && finding.kind == Kind::kNoDatabase && HoldsRecords(path)) {
     status = {SQLITE_NOTADB, "the head of the file is damaged"};
   }
   if (status.ok()) {
@@ -416,7 +387,8 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
   }
   Finding finding;
   RETURN_IF_ERROR(Inspect(connection, &finding));
-  if (finding.kind == Kind::kEmpty || finding.kind == Kind::kForeign) {
+  if (finding.kind == Kind::kEmpty || finding.kind == Kind::kNoDatabase ||
+      finding.kind == Kind::kForeign) {
     return {SQLITE_NOTADB, "it was overwritten while in use"};
   }
   return Judge(path, finding);

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "tools/store/sqlite.h"
 
@@ -26,15 +25,6 @@ constexpr const char* kInArchives =
 // The largest database that is put into one archive, in bytes: what its reader needs for a moment
 // in the folder of temporary files, which on a device is often memory.
 constexpr std::int64_t kLargestUnpacked = std::int64_t{16} * 1024 * 1024;
-
-// What the first 100 bytes of a database say about it.
-struct DatabaseHead {
-  bool is_ours = false;
-  std::uint32_t version = 0;    // of the schema
-  std::uint32_t page_size = 0;  // in bytes
-  std::uint64_t bytes = 0;      // of the file, when it was last complete
-};
-DatabaseHead ReadHead(std::string_view head);
 
 // Where the records are when nobody says otherwise: the environment variable USAGE_STAT_DATABASE,
 // else records.db in $STATE_DIRECTORY, which systemd sets for a service, else

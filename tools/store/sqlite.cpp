@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/store/pages.h"
+
 namespace velmora::usage_stat::store {
 
 namespace {
@@ -162,13 +164,12 @@ bool Connection::is_in_place() const {
 }
 
 Status Connection::ReadHead(std::string* head) const {
-  constexpr sqlite3_int64 kHeadSize = 100;
   sqlite3_file* file = nullptr;
   sqlite3_int64 size = 0;
   (void)sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_FILE_POINTER, &file);
   if (!file || !file->pMethods) return Status::Failed("no file");
   int result = file->pMethods->xFileSize(file, &size);
-  head->assign(static_cast<std::size_t>(std::min(size, kHeadSize)), '\0');
+  head->assign(static_cast<std::size_t>(std::min<sqlite3_int64>(size, kHeadSize)), '\0');
   if (result == SQLITE_OK && size > 0) {
     result = file->pMethods->xRead(file, head->data(), static_cast<int>(head->size()), 0);
   }

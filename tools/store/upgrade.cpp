@@ -15,6 +15,7 @@
 #include "tools/store/file.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/pages.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
 
@@ -180,7 +181,7 @@ Status MoveRecords(Maintenance* maintenance, const std::string& directory, const
 
 bool IsOfFirstSchema(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  std::string head(100, '\0');
+  std::string head(kHeadSize, '\0');
   struct stat status {};
   if (!file.is_open() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
   if (pread(file.get(), head.data(), head.size(), 0) != static_cast<ssize_t>(head.size())) {

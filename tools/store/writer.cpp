@@ -146,8 +146,7 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
   bool created = false;
   RETURN_IF_ERROR(OpenForWriting(path, &opened->connection_, &created));
   if (archive_directory.empty()) archive_directory = DefaultArchiveDirectory(path);
-  const std::int64_t known =
-      created ? std::min(LargestKnownNumber(path, archive_directory), kLargestNumber / 2) : 0;
+  const std::int64_t known = created ? LargestKnownNumber(path, archive_directory) : 0;
   if (Status status = opened->BeginRun(endpoint, created, known); !status.ok()) {
     status = CauseOf(&opened->connection_, status);
     if (!IsDamage(status)) status.message = "cannot write " + path + ": " + status.message;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tools/store/file.h"
+#include "tools/store/pages.h"
 #include "tools/store/schema.h"
 
 namespace velmora::usage_stat::store {
@@ -94,8 +95,6 @@ class Bound {
   }
 
  private:
-  static constexpr std::size_t kHeadSize = 100;
-
   static std::uint64_t LimitOf(const std::string& head) {
     // One page and a little over what is put into an archive; archives of the first schema held all
     // that there was.
