@@ -140,9 +140,15 @@ class CollectorKillTest : public testing::Test {
   const std::string database_ = folder_ / "records.db";
 };
 
+// After how many writes it dies the next time. With this variable set it is as thorough as before a
+// release; a sanitizer's programs take long to start.
+int StepOf(int usual) {
+  if (std::getenv("USAGE_STAT_THOROUGH_TESTS")) return 1;
+  return IS_SANITIZED ? 3 * usual : usual;
+}
+
 TEST_F(CollectorKillTest, NothingCommittedIsLostWhereverItDies) {
-  // With this variable set the suite is as thorough as before a release.
-  const int step = std::getenv("USAGE_STAT_THOROUGH_TESTS") ? 1 : 9;
+  const int step = StepOf(9);
   int deaths = 0;
   bool was_killed = true;
   for (long kill_at = 1; was_killed && !HasFailure(); kill_at += step) {
@@ -192,7 +198,7 @@ std::vector<std::string> OldRecords(const std::string& database) {
 }
 
 TEST_F(CollectorKillTest, AnUpgradeHidesNothingWhereverItDies) {
-  const int step = std::getenv("USAGE_STAT_THOROUGH_TESTS") ? 1 : 13;
+  const int step = StepOf(13);
   const std::string is_done = "SELECT 1 - min(1, count(*)) FROM archives WHERE schema = 1";
   const auto copy = [this] {
     std::filesystem::remove_all(folder_.path());
@@ -212,7 +218,7 @@ TEST_F(CollectorKillTest, AnUpgradeHidesNothingWhereverItDies) {
   int deaths = 0;
   bool was_killed = true;
   for (long kill_at = 1; was_killed && !HasFailure(); ++kill_at) {
-    if (kill_at % step != 0 && !moments.contains(kill_at)) continue;
+    if (kill_at % step != 0 && (IS_SANITIZED || !moments.contains(kill_at))) continue;
     SCOPED_TRACE("killed at write " + std::to_string(kill_at));
     copy();
     {

@@ -35,6 +35,7 @@ inline std::string Answer(const std::string& path, const std::string& sql) {
   sqlite3* database = nullptr;
   std::string rows;
   EXPECT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+  sqlite3_busy_timeout(database, 60'000);  // in ms; a collector may be writing
   const auto add = [](void* all, int, char** values, char**) {
     auto* text = static_cast<std::string*>(all);
     *text += std::string(text->empty() ? "" : " ") + (values[0] ? values[0] : "NULL");
