@@ -7,6 +7,7 @@
 
 #include "fleet/batch/columns.h"
 #include "fleet/batch/wire.h"
+#include "tools/base/text.h"
 
 namespace velmora::usage_stat::fleet {
 
@@ -323,25 +324,15 @@ bool DecodeForget(std::string_view message, Id* request) {
   return !in.failed() && in.left() == 0;
 }
 
-std::string ToText(const Id& id) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  for (const std::uint8_t byte : id) {
-    text.push_back(kDigits[byte >> 4]);
-    text.push_back(kDigits[byte & 0xf]);
-  }
-  return text;
-}
+std::string ToText(const Id& id) { return base::ToHex(std::string(id.begin(), id.end())); }
 
 bool FromText(std::string_view text, Id* id) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  if (text.size() != 2 * id->size()) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const std::size_t digit = kDigits.find(text[i]);
-    if (digit == std::string_view::npos) return false;
-    std::uint8_t& byte = (*id)[i / 2];
-    byte = static_cast<std::uint8_t>((i % 2 == 0 ? 0 : byte << 4) | static_cast<int>(digit));
-  }
+  const std::string bytes = base::FromHex(text).value_or("");
+  Id found{};
+  if (bytes.size() != found.size()) return false;
+  std::ranges::copy(bytes, found.begin());
+  if (ToText(found) != text) return false;  // an id has one spelling: no blanks, no upper case
+  *id = found;
   return true;
 }
 

@@ -11,10 +11,13 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 
+#include "fleet/batch/batch.h"
 #include "fleet/lake/tables.h"
 #include "tools/base/system.h"
+#include "tools/base/text.h"
 #include "tools/report/calendar.h"
 
 namespace velmora::usage_stat::fleet {
@@ -78,13 +81,12 @@ Status TakePlace(const std::string& made, const std::string& path) {
   return Sync(fs::path(path).parent_path());
 }
 
-// The number that stands for a device in the lake; see tables.h.
-std::string DeviceNumber(const std::string& name) {
-  return std::to_string(static_cast<std::int64_t>(std::stoull(name.substr(0, 16), nullptr, 16)));
-}
-
-bool IsDeviceName(const std::string& name) {
-  return name.size() == 32 && name.find_first_not_of("0123456789abcdef") == std::string::npos;
+// The number that stands for a device in the lake, see tables.h; none for what names no device.
+std::optional<std::int64_t> DeviceNumber(const std::string& name) {
+  Id id{};
+  if (!FromText(name, &id)) return std::nullopt;
+  const auto number = base::ParseWhole<std::uint64_t>(name.substr(0, 16), 16);
+  return static_cast<std::int64_t>(number.value_or(0));
 }
 
 }  // namespace
@@ -306,8 +308,11 @@ Status Lake::Forget(const std::vector<std::string>& names, std::int64_t* rewritt
   for (std::string line; std::getline(lines, line);) done.insert(line);
   std::string devices;
   for (const std::string& name : names) {
-    if (!IsDeviceName(name)) return Status::Failed(name + " is no name of a device");
-    if (done.insert(name).second) devices += (devices.empty() ? "" : ", ") + DeviceNumber(name);
+    const auto number = DeviceNumber(name);
+    if (!number) return Status::Failed(name + " is no name of a device");
+    if (done.insert(name).second) {
+      devices.append(devices.empty() ? "" : ", ").append(std::to_string(*number));
+    }
   }
   if (devices.empty()) return {};
 

@@ -12,6 +12,7 @@
 #include "fleet/batch/wire.h"
 #include "tests/support/batch_frame.h"
 #include "tests/support/sample_records.h"
+#include "tools/base/text.h"
 
 namespace velmora::usage_stat::fleet {
 namespace {
@@ -19,23 +20,6 @@ namespace {
 using nlohmann::json;
 using usage_stat_test::MessageAround;
 using namespace std::string_literals;
-
-std::string FromHex(const std::string& hex) {
-  std::string bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
-std::string ToHex(std::string_view bytes) {
-  std::string hex;
-  for (const char byte : bytes) {
-    const Id one = {static_cast<std::uint8_t>(byte)};
-    hex += ToText(one).substr(0, 2);
-  }
-  return hex;
-}
 
 json ToJson(const Batch& batch) {
   json out = {{"id", ToText(batch.id)},         {"store", ToText(batch.store)},
@@ -49,11 +33,11 @@ json ToJson(const Batch& batch) {
     out["clock_steps"].push_back({step.record, step.step_ms});
   }
   for (const Shape& shape : batch.shapes) {
-    out["shapes"].push_back({shape.type, shape.layout, ToHex(shape.actions)});
+    out["shapes"].push_back({shape.type, shape.layout, base::ToHex(shape.actions)});
   }
   for (const BatchRecord& record : batch.records) {
     out["records"].push_back(
-        {record.number, record.shape, record.timestamp_ms, ToHex(record.payload)});
+        {record.number, record.shape, record.timestamp_ms, base::ToHex(record.payload)});
   }
   return out;
 }
@@ -65,7 +49,7 @@ TEST(Batch, VectorsReadAsTheyTellAndAreWrittenAgain) {
     SCOPED_TRACE(file.path());
     std::ifstream in(file.path());
     const json vector = json::parse(in);
-    const Decoded decoded = Decode(FromHex(vector["hex"]));
+    const Decoded decoded = Decode(base::FromHex(vector["hex"].get<std::string>()).value());
     EXPECT_EQ(decoded.problem, "");
     ASSERT_EQ(decoded.verdict, Verdict::kGood);
     EXPECT_EQ(ToJson(decoded.batch), vector["batch"]);
@@ -223,7 +207,8 @@ TEST(Batch, HostileMessagesAreRefusedForWhatTheyAre) {
   };
   for (const auto& [problem, message] : cases) {
     const Decoded decoded = Decode(message);
-    EXPECT_THAT(decoded.problem, testing::HasSubstr(problem)) << ToHex(message).substr(0, 200);
+    EXPECT_THAT(decoded.problem, testing::HasSubstr(problem))
+        << base::ToHex(message).substr(0, 200);
     EXPECT_EQ(decoded.verdict,
               decoded.problem.starts_with("version") ? Verdict::kNewer : Verdict::kMalformed);
   }
@@ -231,7 +216,7 @@ TEST(Batch, HostileMessagesAreRefusedForWhatTheyAre) {
 
 TEST(Batch, IsReadWholeOrNotAtAll) {
   std::ifstream in(SOURCE_DIR "/tests/vectors/batch/records.json");
-  const std::string message = FromHex(json::parse(in)["hex"]);
+  const std::string message = base::FromHex(json::parse(in)["hex"].get<std::string>()).value();
   constexpr std::size_t kContentAt = 4 + 4 + 1 + 8 + 3;
   const std::string content = message.substr(kContentAt);
   for (std::size_t size = 0; size < message.size(); ++size) {
@@ -277,7 +262,8 @@ TEST(Receipt, IsReadBackOrRefused) {
   EXPECT_FALSE(DecodeForget(message, &id));
   EXPECT_TRUE(FromText("000102030405060708090a0b0c0d0eff", &id));
   EXPECT_EQ(ToText(id), "000102030405060708090a0b0c0d0eff");
-  for (const char* text : {"", "00", "000102030405060708090A0b0c0d0eff"}) {
+  for (const char* text :
+       {"", "00", "000102030405060708090A0b0c0d0eff", "0001020304050607 8090a0b0c0d0eff"}) {
     EXPECT_FALSE(FromText(text, &id)) << text;
   }
 }

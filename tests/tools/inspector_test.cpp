@@ -11,6 +11,7 @@
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
 #include "tests/support/run_program.h"
+#include "tools/base/text.h"
 
 namespace usage_stat_test {
 namespace {
@@ -194,10 +195,9 @@ TEST(Types, HeaderNamesArgumentsAsRecordsNameFields) {
 TEST(Decode, ReadsBytesAndDigitsAlikeAndAccountsForEachByte) {
   const std::string path = SOURCE_DIR "/tests/vectors/2028-NewBooksEventEx.json";
   const std::string hex = Json::parse(ReadFile(path))["hex"];
-  std::string raw;
+  const std::string raw = velmora::usage_stat::base::FromHex(hex).value();
   std::string spaced;
   for (std::size_t i = 0; i < hex.size(); i += 2) {
-    raw += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     spaced += hex.substr(i, 2) + (i % 32 == 0 ? "\n" : " ");
   }
   const ProgramResult from_hex = UsageStat({"decode", "-o", "json"}, spaced);

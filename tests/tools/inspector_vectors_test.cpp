@@ -7,18 +7,15 @@
 #include <set>
 #include <sstream>
 
+#include "tools/base/text.h"
 #include "tools/records/catalogue.h"
 #include "tools/records/record.h"
 
 namespace velmora::usage_stat::records {
 namespace {
 
-std::string FromHex(const std::string& hex) {
-  std::string bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
+std::string DatagramOf(const Json& vector) {
+  return base::FromHex(vector["hex"].get<std::string>()).value_or("");  // one of them is empty
 }
 
 TEST(Vectors, ReadAsTheyTellAndAreWrittenAgain) {
@@ -28,7 +25,7 @@ TEST(Vectors, ReadAsTheyTellAndAreWrittenAgain) {
     SCOPED_TRACE(file.path());
     std::ifstream in(file.path());
     const Json vector = Json::parse(in);
-    const std::string datagram = FromHex(vector["hex"]);
+    const std::string datagram = DatagramOf(vector);
     const auto decoded = Decode(datagram);
     const auto* record = std::get_if<Record>(&decoded);
     ASSERT_TRUE(record);
@@ -59,7 +56,7 @@ TEST(Vectors, OddOnesReadAsTheyTellAndTheRefusedAreRefused) {
       SCOPED_TRACE(file.path());
       std::ifstream in(file.path());
       const Json vector = Json::parse(in);
-      const auto decoded = Decode(FromHex(vector["hex"]));
+      const auto decoded = Decode(DatagramOf(vector));
       const auto* record = std::get_if<Record>(&decoded);
       EXPECT_EQ(record != nullptr, vector.contains("record")) << vector["about"];
       if (!record) {
@@ -69,7 +66,7 @@ TEST(Vectors, OddOnesReadAsTheyTellAndTheRefusedAreRefused) {
       ++read;
       EXPECT_EQ(Dump(ToJson(*record)), Dump(vector["record"])) << vector["about"];
       // Decoding byte by byte says the same of keys whose code is rebuilt.
-      for (const TracedField& field : TraceFields(FromHex(vector["hex"])).fields) {
+      for (const TracedField& field : TraceFields(DatagramOf(vector)).fields) {
         if (field.name == "mappings_0[1].kind") {
           EXPECT_EQ(field.value, record->values[1][1][1]);
         }

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <variant>
 
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/captured.h"
 #include "tools/inspector/selection.h"
@@ -56,7 +57,7 @@ void PrintBytes(std::string_view bytes, std::size_t offset, const std::string& m
     std::string column;
     for (const char byte : bytes.substr(begin, kBytesPerLine)) {
       if (!column.empty()) column += ' ';
-      column += Hex({&byte, 1});
+      column += base::ToHex({&byte, 1});
     }
     if (begin == 0) {
       Print("{:>6}  {:<23}  {}\n", offset, column, meaning);
@@ -135,7 +136,7 @@ void PrintJson(std::string_view datagram, const Trace& trace, const Damage* dama
   Json json = {{"event", trace.event}, {"size", datagram.size()}, {"fields", Json::array()}};
   for (const TracedField& field : trace.fields) {
     json["fields"].push_back({{"offset", field.offset},
-                              {"bytes", Hex(datagram.substr(field.offset, field.size))},
+                              {"bytes", base::ToHex(datagram.substr(field.offset, field.size))},
                               {"name", field.name},
                               {"primitive", field.primitive},
                               {"value", field.value}});

@@ -2,11 +2,11 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+#include "tools/base/text.h"
 
 namespace velmora::usage_stat::inspector {
 
@@ -41,9 +41,9 @@ bool Holds(const fs::path& process, const std::string& socket) {
   return false;
 }
 
-Holder HolderOf(const fs::path& process) {
+Holder HolderOf(pid_t pid, const fs::path& process) {
   Holder holder;
-  holder.pid = static_cast<pid_t>(std::stol(process.filename()));
+  holder.pid = pid;
   struct stat status {};
   if (stat(process.c_str(), &status) == 0) holder.uid = status.st_uid;
   std::error_code error;
@@ -67,11 +67,9 @@ Listener FindListener(const std::string& endpoint) {
   std::error_code error;
   fs::directory_iterator process("/proc", error);
   for (; !error && process != fs::directory_iterator(); process.increment(error)) {
-    const std::string name = process->path().filename();
-    const bool is_process =
-        std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
-    if (is_process && Holds(process->path(), socket)) {
-      listener.holders.push_back(HolderOf(process->path()));
+    const auto pid = base::ParseWhole<pid_t>(process->path().filename().native());
+    if (pid && Holds(process->path(), socket)) {
+      listener.holders.push_back(HolderOf(*pid, process->path()));
     }
   }
   return listener;

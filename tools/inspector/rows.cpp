@@ -4,6 +4,7 @@
 #include <array>
 #include <ctime>
 
+#include "tools/base/text.h"
 #include "tools/inspector/terminal.h"
 
 namespace velmora::usage_stat::inspector {
@@ -28,15 +29,19 @@ Json ToJson(const RecordRow& row) {
           {"type", row.type},
           {"timestamp", row.timestamp_ms},
           {"fields", records::FieldsOf(row.fields, row.raw)},
-          {"raw", Hex(row.raw)}};
+          {"raw", base::ToHex(row.raw)}};
 }
 
 Json ToJson(const QuarantineRow& row) {
-  return {{"id", row.id},          {"received", row.received_ms},
-          {"pid", row.sender.pid}, {"uid", row.sender.uid},
-          {"kind", row.kind},      {"type", row.type ? Json(*row.type) : Json()},
-          {"size", row.size},      {"reason", row.reason},
-          {"raw", Hex(row.raw)}};
+  return {{"id", row.id},
+          {"received", row.received_ms},
+          {"pid", row.sender.pid},
+          {"uid", row.sender.uid},
+          {"kind", row.kind},
+          {"type", row.type ? Json(*row.type) : Json()},
+          {"size", row.size},
+          {"reason", row.reason},
+          {"raw", base::ToHex(row.raw)}};
 }
 
 // "2026-11-24T19:00:49.123Z"; the number itself when the calendar has no such day.
@@ -132,7 +137,7 @@ void RowPrinter::PrintCsv(const Json& row) const {
 
 void RowPrinter::Print(const RecordRow& row) const {
   if (layout_.format == "raw") {
-    inspector::Print("{}\n", Hex(row.raw));
+    inspector::Print("{}\n", base::ToHex(row.raw));
   } else if (layout_.format == "csv") {
     PrintCsv(ToJson(row));
   } else if (layout_.format != "short") {
@@ -149,7 +154,7 @@ void RowPrinter::Print(const RecordRow& row) const {
 
 void RowPrinter::Print(const QuarantineRow& row) const {
   if (layout_.format == "raw") {
-    inspector::Print("{}\n", Hex(row.raw));
+    inspector::Print("{}\n", base::ToHex(row.raw));
   } else if (layout_.format == "csv") {
     PrintCsv(ToJson(row));
   } else if (layout_.format != "short") {

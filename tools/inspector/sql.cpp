@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/rows.h"
 #include "tools/inspector/selection.h"
@@ -339,7 +340,7 @@ std::string Cell(sqlite3_stmt* row, int column) {
   const auto* bytes = static_cast<const char*>(sqlite3_column_blob(row, column));
   const std::string value(bytes ? bytes : "",
                           static_cast<std::size_t>(sqlite3_column_bytes(row, column)));
-  return sqlite3_column_type(row, column) == SQLITE_BLOB ? Hex(value) : value;
+  return sqlite3_column_type(row, column) == SQLITE_BLOB ? base::ToHex(value) : value;
 }
 
 Json ValueOf(sqlite3_stmt* row, int column) {

@@ -1,6 +1,5 @@
 #include "tools/inspector/terminal.h"
 
-#include <common_utilities/serialization_utils.h>
 #include <unistd.h>
 
 #include <array>
@@ -49,10 +48,6 @@ std::string Coloured(Colour colour, std::string_view text) {
   if (!IsColourful()) return std::string(text);
   constexpr std::array<int, 5> kCodes = {1, 2, 31, 32, 33};
   return fmt::format("\x1b[{}m{}\x1b[0m", kCodes[static_cast<std::size_t>(colour)], text);
-}
-
-std::string Hex(std::string_view bytes) {
-  return utilities::SerializationUtils::ToHex({bytes.begin(), bytes.end()});
 }
 
 }  // namespace velmora::usage_stat::inspector

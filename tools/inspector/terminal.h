@@ -33,8 +33,6 @@ int Complain(int exit_code, std::string_view message);
 enum class Colour { kBold, kDim, kRed, kGreen, kYellow };
 std::string Coloured(Colour colour, std::string_view text);
 
-std::string Hex(std::string_view bytes);
-
 }  // namespace velmora::usage_stat::inspector
 
 #endif  // TOOLS_INSPECTOR_TERMINAL_H_
