@@ -1,5 +1,6 @@
 #include "fleet/ingest/ingest.h"
 
+#include <fmt/format.h>
 #include <signal.h>
 #include <time.h>
 
@@ -115,8 +116,8 @@ class Ingester {
     if (channel_) channel_->Close();
     if (!ledger_) return;
     for (const auto& [outcome, tally] : ledger_->tallies()) {
-      Tell(outcome + ": " + std::to_string(tally.batches) + " batches, " +
-           std::to_string(tally.records) + " records");
+      Tell(
+          fmt::format("{}: {} batches, {} records", NameOf(outcome), tally.batches, tally.records));
     }
   }
 

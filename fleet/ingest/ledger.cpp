@@ -314,7 +314,7 @@ std::string Ledger::CountStatement(const std::string& day, const Tallies& tallie
   for (const auto& [outcome, tally] : tallies) {
     if (!rows.empty()) rows += ',';
     rows.append("('").append(day).append("',").append(std::to_string(slot_));
-    rows.append(",'").append(outcome).append("',").append(std::to_string(tally.batches));
+    rows.append(",'").append(NameOf(outcome)).append("',").append(std::to_string(tally.batches));
     rows.append(",").append(std::to_string(tally.records)).append(")");
   }
   return "INSERT INTO ingestion VALUES " + rows +
@@ -402,49 +402,49 @@ Status Ledger::Attempt(const std::vector<Delivery>& deliveries, std::vector<Repl
     const Batch& batch = one.decoded.batch;
     const std::string& name = one.delivery->name;
     Reply reply{name, {batch.id, Answer::kRefused, batch.store, 0}};
-    std::string outcome;
+    Outcome outcome{};
     const auto device = entered.devices.find(name);
     if (device == entered.devices.end()) {
       if (one.is_forget) reply.receipt.batch = one.request;
       reply.receipt.answer = Answer::kForgotten;
-      outcome = "forgotten";
+      outcome = Outcome::kForgotten;
     } else if (one.decoded.verdict == Verdict::kNewer) {
       reply.receipt = {{}, Answer::kLater, {}, 0};
-      outcome = "later";
+      outcome = Outcome::kLater;
     } else if (one.decoded.verdict != Verdict::kGood) {
       reply.receipt = {{}, Answer::kRefused, {}, 0};
-      outcome = "malformed";
+      outcome = Outcome::kMalformed;
       RETURN_IF_ERROR(Reject(device->second, one.decoded.problem, one.delivery->message));
     } else {
       Store& store = stores.at({name, batch.store});
       if (!batch.is_question()) store.level = static_cast<int>(batch.level);
       if (store.last_batch == View(batch.id)) {
         reply.receipt.answer = Answer::kStored;
-        outcome = "repeated";
+        outcome = Outcome::kRepeated;
       } else if (batch.after == store.cursor && batch.is_question()) {
         reply.receipt.answer = Answer::kCursor;
-        outcome = "question";
+        outcome = Outcome::kQuestion;
         store.Remember(batch.id);
       } else if (batch.after == store.cursor) {
         append(batch, &store);
         store.cursor = batch.through;
         store.last_batch = View(batch.id);
         reply.receipt.answer = Answer::kStored;
-        outcome = "stored";
+        outcome = Outcome::kStored;
         tallies[outcome].records += batch.records.size();
         store.Remember(batch.id);
       } else if (batch.after > store.cursor) {
         reply.receipt.answer = Answer::kCursor;
-        outcome = "cursor";
+        outcome = Outcome::kCursor;
       } else if (store.Remembers(batch.id)) {
         // Where every ingester sees every batch, one may come to it late, when the device has gone
         // on with the answer of another. That is no copy of the store.
         reply.receipt.answer = batch.is_question() ? Answer::kCursor : Answer::kStored;
-        outcome = "repeated";
+        outcome = Outcome::kRepeated;
       } else {
         ++store.forks;
         reply.receipt.answer = Answer::kForked;
-        outcome = "forked";
+        outcome = Outcome::kForked;
         store.changed = true;
       }
       reply.receipt.cursor = store.cursor;

@@ -3,9 +3,12 @@
 #ifndef FLEET_INGEST_LEDGER_H_
 #define FLEET_INGEST_LEDGER_H_
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fleet/batch/batch.h"
@@ -26,13 +29,29 @@ struct Reply {
   Receipt receipt;
 };
 
-// How often what became of a batch, in this process. "stored", "question", "repeated", "cursor",
-// "forked", "malformed", "later", "forgotten".
+// What became of a batch.
+enum class Outcome {
+  kStored,
+  kRepeated,   // it had been stored before
+  kQuestion,   // it only asked where to go on
+  kCursor,     // it left a gap: the answer is where to go on
+  kForked,     // it came from a copy of its store
+  kLater,      // its version is too new for this program
+  kMalformed,  // the message is none
+  kForgotten,  // its device was forgotten
+};
+inline constexpr std::array<std::string_view, 8> kOutcomeNames = {
+    "stored", "repeated", "question", "cursor", "forked", "later", "malformed", "forgotten"};
+constexpr std::string_view NameOf(Outcome outcome) {
+  return kOutcomeNames[static_cast<std::size_t>(outcome)];
+}
+
+// How often what became of a batch, in this process.
 struct Tally {
   std::uint64_t batches = 0;
   std::uint64_t records = 0;
 };
-using Tallies = std::map<std::string, Tally>;
+using Tallies = std::map<Outcome, Tally>;
 
 class Ledger {
  public:

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "fleet/batch/batch.h"
+#include "fleet/ingest/ledger.h"
 #include "fleet/lake/tables.h"
 #include "tools/records/catalogue.h"
 #include "tools/report/sessions.h"
@@ -409,7 +410,7 @@ Status CountLosses(FleetSource* source, FleetSummary* summary) {
   for (const auto& row : rows) {
     summary->ingestion.push_back(
         {Text(row, "outcome"), Number(row, "batches"), Number(row, "records")});
-    if (summary->ingestion.back().outcome == "stored") {
+    if (summary->ingestion.back().outcome == NameOf(Outcome::kStored)) {
       summary->records = summary->ingestion.back().records;
     }
   }

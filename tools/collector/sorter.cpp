@@ -19,7 +19,7 @@ namespace {
 // A datagram that no sender of ours can have sent, whatever it holds.
 records::Damage TooLong(std::size_t size) {
   records::Damage damage;
-  damage.kind = "too long";
+  damage.kind = records::kTooLong;
   damage.reason = fmt::format("longer than any message ({} bytes)", base::kLargestMessage);
   if (size > kKeptBytes) damage.reason += fmt::format(", the first {} are kept", kKeptBytes);
   return damage;

@@ -23,6 +23,8 @@ namespace velmora::usage_stat::inspector {
 namespace {
 
 using records::Json;
+using store::NameOf;
+using store::Outcome;
 
 struct Options {
   std::string database;
@@ -156,10 +158,10 @@ void PrintText(const Options& options, const Balance& balance, const Sizes& size
 // ---- As JSON ----
 
 Json ToJson(const Outcomes& outcomes) {
-  return {{"stored", outcomes.stored},
-          {"quarantined", SumOf(outcomes.quarantined)},
-          {"refused", SumOf(outcomes.refused)},
-          {"off", outcomes.off},
+  return {{NameOf(Outcome::kStored), outcomes.stored},
+          {NameOf(Outcome::kQuarantined), SumOf(outcomes.quarantined)},
+          {NameOf(Outcome::kRefused), SumOf(outcomes.refused)},
+          {NameOf(Outcome::kOff), outcomes.off},
           {"quarantined_by_kind", outcomes.quarantined},
           {"refused_by_reason", outcomes.refused}};
 }
@@ -194,9 +196,9 @@ void PrintJson(const Options& options, const Balance& balance, const Sizes& size
   json["runs"] = runs;
   json["records"] = balance.records;
   json["in_quarantine"] = balance.in_quarantine;
-  json["own"] = balance.own;
-  json["archived"] = balance.archived;
-  json["deleted"] = balance.deleted;
+  json.update(Json{{NameOf(Outcome::kOwn), balance.own},
+                   {NameOf(Outcome::kArchived), balance.archived},
+                   {NameOf(Outcome::kDeleted), balance.deleted}});
   json["adds_up"] = balance.adds_up();
   json["last_received"] = balance.last ? Json(balance.last->received_ms) : Json();
   json["last_event"] = balance.last ? Json(balance.last->event) : Json();

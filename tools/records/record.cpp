@@ -74,7 +74,7 @@ class Tracer : public FieldSink {
     if (!type) type = FindType(code);
     if (!type) {
       Damage damage;
-      damage.kind = "unknown type";
+      damage.kind = kUnknownType;
       damage.reason = "unknown type code " + std::to_string(code);
       damage.field = "type";
       trace_.damage = std::move(damage);
@@ -86,7 +86,7 @@ class Tracer : public FieldSink {
       Damage damage;
       damage.offset = in_.position();
       damage.left_over = rest;
-      damage.kind = "bytes left over";
+      damage.kind = kLeftOver;
       damage.reason = base::Plural(rest, "byte") + " left over after the record";
       trace_.damage = std::move(damage);
     }
@@ -116,12 +116,12 @@ class Tracer : public FieldSink {
     const std::size_t needed = BytesNeeded(current_.primitive, least_size_, rest);
     if (needed > rest.size()) {
       damage.missing = needed - rest.size();
-      damage.kind = "cut short";
+      damage.kind = kCutShort;
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
                       std::to_string(current_.offset) + " lacks " +
                       base::Plural(damage.missing, "byte");
     } else {
-      damage.kind = "value out of place";
+      damage.kind = kOutOfPlace;
       damage.reason = "field " + current_.name + " (" + current_.primitive + ") at offset " +
                       std::to_string(current_.offset) + " holds a value that is out of place";
     }
@@ -167,7 +167,7 @@ Damage Diagnose(std::string_view datagram) {
   }
   NewBooksEventEx batch;
   if (IsShortBatch(datagram, &batch)) {
-    damage.kind = "short batch";
+    damage.kind = kShortBatch;
     damage.reason = "batch of " + std::to_string(batch.count_) + " books holds " +
                     std::to_string(batch.records_.size());
     const RecordType& type = *FindType(EventFactory::kNewBooks);

@@ -26,11 +26,17 @@ struct Record {
 // The fields of `record` by name, in wire order.
 Json FieldsOf(const Record& record);
 
-// A datagram that does not.
+// Kinds of damage, in the few fixed words that counts are kept by.
+inline constexpr std::string_view kCutShort = "cut short";
+inline constexpr std::string_view kLeftOver = "bytes left over";
+inline constexpr std::string_view kUnknownType = "unknown type";
+inline constexpr std::string_view kOutOfPlace = "value out of place";
+inline constexpr std::string_view kShortBatch = "short batch";  // of new books
+inline constexpr std::string_view kTooLong = "too long";        // told by collectors alone
+
+// A datagram that reads as none.
 struct Damage {
-  // Why, in a few fixed words that counts can be kept by: "cut short", "bytes left over",
-  // "unknown type", "value out of place", "short batch".
-  std::string_view kind;
+  std::string_view kind;      // one of the words above
   std::string reason;         // for people, one line
   std::size_t offset = 0;     // of the field that could not be read, or of the first byte left over
   std::string field;          // that field's name; empty when bytes are left over

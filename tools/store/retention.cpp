@@ -119,8 +119,8 @@ Status Retainer::IsClockPlausible(std::int64_t now_ms, bool* is_plausible) {
   RETURN_IF_ERROR(connection().Read(
       "SELECT EXISTS (SELECT 1 FROM records WHERE received_ms BETWEEN " +
           std::to_string(now_ms - 30 * kDayMs) + " AND " + std::to_string(now_ms - kDayMs) +
-          " ORDER BY id DESC) OR EXISTS (SELECT 1 FROM archives WHERE state = 'complete' AND "
-          "created_ms BETWEEN " +
+          " ORDER BY id DESC) OR EXISTS (SELECT 1 FROM archives WHERE state = '" +
+          std::string(NameOf(ArchiveState::kComplete)) + "' AND created_ms BETWEEN " +
           std::to_string(now_ms - 30 * kDayMs) + " AND " + std::to_string(now_ms - kDayMs) + ")",
       &found));
   *is_plausible = now_ms >= kEarliestMs && found != 0;

@@ -48,7 +48,7 @@ struct QuarantineRow {
   std::int64_t run = 0;  // the run of the collector that received it
   std::int64_t received_ms = 0;
   Sender sender;
-  std::string kind;         // one of a few words: see records::Damage::kind
+  std::string kind;         // one of a few words: see tools/records/record.h
   std::string reason;       // one line for people
   std::optional<int> type;  // type code, when it could be read
   std::int64_t size = 0;    // bytes that were sent

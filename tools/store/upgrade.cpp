@@ -129,8 +129,11 @@ Status MoveQuarantine(Connection* connection, const Archive& old) {
         until));
     const std::int64_t moved = connection->Changes();
     RETURN_IF_ERROR(connection->Prepare(
-        "UPDATE tally SET count = count - ? WHERE outcome = 'archived' AND reason = ?", &count));
-    RETURN_IF_ERROR(count.Bind(1, moved).Bind(2, std::string_view(old.path)).Run());
+        "UPDATE tally SET count = count - ? WHERE outcome = ? AND reason = ?", &count));
+    RETURN_IF_ERROR(count.Bind(1, moved)
+                        .Bind(2, NameOf(Outcome::kArchived))
+                        .Bind(3, std::string_view(old.path))
+                        .Run());
     RETURN_IF_ERROR(transaction.Commit());
     return connection->Execute("DELETE FROM old.quarantine WHERE id <= " + until);
   };
