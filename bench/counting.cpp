@@ -91,7 +91,7 @@ std::uint64_t CountSystemCallsBetweenMarks(pid_t child) {
 std::uint64_t Allocations() { return t_allocations; }
 
 CostPerCall CountPerCall(const std::function<void()>& call) {
-  const pid_t child = fork();
+  const pid_t child = fork();  // no Child: its tracer waits for it
   if (child < 0) Fail("fork");
   if (child == 0) RunTraced(call);
   const std::uint64_t system_calls = CountSystemCallsBetweenMarks(child);

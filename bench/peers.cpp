@@ -7,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 #include <time.h>
@@ -19,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "bench/harness.h"
 
@@ -63,7 +63,39 @@ void ReadClock() {
   clock_gettime(CLOCK_REALTIME, &now);
 }
 
-std::unique_ptr<ChildProcess> DrainPath(const char* path) {
+// Ends a child when its parent ends without a word to it, as Fail() does.
+void EndWithParent() { prctl(PR_SET_PDEATHSIG, SIGKILL); }
+
+// ---- Receivers ----
+
+using Ready = std::function<void()>;
+
+// A child process that runs `body`, which returns only on an error. It is there once it has called
+// the function that it is handed.
+std::unique_ptr<Child> StartReceiver(const std::function<void(const Ready&)>& body) {
+  int ready[2];
+  Check(pipe(ready) == 0, "pipe");
+  auto child = std::make_unique<Child>([&body, &ready] {
+    EndWithParent();
+    close(ready[0]);
+    body([&ready] {
+      Check(write(ready[1], "", 1) == 1, "write");
+      close(ready[1]);
+    });
+    return 1;
+  });
+  Check(child->pid() > 0, "fork");
+  close(ready[1]);
+  char byte;
+  if (read(ready[0], &byte, 1) != 1) {
+    std::fprintf(stderr, "a receiver could not start\n");
+    std::exit(1);
+  }
+  close(ready[0]);
+  return child;
+}
+
+std::unique_ptr<Child> DrainPath(const char* path) {
   const UnixAddress address{std::string(path) + '\0'};
   return DrainDatagrams(address.get(), address.length);
 }
@@ -71,7 +103,7 @@ std::unique_ptr<ChildProcess> DrainPath(const char* path) {
 // ---- Journal and syslog ----
 
 Sender Journal() {
-  std::shared_ptr<ChildProcess> receiver = DrainPath("/run/systemd/journal/socket");
+  std::shared_ptr<Child> receiver = DrainPath("/run/systemd/journal/socket");
   return {"`sd_journal_send`", [receiver] {
             Check(sd_journal_send("MESSAGE=page turn", "PRIORITY=%d", LOG_INFO, "EVENT=%d", 2032,
                                   "A=%d", kA, "B=%d", kB, "C=%d", kC, "D=%d", kD, "E=%d", kE,
@@ -81,7 +113,7 @@ Sender Journal() {
 }
 
 Sender Syslog() {
-  std::shared_ptr<ChildProcess> receiver = DrainPath("/dev/log");
+  std::shared_ptr<Child> receiver = DrainPath("/dev/log");
   return {"`syslog(3)`", [receiver] {
             syslog(LOG_INFO, "event=%d a=%d b=%d c=%d d=%d e=%d", 2032, kA, kB, kC, kD, kE);
           }};
@@ -96,15 +128,14 @@ class Bus {
     int addresses[2];
     Check(pipe(addresses) == 0, "pipe");
     const std::string print = "--print-address=" + std::to_string(addresses[1]);
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
+    daemon_.emplace([&print] {
+      EndWithParent();
       // It complains about limits that don't matter here.
-      if (std::freopen("/dev/null", "w", stderr) == nullptr) _exit(126);
+      if (!std::freopen("/dev/null", "w", stderr)) return 126;
       execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", print.c_str(),
              nullptr);
-      _exit(127);
-    }
+      return 127;
+    });
     close(addresses[1]);
     char text[512];
     const ssize_t size = read(addresses[0], text, sizeof(text));
@@ -113,8 +144,8 @@ class Bus {
     close(addresses[0]);
   }
   ~Bus() {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
+    kill(daemon_->pid(), SIGTERM);
+    daemon_->Wait();
   }
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
@@ -126,11 +157,11 @@ class Bus {
   }
 
  private:
-  pid_t pid_;
+  std::optional<Child> daemon_;
   std::string address_;
 };
 
-void TakeSignals(const Bus& bus, const ChildProcess::Ready& ready) {
+void TakeSignals(const Bus& bus, const Ready& ready) {
   DBusConnection* connection = bus.Connect();
   const std::string match = "type='signal',interface='" + std::string(kBusInterface) + "'";
   DBusError error = DBUS_ERROR_INIT;
@@ -142,8 +173,8 @@ void TakeSignals(const Bus& bus, const ChildProcess::Ready& ready) {
 
 Sender BusSignal() {
   auto bus = std::make_shared<Bus>();
-  auto receiver = std::make_shared<ChildProcess>(
-      [&bus](const ChildProcess::Ready& ready) { TakeSignals(*bus, ready); });
+  std::shared_ptr<Child> receiver =
+      StartReceiver([&bus](const Ready& ready) { TakeSignals(*bus, ready); });
   DBusConnection* connection = bus->Connect();
   return {"D-Bus signal", [bus, receiver, connection] {
             DBusMessage* signal = dbus_message_new_signal("/reader", kBusInterface, "PageTurn");
@@ -174,7 +205,7 @@ sockaddr_in LoopbackAddress() {
 Sender StatsdCounter() {
   const sockaddr_in address = LoopbackAddress();
   const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-  std::shared_ptr<ChildProcess> receiver = DrainDatagrams(generic, sizeof(address));
+  std::shared_ptr<Child> receiver = DrainDatagrams(generic, sizeof(address));
   const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   Check(connect(descriptor, generic, sizeof(address)) == 0, "connect");
   return {"statsd counter, UDP", [receiver, descriptor] {
@@ -186,39 +217,9 @@ Sender StatsdCounter() {
 
 }  // namespace
 
-// ---- Receivers ----
-
-ChildProcess::ChildProcess(const std::function<void(const Ready&)>& body) {
-  int ready[2];
-  Check(pipe(ready) == 0, "pipe");
-  pid_ = fork();
-  Check(pid_ >= 0, "fork");
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    close(ready[0]);
-    body([&ready] {
-      Check(write(ready[1], "", 1) == 1, "write");
-      close(ready[1]);
-    });
-    _exit(1);
-  }
-  close(ready[1]);
-  char byte;
-  if (read(ready[0], &byte, 1) != 1) {
-    std::fprintf(stderr, "a receiver could not start\n");
-    std::exit(1);
-  }
-  close(ready[0]);
-}
-
-ChildProcess::~ChildProcess() {
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
-std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t length) {
+std::unique_ptr<Child> DrainDatagrams(const sockaddr* address, socklen_t length) {
   const std::atomic<bool>& stays_awake = ReceiversStayAwake();
-  return std::make_unique<ChildProcess>([&, address, length](const ChildProcess::Ready& ready) {
+  return StartReceiver([&, address, length](const Ready& ready) {
     const int descriptor = socket(address->sa_family, SOCK_DGRAM, 0);
     Check(bind(descriptor, address, length) == 0, "bind");
     ready();
@@ -230,7 +231,7 @@ std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t 
   });
 }
 
-std::unique_ptr<ChildProcess> DrainEndpoint(const std::string& endpoint) {
+std::unique_ptr<Child> DrainEndpoint(const std::string& endpoint) {
   const UnixAddress address = UnixAddress::Abstract(endpoint);
   return DrainDatagrams(address.get(), address.length);
 }

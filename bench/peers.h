@@ -5,33 +5,22 @@
 #define BENCH_PEERS_H_
 
 #include <sys/socket.h>
-#include <sys/types.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
+
 namespace bench {
 
-// A child process that runs `body`, which returns only on an error, until this object ends.
-class ChildProcess {
- public:
-  // Returns once the child has called the function that it is handed.
-  using Ready = std::function<void()>;
-  explicit ChildProcess(const std::function<void(const Ready&)>& body);
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
- private:
-  pid_t pid_;
-};
+using usage_stat_test::Child;
 
 // A child process that takes all datagrams from the address, and polls while ReceiversStayAwake().
-std::unique_ptr<ChildProcess> DrainDatagrams(const sockaddr* address, socklen_t length);
+std::unique_ptr<Child> DrainDatagrams(const sockaddr* address, socklen_t length);
 // The same at the abstract endpoint NUL, `endpoint`, NUL.
-std::unique_ptr<ChildProcess> DrainEndpoint(const std::string& endpoint);
+std::unique_ptr<Child> DrainEndpoint(const std::string& endpoint);
 
 struct Sender {
   std::string name;

@@ -61,7 +61,7 @@ int KilledAtWrite::End() {
 }
 
 void KilledAtWrite::Trace(std::vector<std::string> words, long kill_at) {
-  const pid_t program = fork();
+  const pid_t program = fork();  // no Child: its tracer waits for it
   if (program == 0) Become(std::move(words));
   int status = 0;
   waitpid(program, &status, 0);  // it stops where the program begins

@@ -1,4 +1,4 @@
-// A part of a test in a process of its own. Programs are started by run_program.h.
+// A part of a test or a benchmark in a process of its own. Programs are started by run_program.h.
 
 #ifndef USAGE_STAT_TESTS_SUPPORT_CHILD_H_
 #define USAGE_STAT_TESTS_SUPPORT_CHILD_H_
