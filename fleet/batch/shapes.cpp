@@ -12,13 +12,19 @@ namespace {
 
 constexpr std::string_view kAsItIs = "r";
 
-// The letter of one primitive of the dictionary.
-char LetterOf(std::string_view primitive) {
-  static const std::map<std::string_view, char> letters = {
-      {"Int16", '2'},  {"UInt16", '2'},    {"Int32", '4'},    {"Char", '1'},    {"UChar", '1'},
-      {"String", 's'}, {"StringVec", 'v'}, {"Language", '2'}, {"Char x2", '2'}, {"Char x20", 'A'},
-  };
-  const auto letter = letters.find(primitive);
+// The letter of one field of the dictionary.
+char LetterOf(const records::FieldType& field) {
+  switch (field.extent.form) {
+    case Extent::kText:
+      return 's';
+    case Extent::kTexts:
+      return 'v';
+    case Extent::kFixed:
+      break;
+  }
+  static const std::map<std::size_t, char> letters = {
+      {1, '1'}, {2, '2'}, {4, '4'}, {8, '8'}, {20, 'A'}};
+  const auto letter = letters.find(field.extent.least);
   return letter == letters.end() ? 'r' : letter->second;
 }
 
@@ -27,7 +33,7 @@ std::string LayoutOf(const records::RecordType& type) {
   std::string layout;
   for (const records::FieldType& field : type.fields) {
     const bool repeats = field.name.find("[]") != std::string::npos;
-    layout.push_back(repeats ? 'r' : LetterOf(field.primitive));
+    layout.push_back(repeats ? 'r' : LetterOf(field));
     if (layout.back() == 'r') break;
   }
   return layout;

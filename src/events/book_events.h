@@ -12,7 +12,7 @@ namespace velmora::usage_stat {
 // other number, 2 and -1 included, for false.
 struct ExactlyOneInt16 {
   static constexpr const char* kPrimitive = Int16::kPrimitive;
-  static constexpr std::size_t kLeastSize = Int16::kLeastSize;
+  static constexpr Extent kExtent = Int16::kExtent;
   static int Write(bool value, std::ostream& out) { return Int16::Write(value ? 1 : 0, out); }
   static int Read(std::istream& in, bool* value) {
     std::int16_t number = 0;

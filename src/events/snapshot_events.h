@@ -14,7 +14,7 @@ namespace velmora::usage_stat {
 // A text of two Chars, without a length. Write needs a text of exactly two: its event looks.
 struct TwoChars {
   static constexpr const char* kPrimitive = "Char x2";
-  static constexpr std::size_t kLeastSize = 2;
+  static constexpr Extent kExtent{Extent::kFixed, 2};
   static int Write(const std::string& text, std::ostream& out);
   static int Read(std::istream& in, std::string* text);
 };
@@ -57,7 +57,7 @@ class VersionEvent : public Event {
 // takes any number and does not look at it.
 struct KeyListCount {
   static constexpr const char* kPrimitive = Int16::kPrimitive;
-  static constexpr std::size_t kLeastSize = Int16::kLeastSize;
+  static constexpr Extent kExtent = Int16::kExtent;
   static constexpr std::int16_t kCount = 3;
   template <class Owner>
   static int Write(const Owner&, std::ostream& out) {
@@ -73,7 +73,7 @@ struct KeyListCount {
 // A byte of a key code on the wire, with its sign.
 struct KeyByte {
   static constexpr const char* kPrimitive = "Int8";
-  static constexpr std::size_t kLeastSize = 1;
+  static constexpr Extent kExtent{Extent::kFixed, 1};
   static int Write(std::int8_t value, std::ostream& out) {
     return Char::Write(static_cast<char>(value), out);
   }
@@ -145,7 +145,7 @@ class KeyboardSettingsEvent : public Event {
 struct DeviceId {
   using Bytes = std::array<std::int8_t, 20>;
   static constexpr const char* kPrimitive = "Char x20";
-  static constexpr std::size_t kLeastSize = std::tuple_size_v<Bytes>;
+  static constexpr Extent kExtent{Extent::kFixed, std::tuple_size_v<Bytes>};
   static int Write(const Bytes& id, std::ostream& out);
   static int Read(std::istream& in, Bytes* id);
 };

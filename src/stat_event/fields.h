@@ -37,14 +37,25 @@ namespace velmora::usage_stat {
 
 // ---- Codecs: one value on the wire. Write and Read return 0 or the primitive's failure. ----
 //
-// Each says what documentation calls it, and with how few bytes it can do: what a cut record lacks
-// is told by that.
+// Each says what documentation calls it, and how many bytes its values take.
+
+// What tools go by where they only have the bytes: to tell what a cut record lacks, or where a
+// value stands.
+struct Extent {
+  enum Form : std::uint8_t {
+    kFixed,  // `least`, always
+    kText,   // a length in `least` bytes, then as many bytes
+    kTexts,  // a count in `least` bytes, then as many texts
+  };
+  Form form;
+  std::size_t least;
+};
 
 // The codec of a primitive that carries a member of type `Value` as it is.
-#define STAT_PRIMITIVE_CODEC(Primitive, Value, least_size)                     \
+#define STAT_PRIMITIVE_CODEC(Primitive, Value, form, least)                    \
   struct Primitive {                                                           \
     static constexpr const char* kPrimitive = #Primitive;                      \
-    static constexpr std::size_t kLeastSize = least_size;                      \
+    static constexpr Extent kExtent{Extent::form, least};                      \
     static int Write(const Value& value, std::ostream& out) {                  \
       return utilities::SerializationUtils::Serialize##Primitive(value, out);  \
     }                                                                          \
@@ -53,21 +64,21 @@ namespace velmora::usage_stat {
     }                                                                          \
   };
 
-STAT_PRIMITIVE_CODEC(Int16, std::int16_t, 2)
-STAT_PRIMITIVE_CODEC(UInt16, std::uint16_t, 2)
-STAT_PRIMITIVE_CODEC(Int32, std::int32_t, 4)
-STAT_PRIMITIVE_CODEC(Char, char, 1)
-STAT_PRIMITIVE_CODEC(UChar, std::uint8_t, 1)
-STAT_PRIMITIVE_CODEC(String, std::string, 4)
-STAT_PRIMITIVE_CODEC(StringVec, std::vector<std::string>, 4)
-STAT_PRIMITIVE_CODEC(Language, std::string, 2)
+STAT_PRIMITIVE_CODEC(Int16, std::int16_t, kFixed, 2)
+STAT_PRIMITIVE_CODEC(UInt16, std::uint16_t, kFixed, 2)
+STAT_PRIMITIVE_CODEC(Int32, std::int32_t, kFixed, 4)
+STAT_PRIMITIVE_CODEC(Char, char, kFixed, 1)
+STAT_PRIMITIVE_CODEC(UChar, std::uint8_t, kFixed, 1)
+STAT_PRIMITIVE_CODEC(String, std::string, kText, 4)
+STAT_PRIMITIVE_CODEC(StringVec, std::vector<std::string>, kTexts, 4)
+STAT_PRIMITIVE_CODEC(Language, std::string, kFixed, 2)
 
 #undef STAT_PRIMITIVE_CODEC
 
 // A 32-bit member of which only the low 16 bits travel; reading extends their sign.
 struct NarrowInt16 {
   static constexpr const char* kPrimitive = Int16::kPrimitive;
-  static constexpr std::size_t kLeastSize = Int16::kLeastSize;
+  static constexpr Extent kExtent = Int16::kExtent;
   static int Write(std::int32_t value, std::ostream& out) {
     return Int16::Write(static_cast<std::int16_t>(value), out);
   }
@@ -82,7 +93,7 @@ struct NarrowInt16 {
 // A flag that travels as a Char 0 or 1; any other byte than 0 reads as true.
 struct FlagChar {
   static constexpr const char* kPrimitive = Char::kPrimitive;
-  static constexpr std::size_t kLeastSize = Char::kLeastSize;
+  static constexpr Extent kExtent = Char::kExtent;
   static int Write(bool value, std::ostream& out) { return Char::Write(value ? 1 : 0, out); }
   static int Read(std::istream& in, bool* value) {
     char byte = 0;

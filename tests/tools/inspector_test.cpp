@@ -88,7 +88,7 @@ TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
     const char* reason;
     int offset;
     const char* field;
-    int missing;
+    std::int64_t missing;
     int left_over;
   };
   const std::string time = "7b6c50c4a0010000";
@@ -101,6 +101,9 @@ TEST(Decode, TellsWhereAndWhyARecordIsDamaged) {
        1, 0},
       {"f307" + time + "030005000000616263", "field url (String) at offset 12 lacks 2 bytes", 12,
        "url", 2, 0},
+      // A count and a length that together are more than 32 bits hold.
+      {"da07" + time + "d2040000656effffffff" + "fcffffff00", "field authors (StringVec) at", 16,
+       "authors", 0xfffffffb, 0},
       {"e707" + time + "d4feff", "1 byte left over after the record", 12, "", 0, 1},
       {"e007" + time + "0300" + "0100", "field mappings_0.type (Int16) at offset 12 holds", 12,
        "mappings_0.type", 0, 0},

@@ -194,10 +194,7 @@ Json SchemaOf(const FieldType& field) {
     schema["type"] = "string";
   } else {
     const bool is_unsigned = field.primitive == "Char" || field.primitive.starts_with("U");
-    const int bits = field.primitive.ends_with("32")   ? 32
-                     : field.primitive.ends_with("16") ? 16
-                                                       : 8;
-    const std::int64_t range = std::int64_t{1} << bits;
+    const std::int64_t range = std::int64_t{1} << (8 * field.extent.least);
     schema["type"] = "integer";
     schema["minimum"] = is_unsigned ? 0 : -range / 2;
     schema["maximum"] = is_unsigned ? range - 1 : range / 2 - 1;

@@ -179,7 +179,7 @@ bool TraceOwner(std::istream& in, const std::string& prefix, Owner* owner, Field
 template <class Codec, class Value>
 bool TraceValue(Codec codec, std::istream& in, const std::string& name, Value* value,
                 FieldSink* sink) {
-  sink->Begin(name, Codec::kPrimitive, Codec::kLeastSize);
+  sink->Begin(name, Codec::kPrimitive, Codec::kExtent);
   if (Codec::Read(in, value) != 0) return false;
   sink->End(ToValue(codec, *value));
   return true;
@@ -198,7 +198,7 @@ bool TraceSection(NewBookRecords, std::istream& in, const std::string& name, New
 bool TraceSection(KeyListCount, std::istream& in, const std::string& name,
                   KeyboardSettingsEvent* event, FieldSink* sink) {
   // Whatever stands there, the record has this many; so does the class.
-  sink->Begin(name, KeyListCount::kPrimitive, KeyListCount::kLeastSize);
+  sink->Begin(name, KeyListCount::kPrimitive, KeyListCount::kExtent);
   if (KeyListCount::Read(in, event) != 0) return false;
   sink->End(KeyListCount::kCount);
   return true;
@@ -216,7 +216,7 @@ bool TraceSection(KeyList<kSet>, std::istream& in, const std::string& name, Keyb
     Keymapping mapping{};
     if (!TraceValue(KeyByte{}, in, prefix + "key", &mapping.key, sink)) return false;
     // The value is the one of the key code that readers rebuild, as in the record.
-    sink->Begin(prefix + "kind", KeyByte::kPrimitive, KeyByte::kLeastSize);
+    sink->Begin(prefix + "kind", KeyByte::kPrimitive, KeyByte::kExtent);
     if (KeyByte::Read(in, &mapping.kind) != 0) return false;
     const int key_code = mapping.key + 256 * static_cast<std::uint8_t>(mapping.kind);
     sink->End(Keymapping::FromKeyCode(key_code, 0).kind);
@@ -293,8 +293,8 @@ inline constexpr std::string_view kForm<DeviceId> = "hexadecimal";
 template <class Codec>
 void AddValue(const std::string& prefix, const std::string& column, std::string_view member,
               const Meaning& meaning, bool is_structure, std::vector<FieldType>* fields) {
-  fields->push_back({prefix + column, column, member, Codec::kPrimitive, kForm<Codec>, meaning.kind,
-                     meaning.sensitivity, meaning.text, is_structure,
+  fields->push_back({prefix + column, column, member, Codec::kPrimitive, Codec::kExtent,
+                     kForm<Codec>, meaning.kind, meaning.sensitivity, meaning.text, is_structure,
                      NameKey(meaning.kind, column)});
 }
 

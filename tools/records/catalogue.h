@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "src/stat_event/fields.h"
 #include "tools/records/json.h"
 #include "tools/records/kinds.h"
 
@@ -25,6 +26,7 @@ struct FieldType {
   std::string column;          // the last part of the name: "title"
   std::string_view member;     // what it was called before names were agreed on: "a", "s1"
   std::string_view primitive;  // such as "Int32"
+  Extent extent;
   // What it becomes: "number", "flag" (true unless 0), "flag_if_one", "borrowing" (a key's kind),
   // "constant" (the number of key lists), "text", "texts", "hexadecimal".
   std::string_view form;
@@ -50,10 +52,8 @@ struct Slot {
 class FieldSink {
  public:
   virtual ~FieldSink() = default;
-  // Called before a field is read, which may fail, and after it was. `least_size`: the number of
-  // bytes that every value of the primitive takes, before a text's own.
-  virtual void Begin(const std::string& name, std::string_view primitive,
-                     std::size_t least_size) = 0;
+  // Called before a field is read, which may fail, and after it was.
+  virtual void Begin(const std::string& name, std::string_view primitive, Extent extent) = 0;
   virtual void End(Json value) = 0;
 };
 

@@ -29,30 +29,36 @@ class ViewStream : private std::streambuf, public std::istream {
   std::size_t position() const { return static_cast<std::size_t>(gptr() - eback()); }
 };
 
-// How many bytes the value of `primitive` at the front of `bytes` needs, as far as these tell: a
-// text that is cut within its length needs that length first.
-std::size_t BytesNeeded(std::string_view primitive, std::size_t least_size,
-                        std::string_view bytes) {
-  constexpr std::size_t kLength = 4;
-  const auto length_at = [bytes](std::size_t offset) {
-    std::size_t length = 0;
-    for (std::size_t i = kLength; i > 0; --i) {
-      length = length << 8 | static_cast<std::uint8_t>(bytes[offset + i - 1]);
+// How many bytes the value at the front of `bytes` needs, as far as these tell: a text that is cut
+// within its length needs that length first. More than 32 bits hold, when they claim so.
+std::uint64_t BytesNeeded(Extent extent, std::string_view bytes) {
+  const auto number_at = [&](std::uint64_t offset) {
+    std::uint64_t number = 0;
+    for (std::size_t i = extent.least; i > 0; --i) {
+      number =
+          number << 8 | static_cast<std::uint8_t>(bytes[static_cast<std::size_t>(offset) + i - 1]);
     }
-    return length;
+    return number;
   };
-  if (primitive == "String") return bytes.size() < kLength ? kLength : kLength + length_at(0);
-  if (primitive == "StringVec") {
-    std::size_t end = kLength;
-    if (bytes.size() < end) return end;
-    for (std::size_t count = length_at(0); count > 0; --count) {
-      if (bytes.size() < end + kLength) return end + kLength;
-      end += kLength + length_at(end);
-      if (bytes.size() < end) return end;
-    }
-    return end;
+  // Where a text ends; where its length ends, when that is cut.
+  const auto end_of_text = [&](std::uint64_t begin) {
+    const std::uint64_t length_end = begin + extent.least;
+    return length_end > bytes.size() ? length_end : length_end + number_at(begin);
+  };
+  std::uint64_t end = extent.least;
+  switch (extent.form) {
+    case Extent::kFixed:
+      break;
+    case Extent::kText:
+      return end_of_text(0);
+    case Extent::kTexts:
+      if (end > bytes.size()) break;
+      for (std::uint64_t left = number_at(0); left > 0 && end <= bytes.size(); --left) {
+        end = end_of_text(end);
+      }
+      break;
   }
-  return least_size;
+  return end;
 }
 
 // Traces one datagram; the sink of its payload.
@@ -64,10 +70,10 @@ class Tracer : public FieldSink {
   Trace Run(const RecordType* type) {
     std::int16_t code = 0;
     long long timestamp = 0;
-    Begin("type", Int16::kPrimitive, Int16::kLeastSize);
+    Begin("type", Int16::kPrimitive, Int16::kExtent);
     if (SerializationUtils::DeserializeInt16(in_, &code) != 0) return Stop();
     End(code);
-    Begin("timestamp", "Timestamp", sizeof(timestamp));
+    Begin("timestamp", "Timestamp", {Extent::kFixed, sizeof(timestamp)});
     if (SerializationUtils::DeserializeTimestamp(in_, &timestamp) != 0) return Stop();
     End(timestamp);
 
@@ -93,11 +99,11 @@ class Tracer : public FieldSink {
     return std::move(trace_);
   }
 
-  void Begin(const std::string& name, std::string_view primitive, std::size_t least_size) override {
+  void Begin(const std::string& name, std::string_view primitive, Extent extent) override {
     current_.offset = in_.position();
     current_.name = name;
     current_.primitive = primitive;
-    least_size_ = least_size;
+    extent_ = extent;
   }
 
   void End(Json value) override {
@@ -113,7 +119,7 @@ class Tracer : public FieldSink {
     damage.offset = current_.offset;
     damage.field = current_.name;
     const std::string_view rest = datagram_.substr(current_.offset);
-    const std::size_t needed = BytesNeeded(current_.primitive, least_size_, rest);
+    const std::uint64_t needed = BytesNeeded(extent_, rest);
     if (needed > rest.size()) {
       damage.missing = needed - rest.size();
       damage.kind = kCutShort;
@@ -132,7 +138,7 @@ class Tracer : public FieldSink {
   std::string_view datagram_;
   ViewStream in_;
   TracedField current_;
-  std::size_t least_size_ = 0;  // of the current field
+  Extent extent_{};  // of the current field
   Trace trace_;
 };
 
@@ -219,10 +225,7 @@ class Finder : public FieldEditor {
 // How many bytes a value takes; nothing for those whose size varies, and for numbers in lists.
 std::optional<std::size_t> FixedSize(const FieldType& field) {
   if (field.is_structure || field.name.find('[') != std::string::npos) return std::nullopt;
-  if (field.primitive == "Int32") return 4;
-  if (field.primitive.ends_with("Int16") || field.primitive == "Language") return 2;
-  if (field.primitive == "Char" || field.primitive == "UChar") return 1;
-  return std::nullopt;
+  return field.extent.form == Extent::kFixed ? std::optional(field.extent.least) : std::nullopt;
 }
 
 // Where the values of a kind stand in the records of one code.
@@ -238,7 +241,7 @@ Places PlacesOf(int code, Kind kind) {
     std::optional<std::size_t> offset = kEnvelope;
     for (const FieldType& field : type.fields) {
       if (field.kind == kind) {
-        const bool is_known = offset && field.primitive == "Int32";
+        const bool is_known = offset && FixedSize(field) == 4;
         if (is_known) places.of_32_bits.push_back(*offset);
         places.is_anywhere = places.is_anywhere || !is_known;
       }

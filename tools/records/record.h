@@ -4,6 +4,7 @@
 #define TOOLS_RECORDS_RECORD_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,7 +41,7 @@ struct Damage {
   std::string reason;         // for people, one line
   std::size_t offset = 0;     // of the field that could not be read, or of the first byte left over
   std::string field;          // that field's name; empty when bytes are left over
-  std::size_t missing = 0;    // how many bytes the field lacks
+  std::uint64_t missing = 0;  // how many bytes the field lacks
   std::size_t left_over = 0;  // how many bytes follow the record
   std::optional<int> type;    // type code, if it could be read
   std::string_view event;     // name of the class that tried; empty for an unknown type
