@@ -101,9 +101,7 @@ class Collector : public benchmark::BenchmarkReporter {
   Figures Medians() const {
     Figures medians;
     for (const auto& [name, figures] : repetitions_) {
-      for (const auto& [figure, values] : figures) {
-        medians.Add(name, figure, Quantile(values, 0.5));
-      }
+      for (const auto& [figure, values] : figures) medians.Add(name, figure, Quantile(values, 0.5));
     }
     return medians;
   }

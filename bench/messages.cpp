@@ -47,7 +47,7 @@ const Message kMessages[3] = {
 
 std::string Capture(int (*send)()) {
   const char* const endpoint = getenv(usage_stat_test::kEndpointVariable);
-  const std::string kept = endpoint != nullptr ? endpoint : "";
+  const std::string kept = endpoint ? endpoint : "";
   std::string message;
   {
     usage_stat_test::Receiver receiver;
@@ -55,7 +55,7 @@ std::string Capture(int (*send)()) {
     if (send() != 0) throw std::runtime_error("a message to capture was not sent");
     message = receiver.Receive().value();
   }
-  if (endpoint != nullptr) setenv(usage_stat_test::kEndpointVariable, kept.c_str(), 1);
+  if (endpoint) setenv(usage_stat_test::kEndpointVariable, kept.c_str(), 1);
   return message;
 }
 

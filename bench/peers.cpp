@@ -275,7 +275,7 @@ Sender PlainSocketContract(const std::string& endpoint, const std::string& bytes
 
 std::vector<Sender> StartPeers() {
   std::vector<Sender> peers = {BusSignal(), StatsdCounter()};
-  if (getenv("USAGE_STAT_BENCH_PRIVATE_MOUNTS") != nullptr) {
+  if (getenv("USAGE_STAT_BENCH_PRIVATE_MOUNTS")) {
     peers.insert(peers.begin(), {Journal(), Syslog()});
   } else {
     std::fprintf(stderr, "Without journal and syslog: run this through bench/in-private-mounts.\n");

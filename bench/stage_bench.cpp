@@ -38,7 +38,7 @@ MessageClient::MessageClient() : address_(), address_length_(0), capacity_(0) {}
 MessageClient::~MessageClient() = default;
 int MessageClient::Init(const char*, unsigned int, unsigned int) { return 0; }
 int MessageClient::SendMessage(const char* data, unsigned int size) {
-  if (g_last_message != nullptr) g_last_message->assign(data, size);
+  if (g_last_message) g_last_message->assign(data, size);
   return 0;
 }
 }  // namespace velmora::utilities

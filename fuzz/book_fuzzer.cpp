@@ -14,14 +14,10 @@
 #include "corvane/book.h"
 #include "fuzz/archives.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) {
-    return 0;
-  }
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
   std::string bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
-  if (data[0] % 5 == 3) {
-    bytes = fuzz::EpubAround(bytes);
-  }
+  if (data[0] % 5 == 3) bytes = fuzz::EpubAround(bytes);
   corvane::UniqueFd file(memfd_create("book", MFD_CLOEXEC));
   if (!file.valid() ||
       write(file.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
@@ -33,9 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                  corvane::ReadEpub, corvane::ReadZippedEpub};
   const char* problem = nullptr;
   const auto book = kReaders[data[0] % 5](std::move(file), &problem);
-  const bool told = book ? book->people.size() <= corvane::kMaxPeople : problem != nullptr;
-  if (!told) {
-    abort();
-  }
+  const bool told = book ? book->people.size() <= corvane::kMaxPeople : static_cast<bool>(problem);
+  if (!told) abort();
   return 0;
 }

@@ -7,7 +7,7 @@
 
 #include "corvane/config.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   for (const auto& [key, value] : corvane::ParseConfig(text)) {
     corvane::ParseInt(value);

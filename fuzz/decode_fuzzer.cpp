@@ -23,7 +23,7 @@ void RequireValidJson(const records::Json& json) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string_view datagram(reinterpret_cast<const char*>(data), size);
   const auto decoded = records::Decode(datagram);
   const records::Trace trace = records::TraceFields(datagram);

@@ -1,6 +1,7 @@
 // Runs the inspector's decode command on any input and looks at what a terminal would get.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +18,7 @@ namespace {
 
 // Standard output as a file in memory.
 char* g_printed = nullptr;
-size_t g_size = 0;
+std::size_t g_size = 0;
 
 bool IsTrick(char c) { return static_cast<unsigned char>(c) < ' ' && c != '\n'; }
 
@@ -29,7 +30,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const char* const output = data[0] % 2 == 0 ? "text" : "json";
   const char* const form = data[0] % 4 < 2 ? "--raw" : "-";

@@ -3,6 +3,7 @@
 #include <common_utilities/serialization_utils.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -49,7 +50,7 @@ void CheckWriting(const Value& value, Read read, Write write) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   switch (input.ConsumeIntegralInRange(0, 11)) {
     case 0:

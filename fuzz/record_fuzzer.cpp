@@ -53,7 +53,7 @@ std::string Write(Event* event) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   std::string record(reinterpret_cast<const char*>(data), size);
   std::size_t consumed = 0;
   const auto event = Read(record, &consumed);

@@ -27,7 +27,7 @@ int main() {
     if (size == 28 && std::memcmp(record, "\xf0\x07", 2) == 0 && in.seekg(10) &&
         turn.ReadStateFromStream(in) == 0) {
       std::printf("from page %d to %d\n", turn.c_, turn.d_);
-    } else if (const std::unique_ptr<Event> event(Event::CreateFromStream(in)); event != nullptr) {
+    } else if (const std::unique_ptr<Event> event(Event::CreateFromStream(in)); event) {
       std::printf("a record of type %d\n", static_cast<int>(event->type_));
     }
   }

@@ -22,9 +22,7 @@ std::size_t g_largest = 0;
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++g_allocations;
   g_largest = std::max(g_largest, size);
-  if (void* const memory = std::malloc(size)) {
-    return memory;
-  }
+  if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }

@@ -60,9 +60,7 @@ int Send(const std::string& name, const std::string& message = "message",
 
 int SendUntilFull(const std::string& name) {
   int error = 0;
-  for (int i = 0; error == 0 && i < 100'000; ++i) {
-    error = Send(name);
-  }
+  for (int i = 0; error == 0 && i < 100'000; ++i) error = Send(name);
   return error;
 }
 
@@ -81,18 +79,14 @@ bool IsUnnamedDatagramSocket(int descriptor) {
 std::vector<int> KeptSockets() {
   std::vector<int> found;
   for (int descriptor = 0; descriptor < 256; ++descriptor) {
-    if (IsUnnamedDatagramSocket(descriptor)) {
-      found.push_back(descriptor);
-    }
+    if (IsUnnamedDatagramSocket(descriptor)) found.push_back(descriptor);
   }
   return found;
 }
 
 // What an application does that closes every descriptor.
 void CloseKeptSockets() {
-  for (const int kept : KeptSockets()) {
-    close(kept);
-  }
+  for (const int kept : KeptSockets()) close(kept);
 }
 
 ino_t InodeOf(int descriptor) {
@@ -306,18 +300,14 @@ TEST(MessageClientTest, ANumberThatTheApplicationTookBackIsLeftAlone) {
     EXPECT_EQ(poll(&waiting, 1, 0), 0) << "written to the application's own descriptor";
     EXPECT_EQ(InodeOf(taken), InodeOf(stranger.mine));
 
-    for (const int descriptor : {taken, stranger.mine, stranger.peer}) {
-      close(descriptor);
-    }
+    for (const int descriptor : {taken, stranger.mine, stranger.peer}) close(descriptor);
   }
 }
 
 TEST(MessageClientTest, AKeptSocketThatWasShutDownDoesNotMatter) {
   Receiver receiver;
   ASSERT_EQ(Send(receiver.name()), 0);
-  for (const int kept : KeptSockets()) {
-    shutdown(kept, SHUT_RDWR);
-  }
+  for (const int kept : KeptSockets()) shutdown(kept, SHUT_RDWR);
   EXPECT_EQ(Send(receiver.name()), 0);
   shutdown(receiver.descriptor(), SHUT_RD);
   EXPECT_EQ(Send(receiver.name()), EPIPE);  // and no SIGPIPE, which would end this program
@@ -354,9 +344,7 @@ TEST(MessageClientTest, ManyThreadsSendAtOnceWhileTheProcessForks) {
   for (int round = 0; round < 20; ++round) {
     // Now the threads also race to open a socket, under another number: a reused one would look
     // like a data race to the thread sanitizer, which can't know that its bearer is checked.
-    for (const int kept : KeptSockets()) {
-      taken.push_back(dup2(receiver.descriptor(), kept));
-    }
+    for (const int kept : KeptSockets()) taken.push_back(dup2(receiver.descriptor(), kept));
     std::latch start(kThreads);
     std::atomic<int> running = kThreads;
     std::vector<std::thread> threads;
@@ -373,21 +361,13 @@ TEST(MessageClientTest, ManyThreadsSendAtOnceWhileTheProcessForks) {
       });
     }
     EXPECT_TRUE(HoldsInChild([] { return Send(kNobody) == ECONNREFUSED; }));
-    while (running > 0) {
-      received += receiver.Receive(1).has_value() ? 1 : 0;
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    while (running > 0) received += receiver.Receive(1).has_value() ? 1 : 0;
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(KeptSockets().size(), 1U);
   }
-  while (receiver.TryReceive()) {
-    ++received;
-  }
+  while (receiver.TryReceive()) ++received;
   EXPECT_EQ(received, delivered);
-  for (const int descriptor : taken) {
-    close(descriptor);
-  }
+  for (const int descriptor : taken) close(descriptor);
 }
 
 }  // namespace

@@ -79,9 +79,7 @@ std::vector<Encoding> Encodings() {
       texts(Texts(200, "x"),
             [] {
               std::string bytes = "\xc8\0\0\0"s;
-              for (int i = 0; i < 200; ++i) {
-                bytes += "\1\0\0\0x"s;
-              }
+              for (int i = 0; i < 200; ++i) bytes += "\1\0\0\0x"s;
               return bytes;
             }()),
       language("en", "en"),

@@ -34,7 +34,7 @@ TEST(UnloadTest, LeavesNeitherDescriptorNorForkHandlerBehind) {
       dlsym(library, "_ZN7velmora9utilities13MessageClient4InitEPKcjj"));
   const auto send = reinterpret_cast<int (*)(void*, const char*, unsigned int)>(
       dlsym(library, "_ZN7velmora9utilities13MessageClient11SendMessageEPKcj"));
-  ASSERT_TRUE(init != nullptr && send != nullptr);
+  ASSERT_TRUE(init && send);
   alignas(MessageClient) std::byte client[sizeof(MessageClient)] = {};
   EXPECT_EQ(init(client, name.data(), static_cast<unsigned int>(name.size()), 100), 0);
   EXPECT_EQ(send(client, "message", 7), 0);

@@ -57,9 +57,8 @@ TEST(Logging, LevelsAboveTheThresholdAreLeftOut) {
   for (const auto& [threshold, highest] :
        {Case{nullptr, 1}, Case{"", 1}, Case{"loud", 1}, Case{"0", 0}, Case{"1", 1}, Case{"4", 4},
         Case{"-1", -1}, Case{"99999999999", 1}}) {
-    SCOPED_TRACE(threshold == nullptr ? "unset" : threshold);
-    threshold == nullptr ? unsetenv("CORVANE_LOG_LEVEL")
-                         : setenv("CORVANE_LOG_LEVEL", threshold, 1);
+    SCOPED_TRACE(threshold ? threshold : "unset");
+    threshold ? setenv("CORVANE_LOG_LEVEL", threshold, 1) : unsetenv("CORVANE_LOG_LEVEL");
     StderrCapture capture;
     vm_print_log2(highest + 1, "f", 1, "g", "too much");
     EXPECT_THAT(capture.Writes(), IsEmpty());
@@ -120,9 +119,7 @@ TEST(Logging, LinesOfSeveralThreadsStayWhole) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  for (std::thread& thread : threads) thread.join();
   std::vector<std::string> writes = capture.Writes();
   std::transform(writes.begin(), writes.end(), writes.begin(), AfterTime);
   EXPECT_EQ(writes, std::vector<std::string>(16, Prefix(1) + "f:1 g: text\n"));

@@ -94,7 +94,7 @@ TEST(AllocationFaultTest, EveryAllocationOfEverySenderMayFail) {
   receiver.Announce();
   Tallies tallies;
   for (const GoldenRecord& golden : GoldenRecords()) {
-    if (golden.send == nullptr) continue;
+    if (!golden.send) continue;
     const std::string name = golden.signature.substr(4, golden.signature.find('(') - 4);
     FailEachAllocation(
         name, golden.send,
@@ -104,9 +104,7 @@ TEST(AllocationFaultTest, EveryAllocationOfEverySenderMayFail) {
           if (message.has_value()) {
             EXPECT_TRUE(IsTrue(message->substr(10), golden.payload)) << *message;
           }
-          if (result == 0) {
-            EXPECT_TRUE(message.has_value());
-          }
+          if (result == 0) EXPECT_TRUE(message.has_value());
           EXPECT_EQ(receiver.TryReceive(), std::nullopt);
         },
         &tallies);
@@ -133,9 +131,7 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
   const auto no_check = [](int) {};
   const auto arrived_once = [&receiver](int result) {
     const std::optional<std::string> message = receiver.TryReceive();
-    if (result == 0) {
-      EXPECT_TRUE(message.has_value());
-    }
+    if (result == 0) EXPECT_TRUE(message.has_value());
     EXPECT_EQ(receiver.TryReceive(), std::nullopt);
   };
   Tallies tallies;

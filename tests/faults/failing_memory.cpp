@@ -20,7 +20,7 @@ bool Fails() {
 template <class Allocate>
 void* AllocateUnlessFailing(Allocate allocate) {
   void* const block = Fails() ? nullptr : allocate();
-  if (block == nullptr) {
+  if (!block) {
     errno = ENOMEM;
   } else {
     ++t_held;
@@ -37,11 +37,11 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 }
 void* operator new(std::size_t size) {
   void* const block = operator new(size, std::nothrow);
-  if (block == nullptr) throw std::bad_alloc();
+  if (!block) throw std::bad_alloc();
   return block;
 }
 void operator delete(void* block) noexcept {
-  t_held -= block != nullptr ? 1 : 0;
+  t_held -= block ? 1 : 0;
   std::free(block);
 }
 void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
@@ -63,11 +63,11 @@ void* calloc(std::size_t count, std::size_t size) {
 }
 void* realloc(void* block, std::size_t size) {
   void* const moved = AllocateUnlessFailing([block, size] { return __libc_realloc(block, size); });
-  t_held -= moved != nullptr && block != nullptr ? 1 : 0;
+  t_held -= moved && block ? 1 : 0;
   return moved;
 }
 void free(void* block) {
-  t_held -= block != nullptr ? 1 : 0;
+  t_held -= block ? 1 : 0;
   __libc_free(block);
 }
 }

@@ -69,8 +69,8 @@ int socket(int domain, int type, int protocol) noexcept {
   return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
 
-ssize_t sendto(int descriptor, const void* data, size_t size, int flags, const sockaddr* address,
-               socklen_t length) {
+ssize_t sendto(int descriptor, const void* data, std::size_t size, int flags,
+               const sockaddr* address, socklen_t length) {
   if (Fails(SystemCall::kSendto)) return -1;
   return syscall(SYS_sendto, descriptor, data, size, flags, address, length);
 }

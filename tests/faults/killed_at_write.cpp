@@ -80,9 +80,7 @@ void KilledAtWrite::Trace(std::vector<std::string> words, long kill_at) {
     }
     const int stop = WSTOPSIG(status);
     const long call = stop == (SIGTRAP | 0x80) ? CallOf(thread) : -1;
-    if (std::ranges::count(kWritingCalls, call) > 0 && ++writes_ == kill_at) {
-      kill(program, SIGKILL);
-    }
+    if (std::ranges::count(kWritingCalls, call) > 0 && ++writes_ == kill_at) kill(program, SIGKILL);
     if (std::ranges::count(kNamingCalls, call) > 0) namings_.insert(writes_);
     // Signals are passed on, except those that come from tracing itself.
     const bool is_own = stop == (SIGTRAP | 0x80) || stop == SIGTRAP || stop == SIGSTOP;

@@ -18,7 +18,7 @@ int main() {
   long lost = 0;
   while (!g_is_ending) {
     for (const usage_stat_test::GoldenRecord& record : records) {
-      if (record.send != nullptr) ++(record.send() == 0 ? sent : lost);
+      if (record.send) ++(record.send() == 0 ? sent : lost);
     }
     usleep(20'000);
   }

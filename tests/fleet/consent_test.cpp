@@ -306,7 +306,7 @@ class ConsentTest : public testing::Test {
     EXPECT_TRUE(Open(State::Mode::kRead)->SpansOf(StoreId(store), 1, last, policy_, &spans).ok());
     std::string text;
     for (const Span& span : spans) {
-      EXPECT_EQ(span.table == nullptr, span.level == Level::kNone);
+      EXPECT_EQ(!span.table, span.level == Level::kNone);
       text += (text.empty() ? "" : ", ") + std::string(NameOf(span.level)) + " " +
               std::to_string(span.first) + "-" + std::to_string(span.last);
     }

@@ -26,13 +26,13 @@ int g_reads = 0;
 }  // namespace
 
 // Stands before the C library's.
-extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+extern "C" ssize_t read(int fd, void* buffer, std::size_t size) {
   ++g_reads;
   if (g_read_result == -1) {
     errno = EIO;
     return -1;
   }
-  if (g_read_result) size = static_cast<size_t>(*g_read_result);
+  if (g_read_result) size = static_cast<std::size_t>(*g_read_result);
   return syscall(SYS_read, fd, buffer, size);
 }
 

@@ -112,7 +112,7 @@ TEST(RecordsTest, EveryRecordIsReadBackToItsBytes) {
   for (int code = INT16_MIN; code <= INT16_MAX; ++code) {
     const auto type = static_cast<EventFactory::EventType>(code);
     const std::unique_ptr<Event> event(EventFactory::CreateEvent(type));
-    ASSERT_EQ(event != nullptr, codes.contains(code)) << code;
+    ASSERT_EQ(!event, !codes.contains(code)) << code;
     if (event) continue;
     ASSERT_EQ(Read(Record(code, "")), nullptr);
     ASSERT_THAT(Lines(), ElementsAre(std::string(kCreate) + ": " +

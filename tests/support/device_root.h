@@ -27,9 +27,7 @@ class DeviceRoot {
  public:
   DeviceRoot() {
     std::string path = (std::filesystem::temp_directory_path() / "device-XXXXXX").string();
-    if (mkdtemp(path.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
+    if (!mkdtemp(path.data())) throw std::system_error(errno, std::generic_category(), "mkdtemp");
     path_ = path;
     setenv("CORVANE_ROOT", path.c_str(), 1);
   }
@@ -49,9 +47,7 @@ class DeviceRoot {
   void Write(std::string_view device_path, std::string_view content) const {
     std::ofstream file(HostPath(device_path), std::ios::binary | std::ios::trunc);
     file << content;
-    if (!file.flush()) {
-      throw std::runtime_error("can't write a file of the test");
-    }
+    if (!file.flush()) throw std::runtime_error("can't write a file of the test");
   }
 
  private:
@@ -83,7 +79,7 @@ class StderrCapture {
     std::array<char, 65536> buffer;
     ssize_t size = 0;
     while ((size = read(pipe_[0], buffer.data(), buffer.size())) > 0) {
-      writes.emplace_back(buffer.data(), static_cast<size_t>(size));
+      writes.emplace_back(buffer.data(), static_cast<std::size_t>(size));
     }
     return writes;
   }

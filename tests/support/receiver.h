@@ -30,9 +30,7 @@ class Receiver {
   explicit Receiver(std::string endpoint) : endpoint_(std::move(endpoint)) { Start(); }
   ~Receiver() {
     Stop();
-    if (announced_) {
-      unsetenv(kEndpointVariable);
-    }
+    if (announced_) unsetenv(kEndpointVariable);
   }
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
@@ -55,9 +53,7 @@ class Receiver {
 
   // A collector that ends, and one that (re)starts.
   void Stop() {
-    if (descriptor_ >= 0) {
-      close(std::exchange(descriptor_, -1));
-    }
+    if (descriptor_ >= 0) close(std::exchange(descriptor_, -1));
   }
   void Start() {
     Stop();
@@ -79,14 +75,10 @@ class Receiver {
   // failing test hangs.
   std::optional<std::string> Receive(int wait_ms = 10'000) {
     pollfd waiting{descriptor_, POLLIN, 0};
-    if (poll(&waiting, 1, wait_ms) != 1) {
-      return std::nullopt;
-    }
+    if (poll(&waiting, 1, wait_ms) != 1) return std::nullopt;
     std::string message(kLargestMessage, '\0');
     const ssize_t size = recv(descriptor_, message.data(), message.size(), MSG_DONTWAIT);
-    if (size < 0) {
-      return std::nullopt;
-    }
+    if (size < 0) return std::nullopt;
     message.resize(static_cast<std::size_t>(size));
     return message;
   }

@@ -51,9 +51,7 @@ class CollectorTest : public testing::Test {
 
   void Start(std::vector<std::string> arguments = {}) {
     const bool keeps = std::ranges::count(arguments, "--no-store") == 0;
-    if (keeps) {
-      arguments.insert(arguments.end(), {"--database", database_});
-    }
+    if (keeps) arguments.insert(arguments.end(), {"--database", database_});
     collector_.emplace(COLLECTOR_COMMAND, folder_.path(), std::move(arguments));
     ASSERT_TRUE(collector_->IsUp()) << collector_->Err();
     // The first record is the collector's own.
