@@ -100,8 +100,8 @@ class CollectorKillTest : public testing::Test {
   // The numbers of all notes, from archives and database.
   std::vector<int> Notes() const {
     std::vector<int> numbers;
-    std::unique_ptr<store::History> journal;
-    if (!store::History::Open(database_, &journal).ok()) return numbers;
+    std::unique_ptr<store::History> history;
+    if (!store::History::Open(database_, &history).ok()) return numbers;
     store::Query query;
     query.events = {"AddNoteEvent"};
     std::vector<std::string> problems;
@@ -111,7 +111,7 @@ class CollectorKillTest : public testing::Test {
       numbers.push_back(dynamic_cast<usage_stat::AddNoteEvent&>(*event).a_);
       return true;
     };
-    EXPECT_TRUE(journal->ForEach(query, visit, &problems).ok());
+    EXPECT_TRUE(history->ForEach(query, visit, &problems).ok());
     EXPECT_TRUE(problems.empty()) << problems.front();
     ExpectSound();
     return numbers;

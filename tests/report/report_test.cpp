@@ -107,9 +107,9 @@ class ReportTest : public usage_stat_test::StoreTest {
   }
 
   store::Status Read(Range range, Summary* summary) {
-    std::unique_ptr<store::History> journal;
-    if (auto status = store::History::Open(database_, &journal); !status.ok()) return status;
-    return ReadSummary(journal.get(), range, options_, summary);
+    std::unique_ptr<store::History> history;
+    if (auto status = store::History::Open(database_, &history); !status.ok()) return status;
+    return ReadSummary(history.get(), range, options_, summary);
   }
 
   // A book with a title, one with a file name and one with neither, two of them read.
@@ -197,8 +197,8 @@ TEST_F(ReportTest, EmptyAndMissingDatabases) {
     EXPECT_THAT(page, HasSubstr("The database holds no records yet"));
     EXPECT_EQ(page.find("<canvas") == std::string::npos, summary.records == 0);
   }
-  std::unique_ptr<store::History> journal;
-  EXPECT_FALSE(store::History::Open(folder_ / "none.db", &journal).ok());
+  std::unique_ptr<store::History> history;
+  EXPECT_FALSE(store::History::Open(folder_ / "none.db", &history).ok());
 }
 
 TEST_F(ReportTest, RefusesRangesThatNoPageCanShow) {

@@ -102,11 +102,11 @@ class CollectorTest : public testing::Test {
   }
 
   int CountWithArchives(const std::string& event) const {
-    std::unique_ptr<store::History> journal;
+    std::unique_ptr<store::History> history;
     int number = 0;
-    EXPECT_TRUE(store::History::Open(database_, &journal).ok());
+    EXPECT_TRUE(store::History::Open(database_, &history).ok());
     const auto count = [&number](const store::RecordRow&) { return ++number > 0; };
-    EXPECT_TRUE(journal->ForEach({.events = {event}}, count).ok());
+    EXPECT_TRUE(history->ForEach({.events = {event}}, count).ok());
     return number;
   }
 

@@ -200,10 +200,10 @@ class ArchiveTest : public StoreTest {
   }
 
   // Everything but what the store wrote about itself.
-  Names ReadJournal(Query query = {}) {
-    std::unique_ptr<store::History> journal;
-    EXPECT_TRUE(store::History::Open(database_, &journal).ok());
-    Names names = Read(*journal, query);
+  Names ReadHistory(Query query = {}) {
+    std::unique_ptr<store::History> history;
+    EXPECT_TRUE(store::History::Open(database_, &history).ok());
+    Names names = Read(*history, query);
     std::erase_if(names, [](const std::string& name) { return name.ends_with("Event"); });
     return names;
   }
@@ -234,24 +234,24 @@ TEST_F(ArchiveTest, ReadsAsIfNothingHadMoved) {
   ASSERT_OK(store::ArchiveRecords(database_, archives_, &archives));
   Add(2);
 
-  EXPECT_EQ(ReadJournal(), Expected());
-  EXPECT_EQ(ReadJournal({.since_ms = 1008, .until_ms = 1012}), (Names{"8", "9", "10", "11"}));
-  EXPECT_EQ(ReadJournal({.newest = 6}), (Names{"17", "18", "19", "20", "21"}));
-  EXPECT_EQ(ReadJournal({.newest = 4, .reverse = true}), (Names{"21", "20", "19"}));
+  EXPECT_EQ(ReadHistory(), Expected());
+  EXPECT_EQ(ReadHistory({.since_ms = 1008, .until_ms = 1012}), (Names{"8", "9", "10", "11"}));
+  EXPECT_EQ(ReadHistory({.newest = 6}), (Names{"17", "18", "19", "20", "21"}));
+  EXPECT_EQ(ReadHistory({.newest = 4, .reverse = true}), (Names{"21", "20", "19"}));
 
   // A damaged archive is told and costs nothing else.
   std::filesystem::resize_file(archives.at(0).path, 100);
-  std::unique_ptr<store::History> journal;
+  std::unique_ptr<store::History> history;
   std::vector<std::string> problems;
   int count = 0;
-  ASSERT_OK(store::History::Open(database_, &journal));
-  ASSERT_OK(journal->ForEach(
+  ASSERT_OK(store::History::Open(database_, &history));
+  ASSERT_OK(history->ForEach(
       {}, [&count](const store::RecordRow&) { return ++count; }, &problems));
   EXPECT_EQ(problems.size(), 1U);
   EXPECT_EQ(count, 11 + 3);
 
   // What was unpacked takes no space once it is read.
-  ASSERT_OK(store::History::Open(database_, &journal));
+  ASSERT_OK(store::History::Open(database_, &history));
   for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     EXPECT_EQ(std::filesystem::read_symlink(file, gone).string().find("usage-stat-archive"),
@@ -271,7 +271,7 @@ TEST_F(ArchiveTest, KilledAtAnyMomentEveryRecordIsInOnePlace) {
       usleep(std::uniform_int_distribution<useconds_t>(0, 60'000)(random));
     }
     ASSERT_OK(store::FinishArchives(database_));
-    ASSERT_EQ(ReadJournal(), Expected()) << "round " << round;
+    ASSERT_EQ(ReadHistory(), Expected()) << "round " << round;
   }
   EXPECT_EQ(Answer(database_, "PRAGMA integrity_check"), "ok");
 }
@@ -330,7 +330,7 @@ TEST_F(ArchiveTest, RetentionDeletesTheOldestFirst) {
   // By size: the archive goes, then rows until the rest fits.
   ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = 180'000}));
   EXPECT_FALSE(std::filesystem::exists(archives[0].path));
-  const Names rest = ReadJournal();
+  const Names rest = ReadHistory();
   ASSERT_FALSE(rest.empty());
   EXPECT_LT(rest.size(), 2000U);
   EXPECT_EQ(rest.back(), "3999");

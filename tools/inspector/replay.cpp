@@ -127,7 +127,7 @@ int SendPatiently(const Options& options, const Captured& captured, bool* is_raw
 }
 
 // What a collector wrote about its own life is no part of a session.
-bool IsJournal(const Record& record) {
+bool IsCollectorsOwn(const Record& record) {
   return record.type >= EventFactory::kNewJournalFile &&
          record.type <= EventFactory::kDeleteArchive;
 }
@@ -146,7 +146,7 @@ int Replay(const Options& options, double speed) {
   for (const std::string& datagram : datagrams) {
     const auto decoded = records::Decode(datagram);
     const auto* record = std::get_if<Record>(&decoded);
-    if (!options.raw && (!record || IsJournal(*record))) {
+    if (!options.raw && (!record || IsCollectorsOwn(*record))) {
       ++left_out;
       continue;
     }

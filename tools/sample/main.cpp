@@ -31,9 +31,9 @@ struct Options {
 };
 
 // Collects records and commits them in batches, as a collector does.
-class Keeper {
+class BatchWriter {
  public:
-  explicit Keeper(store::Writer* writer) : writer_(writer) {}
+  explicit BatchWriter(store::Writer* writer) : writer_(writer) {}
 
   void Take(std::int64_t at_ms, std::string_view datagram) {
     constexpr std::size_t kBatchSize = 5000;
@@ -94,20 +94,20 @@ int Fail(const std::string& message) {
 base::Status MakeDatabase(const Options& options, int number, const std::string& path) {
   std::unique_ptr<store::Writer> writer;
   if (auto status = store::Writer::Open(path, "sample", &writer); !status.ok()) return status;
-  Keeper keeper(writer.get());
+  BatchWriter batches(writer.get());
   sample::Person person(static_cast<std::uint64_t>(options.seed), number, options.days,
                         [&](const Event& event, std::string_view datagram) {
-                          keeper.Take(event.timestamp_, datagram);
+                          batches.Take(event.timestamp_, datagram);
                         });
   const std::int64_t now_ms = store::NowMs();
   const report::Day today = report::LocalClock().At(now_ms).day;
-  for (int day = 0; day < options.days && keeper.status().ok(); ++day) {
+  for (int day = 0; day < options.days && batches.status().ok(); ++day) {
     const report::Day date = today - options.days + 1 + day;
     person.Live(day, report::WeekdayOf(date), report::BeginOf(date), now_ms);
   }
-  if (number % 10 == 0) keeper.TakeErrors(now_ms);
-  keeper.Commit();
-  base::Status status = keeper.status();
+  if (number % 10 == 0) batches.TakeErrors(now_ms);
+  batches.Commit();
+  base::Status status = batches.status();
   return status.ok() ? writer->Finish() : status;
 }
 
