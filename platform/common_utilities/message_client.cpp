@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "datagram.h"
 #include "kept_socket.h"
 
 namespace velmora::utilities {

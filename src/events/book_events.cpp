@@ -1,8 +1,23 @@
 #include "src/events/book_events.h"
 
-#include "src/events/book_texts.h"
+#include <cstring>
 
 namespace velmora::usage_stat {
+
+std::string TextOrEmpty(const char* text) { return text ? text : std::string(); }
+
+std::string LanguageCode(const char* text) {
+  constexpr std::size_t kCodeLength = 2;
+  return text ? std::string(text, strnlen(text, kCodeLength)) : std::string();
+}
+
+void AppendTexts(const char* const* list, std::vector<std::string>* texts) {
+  if (!list) return;
+  std::size_t count = 0;
+  while (list[count]) ++count;
+  texts->reserve(texts->size() + count);
+  texts->insert(texts->end(), list, list + count);
+}
 
 OpenBookEvent::OpenBookEvent(std::int32_t book_id, const char* language, const char* c, bool d,
                              std::int16_t e, std::int32_t f, std::int16_t g, std::int32_t h,
@@ -28,8 +43,5 @@ void OpenBookEvent::AppendFirstList(const char* const* texts) { AppendTexts(text
 void OpenBookEvent::AppendSecondList(const char* const* texts) {
   AppendTexts(texts, &second_list_);
 }
-
-STAT_DEFINE_STREAM_OPERATIONS(StartOpenBookEvent)
-STAT_DEFINE_STREAM_OPERATIONS(OpenBookEvent)
 
 }  // namespace velmora::usage_stat

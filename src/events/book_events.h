@@ -8,6 +8,19 @@
 
 namespace velmora::usage_stat {
 
+// ---- The rules that every description of a book follows, whether it is opened or newly found ----
+
+// A copy of `text`; empty for null.
+std::string TextOrEmpty(const char* text);
+
+// A copy of `text` cut to its first 2 characters; empty for null.
+std::string LanguageCode(const char* text);
+
+// Appends a copy of every text of `list`, up to its first null element. Null counts as empty.
+void AppendTexts(const char* const* list, std::vector<std::string>* texts);
+
+// ---- Events ----
+
 // A flag that travels as an Int16. Only exactly 1 reads as true: the collector has always taken any
 // other number, 2 and -1 included, for false.
 struct ExactlyOneInt16 {

@@ -33,8 +33,4 @@ SetFontParamsEventEx::SetFontParamsEventEx(std::int32_t a, std::int16_t b, const
       l_(l),
       m_(m) {}
 
-STAT_DEFINE_STREAM_OPERATIONS(SetReadingModeEvent)
-STAT_DEFINE_STREAM_OPERATIONS(SetFontParamsEvent)
-STAT_DEFINE_STREAM_OPERATIONS(SetFontParamsEventEx)
-
 }  // namespace velmora::usage_stat

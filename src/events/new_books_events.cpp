@@ -21,7 +21,4 @@ int NewBookRecords::Read(std::istream& in, NewBooksEventEx* event) {
   return 0;
 }
 
-STAT_DEFINE_STREAM_OPERATIONS(NewBooksEventEx)
-STAT_DEFINE_STREAM_OPERATIONS(NewBooksEvent)
-
 }  // namespace velmora::usage_stat

@@ -6,7 +6,7 @@
 //     return std::tuple{Field{"page", Int16{}, &AddNoteEvent::b_, kPage}, ...};
 //   }
 //
-// and defines both stream operations in its source file with STAT_DEFINE_STREAM_OPERATIONS(Class).
+// and has both stream operations by STAT_DEFINE_STREAM_OPERATIONS(Class) in src/events/events.cpp.
 // Writer, reader, and everything that the tools know of a field run over that one list. The codec
 // belongs to the list because it does not always follow from the member's type.
 //
@@ -281,8 +281,8 @@ int ReadFields([[maybe_unused]] std::istream& in, [[maybe_unused]] Owner* owner)
 
 }  // namespace velmora::usage_stat
 
-// Define the stream operations of an event class from its Fields(). They stand in the class's
-// source file, so that each signature text exists once.
+// Define the stream operations of an event class from its Fields(). They stand in one source
+// file, so that each signature text exists once.
 #define STAT_DEFINE_STREAM_OPERATIONS(Class) \
   STAT_DEFINE_WRITER(Class)                  \
   STAT_DEFINE_READER(Class)

@@ -6,7 +6,6 @@
 
 #include "include/usage_stat.h"
 #include "src/events/book_events.h"
-#include "src/events/book_texts.h"
 #include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/book_path.h"
 #include "src/usage_stat_client/statistics_client.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "include/usage_stat.h"
-#include "src/events/book_texts.h"
+#include "src/events/book_events.h"
 #include "src/events/new_books_events.h"
 #include "src/usage_stat_client/arguments.h"
 #include "src/usage_stat_client/book_description.h"
