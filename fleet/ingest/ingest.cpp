@@ -1,5 +1,3 @@
-#include "fleet/ingest/ingest.h"
-
 #include <fmt/format.h>
 #include <signal.h>
 #include <time.h>
@@ -9,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "fleet/ingest/commands.h"
 #include "fleet/ingest/ledger.h"
 #include "tools/base/system.h"
 #include "tools/command_line/command_line.h"

@@ -8,9 +8,8 @@
 #include <string>
 
 #include "fleet/batch/batch.h"
-#include "fleet/ingest/ingest.h"
+#include "fleet/ingest/commands.h"
 #include "fleet/ingest/ledger.h"
-#include "fleet/ingest/overview.h"
 #include "fleet/lake/commands.h"
 #include "tools/command_line/command_line.h"
 

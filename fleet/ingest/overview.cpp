@@ -1,11 +1,10 @@
-#include "fleet/ingest/overview.h"
-
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "fleet/ingest/commands.h"
 #include "fleet/ingest/database.h"
 #include "fleet/ingest/schema.h"
 #include "tools/base/system.h"

@@ -4,7 +4,10 @@
 #ifndef TOOLS_BASE_STATUS_H_
 #define TOOLS_BASE_STATUS_H_
 
+#include <cerrno>
+#include <cstring>
 #include <string>
+#include <utility>
 
 namespace velmora::usage_stat::base {
 
@@ -19,9 +22,11 @@ struct [[nodiscard]] Status {
 
   bool ok() const { return code == 0; }
 
-  static Status Failed(std::string message);
+  static Status Failed(std::string message) { return {kFailed, std::move(message)}; }
   // `what`, such as "cannot open FILE", and the text of errno.
-  static Status Errno(const std::string& what);
+  static Status Errno(const std::string& what) {
+    return Failed(what + ": " + std::strerror(errno));
+  }
 };
 
 }  // namespace velmora::usage_stat::base

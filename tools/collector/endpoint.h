@@ -3,15 +3,30 @@
 #ifndef TOOLS_COLLECTOR_ENDPOINT_H_
 #define TOOLS_COLLECTOR_ENDPOINT_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "tools/base/status.h"
 #include "tools/base/system.h"
-#include "tools/collector/datagram.h"
+#include "tools/store/row.h"
 
 namespace velmora::usage_stat::collector {
+
+// One datagram as the endpoint delivers it.
+struct Datagram {
+  std::string bytes;     // at most kKeptBytes; empty when it is refused or off
+  std::size_t size = 0;  // as it was sent
+  store::Sender sender;
+  std::int64_t received_ms = 0;  // milliseconds since the Unix epoch
+  bool is_refused = false;       // its sender may not send
+  bool is_off = false;           // it came while statistics were switched off
+};
+
+// How much of a datagram is kept at most, as evidence.
+constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;
 
 class Endpoint {
  public:
@@ -35,6 +50,10 @@ class Endpoint {
   base::Descriptor socket_;
   std::vector<char> buffer_ = std::vector<char>(kKeptBytes);
 };
+
+// Sends "READY=1" to the socket that the environment variable NOTIFY_SOCKET names, as systemd's
+// services of Type=notify do. Does nothing when nobody waits for it.
+void AnnounceReadiness();
 
 }  // namespace velmora::usage_stat::collector
 

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <vector>
 
-#include "tools/collector/datagram.h"
+#include "tools/collector/endpoint.h"
 
 namespace velmora::usage_stat::collector {
 

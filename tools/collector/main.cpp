@@ -7,9 +7,9 @@
 #include <cstdlib>
 
 #include "tools/collector/collector.h"
+#include "tools/collector/endpoint.h"
 #include "tools/collector/notices.h"
 #include "tools/collector/options.h"
-#include "tools/collector/readiness.h"
 
 namespace collector = velmora::usage_stat::collector;
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tools/collector/datagram.h"
+#include "tools/collector/endpoint.h"
 #include "tools/collector/live_view.h"
 #include "tools/collector/notices.h"
 #include "tools/collector/options.h"

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "tools/collector/datagram.h"
+#include "tools/collector/endpoint.h"
 
 namespace velmora::usage_stat::collector {
 

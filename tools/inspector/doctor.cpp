@@ -20,7 +20,6 @@
 #include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
-#include "tools/inspector/endpoint.h"
 #include "tools/inspector/listeners.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"

@@ -3,12 +3,14 @@
 #include <strings.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <set>
 
 #include "include/usage_stat.h"
 #include "src/usage_stat_client/application_table.h"
 #include "tools/base/status.h"
+#include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/inspector/moment.h"
 #include "tools/records/record.h"
@@ -114,6 +116,17 @@ void AddDatabaseOption(Command command, std::string* path) {
                  "Database of the collector (default: $USAGE_STAT_DATABASE, else records.db in "
                  "$STATE_DIRECTORY, else /var/lib/usage-stat/records.db)",
                  path);
+}
+
+void AddEndpointOption(Command command, std::string* endpoint) {
+  command.Option("--endpoint", "NAME",
+                 std::string("Name of the collector's endpoint (default: $") +
+                     base::kEndpointVariable + ", else " + base::kDefaultEndpoint + ")",
+                 endpoint);
+}
+
+void UseEndpoint(const std::string& endpoint) {
+  if (!endpoint.empty()) setenv(base::kEndpointVariable, endpoint.c_str(), 1);
 }
 
 void AddOutputOption(Command command, std::string* output,

@@ -1,4 +1,4 @@
-// Which records of which file: the options that several subcommands share.
+// Which records of which file, and which collector: the options that several subcommands share.
 
 #ifndef TOOLS_INSPECTOR_SELECTION_H_
 #define TOOLS_INSPECTOR_SELECTION_H_
@@ -15,6 +15,13 @@ namespace velmora::usage_stat::inspector {
 
 // Adds --database, which `path` then holds, or its default.
 void AddDatabaseOption(Command command, std::string* path);
+
+// Adds --endpoint, which is empty when nobody gives it.
+void AddEndpointOption(Command command, std::string* endpoint);
+
+// Leads everything that this process sends to `endpoint`; leaves things as they are when it is
+// empty.
+void UseEndpoint(const std::string& endpoint);
 
 // Adds -o with `formats`, of which the first is the default.
 void AddOutputOption(Command command, std::string* output, const std::vector<std::string>& formats);

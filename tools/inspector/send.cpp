@@ -8,7 +8,6 @@
 
 #include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
-#include "tools/inspector/endpoint.h"
 #include "tools/inspector/functions.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
