@@ -104,7 +104,9 @@ TEST(AllocationFaultTest, EveryAllocationOfEverySenderMayFail) {
           if (message.has_value()) {
             EXPECT_TRUE(IsTrue(message->substr(10), golden.payload)) << *message;
           }
-          if (result == 0) EXPECT_TRUE(message.has_value());
+          if (result == 0) {
+            EXPECT_TRUE(message.has_value());
+          }
           EXPECT_EQ(receiver.TryReceive(), std::nullopt);
         },
         &tallies);
@@ -131,7 +133,9 @@ TEST(AllocationFaultTest, TheOtherFunctionsToo) {
   const auto no_check = [](int) {};
   const auto arrived_once = [&receiver](int result) {
     const std::optional<std::string> message = receiver.TryReceive();
-    if (result == 0) EXPECT_TRUE(message.has_value());
+    if (result == 0) {
+      EXPECT_TRUE(message.has_value());
+    }
     EXPECT_EQ(receiver.TryReceive(), std::nullopt);
   };
   Tallies tallies;

@@ -234,7 +234,9 @@ TEST(Batch, IsReadWholeOrNotAtAll) {
       other[i] = static_cast<char>(static_cast<std::uint8_t>(other[i]) ^ change);
       const Decoded decoded = Decode(MessageAround(other));
       std::string again;
-      if (decoded.verdict == Verdict::kGood) EXPECT_EQ(Encode(decoded.batch, &again), "") << i;
+      if (decoded.verdict == Verdict::kGood) {
+        EXPECT_EQ(Encode(decoded.batch, &again), "") << i;
+      }
     }
   }
 }

@@ -57,7 +57,9 @@ TEST_F(ConsentCommandTest, WithoutConsentNothingIsWrittenAndNoSocketOpened) {
   usage_stat_test::WriteFile(config, "host=127.0.0.1\n");
   // As on a device, where root acts as the uplink's user: looking that user up may ask the
   // machine's own cache of names, which is nobody's business but the machine's.
-  if (geteuid() == 0) ASSERT_EQ(chown(folder_.path().c_str(), kUplinkUser, kUplinkUser), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(folder_.path().c_str(), kUplinkUser, kUplinkUser), 0);
+  }
   std::filesystem::permissions(beside.path(), std::filesystem::perms(0755));
   for (const std::vector<std::string>& command :
        std::vector<std::vector<std::string>>{{"status"},

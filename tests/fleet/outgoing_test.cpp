@@ -146,7 +146,9 @@ TEST_F(OutgoingTest, NoCanaryAndAtBasicNoTimeIsInABatchOfAllTypes) {
       EXPECT_TRUE(records::Read(datagram));
       EXPECT_EQ(datagram.find(kCanary), std::string::npos);
       EXPECT_EQ(datagram.find(number), std::string::npos);
-      if (level == Level::kBasic) EXPECT_EQ(record.timestamp_ms % kHour, 0);
+      if (level == Level::kBasic) {
+        EXPECT_EQ(record.timestamp_ms % kHour, 0);
+      }
     }
     EXPECT_EQ(decoded.batch.sent_ms, level == Level::kBasic ? kStart / kHour * kHour : kStart);
     ASSERT_EQ(decoded.batch.clock_steps.size(), 1U);

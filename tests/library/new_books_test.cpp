@@ -150,7 +150,9 @@ TEST_F(NewBooksTest, TheListOwnsItsRecords) {
 TEST_F(NewBooksTest, TheListTakes101BooksAndLosesNoneToAnException) {
   Recorded().books = {{"/x/a.epub", kBookA}, {"/x/nowhere", kNowhere}};
   for (int i = 0; i < 105; ++i) {
-    if (i == 50) EXPECT_THROW(StatUtils_AddNewBookToStatList("/x/nowhere"), std::logic_error);
+    if (i == 50) {
+      EXPECT_THROW(StatUtils_AddNewBookToStatList("/x/nowhere"), std::logic_error);
+    }
     StatUtils_AddNewBookToStatList("/x/a.epub");
     EXPECT_EQ(StatUtils_StatListSize(), std::min(i + 1, 101));
   }

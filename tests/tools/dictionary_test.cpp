@@ -48,8 +48,12 @@ TEST(Dictionary, SaysWhatIsSensitive) {
       // What is the application's own may be anything at all, and a letter means nothing else.
       const bool is_letter = field.column.size() == 1;
       EXPECT_EQ(is_letter, field.kind == Kind::kOwn);
-      if (is_letter) EXPECT_EQ(field.sensitivity, Sensitivity::kContent);
-      if (field.kind == Kind::kBookId) EXPECT_EQ(field.primitive, "Int32");
+      if (is_letter) {
+        EXPECT_EQ(field.sensitivity, Sensitivity::kContent);
+      }
+      if (field.kind == Kind::kBookId) {
+        EXPECT_EQ(field.primitive, "Int32");
+      }
     }
   }
   for (const char* bookless : {"GoToPageEvent", "GoToURLEvent", "StopTtsEvent"}) {

@@ -182,7 +182,9 @@ TEST_F(InspectorTest, QueriesTheDatabaseAndItsArchivesAsOne) {
     turn.a_ = 7;
     turn.d_ = i;
     ASSERT_OK(writer->Commit({{RowOf(turn, 10'000 + i)}, {}, {}, {}}));
-    if (i < 11) ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+    if (i < 11) {
+      ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+    }
   }
   const auto query = [this](const std::string& sql) {
     const ProgramResult result = UsageStat({"sql", sql, "-o", "csv"});

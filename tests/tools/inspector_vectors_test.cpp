@@ -67,7 +67,9 @@ TEST(Vectors, OddOnesReadAsTheyTellAndTheRefusedAreRefused) {
       EXPECT_EQ(Dump(ToJson(*record)), Dump(vector["record"])) << vector["about"];
       // Decoding byte by byte says the same of keys whose code is rebuilt.
       for (const TracedField& field : TraceFields(DatagramOf(vector)).fields) {
-        if (field.name == "mappings_0[1].kind") EXPECT_EQ(field.value, record->values[1][1][1]);
+        if (field.name == "mappings_0[1].kind") {
+          EXPECT_EQ(field.value, record->values[1][1][1]);
+        }
       }
     }
   }

@@ -62,9 +62,9 @@ int RunRecover(const Options& options, const std::string& file) {
   // A file that lost its end does not tell how far its numbers went.
   Print("{} recovered, {}{} could not be read\n", base::Plural(recovered.records, "record"),
         recovered.unreadable > 0 ? "at most " : "", recovered.unreadable);
-  if (recovered.passed_over > 0) {
-    Print("{} of numbers that are noted as deleted or erased stay so\n",
-          base::Plural(recovered.passed_over, "record"));
+  if (recovered.left_out > 0) {
+    Print("{} left out, whose numbers have a record already or were deleted\n",
+          base::Plural(recovered.left_out, "record"));
   }
   for (const store::Archive& archive : recovered.archives) {
     Print("  {} to {}: {}\n", archive.first_record, archive.last_record, Printable(archive.path));

@@ -189,26 +189,6 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   return {};
 }
 
-Status NoteReadable(Connection* connection, std::int64_t first, std::int64_t last) {
-  std::vector<std::pair<std::int64_t, std::int64_t>> runs;
-  Statement remove;
-  RETURN_IF_ERROR(
-      connection->Prepare(std::string("DELETE FROM missing WHERE ").append(kFromRunAt) +
-                              " AND first_record <= ?2 AND last_record >= ?1 AND reason = ?3 "
-                              "RETURNING first_record, last_record",
-                          &remove));
-  remove.Bind(1, first).Bind(2, last).Bind(3, NameOf(Absence::kUnreadable));
-  while (remove.Step()) {
-    if (remove.Int(0) < first) runs.emplace_back(remove.Int(0), first - 1);
-    if (remove.Int(1) > last) runs.emplace_back(last + 1, remove.Int(1));
-  }
-  RETURN_IF_ERROR(remove.status());
-  for (const auto& [run_first, run_last] : runs) {
-    RETURN_IF_ERROR(NoteRun(connection, run_first, run_last, Absence::kUnreadable));
-  }
-  return {};
-}
-
 Status MakeStoreId(std::string* id) {
   id->resize(kStoreIdSize);
   const auto size = static_cast<ssize_t>(id->size());

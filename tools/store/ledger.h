@@ -73,10 +73,6 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
 // before keep their reason.
 Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason);
 
-// Notes that the numbers `first` to `last`, should some have been noted as unreadable, have their
-// records after all.
-Status NoteReadable(Connection* connection, std::int64_t first, std::int64_t last);
-
 // A random id for a store.
 Status MakeStoreId(std::string* id);
 

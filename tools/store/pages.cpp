@@ -27,6 +27,8 @@ constexpr std::size_t kFrameHeadSize = 24;
 constexpr std::size_t kRoundSize = 8;  // of two random words that all frames of a round carry
 // Of ours, a table has at most 11 columns, and a row much less than this.
 constexpr std::size_t kMostColumns = 16;
+// What is behind this in a file, or said to be, is nobody's on a device.
+constexpr std::int64_t kLargestFile = std::int64_t{4} * 1024 * 1024 * 1024;
 constexpr std::uint64_t kLargestRow = std::uint64_t{4} * 1024 * 1024;
 
 std::uint32_t ByteAt(std::string_view bytes, std::size_t at) {
@@ -238,8 +240,7 @@ Status Pages::Open(const std::string& path, Pages* pages) {
   // Without its head, a file is taken for one of the present schema. None of ours keeps a part of
   // its pages for others.
   pages->page_size_ = pages->head_.page_size > 0 ? pages->head_.page_size : kPageSize;
-  pages->pages_ =
-      static_cast<std::uint32_t>(std::min<std::int64_t>(size / pages->page_size_, UINT32_MAX - 1));
+  pages->pages_ = static_cast<std::uint32_t>(std::min(size, kLargestFile) / pages->page_size_);
   pages->ReadLog(TargetOf(path) + "-wal");
   return {};
 }
@@ -247,8 +248,8 @@ Status Pages::Open(const std::string& path, Pages* pages) {
 std::int64_t Pages::bytes() const {
   const std::int64_t present =
       (std::int64_t{pages_} + static_cast<std::int64_t>(in_log_.size())) * page_size_;
-  constexpr std::uint64_t kMostBelieved = std::uint64_t{4} * 1024 * 1024 * 1024;
-  return std::max(present, static_cast<std::int64_t>(std::min(head_.bytes, kMostBelieved)));
+  constexpr auto kMost = static_cast<std::uint64_t>(kLargestFile);
+  return std::max(present, static_cast<std::int64_t>(std::min(head_.bytes, kMost)));
 }
 
 // A frame counts when it is of the log's present round and its own sum is right. SQLite ends at

@@ -83,7 +83,7 @@ class Numbers {
   bool Contains(std::int64_t number) const { return Overlaps(number, number); }
 
   bool empty() const { return runs_.empty(); }
-  std::int64_t lowest() const { return runs_.begin()->first; }
+  std::int64_t lowest() const { return runs_.empty() ? 1 : runs_.begin()->first; }
   std::int64_t highest() const { return runs_.empty() ? 0 : runs_.rbegin()->second; }
   // From the first number of each run to its last.
   const std::map<std::int64_t, std::int64_t>& runs() const { return runs_; }
@@ -112,6 +112,40 @@ Status AddNumbers(Connection* connection, std::int64_t first, std::int64_t last,
   select.Bind(1, first).Bind(2, last);
   while (select.Step()) numbers->Add(select.Int(0), select.Int(0));
   return select.status();
+}
+
+// Notes the numbers from `first` to `last` that are not `held`.
+Status NoteOthers(Connection* connection, const Numbers& held, std::int64_t first,
+                  std::int64_t last, Absence reason) {
+  return held.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
+    return NoteMissing(connection, from, to, reason);
+  });
+}
+
+// Of what is noted as unreadable takes back what is `held` after all.
+Status TakeBack(Connection* connection, const std::vector<Missing>& noted, const Numbers& held) {
+  for (const Missing& run : noted) {
+    if (run.reason != Absence::kUnreadable || !held.Overlaps(run.first_record, run.last_record)) {
+      continue;
+    }
+    RETURN_IF_ERROR(connection->Execute("DELETE FROM missing WHERE first_record = " +
+                                        std::to_string(run.first_record)));
+    RETURN_IF_ERROR(NoteOthers(connection, held, run.first_record, run.last_record, run.reason));
+  }
+  return {};
+}
+
+Status ReadNoted(const std::string& database_path, std::vector<Missing>* noted) {
+  std::unique_ptr<Reader> reader;
+  RETURN_IF_ERROR(Reader::Open(database_path, &reader));
+  return reader->ReadMissing(noted);
+}
+
+// Adds the numbers that are noted as deleted or erased.
+void AddGone(const std::vector<Missing>& noted, Numbers* gone) {
+  for (const Missing& run : noted) {
+    if (run.reason != Absence::kUnreadable) gone->Add(run.first_record, run.last_record);
+  }
 }
 
 // ---- What a damaged database still holds ----
@@ -186,11 +220,13 @@ struct Surroundings {
   }
 };
 
-// The fields of a row were made of its datagram: where they differ, one of the two is damaged. Only
-// a program that knows more or fewer fields of this event made other ones, or kept those by name
-// that the first schema had.
+// Whether a row's fields are those of its datagram. A program that knows more or fewer of this
+// event made other ones, or kept those by name that the first schema had.
 bool AgreeWith(std::string_view fields, const records::Json& values) {
-  if (fields == records::Dump(values)) return true;
+  const std::string known = records::Dump(values);
+  if (fields == known) return true;
+  // What is much longer is none of these, and could take any amount of memory.
+  if (fields.size() > 16 * known.size() + 1024) return false;
   const records::Json stored = records::Json::parse(fields, nullptr, false);
   return stored.is_object() || (stored.is_array() && stored.size() != values.size());
 }
@@ -207,21 +243,23 @@ bool ReadRecord(std::span<const Column> columns, const Events& events, RecordRow
   record->fields = columns[at + 1].bytes;
   record->raw = columns[at + 2].bytes;
   const auto decoded = records::Decode(record->raw);
-  if (const auto* known = std::get_if<records::Record>(&decoded)) {
-    record->type = known->type;
-    record->event = known->event;
-    if (!is_of_first_schema && !AgreeWith(record->fields, known->values)) return false;
-    record->fields = records::Dump(known->values);
-    return record->timestamp_ms == known->timestamp;
-  }
   if (is_of_first_schema) {
     record->type = static_cast<int>(columns[4].integer);
     record->event = columns[5].bytes;
   } else if (const auto event = events.find(columns[4].integer); event != events.end()) {
     std::tie(record->type, record->event) = event->second;
-  } else {
-    return false;  // nothing tells what it was
   }
+  if (const auto* known = std::get_if<records::Record>(&decoded)) {
+    // The rest of the row was made of the datagram: where they differ, one of the two is damaged.
+    if (record->timestamp_ms != known->timestamp) return false;
+    if (!record->event.empty() && record->event != known->event) return false;
+    if (!is_of_first_schema && !AgreeWith(record->fields, known->values)) return false;
+    record->type = known->type;
+    record->event = known->event;
+    record->fields = records::Dump(known->values);
+    return true;
+  }
+  if (record->event.empty()) return false;  // nothing tells what it was
   // A program that knows more may have kept it. What this one knows did read when it came.
   return !records::FindEvent(record->event) && base::IsUtf8(record->event) &&
          base::IsUtf8(record->fields) && records::Json::accept(record->fields);
@@ -229,7 +267,7 @@ bool ReadRecord(std::span<const Column> columns, const Events& events, RecordRow
 
 // Puts the records into a sound database, except for those whose numbers are in `gone`.
 Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone, Connection* sound,
-                   Numbers* saved, std::int64_t* passed_over) {
+                   Numbers* saved, std::int64_t* left_out) {
   RecordInserter inserter;
   Status failure;
   RETURN_IF_ERROR(inserter.Prepare(sound));
@@ -239,7 +277,7 @@ Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone
     if (number <= 0 || number > kLargestRecovered) return true;
     if (!ReadRecord(columns, events, &record)) return true;
     if (gone.Contains(number)) {
-      ++*passed_over;
+      ++*left_out;
       return true;
     }
     Status status = inserter.Insert(number, record);
@@ -304,38 +342,31 @@ Status TakeStores(Connection* connection, const std::vector<Store>& stores, std:
   return {};
 }
 
-// Notes the numbers from `first` to `last` that are not `held`.
-Status NoteOthers(Connection* connection, const Numbers& held, std::int64_t first,
-                  std::int64_t last, Absence reason) {
-  return held.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
-    return NoteMissing(connection, from, to, reason);
-  });
-}
-
-Status NoteAllReadable(Connection* connection, const Numbers& held) {
-  for (const auto& [first, last] : held.runs()) {
-    RETURN_IF_ERROR(NoteReadable(connection, first, last));
-  }
-  return {};
-}
-
-Status Adopt(Connection* connection, Reader* reader, Archive* archive) {
+Status Adopt(Connection* connection, const std::vector<Missing>& noted, Reader* reader,
+             Archive* archive) {
   std::vector<Store> stores;
   std::vector<Missing> missing;
   Numbers held;
+  Numbers gone;
   RETURN_IF_ERROR(reader->ReadStores(&stores));
   RETURN_IF_ERROR(reader->ReadMissing(&missing));
   RETURN_IF_ERROR(
       AddNumbers(&reader->connection(), archive->first_record, archive->last_record, &held));
+  AddGone(noted, &gone);
+  for (const auto& [first, last] : held.runs()) {
+    if (gone.Overlaps(first, last)) {
+      return Status::Failed("it holds records that are noted as deleted or erased");
+    }
+  }
   Transaction transaction(connection);
   RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(TakeBack(connection, noted, held));
   // Of other numbers it has nothing to tell.
   RETURN_IF_ERROR(TakeStores(connection, stores, archive->last_record));
   for (const Missing& run : missing) {
     RETURN_IF_ERROR(NoteOthers(connection, held, std::max(run.first_record, archive->first_record),
                                std::min(run.last_record, archive->last_record), run.reason));
   }
-  RETURN_IF_ERROR(NoteAllReadable(connection, held));
   RETURN_IF_ERROR(InsertArchive(connection, archive));
   return transaction.Commit();
 }
@@ -370,37 +401,6 @@ class Halfway {
   std::string path_;
 };
 
-// Numbers whose rows, should a broken page still have some, must not come back.
-Numbers FindGone(const Surroundings& surroundings, const std::vector<Missing>& noted) {
-  Numbers gone;
-  for (const std::vector<Missing>* missing : {&surroundings.missing, &noted}) {
-    for (const Missing& run : *missing) {
-      if (run.reason != Absence::kUnreadable) gone.Add(run.first_record, run.last_record);
-    }
-  }
-  for (const Archive& archive : surroundings.archives) {
-    if (archive.state != ArchiveState::kDeleted) continue;
-    gone.Add(archive.first_record, archive.last_record);
-  }
-  return gone;
-}
-
-// Whether the archive at `path` has each of the saved records in its range.
-Status HasAll(const std::string& path, const Archive& archive, Reader* saved, bool* has_all) {
-  std::unique_ptr<Reader> reader;
-  Statement find;
-  RETURN_IF_ERROR(Reader::Open(path, &reader));
-  RETURN_IF_ERROR(reader->connection().Prepare("SELECT raw FROM records WHERE id = ?", &find));
-  *has_all = true;
-  const auto compare = [&](const RecordRow& row) {
-    find.Reset();
-    *has_all = find.Bind(1, row.id).Step() && find.Text(0) == row.raw;
-    return *has_all;
-  };
-  return saved->ForEach({.after_id = archive.first_record - 1, .last_id = archive.last_record},
-                        compare);
-}
-
 // One damaged file on its way into the database.
 class Recovery {
  public:
@@ -411,17 +411,19 @@ class Recovery {
 
  private:
   Connection* database() { return &maintenance_.connection; }
-  Status AreThere() const {
-    return Status::Failed("records of the same numbers are there already: was " + file_ +
-                          " recovered before?");
+  Status AlreadyThere() const {
+    return Status::Failed("records of the same numbers are there already, or were deleted: was " +
+                          file_ + " recovered before?");
   }
 
   Status Save();
-  Status CheckArchives();
+  Numbers FindGone() const;
+  Status ReadRanges();
   Status NoteNumbers();
   Status NoteStores(std::int64_t last);
+  Status PutStore(std::int64_t first, std::int64_t last);
   Status NoteMissingNumbers(std::int64_t last, Numbers held);
-  Status FindHeld(std::int64_t last, Numbers* held);
+  Status AddLive(std::int64_t last, Numbers* held);
   std::int64_t FirstNumber(std::int64_t last) const;
   Status MakeArchives(const std::string& directory);
 
@@ -438,6 +440,7 @@ class Recovery {
   std::unique_ptr<Reader> rescued_;
   Numbers saved_;     // what it reads
   Numbers archived_;  // the ranges of archives
+  Numbers held_;      // of these, what is known to have records
 };
 
 Status Recovery::Save() {
@@ -452,8 +455,8 @@ Status Recovery::Save() {
   {
     Connection sound;
     RETURN_IF_ERROR(halfway_->Create(&sound));
-    RETURN_IF_ERROR(SaveRecords(pages_, surroundings_->events, FindGone(*surroundings_, noted_),
-                                &sound, &saved_, &recovered_->passed_over));
+    RETURN_IF_ERROR(SaveRecords(pages_, surroundings_->events, FindGone(), &sound, &saved_,
+                                &recovered_->left_out));
   }
   if (!head.is_ours && saved_.empty()) {
     return Status::Failed(file_ + " is not a database of usage-stat, or nothing of it is left");
@@ -461,18 +464,45 @@ Status Recovery::Save() {
   return Reader::Open(halfway_->path(), &rescued_);
 }
 
-// An archive may hold what was saved: a recovery that was interrupted made it, or a page that was
-// lost told that its records had moved there. Anything else of the same numbers is another's.
-Status Recovery::CheckArchives() {
-  for (const Archive& archive : listed_) {
-    archived_.Add(archive.first_record, archive.last_record);
-    if (!saved_.Overlaps(archive.first_record, archive.last_record)) continue;
-    const std::string path = LocateArchive(database_path_, archive);
-    bool has_all = false;
-    Status status = HasAll(path, archive, rescued_.get(), &has_all);
-    if (!status.ok()) return Status::Failed(path + ": " + status.message);
-    if (!has_all) return AreThere();
+// Numbers whose rows, should a broken page still have some, must not come back.
+Numbers Recovery::FindGone() const {
+  Numbers gone;
+  AddGone(noted_, &gone);
+  AddGone(surroundings_->missing, &gone);
+  for (const Archive& archive : surroundings_->archives) {
+    if (archive.state != ArchiveState::kDeleted) continue;
+    gone.Add(archive.first_record, archive.last_record);
   }
+  return gone;
+}
+
+// Finds where archives are. What was saved of their numbers they have already: a recovery that was
+// interrupted made them, or a broken page told a number that is not its row's. That is left out.
+Status Recovery::ReadRanges() {
+  Numbers told;
+  for (const Missing& run : surroundings_->missing) told.Add(run.first_record, run.last_record);
+  for (const Archive& archive : listed_) {
+    const std::int64_t first = archive.first_record;
+    const std::int64_t last = archive.last_record;
+    archived_.Add(first, last);
+    std::unique_ptr<Reader> reader;
+    const bool has_gaps = archive.records < last - first + 1 && told.Overlaps(first, last);
+    if (has_gaps && Reader::Open(LocateArchive(database_path_, archive), &reader).ok()) {
+      RETURN_IF_ERROR(AddNumbers(&reader->connection(), first, last, &held_));
+    } else {
+      held_.Add(first, last);
+    }
+  }
+  Numbers rest;
+  for (const auto& [first, last] : saved_.runs()) {
+    recovered_->left_out += last - first + 1;
+    RETURN_IF_ERROR(archived_.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
+      rest.Add(from, to);
+      recovered_->left_out -= to - from + 1;
+      return Status();
+    }));
+  }
+  saved_ = std::move(rest);
   // Those that only the file tells of may come back.
   for (const Archive& archive : surroundings_->archives) {
     const bool is_held = archive.state == ArchiveState::kComplete &&
@@ -495,32 +525,21 @@ Status Recovery::NoteNumbers() {
                                        std::to_string(saved_.highest()),
                                    &above));
   last = std::min(last, above - 1);
-  Numbers held = saved_;
-  RETURN_IF_ERROR(FindHeld(last, &held));
+  Numbers held = held_;
+  for (const auto& [from, to] : saved_.runs()) held.Add(from, to);
+  RETURN_IF_ERROR(AddLive(last, &held));
   RETURN_IF_ERROR(NoteStores(last));
   RETURN_IF_ERROR(NoteMissingNumbers(last, std::move(held)));
   return transaction.Commit();
 }
 
-// Adds the numbers that have records, in the database and its archives.
-Status Recovery::FindHeld(std::int64_t last, Numbers* held) {
+// Adds the numbers that the database itself has records of.
+Status Recovery::AddLive(std::int64_t last, Numbers* held) {
   Numbers live;
   RETURN_IF_ERROR(AddNumbers(database(), 1, last, &live));
   for (const auto& [from, to] : live.runs()) {
-    if (!saved_.empty() && to >= saved_.lowest() && from <= saved_.highest()) return AreThere();
+    if (to >= saved_.lowest() && from <= saved_.highest()) return AlreadyThere();
     held->Add(from, to);
-  }
-  Numbers told;
-  for (const Missing& run : surroundings_->missing) told.Add(run.first_record, run.last_record);
-  for (const Archive& archive : listed_) {
-    if (archive.records == archive.last_record - archive.first_record + 1) {
-      held->Add(archive.first_record, archive.last_record);
-    } else if (told.Overlaps(archive.first_record, archive.last_record)) {
-      std::unique_ptr<Reader> reader;
-      if (!Reader::Open(LocateArchive(database_path_, archive), &reader).ok()) continue;
-      RETURN_IF_ERROR(
-          AddNumbers(&reader->connection(), archive.first_record, archive.last_record, held));
-    }
   }
   return {};
 }
@@ -530,25 +549,31 @@ Status Recovery::NoteStores(std::int64_t last) {
   RETURN_IF_ERROR(NextRecord(database(), &next));
   if (next <= last) RETURN_IF_ERROR(BeginStore(database(), last + 1));
   RETURN_IF_ERROR(TakeStores(database(), surroundings_->stores, last));
-  if (saved_.empty()) return {};
-  // The store that the first of the records belongs to, whatever the database has before it.
-  Store store{"", saved_.lowest()};
+  return archived_.ForEachOther(
+      saved_.lowest(), saved_.highest(),
+      [&](std::int64_t first, std::int64_t) { return PutStore(first, last); });
+}
+
+// Has number `first` belong to the file's store, whatever the database has in front of it.
+Status Recovery::PutStore(std::int64_t first, std::int64_t last) {
+  Store store{"", first};
   for (const Store& each : surroundings_->stores) {
-    if (each.first_record <= store.first_record) store.id = each.id;
+    if (each.first_record <= first) store.id = each.id;
   }
+  if (store.id.empty() && first > saved_.lowest()) return {};
   if (store.id.empty()) RETURN_IF_ERROR(MakeStoreId(&store.id));
   std::string present;
   Statement find;
   RETURN_IF_ERROR(database()->Prepare(
       "SELECT store_id FROM stores WHERE first_record <= ? ORDER BY first_record DESC LIMIT 1",
       &find));
-  if (find.Bind(1, store.first_record).Step()) present = find.Text(0);
+  if (find.Bind(1, first).Step()) present = find.Text(0);
   RETURN_IF_ERROR(find.status());
   return present == store.id ? Status() : TakeStores(database(), {store}, last);
 }
 
 Status Recovery::NoteMissingNumbers(std::int64_t last, Numbers held) {
-  RETURN_IF_ERROR(NoteAllReadable(database(), saved_));
+  RETURN_IF_ERROR(TakeBack(database(), noted_, saved_));
   for (const Missing& run : surroundings_->missing) {
     RETURN_IF_ERROR(NoteOthers(database(), held, run.first_record, std::min(run.last_record, last),
                                run.reason));
@@ -580,8 +605,7 @@ std::int64_t Recovery::FirstNumber(std::int64_t last) const {
 Status Recovery::MakeArchives(const std::string& directory) {
   // None reaches over another, whose records would be passed over.
   return archived_.ForEachOther(
-      saved_.empty() ? 1 : saved_.lowest(), saved_.highest(),
-      [&](std::int64_t first, std::int64_t last) -> Status {
+      saved_.lowest(), saved_.highest(), [&](std::int64_t first, std::int64_t last) -> Status {
         if (!saved_.Overlaps(first, last)) return {};
         for (std::int64_t after = first - 1; after < last;) {
           Archive archive;
@@ -599,19 +623,16 @@ Status Recovery::MakeArchives(const std::string& directory) {
 }
 
 Status Recovery::Run(const std::string& directory) {
-  std::unique_ptr<Reader> present;
   RETURN_IF_ERROR(Maintenance::Open(database_path_, &maintenance_));
   RETURN_IF_ERROR(FinishArchives(&maintenance_));
   RETURN_IF_ERROR(ReadArchives(database(), ArchiveState::kComplete, &listed_));
-  RETURN_IF_ERROR(Reader::Open(database_path_, &present));
-  RETURN_IF_ERROR(present->ReadMissing(&noted_));
-  present.reset();
+  RETURN_IF_ERROR(ReadNoted(database_path_, &noted_));
   RETURN_IF_ERROR(Save());
-  RETURN_IF_ERROR(CheckArchives());
+  RETURN_IF_ERROR(ReadRanges());
   RETURN_IF_ERROR(NoteNumbers());
   RETURN_IF_ERROR(MakeArchives(directory));
   const bool is_new = recovered_->records > 0 || recovered_->unreadable > 0;
-  return saved_.empty() || is_new ? Status() : AreThere();
+  return is_new || recovered_->left_out == 0 ? Status() : AlreadyThere();
 }
 
 }  // namespace
@@ -651,7 +672,9 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
   Maintenance maintenance;
   RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
   std::vector<Archive> known;
+  std::vector<Missing> noted;
   RETURN_IF_ERROR(ReadArchives(&maintenance.connection, kSchemaVersion, &known));
+  RETURN_IF_ERROR(ReadNoted(database_path, &noted));
   std::set<std::string> names;
   for (const Archive& archive : known) names.insert(fs::path(archive.path).filename());
   for (const std::string& path : FilesIn(directory)) {
@@ -666,7 +689,7 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
     if (status.ok() && std::ranges::any_of(known, overlaps)) {
       status = Status::Failed("another archive holds records of the same numbers");
     }
-    if (status.ok()) status = Adopt(&maintenance.connection, reader.get(), &archive);
+    if (status.ok()) status = Adopt(&maintenance.connection, noted, reader.get(), &archive);
     if (status.ok()) {
       known.push_back(archive);
       adopted->push_back(path);

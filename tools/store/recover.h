@@ -18,7 +18,7 @@ namespace velmora::usage_stat::store {
 std::int64_t LargestKnownNumber(const std::string& path, const std::string& directory);
 
 // Whether the file at `path` has a record of ours on its pages, whatever its head says. Looks at
-// the first 64 MiB.
+// its first 64 MiB and at its log.
 bool HoldsRecords(const std::string& path);
 
 // Lists the archives in `directory` that the database does not list, with the stores of what they
@@ -31,8 +31,9 @@ struct Recovered {
   // Numbers that were noted now as those of records that could not be read; where nothing tells how
   // many were given, the most that it can be.
   std::int64_t unreadable = 0;
-  // Records of numbers that are noted as deleted or erased: these stay so.
-  std::int64_t passed_over = 0;
+  // Records that were left out: their numbers are noted as deleted or erased, or an archive has
+  // them already.
+  std::int64_t left_out = 0;
   std::vector<Archive> archives;
 };
 
