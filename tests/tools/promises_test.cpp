@@ -997,6 +997,16 @@ TEST_F(PromisesTest, ARecoveredNumberHasOneRecordOrOneReason) {
                                    " UNION ALL SELECT count(*) FROM change_page"),
               "1 100");
   }
+  // Nor does anybody walk through a broken tree for ever.
+  store::Connection connection;
+  std::int64_t count = 0;
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kRescue, &connection));
+  EXPECT_FALSE(connection
+                   .Read("WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n) "
+                         "SELECT count(*) FROM n",
+                         &count)
+                   .ok());
+  connection = store::Connection();
   // The log of a file behind a link.
   const std::string link = folder_ / "link";
   const std::string copy = folder_ / "records.db.damaged-1";

@@ -62,7 +62,8 @@ class Statement {
 // One connection to a database. For one thread at a time.
 class Connection {
  public:
-  // kRescue reads what it can of a file that is shorter than it says.
+  // kRescue reads what it can of a file that is shorter than it says, and gives up where a broken
+  // tree would never end.
   enum class Mode { kRead, kRescue, kWrite, kCreate };
 
   // A connection that waits a second for other writers before it gives up.
