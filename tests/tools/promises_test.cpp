@@ -980,6 +980,10 @@ TEST_F(PromisesTest, ARecoveredNumberHasOneRecordOrOneReason) {
     BeginAnew(database);
     ExpectOneOfEach(database);
     EXPECT_GE(RecordsIn(database, last).size() + c.gone % 40, sound.size());
+    Answer(database, "DELETE FROM archives; DELETE FROM missing; INSERT INTO missing VALUES(1, " +
+                         std::to_string(last) + ", 'unreadable')");
+    BeginAnew(database);
+    ExpectOneOfEach(database);
   }
 
   // Beside a database that began anew by itself, and one with numbers among these.

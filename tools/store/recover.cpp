@@ -38,6 +38,8 @@ namespace fs = std::filesystem;
 // the numbers of a new database are behind.
 constexpr std::int64_t kLargestClaim = kLargestNumber / 2;
 constexpr std::int64_t kLargestRecovered = kLargestNumber / 4 * 3;
+bool IsClaim(std::int64_t number) { return number > 0 && number <= kLargestClaim; }
+bool IsNumber(std::int64_t number) { return number > 0 && number <= kLargestRecovered; }
 
 std::vector<std::string> FilesIn(const std::string& folder) {
   std::vector<std::string> files;
@@ -56,7 +58,7 @@ std::int64_t LastNumberInName(const std::string& path) {
   if (!path.ends_with(kEnding)) return 0;
   const std::string_view stem = std::string_view(path).substr(0, path.size() - kEnding.size());
   const auto number = base::ParseWhole<std::int64_t>(stem.substr(stem.rfind('-') + 1));
-  return number && *number <= kLargestClaim ? *number : 0;
+  return number && IsClaim(*number) ? *number : 0;
 }
 
 // A set of numbers of records.
@@ -164,8 +166,6 @@ std::string ShapeOf(std::span<const Column> columns) {
   return shape;
 }
 
-bool IsClaim(std::int64_t number) { return number > 0 && number <= kLargestClaim; }
-
 using Events = std::map<std::int64_t, std::pair<int, std::string>>;
 
 // What tells about the records.
@@ -179,7 +179,7 @@ struct Surroundings {
 
   explicit Surroundings(const Pages& pages) {
     const auto take = [this](std::int64_t number, std::span<const Column> columns) {
-      if (number > 0 && number <= kLargestRecovered) Take(number, columns);
+      if (IsNumber(number)) Take(number, columns);
       return true;
     };
     unread = pages.bytes() - pages.ForEachRow(take);
@@ -274,7 +274,7 @@ Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone
   RETURN_IF_ERROR(sound->Execute("BEGIN"));
   pages.ForEachRow([&](std::int64_t number, std::span<const Column> columns) {
     RecordRow record;
-    if (number <= 0 || number > kLargestRecovered) return true;
+    if (!IsNumber(number)) return true;
     if (!ReadRecord(columns, events, &record)) return true;
     if (gone.Contains(number)) {
       ++*left_out;
@@ -342,16 +342,18 @@ Status TakeStores(Connection* connection, const std::vector<Store>& stores, std:
   return {};
 }
 
-Status Adopt(Connection* connection, const std::vector<Missing>& noted, Reader* reader,
-             Archive* archive) {
+Status Adopt(Maintenance* maintenance, Reader* reader, Archive* archive) {
+  Connection* const connection = &maintenance->connection;
   std::vector<Store> stores;
   std::vector<Missing> missing;
+  std::vector<Missing> noted;  // the one before may have changed it
   Numbers held;
   Numbers gone;
   RETURN_IF_ERROR(reader->ReadStores(&stores));
   RETURN_IF_ERROR(reader->ReadMissing(&missing));
   RETURN_IF_ERROR(
       AddNumbers(&reader->connection(), archive->first_record, archive->last_record, &held));
+  RETURN_IF_ERROR(ReadNoted(maintenance->path, &noted));
   AddGone(noted, &gone);
   for (const auto& [first, last] : held.runs()) {
     if (gone.Overlaps(first, last)) {
@@ -672,9 +674,7 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
   Maintenance maintenance;
   RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
   std::vector<Archive> known;
-  std::vector<Missing> noted;
   RETURN_IF_ERROR(ReadArchives(&maintenance.connection, kSchemaVersion, &known));
-  RETURN_IF_ERROR(ReadNoted(database_path, &noted));
   std::set<std::string> names;
   for (const Archive& archive : known) names.insert(fs::path(archive.path).filename());
   for (const std::string& path : FilesIn(directory)) {
@@ -689,7 +689,7 @@ Status AdoptArchives(const std::string& database_path, const std::string& direct
     if (status.ok() && std::ranges::any_of(known, overlaps)) {
       status = Status::Failed("another archive holds records of the same numbers");
     }
-    if (status.ok()) status = Adopt(&maintenance.connection, noted, reader.get(), &archive);
+    if (status.ok()) status = Adopt(&maintenance, reader.get(), &archive);
     if (status.ok()) {
       known.push_back(archive);
       adopted->push_back(path);
