@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "collector_process.h"
 #include "src/events/new_books_events.h"
@@ -34,6 +35,7 @@
 
 namespace {
 std::time_t g_clock_is_ahead = 0;  // seconds
+std::time_t g_time_passed = 0;     // seconds, which the clock has gone along with
 }  // namespace
 
 // Stands before the C library's.
@@ -41,6 +43,7 @@ extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t cl
                                                                     timespec* now) noexcept {
   const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   if (clock == CLOCK_REALTIME) now->tv_sec += g_clock_is_ahead;
+  if (clock == CLOCK_REALTIME || clock == CLOCK_BOOTTIME) now->tv_sec += g_time_passed;
   return result;
 }
 
@@ -1094,45 +1097,197 @@ TEST_F(PromisesTest, EachStepOfTheClockIsNotedWhereItFell) {
   EXPECT_EQ(told, "4: -3630; 6: 3600; 7: 600; ");
 }
 
+// What happens on a day, counted from now, while the clock is wrong by so many days.
+struct Moment {
+  // What is received is committed with whatever happens next.
+  enum What { kReceived, kRecord, kUndecodable, kArchive, kNextRun, kNextBoot } what;
+  std::string name;
+  double day;
+  double wrong_by = 0;
+};
+
 TEST_F(PromisesTest, AWrongClockDeletesNothing) {
-  constexpr std::int64_t kDay = 24LL * 60 * 60 * 1000;
-  const std::int64_t now = base::NowMs();
-  auto writer = OpenWriter();
-  const auto keep = [&](const std::string& event, std::int64_t received_ms) {
-    store::RecordRow row = Row(event, received_ms);
-    row.received_ms = received_ms;
+  constexpr store::Retention kRetention{.keep_days = 400, .max_bytes = 0};
+  using enum Moment::What;
+  const struct {
+    const char* what;
+    std::vector<Moment> moments;
+    const char* left;  // records with z, which came lately; then what is undecodable
+  } rows[] = {
+      {"always right",
+       {{kRecord, "a", -600},
+        {kArchive, "", -550},
+        {kRecord, "b", -401},
+        {kUndecodable, "p", -401},
+        {kNextBoot, "", -400},
+        {kUndecodable, "q", -399},
+        {kRecord, "c", -399}},
+       "czq"},
+      {"always right, in archives",
+       {{kRecord, "a", -600},
+        {kArchive, "", -401},
+        {kRecord, "b", -401},
+        {kArchive, "", -399},
+        {kRecord, "c", -399}},
+       "bcz"},
+      {"far ahead, then in 1970",
+       {{kRecord, "a", -300, 5000},
+        {kUndecodable, "p", -300, 5000},
+        {kNextBoot, "", -299, -20'000},
+        {kRecord, "b", -299, -20'000},
+        {kNextBoot, "", -298},
+        {kRecord, "c", -298}},
+       "abczp"},
+      {"the firmware's year in a boot of its own",
+       {{kRecord, "a", -900},
+        {kRecord, "b", -310},
+        {kNextBoot, "", -300, -200},
+        {kRecord, "c", -300, -200},
+        {kUndecodable, "p", -300, -200},
+        {kNextBoot, "", -299},
+        {kRecord, "d", -299}},
+       "bcdzp"},
+      {"set back, then another boot",
+       {{kRecord, "a", -900},
+        {kRecord, "b", -350},
+        {kUndecodable, "p", -350},
+        {kRecord, "c", -349, -200},
+        {kUndecodable, "q", -349, -200},
+        {kNextBoot, "", -340},
+        {kRecord, "d", -340}},
+       "abcdzpq"},
+      {"set during a run",
+       {{kRecord, "a", -300, -800}, {kUndecodable, "p", -300, -800}, {kRecord, "b", -299}},
+       "abzp"},
+      {"set between two runs",
+       {{kRecord, "a", -300, -800},
+        {kNextRun, "", -300, -800},
+        {kRecord, "b", -300, -800},
+        {kUndecodable, "p", -300, -800},
+        {kNextRun, "", -299},
+        {kRecord, "c", -299}},
+       "abczp"},
+      {"set after an archive was made",
+       {{kRecord, "a", -300, -800}, {kArchive, "", -300, -800}, {kRecord, "b", -299}},
+       "abz"},
+      {"set between receiving and keeping",
+       {{kReceived, "a", -300, -800}, {kRecord, "b", -300}},
+       "abz"},
+      {"the firmware's year after all that went",
+       {{kRecord, "a", -450},
+        {kNextBoot, "", -300, -800},
+        {kRecord, "b", -300, -800},
+        {kNextBoot, "", -299},
+        {kRecord, "c", -299}},
+       "bcz"},
+      {"an archive in a boot with the firmware's year",
+       {{kRecord, "a", -900},
+        {kRecord, "b", -350},
+        {kArchive, "", -350},
+        {kNextBoot, "", -300, -200},
+        {kRecord, "c", -300, -200},
+        {kArchive, "", -300, -200},
+        {kRecord, "d", -300, -200},
+        {kNextBoot, "", -299},
+        {kRecord, "e", -299}},
+       "abcdez"},
+      {"an archive of two boots",
+       {{kRecord, "a", -900},
+        {kRecord, "b", -350},
+        {kNextBoot, "", -300, -200},
+        {kRecord, "c", -300, -200},
+        {kArchive, "", -300, -200},
+        {kNextBoot, "", -299},
+        {kRecord, "d", -299}},
+       "abcdz"},
+      {"by hours, and set",
+       {{kRecord, "a", -401, 0.5},
+        {kRecord, "b", -400.9},
+        {kRecord, "c", -400.5, 0.9},
+        {kRecord, "d", -400.2}},
+       "cz"},
+      {"by hours when an archive was made",
+       {{kRecord, "a", -401}, {kArchive, "", -400.5, 0.9}, {kRecord, "b", -400.2}},
+       "az"},
+      // What came before something that is surely too old is so, too.
+      {"ages ago",
+       {{kRecord, "a", -900, -800},
+        {kArchive, "", -900, -800},
+        {kNextBoot, "", -800, -800},
+        {kRecord, "b", -800, -800},
+        {kNextBoot, "", -700, 5000},
+        {kRecord, "c", -700, 5000},
+        {kUndecodable, "p", -700, 5000},
+        {kNextBoot, "", -650, 100},
+        {kRecord, "d", -650, 100},
+        {kNextBoot, "", -600},
+        {kRecord, "e", -600},
+        {kRecord, "f", -410}},
+       "z"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    database_ = folder_ / std::to_string(&row - rows) + "/records.db";
+    std::unique_ptr<store::Writer> writer;
     store::Batch batch;
-    batch.records = {row};
-    ASSERT_OK(writer->Commit(batch));
-  };
-  const auto left = [&] {
-    std::unique_ptr<store::Reader> reader;
-    EXPECT_OK(store::Reader::Open(database_, &reader));
-    std::vector<std::string> events = Read(*reader);
-    std::erase_if(events, [](const std::string& event) { return event.ends_with("Event"); });
-    return events;
-  };
-  keep("future", now + 5000 * kDay);
-  keep("1970", 1000);
-  keep("old", now - 500 * kDay);
-  keep("young", now - 100 * kDay);
-  // Nothing was received lately by this clock: it may be wrong.
-  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
-  EXPECT_EQ(left(), (std::vector<std::string>{"future", "1970", "old", "young"}));
-  keep("yesterday", now - 2 * kDay);
-  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
-  EXPECT_EQ(left(), (std::vector<std::string>{"future", "1970", "young", "yesterday"}));
-  EXPECT_EQ(Number("SELECT count(*) FROM missing WHERE first_record = 4 AND last_record = 4"), 1);
-  // What a run received before its clock was set may be young.
-  writer.reset();
-  writer = OpenWriter();
-  keep("doubtful", now - 500 * kDay);
-  g_clock_is_ahead = 3600;
-  keep("set", now);
-  g_clock_is_ahead = 0;
-  ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 400, .max_bytes = 0}));
-  EXPECT_EQ(left(),
-            (std::vector<std::string>{"future", "1970", "young", "yesterday", "doubtful", "set"}));
+    const auto happens = [&](const Moment& moment) {
+      constexpr double kDay = 24 * 60 * 60;
+      g_time_passed = std::lround(moment.day * kDay);
+      g_clock_is_ahead = std::lround(moment.wrong_by * kDay);
+      if (moment.what == kNextRun || moment.what == kNextBoot) {
+        ASSERT_OK(writer->Finish());
+        writer.reset();
+      }
+      // What was this boot is another one from then on.
+      if (moment.what == kNextBoot) Answer(database_, "UPDATE runs SET boot = boot || '-'");
+      if (!writer) writer = OpenWriter();
+      std::vector<store::Archive> archives;
+      store::QuarantineRow undecodable;
+      undecodable.received_ms = base::NowMs();
+      undecodable.kind = moment.name;
+      switch (moment.what) {
+        case kReceived:
+          return batch.records.push_back(Row(moment.name, base::NowMs()));
+        case kRecord:
+          batch.records.push_back(Row(moment.name, base::NowMs()));
+          break;
+        case kUndecodable:
+          batch.quarantine.push_back(undecodable);
+          break;
+        case kArchive:
+          ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+          break;
+        case kNextRun:
+        case kNextBoot:
+          break;
+      }
+      ASSERT_OK(writer->Commit(std::exchange(batch, {})));
+    };
+    const auto left = [&] {
+      g_time_passed = g_clock_is_ahead = 0;
+      EXPECT_OK(store::ApplyRetention(database_, kRetention));
+      ExpectBalance();
+      std::unique_ptr<store::History> history;
+      EXPECT_OK(store::History::Open(database_, &history));
+      std::string names;
+      for (const std::string& event : Read(*history)) {
+        if (!event.ends_with("Event")) names += event;
+      }
+      return names +
+             Answer(database_, "SELECT coalesce(group_concat(kind, ''), '') FROM quarantine");
+    };
+    std::string records;
+    std::string undecodable;
+    for (const Moment& moment : row.moments) {
+      (moment.what == kUndecodable ? undecodable : records) += moment.name;
+      happens(moment);
+    }
+    // Nothing was received lately by this clock: it may be wrong.
+    EXPECT_EQ(left(), records + undecodable);
+    happens({kRecord, "z", -2});
+    EXPECT_EQ(left(), row.left);
+    EXPECT_EQ(left(), row.left) << "when what told of the clock is gone";
+  }
 }
 
 // ---- Whom root trusts ----

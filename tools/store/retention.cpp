@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -15,6 +17,9 @@ namespace velmora::usage_stat::store {
 
 namespace {
 
+// Rows are looked at and deleted in pieces, so that neither memory nor a transaction grows with the
+// database.
+constexpr std::int64_t kRowsInPiece = 1000;
 constexpr std::int64_t kRowsAtOnce = 100;
 constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
 
@@ -26,6 +31,84 @@ constexpr std::int64_t kEarliestMs = 1'577'836'800'000;  // 2020
 struct Span {
   std::int64_t first = 0;
   std::int64_t last = 0;
+};
+
+// What the clock has shown in the course of the numbers, and so which times can be believed.
+class ClockHistory {
+ public:
+  Status Read(Connection* connection, std::int64_t now_ms);
+
+  // Whether what came with `record` can have come at `time_ms`, as far as is known. `latest_ms`
+  // is the latest time among those asked about before, in the order of their numbers; at first 0.
+  bool Believes(std::int64_t record, std::int64_t time_ms, std::int64_t* latest_ms) const;
+
+ private:
+  // From this number on it was this time, or later.
+  struct Mark {
+    std::int64_t record = 0;
+    std::int64_t time_ms = 0;
+  };
+
+  std::int64_t now_ms_ = 0;
+  std::vector<Mark> marks_;
+  std::vector<Span> before_it_was_set_;
+};
+
+// Runs, archives and steps are few beside the records, and stay when those are deleted. Of an
+// archive it counts when what is in it was sent: one that was recovered was made after what follows
+// it. Runs of the first schema have no boot, and no place among the numbers.
+Status ClockHistory::Read(Connection* connection, std::int64_t now_ms) {
+  constexpr std::int64_t kApartMs = kDayMs / 4;  // so that many short runs are few marks
+  now_ms_ = now_ms;
+  Statement select;
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT record, time_ms FROM ("
+      "SELECT first_record AS record, started_ms AS time_ms FROM runs WHERE boot <> '' "
+      "UNION ALL SELECT first_record, (SELECT received_ms FROM records WHERE id < first_record "
+      "ORDER BY id DESC LIMIT 1) FROM runs WHERE boot <> '' "
+      "UNION ALL SELECT last_record, last_timestamp_ms FROM archives "
+      "UNION ALL SELECT record, wall_ms FROM clock_steps) "
+      "WHERE time_ms BETWEEN ? AND ? ORDER BY record",
+      &select));
+  select.Bind(1, kEarliestMs).Bind(2, now_ms);
+  while (select.Step()) {
+    if (marks_.empty() || select.Int(1) >= marks_.back().time_ms + kApartMs) {
+      marks_.push_back({select.Int(0), select.Int(1)});
+    }
+  }
+  RETURN_IF_ERROR(select.status());
+  // A step is found out by the next record, or by the next run of the same boot.
+  RETURN_IF_ERROR(connection->Prepare(
+      "SELECT coalesce((SELECT min(first_record) FROM runs WHERE boot = (SELECT boot FROM runs "
+      "WHERE first_record < record ORDER BY id DESC LIMIT 1)), 0), record - 1 FROM clock_steps "
+      "WHERE abs(step_ms) > ?",
+      &select));
+  select.Bind(1, kDayMs);
+  while (select.Step()) before_it_was_set_.push_back({select.Int(0), select.Int(1)});
+  return select.status();
+}
+
+// Times of the future tell nothing about what came after them: the clock was ahead, and then right.
+// A day is no reason for doubt: clocks are set by minutes, time zones by hours.
+bool ClockHistory::Believes(std::int64_t record, std::int64_t time_ms,
+                            std::int64_t* latest_ms) const {
+  const auto behind = std::ranges::upper_bound(marks_, record, {}, &Mark::record);
+  if (behind != marks_.begin()) *latest_ms = std::max(*latest_ms, std::prev(behind)->time_ms);
+  if (time_ms < kEarliestMs || time_ms > now_ms_) return false;
+  const bool is_in_order = time_ms >= *latest_ms - kDayMs;
+  *latest_ms = std::max(*latest_ms, time_ms);
+  return is_in_order && std::ranges::none_of(before_it_was_set_, [record](const Span& span) {
+           return record >= span.first && record <= span.last;
+         });
+}
+
+// What is too old.
+struct Age {
+  ClockHistory clock;
+  std::int64_t before_ms = 0;
+  std::int64_t now_ms = 0;
+
+  bool IsYoung(std::int64_t time_ms) const { return time_ms >= before_ms && time_ms <= now_ms; }
 };
 
 class Retainer {
@@ -43,9 +126,9 @@ class Retainer {
   Connection& connection() { return maintenance_->connection; }
 
   Status IsClockPlausible(std::int64_t now_ms, bool* is_plausible);
-  Status ReadDoubtful(std::vector<Span>* doubtful);
-  Status DeleteOldRecords(std::int64_t before_ms);
-  Status DeleteOldQuarantine(std::int64_t before_ms);
+  Status FindLastOld(const std::string& sql, const Age& age, std::int64_t* last);
+  Status DeleteOldRecords(const Age& age, std::int64_t last);
+  Status DeleteOldQuarantine(const Age& age, std::int64_t last_record);
   Status DeleteSpans(const std::vector<Span>& spans, std::string_view reason);
   Status DeleteQuarantine(const std::string& condition, std::string_view reason,
                           std::int64_t* deleted);
@@ -127,39 +210,41 @@ Status Retainer::IsClockPlausible(std::int64_t now_ms, bool* is_plausible) {
   return {};
 }
 
-// What came before the clock was set, since its collector was started, has a wrong time.
-Status Retainer::ReadDoubtful(std::vector<Span>* doubtful) {
-  Statement select;
-  RETURN_IF_ERROR(connection().Prepare(
-      "SELECT coalesce((SELECT max(first_record) FROM runs WHERE first_record <= record), 0), "
-      "record - 1 FROM clock_steps",
-      &select));
-  while (select.Step()) doubtful->push_back({select.Int(0), select.Int(1)});
-  return select.status();
+// The last row of `sql`, which tells rows' ids, times and the numbers that they came with, in
+// pieces, of which it can be believed that it is too old. Rows are in order: whatever is in front
+// of that one is too old as well, though its time may tell nothing. So what came while the clock
+// was wrong goes when something goes that came later.
+Status Retainer::FindLastOld(const std::string& sql, const Age& age, std::int64_t* last) {
+  std::int64_t latest_ms = 0;
+  std::int64_t after = 0;
+  *last = 0;
+  for (std::int64_t rows = kRowsInPiece; rows == kRowsInPiece;) {
+    Statement select;
+    RETURN_IF_ERROR(connection().Prepare(sql, &select));
+    select.Bind(1, after).Bind(2, kRowsInPiece);
+    for (rows = 0; select.Step(); ++rows) {
+      after = select.Int(0);
+      const std::int64_t time_ms = select.Int(1);
+      const bool is_believed = age.clock.Believes(select.Int(2), time_ms, &latest_ms);
+      if (is_believed && time_ms < age.before_ms) *last = after;
+    }
+    RETURN_IF_ERROR(select.status());
+  }
+  return {};
 }
 
-Status Retainer::DeleteOldRecords(std::int64_t before_ms) {
-  constexpr std::int64_t kRowsInPiece = 1000;
-  std::vector<Span> doubtful;
-  RETURN_IF_ERROR(ReadDoubtful(&doubtful));
-  const auto is_doubtful = [&doubtful](std::int64_t id) {
-    for (const Span& span : doubtful) {
-      if (id >= span.first && id <= span.last) return true;
-    }
-    return false;
-  };
-  // In pieces, so that neither memory nor a transaction grows with the database.
+Status Retainer::DeleteOldRecords(const Age& age, std::int64_t last) {
   std::int64_t after = 0;
   for (std::int64_t rows = kRowsInPiece; rows == kRowsInPiece;) {
     std::vector<Span> spans;
     Statement select;
     RETURN_IF_ERROR(connection().Prepare(
-        "SELECT id, received_ms FROM records WHERE id > ? ORDER BY id LIMIT ?", &select));
-    select.Bind(1, after).Bind(2, kRowsInPiece);
+        "SELECT id, received_ms FROM records WHERE id > ? AND id <= ? ORDER BY id LIMIT ?",
+        &select));
+    select.Bind(1, after).Bind(2, last).Bind(3, kRowsInPiece);
     for (rows = 0; select.Step(); ++rows) {
       after = select.Int(0);
-      const std::int64_t received_ms = select.Int(1);
-      if (received_ms < kEarliestMs || received_ms >= before_ms || is_doubtful(after)) continue;
+      if (age.IsYoung(select.Int(1))) continue;
       const bool follows = !spans.empty() && spans.back().last == after - 1 &&
                            spans.back().last - spans.back().first < kRowsAtOnce;
       if (follows) {
@@ -175,9 +260,19 @@ Status Retainer::DeleteOldRecords(std::int64_t before_ms) {
   return {};
 }
 
-Status Retainer::DeleteOldQuarantine(std::int64_t before_ms) {
-  const std::string condition = "received_ms BETWEEN " + std::to_string(kEarliestMs) + " AND " +
-                                std::to_string(before_ms - 1);
+// What is undecodable has no number: it came with the first record of its run, or later, and before
+// the next run.
+Status Retainer::DeleteOldQuarantine(const Age& age, std::int64_t last_record) {
+  std::int64_t last = 0;
+  RETURN_IF_ERROR(FindLastOld(
+      "SELECT quarantine.id, received_ms, coalesce(first_record, 0) FROM quarantine "
+      "LEFT JOIN runs ON runs.id = run WHERE quarantine.id > ? ORDER BY quarantine.id LIMIT ?",
+      age, &last));
+  const std::string condition =
+      "(id <= " + std::to_string(last) +
+      " OR run < (SELECT max(id) FROM runs WHERE boot <> '' AND first_record <= " +
+      std::to_string(last_record) + ")) AND received_ms NOT BETWEEN " +
+      std::to_string(age.before_ms) + " AND " + std::to_string(age.now_ms);
   for (std::int64_t deleted = 1; deleted > 0;) {
     RETURN_IF_ERROR(DeleteQuarantine(condition, kByAge, &deleted));
   }
@@ -185,19 +280,32 @@ Status Retainer::DeleteOldQuarantine(std::int64_t before_ms) {
 }
 
 Status Retainer::ApplyAge(std::int64_t keep_days) {
-  const std::int64_t now_ms = NowMs();
-  const std::int64_t before_ms = now_ms - keep_days * kDayMs;
+  Age age;
+  age.now_ms = NowMs();
+  age.before_ms = age.now_ms - keep_days * kDayMs;
   bool is_plausible = false;
-  RETURN_IF_ERROR(IsClockPlausible(now_ms, &is_plausible));
+  RETURN_IF_ERROR(IsClockPlausible(age.now_ms, &is_plausible));
   if (!is_plausible) return {};
+  std::int64_t last = 0;
   std::vector<Archive> archives;
+  RETURN_IF_ERROR(age.clock.Read(&connection(), age.now_ms));
+  RETURN_IF_ERROR(FindLastOld(
+      "SELECT id, received_ms, id FROM records WHERE id > ? ORDER BY id LIMIT ?", age, &last));
   RETURN_IF_ERROR(ReadArchives(&connection(), ArchiveState::kComplete, &archives));
   for (const Archive& archive : archives) {
-    if (archive.created_ms >= before_ms || archive.created_ms < kEarliestMs) continue;
+    std::int64_t latest_ms = 0;  // one that was recovered may be younger than those behind it
+    const bool is_believed =
+        age.clock.Believes(archive.last_record, archive.created_ms, &latest_ms);
+    if (is_believed && archive.created_ms < age.before_ms) {
+      last = std::max(last, archive.last_record);
+    }
+  }
+  for (const Archive& archive : archives) {
+    if (archive.last_record > last || age.IsYoung(archive.created_ms)) continue;
     Note(DeleteArchive(archive));
   }
-  RETURN_IF_ERROR(DeleteOldRecords(before_ms));
-  return DeleteOldQuarantine(before_ms);
+  RETURN_IF_ERROR(DeleteOldRecords(age, last));
+  return DeleteOldQuarantine(age, last);
 }
 
 // ---- By size ----
