@@ -62,12 +62,24 @@ class PromisesTest : public StoreTest {
     close(socket_);
   }
 
-  void Start(std::vector<std::string> arguments = {}) {
+  void Start(std::vector<std::string> arguments = {},
+             const std::string& program = COLLECTOR_COMMAND) {
     arguments.insert(arguments.end(), {"--database", database_});
     fs::remove(folder_ / "err");  // what an earlier one said
-    collector_.emplace(COLLECTOR_COMMAND, folder_.path(), std::move(arguments));
+    collector_.emplace(program, folder_.path(), std::move(arguments));
     ASSERT_TRUE(Says("listens on the endpoint")) << collector_->Err();
     address_ = base::AddressOf(collector_->endpoint());
+  }
+
+  // Starts one whose `calls` are written to trace_.
+  void StartTraced(const std::string& calls, std::vector<std::string> arguments) {
+    const std::string script = folder_ / "traced";
+    // A sanitizer can't look for leaks in a program that is traced.
+    WriteFile(script, "#!/bin/sh\nexec strace -E ASAN_OPTIONS=detect_leaks=0 -D -f -y -o " +
+                          trace_ + " --seccomp-bpf -e trace=" + calls +
+                          " \"" COLLECTOR_COMMAND "\" \"$@\"\n");
+    fs::permissions(script, fs::perms::owner_all);
+    Start(std::move(arguments), script);
   }
 
   int Send(const std::string& bytes) const {
@@ -129,6 +141,7 @@ class PromisesTest : public StoreTest {
     return RunProgram({USAGE_STAT, "recover", Aside(), "--database", database_});
   }
 
+  const std::string trace_ = folder_ / "trace";
   std::optional<CollectorProcess> collector_;
   std::optional<base::EndpointAddress> address_;
   const int socket_ = [] {
@@ -510,8 +523,9 @@ TEST_F(PromisesTest, ALogThatIsRemovedTakesNothingAlong) {
   ASSERT_TRUE(Eventually([this] { return Turns().size() == 20; }));
   fs::remove(database_ + "-wal");
   fs::remove(database_ + "-shm");
+  EXPECT_TRUE(Says("was removed while in use")) << "though nothing more comes";
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 20; }));
   for (int i = 20; i < 40; ++i) SendSurely(PageTurn(0, i));
-  EXPECT_TRUE(Says("was removed while in use"));
   ASSERT_TRUE(Eventually([this] { return Turns().size() == 40; }));
   collector_->Signal(SIGKILL);
   collector_->Wait();
@@ -1058,6 +1072,7 @@ TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
   // A power cut takes the log; a reader had seen all that was in it.
   fs::remove(database_ + "-wal");
   fs::remove(database_ + "-shm");
+  const std::int64_t before_cut = Number("SELECT max(id) FROM records");
   Start();
   EXPECT_EQ(collector_->End(), 0);
   Start();
@@ -1069,6 +1084,37 @@ TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
   ASSERT_EQ(stores.size(), 2U) << "one for the file, one after the cut, none after an orderly end";
   EXPECT_NE(stores[0].id, stores[1].id);
   EXPECT_EQ(stores[0].first_record, 1);
+  EXPECT_EQ(stores[1].first_record, before_cut + 1) << "the first number that was given again";
+}
+
+TEST_F(PromisesTest, WhatMustBeOnTheDiskIsThereWhateverIsRead) {
+  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to look with";
+  Start();
+  SendSurely(PageTurn(0, 1));
+  EXPECT_EQ(collector_->End(), 0);
+  store::Connection reader;  // keeps SQLite from playing in the log, and from syncing it for that
+  ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kRead, &reader));
+  store::Snapshot snapshot(&reader);
+  std::int64_t records = 0;
+  ASSERT_OK(snapshot.Begin());
+  ASSERT_OK(reader.Read("SELECT count(*) FROM records", &records));
+
+  StartTraced("pwrite64,fdatasync", {});
+  std::string last;
+  std::istringstream lines(ReadFile(trace_));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("records.db-wal>") != std::string::npos) last = line;
+  }
+  EXPECT_THAT(last, HasSubstr("fdatasync(")) << "the start of a run";
+  EXPECT_EQ(collector_->End(), 0);
+
+  const ProgramResult archived = RunProgram(
+      {"/usr/bin/env", "strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-y", "-o", trace_,
+       "-e", "trace=fdatasync,rename", USAGE_STAT, "archive", "--database", database_});
+  ASSERT_EQ(archived.exit_code, 0) << archived.err;
+  const std::string calls = ReadFile(trace_);
+  ASSERT_THAT(calls, HasSubstr("rename("));
+  EXPECT_LT(calls.find("records.db-wal>"), calls.find("rename(")) << "the name of an archive";
 }
 
 // ---- Clocks ----
@@ -1520,20 +1566,8 @@ Written CountWritten(const std::string& trace) {
 
 TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
   if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to count with";
-  const std::string script = folder_ / "traced";
-  const std::string trace = folder_ / "trace";
-  // A sanitizer can't look for leaks in a program that is traced.
-  WriteFile(script, "#!/bin/sh\nexec strace -E ASAN_OPTIONS=detect_leaks=0 -D -f -o " + trace +
-                        " --seccomp-bpf -e trace=pwrite64,fsync,fdatasync \"" COLLECTOR_COMMAND
-                        "\" \"$@\"\n");
-  fs::permissions(script, fs::perms::owner_all);
-  const auto start = [&](const std::string& interval) {
-    fs::remove(folder_ / "err");
-    collector_.emplace(
-        script, folder_.path(),
-        std::vector<std::string>{"--database", database_, "--commit-interval", interval});
-    ASSERT_TRUE(Says("listens on the endpoint"));
-    address_ = base::AddressOf(collector_->endpoint());
+  const auto start = [this](const std::string& interval) {
+    StartTraced("pwrite64,fsync,fdatasync", {"--commit-interval", interval});
   };
   start("50");
   const auto count = [this] { return Number("SELECT count(*) FROM records"); };
@@ -1546,9 +1580,9 @@ TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
 
   // Each by itself, as they come from a reader.
   constexpr int kSingle = 200;
-  Written before = CountWritten(trace);
+  Written before = CountWritten(trace_);
   for (int i = 0; i < kSingle; ++i) send(i);
-  Written after = CountWritten(trace);
+  Written after = CountWritten(trace_);
   const auto single = (after.bytes - before.bytes) / kSingle;
   EXPECT_LE(single, 2000);
   EXPECT_EQ(after.syncs - before.syncs, 0) << "flash is written in bulk";
@@ -1564,14 +1598,14 @@ TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
   store::Connection connection;
   ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &connection));
   ASSERT_OK(connection.Execute("PRAGMA wal_checkpoint(TRUNCATE)"));
-  before = CountWritten(trace);
+  before = CountWritten(trace_);
   std::vector<Sender> senders;
   for (int i = 0; i < kSenders; ++i) {
     senders.emplace_back(collector_->endpoint(), i, kBurst / kSenders);
   }
   for (Sender& sender : senders) sender.Wait();
   ASSERT_TRUE(Eventually([&] { return count() == rows + kBurst; }));
-  after = CountWritten(trace);
+  after = CountWritten(trace_);
   const auto burst = (after.bytes - before.bytes) / kBurst;
   EXPECT_LE(burst, 150);
   std::printf("| bytes a record, one by one | %lld |\n| in a burst | %lld |\n",

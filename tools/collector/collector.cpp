@@ -33,6 +33,7 @@ base::Status Collector::Start() {
   if (options_.store) {
     housekeeper_.emplace(options_.database_path, options_.archive_directory, options_.retention,
                          [this](const Housekeeper::Damage& damage) { NoteDamage(damage); });
+    watch_.emplace(options_.database_path);
     RETURN_IF_ERROR(OpenDatabase());
   }
   if (options_.print != Format::kNone) view_.emplace();
@@ -79,6 +80,7 @@ base::Status Collector::OpenDatabase() {
     if (status.ok()) status = open();
   }
   if (status.ok()) database_ = housekeeper_->Opened(writer_->is_after_loss());
+  if (status.ok()) watch_->Renew();
   return status;
 }
 
@@ -136,7 +138,8 @@ void Collector::ReceiveAll() {
         break;
       case Endpoint::Result::kEmpty:
         if (is_stopping) return;
-        endpoint_.Wait();
+        endpoint_.Wait(watch_ ? watch_->descriptor() : -1);
+        if (watch_ && watch_->HasLostAName()) intake_.Interrupt();
         break;
       case Endpoint::Result::kFailed:
         Tell(std::string("cannot receive: ") + std::strerror(errno));
@@ -153,7 +156,7 @@ void Collector::KeepAll() {
     const store::Batch batch = sorter_->Sort(&datagrams);
     if (!options_.store) continue;
     HandleDamage();
-    if (datagrams.empty()) continue;
+    // Without datagrams too: a file that lost its name is looked at before it is needed.
     Commit(batch, static_cast<std::int64_t>(datagrams.size()));
     if (sorter_->TakeRotationRequest()) housekeeper_->RequestRotation();
   }

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "tools/collector/endpoint.h"
+#include "tools/collector/folder_watch.h"
 #include "tools/collector/housekeeper.h"
 #include "tools/collector/intake.h"
 #include "tools/collector/live_view.h"
@@ -55,6 +56,7 @@ class Collector {
   Endpoint endpoint_;
   Intake intake_;
   Switch switch_;
+  std::optional<FolderWatch> watch_;
   std::optional<LiveView> view_;
   std::optional<Sorter> sorter_;
   std::unique_ptr<store::Writer> writer_;  // null when nothing is to be kept

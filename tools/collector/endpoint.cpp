@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -80,9 +81,9 @@ Endpoint::Result Endpoint::Receive(const std::function<bool(const store::Sender&
   return Result::kDatagram;
 }
 
-void Endpoint::Wait() const {
-  pollfd waiting{socket_.get(), POLLIN, 0};
-  (void)poll(&waiting, 1, -1);
+void Endpoint::Wait(int other) const {
+  std::array<pollfd, 2> waiting{{{socket_.get(), POLLIN, 0}, {other, POLLIN, 0}}};
+  (void)poll(waiting.data(), waiting.size(), -1);
 }
 
 void Endpoint::Shut() { (void)shutdown(socket_.get(), SHUT_RD); }

@@ -39,8 +39,8 @@ class Endpoint {
   // are never kept: many large ones wait as long as the database does. kFailed: errno tells.
   Result Receive(const std::function<bool(const store::Sender&)>& may_send, Datagram* datagram);
 
-  // Waits until there is a datagram, or nothing more can come.
-  void Wait() const;
+  // Waits until there is a datagram, nothing more can come, or `other` is readable. -1: no other.
+  void Wait(int other) const;
 
   // Refuses what is sent from now on. Every datagram whose sender was told that it arrived can
   // still be received. From any thread.

@@ -180,8 +180,10 @@ Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reade
   if (access(archive->path.c_str(), F_OK) == 0) {
     status = Status::Failed(archive->path + " exists already");
   }
-  if (status.ok()) status = InsertArchive(&maintenance->connection, archive);
-  if (status.ok()) status = maintenance->connection.Execute("PRAGMA wal_checkpoint(PASSIVE)");
+  if (status.ok()) {
+    const Durably durably(&maintenance->connection);
+    status = InsertArchive(&maintenance->connection, archive);
+  }
   if (status.ok() && rename(temporary.c_str(), archive->path.c_str()) != 0) {
     status = Status::Errno("cannot create " + archive->path);
   }

@@ -201,6 +201,12 @@ Status Transaction::Begin() { return connection_->Execute("BEGIN IMMEDIATE"); }
 
 Status Transaction::Commit() { return connection_->Execute("COMMIT"); }
 
+Durably::Durably(Connection* connection) : connection_(connection) {
+  (void)connection_->Execute("PRAGMA synchronous = FULL");
+}
+
+Durably::~Durably() { (void)connection_->Execute("PRAGMA synchronous = NORMAL"); }
+
 Snapshot::~Snapshot() {
   if (is_owner_ && connection_->in_transaction()) (void)connection_->Execute("ROLLBACK");
 }

@@ -110,6 +110,19 @@ class Transaction {
   Connection* connection_;
 };
 
+// What is committed while it lives is on the disk when the commit returns, whatever is read
+// meanwhile. Not within a transaction.
+class Durably {
+ public:
+  explicit Durably(Connection* connection);
+  ~Durably();
+  Durably(const Durably&) = delete;
+  Durably& operator=(const Durably&) = delete;
+
+ private:
+  Connection* connection_;
+};
+
 // One state of the database for all that is read while it lives, or while a transaction around it
 // does.
 class Snapshot {

@@ -160,6 +160,9 @@ Status Writer::Open(const std::string& path, const std::string& endpoint,
 Status Writer::BeginRun(const std::string& endpoint, bool created, std::int64_t known) {
   const std::string boot = BootId();
   bool was_killed = false;
+  // A power cut may take the log, but never that this run began: it tells that numbers may have
+  // been lost.
+  const Durably durably(&connection_);
   Transaction transaction(&connection_);
   RETURN_IF_ERROR(transaction.Begin());
   if (known > 0) RETURN_IF_ERROR(BeginStore(&connection_, known + 1));
@@ -167,8 +170,7 @@ Status Writer::BeginRun(const std::string& endpoint, bool created, std::int64_t 
   RETURN_IF_ERROR(EnterRun(&connection_, endpoint, boot, clock_offset_ms_, &run_));
   RETURN_IF_ERROR(NoteOpening(&connection_, created));
   RETURN_IF_ERROR(transaction.Commit());
-  // A power cut may take the log, but never that this run began: it tells that numbers may have
-  // been lost.
+  // In the file itself, too, unless somebody reads: the log may be removed by itself.
   RETURN_IF_ERROR(connection_.Execute("PRAGMA wal_checkpoint(PASSIVE)"));
   RETURN_IF_ERROR(inserter_.Prepare(&connection_));
   RETURN_IF_ERROR(connection_.Prepare(kInsertQuarantine, &insert_quarantine_));
