@@ -247,8 +247,7 @@ void AddDeviceOptions(Command command, DeviceOptions* options) {
 int Exit(const std::function<Status()>& run) {
   const Status status = run();
   if (status.ok()) return kOk;
-  (void)std::fprintf(stderr, "usage-stat-uplink: %s\n", records::Printable(status.message).c_str());
-  return kFailed;
+  return Complain("usage-stat-uplink", status.message);
 }
 
 void AddConsent(CommandLine* line) {

@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -26,9 +25,7 @@ constexpr std::int64_t kLongestPauseMs = 30'000;
 
 volatile sig_atomic_t g_ended = 0;
 
-void Tell(const std::string& line) {
-  (void)std::fprintf(stderr, "usage-stat-fleet: %s\n", line.c_str());
-}
+void Tell(const std::string& line) { Complain("usage-stat-fleet", line); }
 
 // Pauses that grow while something is away.
 class Pause {

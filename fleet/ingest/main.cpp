@@ -21,14 +21,11 @@ int Forget(const fleet::IngestOptions& options, const std::string& name) {
   fleet::Ledger ledger;
   fleet::Id id{};
   if (!fleet::FromText(name, &id)) {
-    fmt::print(stderr, "usage-stat-fleet: \"{}\" is no device's name\n", name);
-    return kUsage;
+    return Complain("usage-stat-fleet", "\"" + name + "\" is no device's name", kUsage);
   }
   base::Status status = fleet::Ledger::Open(options.conninfo, options.tombstones, &ledger);
   if (status.ok()) status = ledger.Forget(name);
-  if (status.ok()) return kOk;
-  fmt::print(stderr, "usage-stat-fleet: {}\n", status.message);
-  return kFailed;
+  return status.ok() ? kOk : Complain("usage-stat-fleet", status.message);
 }
 
 }  // namespace

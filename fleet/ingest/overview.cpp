@@ -16,10 +16,7 @@ using base::Status;
 
 namespace {
 
-int Fail(const Status& status) {
-  fmt::print(stderr, "usage-stat-fleet: {}\n", status.message);
-  return kFailed;
-}
+int Fail(const Status& status) { return Complain("usage-stat-fleet", status.message); }
 
 // Texts to the left, numbers to the right, each column as wide as it must be.
 void PrintTable(const std::vector<std::string>& heads, const Rows& rows) {
@@ -184,8 +181,7 @@ int PrintStatus(const std::string& conninfo, bool each) {
   }
   const bool adds_up = totals.Int(0, 4) == 0 &&
                        totals.Int(0, 0) == totals.Int(0, 1) + totals.Int(0, 2) + totals.Int(0, 3);
-  if (!adds_up) fmt::print(stderr, "usage-stat-fleet: the balance does not add up\n");
-  return adds_up ? kOk : kFailed;
+  return adds_up ? kOk : Complain("usage-stat-fleet", "the balance does not add up");
 }
 
 int PrintDiagnosis(const std::string& conninfo, const std::string& tombstones,

@@ -25,9 +25,7 @@ using base::Status;
 using report::Day;
 
 int Finish(const Status& status) {
-  if (status.ok()) return kOk;
-  std::cerr << "usage-stat-fleet: " << status.message << '\n';
-  return kFailed;
+  return status.ok() ? kOk : Complain("usage-stat-fleet", status.message);
 }
 
 Command::Take DayInto(std::string* day) {

@@ -3,9 +3,7 @@
 #include <malloc.h>
 #include <sqlite3.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
 
 #include "fleet/consent/commands.h"
 #include "fleet/uplink/preview.h"
@@ -49,11 +47,4 @@ int Run(int argc, char** argv) {
 
 }  // namespace velmora::usage_stat
 
-int main(int argc, char** argv) {
-  try {
-    return velmora::usage_stat::Run(argc, argv);
-  } catch (const std::exception& error) {  // lack of memory, for one
-    (void)std::fprintf(stderr, "usage-stat-uplink: %s\n", error.what());
-    return velmora::usage_stat::kFailed;
-  }
-}
+int main(int argc, char** argv) { return velmora::usage_stat::Run(argc, argv); }

@@ -331,7 +331,7 @@ Status SendOnce(const SendOptions& options, const SendConfig& config) {
   Device device;
   RETURN_IF_ERROR(OpenDevice(options, consent::State::Mode::kWrite, &device));
   if (const std::string expiry = ExpiryOf(config, base::NowMs()); !expiry.empty()) {
-    fmt::print(stderr, "usage-stat-uplink: {}\n", expiry);
+    Complain("usage-stat-uplink", expiry);
   }
   std::string why;
   if (!options.at_once && !IsDue(config, device, base::NowMs(), &why)) return {};
@@ -346,7 +346,7 @@ int Send(const SendOptions& options) {
     if (options.loop_s == 0) return SendOnce(options, config);
     for (;;) {
       if (const Status status = SendOnce(options, config); !status.ok()) {
-        fmt::print(stderr, "usage-stat-uplink: {}\n", status.message);
+        Complain("usage-stat-uplink", status.message);
       }
       const std::int64_t pause_ms = options.loop_s * 1000 - Jitter(options.loop_s * 100);
       const timespec pause{static_cast<time_t>(pause_ms / 1000),
@@ -392,7 +392,8 @@ Status Diagnose(const SendOptions& options) {
     why = "statistics are switched off, and nothing leaves while they are";
   }
   fmt::print("next visit    {}\n", is_due ? "is due" : "not yet: " + why);
-  for (const std::string& problem : device.outgoing->problems()) fmt::print("{}\n", problem);
+  for (const std::string& problem : device.outgoing->problems())
+    fmt::print("{}\n", records::Printable(problem));
   if (const auto& pending = device.outbox->pending(); pending && pending->refusals > 0) {
     fmt::print("refused       numbers {} to {}, {} times\n", pending->after + 1, pending->through,
                pending->refusals);

@@ -5,10 +5,12 @@
 
 #include <algorithm>
 
+#include "tools/records/text.h"
+
 namespace velmora::usage_stat::collector {
 
 void Tell(const std::string& line) {
-  const std::string text = "usage-stat-collector: " + line + "\n";
+  const std::string text = "usage-stat-collector: " + records::Printable(line) + "\n";
   pollfd waiting{STDERR_FILENO, POLLOUT, 0};
   if (poll(&waiting, 1, 0) != 1 || !(waiting.revents & POLLOUT)) return;
   if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;

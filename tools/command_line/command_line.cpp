@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <numeric>
 #include <string_view>
 #include <utility>
@@ -195,6 +197,11 @@ Command CommandLine::AddCommand(const std::string& name, const std::string& desc
   return main().AddCommand(name, description);
 }
 
+int Complain(std::string_view program, std::string_view message, int exit_code) {
+  fmt::print(stderr, "{}: {}\n", program, records::Printable(message));
+  return exit_code;
+}
+
 int CommandLine::Run(int argc, const char* const* argv) {
   try {
     // The parser's own word for an unknown subcommand doesn't name it.
@@ -207,6 +214,8 @@ int CommandLine::Run(int argc, const char* const* argv) {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app_->exit(error) == 0 ? kOk : kUsage;
+  } catch (const std::exception& error) {
+    return Complain(app_->get_name(), error.what());
   }
   return exit_code_;
 }

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace CLI {
@@ -28,6 +29,10 @@ namespace velmora::usage_stat {
 constexpr int kOk = 0;
 constexpr int kFailed = 1;  // it did not work, or what was looked at is not sound
 constexpr int kUsage = 2;   // it was called wrongly
+
+// Tells `message` on standard error as `program`'s own, on one line that nothing in it can change:
+// it may quote strangers' files. Returns `exit_code`.
+int Complain(std::string_view program, std::string_view message, int exit_code = kFailed);
 
 // One subcommand, or the program itself. A light handle: copy it.
 class Command {
@@ -102,7 +107,8 @@ class CommandLine {
   Command AddCommand(const std::string& name, const std::string& description);
 
   // Reads the line and runs the command that it names. Tells help, version and mistakes itself,
-  // the latter on standard error in one line. Returns the exit code.
+  // the latter on standard error in one line, and what it throws, such as lack of memory. Returns
+  // the exit code.
   int Run(int argc, const char* const* argv);
 
  private:

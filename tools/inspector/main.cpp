@@ -1,9 +1,7 @@
 // usage-stat: a window into the records of usage statistics.
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
 
 #include "tools/inspector/commands.h"
 #include "tools/inspector/terminal.h"
@@ -38,11 +36,4 @@ int Run(int argc, char** argv) {
 
 }  // namespace velmora::usage_stat::inspector
 
-int main(int argc, char** argv) {
-  try {
-    return velmora::usage_stat::inspector::Run(argc, argv);
-  } catch (const std::exception& error) {  // lack of memory, for one
-    (void)std::fprintf(stderr, "usage-stat: %s\n", error.what());
-    return velmora::usage_stat::kFailed;
-  }
-}
+int main(int argc, char** argv) { return velmora::usage_stat::inspector::Run(argc, argv); }

@@ -40,8 +40,7 @@ void Flush() {
 
 int Complain(int exit_code, std::string_view message) {
   Flush();
-  fmt::print(stderr, "usage-stat: {}\n", Printable(message));
-  return exit_code;
+  return usage_stat::Complain("usage-stat", message, exit_code);
 }
 
 std::string Coloured(Colour colour, std::string_view text) {

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -85,10 +84,7 @@ class BatchWriter {
   base::Status status_;
 };
 
-int Fail(const std::string& message) {
-  std::cerr << "usage-stat-sample: " << message << '\n';
-  return kFailed;
-}
+int Fail(const std::string& message) { return Complain("usage-stat-sample", message); }
 
 // The days end with today, by the clock on the wall.
 base::Status MakeDatabase(const Options& options, int number, const std::string& path) {
