@@ -71,13 +71,6 @@ Status Find(Reader* reader, const Query& query, Runs* found) {
   });
 }
 
-std::set<std::string> FilesIn(const std::string& folder) {
-  std::set<std::string> files;
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(folder, error)) files.insert(entry.path());
-  return files;
-}
-
 bool IsNamed(const std::string& path, const std::string& beginning) {
   return fs::path(path).filename().string().starts_with(beginning);
 }

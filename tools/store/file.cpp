@@ -6,10 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <vector>
 
 namespace velmora::usage_stat::store {
 
@@ -79,6 +79,17 @@ Status ActAsOwnerOf(const std::string& path) {
 std::string TargetOf(const std::string& path) { return StationsOf(path).back(); }
 
 std::string FolderOf(const std::string& path) { return StationsOf(path).back().parent_path(); }
+
+std::vector<std::string> FilesIn(const std::string& folder) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (fs::directory_iterator file(folder, error), end; !error && file != end;
+       file.increment(error)) {
+    files.push_back(file->path());
+  }
+  std::ranges::sort(files);
+  return files;
+}
 
 NewFile::~NewFile() {
   if (file_.is_open()) Remove();

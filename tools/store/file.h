@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "tools/base/status.h"
 #include "tools/base/system.h"
@@ -36,6 +37,9 @@ std::string TargetOf(const std::string& path);
 
 // The folder that holds the target of `path`.
 std::string FolderOf(const std::string& path);
+
+// The paths of what `folder` holds, in order; when it can't be read, as far as it can.
+std::vector<std::string> FilesIn(const std::string& folder);
 
 // A file that is made under another name and gets its own when it is complete: nobody ever meets
 // a half of it. One process at a time makes it, others wait. What one leaves behind that was killed

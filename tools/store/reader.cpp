@@ -168,10 +168,8 @@ bool Visit(std::span<const RecordRow> rows, const RecordVisitor& visit,
 }  // namespace
 
 void RemoveAbandonedUnpacked() {
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(TemporaryFolder(), error)) {
-    const std::string path = entry.path();
-    if (!entry.path().filename().string().starts_with(kUnpackedName)) continue;
+  for (const std::string& path : FilesIn(TemporaryFolder())) {
+    if (!std::filesystem::path(path).filename().string().starts_with(kUnpackedName)) continue;
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.is_open() && flock(file.get(), LOCK_EX | LOCK_NB) == 0) unlink(path.c_str());
   }

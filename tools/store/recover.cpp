@@ -41,17 +41,6 @@ constexpr std::int64_t kLargestRecovered = kLargestNumber / 4 * 3;
 bool IsClaim(std::int64_t number) { return number > 0 && number <= kLargestClaim; }
 bool IsNumber(std::int64_t number) { return number > 0 && number <= kLargestRecovered; }
 
-std::vector<std::string> FilesIn(const std::string& folder) {
-  std::vector<std::string> files;
-  std::error_code error;
-  for (fs::directory_iterator file(folder, error), end; !error && file != end;
-       file.increment(error)) {
-    files.push_back(file->path());
-  }
-  std::ranges::sort(files);
-  return files;
-}
-
 // The last number in an archive's name: records-TIME-FIRST-LAST.db.zst.
 std::int64_t LastNumberInName(const std::string& path) {
   constexpr std::string_view kEnding = ".db.zst";
