@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +31,7 @@
 namespace velmora::usage_stat {
 namespace {
 
+using usage_stat_test::Answer;
 using usage_stat_test::ReadFile;
 using usage_stat_test::WriteFile;
 
@@ -327,6 +329,46 @@ TEST_F(EraseTest, WhatARetentionTookLaterIsNotedOnce) {
   }
   EXPECT_EQ(next, 91);
   EXPECT_EQ(noted_erased, 40);
+}
+
+TEST_F(EraseTest, ARangeThatADamagedRowClaimsTakesNoOthersNumbers) {
+  constexpr std::int64_t kClaimed = 1 << 22;
+  constexpr long kMostKib = 65'536;
+  const auto peak_kib = [] {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+  };
+  auto writer = OpenWriter();
+  Write(writer.get(), 3, kStart);
+  Archive();
+  Write(writer.get(), 3, kStart + kDay);
+  Archive();
+  Write(writer.get(), 3, kStart + 2 * kDay);
+  ASSERT_OK(writer->Finish());
+  // Fewer records than noted: as if an erasing had been killed.
+  Answer(database_, "UPDATE archives SET records = records + 1, last_record = " +
+                        std::to_string(kClaimed) + " WHERE first_record = 1");
+  const long before_kib = peak_kib();
+  store::Erased erased;
+  ASSERT_OK(store::Erase(database_, {.book_id = kBook}, "", &erased));
+  EXPECT_LT(peak_kib() - before_kib, kMostKib);
+  EXPECT_EQ(erased.records, 36);
+  std::unique_ptr<store::History> history;
+  std::vector<store::Missing> missing;
+  std::int64_t left = 0;
+  std::int64_t noted = 0;
+  ASSERT_OK(store::History::Open(database_, &history));
+  ASSERT_OK(history->live().ReadMissing(&missing));
+  for (const store::Missing& run : missing) noted += run.last_record - run.first_record + 1;
+  ASSERT_OK(history->ForEach({}, [&](const store::RecordRow& row) {
+    ++left;
+    EXPECT_TRUE(std::ranges::none_of(missing, [&row](const store::Missing& run) {
+      return run.first_record <= row.id && row.id <= run.last_record;
+    })) << row.id;
+    return true;
+  }));
+  EXPECT_EQ(left + noted, kClaimed);
 }
 
 }  // namespace

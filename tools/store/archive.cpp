@@ -8,7 +8,6 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
-#include <set>
 #include <variant>
 
 #include "src/events/device_events.h"
@@ -84,7 +83,7 @@ Status CopyBeside(const std::string& database_path, const Archive& archive, Conn
 // Copies records of `source` into a new database at `path`, as many as fit, without those whose
 // numbers `gone` holds.
 Status CopyRecords(Reader* source, const std::string& database_path, std::int64_t after,
-                   std::int64_t last, const std::set<std::int64_t>& gone, const std::string& path,
+                   std::int64_t last, const NumberSet& gone, const std::string& path,
                    Archive* archive) {
   // A database has some pages beside the records, and the last rows may be large.
   constexpr std::int64_t kReserve = std::int64_t{1024} * 1024;
@@ -102,7 +101,7 @@ Status CopyRecords(Reader* source, const std::string& database_path, std::int64_
   std::int64_t bytes = 0;
   RETURN_IF_ERROR(
       source->ForEach({.after_id = after, .last_id = last}, [&](const RecordRow& found) {
-        if (gone.contains(found.id)) return true;
+        if (gone.Contains(found.id)) return true;
         RecordRow row = found;
         Renew(&row);
         insertion = inserter.Insert(row.id, row);
@@ -146,8 +145,7 @@ Status MakeFolder(const std::string& folder) {
 // to the temporary file of `directory`, and tells in `archive` what it holds. Without records
 // there is no file.
 Status MakeFile(Maintenance* maintenance, const std::string& directory, Reader* source,
-                std::int64_t after, std::int64_t last, const std::set<std::int64_t>& gone,
-                Archive* archive) {
+                std::int64_t after, std::int64_t last, const NumberSet& gone, Archive* archive) {
   const std::string plain = PlainName(directory);
   const std::string temporary = TemporaryName(directory);
   // Left behind by a process that was killed.
@@ -192,8 +190,8 @@ Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reade
   return status;
 }
 
-Status MakeRest(Maintenance* maintenance, Reader* source, const std::set<std::int64_t>& gone,
-                Archive* archive, std::string* temporary) {
+Status MakeRest(Maintenance* maintenance, Reader* source, const NumberSet& gone, Archive* archive,
+                std::string* temporary) {
   const Archive whole = *archive;
   const std::string directory = FolderOf(LocateArchive(maintenance->path, whole));
   RETURN_IF_ERROR(MakeFile(maintenance, directory, source, whole.first_record - 1,

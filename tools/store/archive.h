@@ -7,11 +7,11 @@
 #define TOOLS_STORE_ARCHIVE_H_
 
 #include <cstdint>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "tools/store/maintenance.h"
+#include "tools/store/numbers.h"
 #include "tools/store/reader.h"
 #include "tools/store/row.h"
 #include "tools/store/sqlite.h"
@@ -39,8 +39,8 @@ Status MakeArchive(Maintenance* maintenance, const std::string& directory, Reade
 // Makes a file of what is left of `archive`, whose records `source` reads, without the numbers of
 // `gone`; some are left. `archive` then tells what the file holds, and `temporary` its name, from
 // which it is to be moved to the archive's place.
-Status MakeRest(Maintenance* maintenance, Reader* source, const std::set<std::int64_t>& gone,
-                Archive* archive, std::string* temporary);
+Status MakeRest(Maintenance* maintenance, Reader* source, const NumberSet& gone, Archive* archive,
+                std::string* temporary);
 
 // Where the file of `archive` is: its path, or, when the database was copied elsewhere together
 // with its archives, its place in the archive folder of `database_path`.

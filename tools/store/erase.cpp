@@ -15,6 +15,7 @@
 #include "tools/store/archive.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/numbers.h"
 #include "tools/store/recover.h"
 #include "tools/store/schema.h"
 #include "tools/store/upgrade.h"
@@ -40,31 +41,7 @@ std::string QuarantineCondition(const Query& query) {
   return query.until_ms ? "received_ms < " + std::to_string(*query.until_ms) : "1";
 }
 
-// Numbers in order, as runs that follow one another.
-class Runs {
- public:
-  struct Run {
-    std::int64_t first = 0;
-    std::int64_t last = 0;
-  };
-  void Add(std::int64_t number) {
-    numbers_.insert(number);
-    if (!runs_.empty() && runs_.back().last == number - 1) {
-      runs_.back().last = number;
-    } else {
-      runs_.push_back({number, number});
-    }
-  }
-  const std::vector<Run>& runs() const { return runs_; }
-  const std::set<std::int64_t>& numbers() const { return numbers_; }
-  std::int64_t count() const { return static_cast<std::int64_t>(numbers_.size()); }
-
- private:
-  std::vector<Run> runs_;
-  std::set<std::int64_t> numbers_;
-};
-
-Status Find(Reader* reader, const Query& query, Runs* found) {
+Status Find(Reader* reader, const Query& query, NumberSet* found) {
   return reader->ForEach(query, [found](const RecordRow& row) {
     found->Add(row.id);
     return true;
@@ -166,24 +143,17 @@ class Eraser {
   Status EraseQuarantine();
   Status EraseArchives();
   Status EraseArchive(const Archive& archive);
+  Status AddOthers(const Archive& archive, NumberSet* held);
   Status EraseUnlisted(const std::vector<Archive>& archives);
   Status RemoveLeftovers();
   Status RemoveFiles(const std::vector<std::string>& files);
   Status EmptyLog();
-  Status NoteErased(const Runs& numbers);
 
   Maintenance* const maintenance_;
   const Query query_;
   const std::string directory_;
   Erased* const erased_;
 };
-
-Status Eraser::NoteErased(const Runs& numbers) {
-  for (const Runs::Run& run : numbers.runs()) {
-    RETURN_IF_ERROR(NoteMissing(&connection(), run.first, run.last, Absence::kErased));
-  }
-  return {};
-}
 
 Status Eraser::EraseRecords() {
   std::unique_ptr<Reader> reader;
@@ -196,24 +166,24 @@ Status Eraser::EraseRecords() {
     piece.last_id = last;
   }
   for (bool is_end = false; !is_end;) {
-    Runs found;
+    NumberSet found;
     RETURN_IF_ERROR(reader->ForEach(piece, [&](const RecordRow& row) {
       found.Add(row.id);
       return found.count() < kRowsAtOnce;
     }));
     is_end = found.count() < kRowsAtOnce;
-    if (found.count() == 0) break;
+    if (found.empty()) break;
     Transaction transaction(&connection());
     RETURN_IF_ERROR(transaction.Begin());
-    for (const Runs::Run& run : found.runs()) {
+    for (const auto& [first, last] : found.runs()) {
       std::int64_t removed = 0;
-      RETURN_IF_ERROR(RemoveRecords(&connection(), run.first, run.last, Outcome::kDeleted,
-                                    kByErasing, &removed));
+      RETURN_IF_ERROR(
+          RemoveRecords(&connection(), first, last, Outcome::kDeleted, kByErasing, &removed));
       erased_->records += removed;
     }
-    RETURN_IF_ERROR(NoteErased(found));
+    RETURN_IF_ERROR(NoteMissing(&connection(), found.runs(), Absence::kErased));
     RETURN_IF_ERROR(transaction.Commit());
-    piece.after_id = found.runs().back().last;
+    piece.after_id = found.highest();
   }
   return {};
 }
@@ -241,20 +211,15 @@ Status Eraser::EraseArchives() {
   return {};
 }
 
-// The numbers between `first` and `last` that `reader` has no records of.
-Status FindGaps(Reader* reader, std::int64_t first, std::int64_t last, Runs* gaps) {
-  std::int64_t next = first;
-  const auto add = [&](std::int64_t until) {
-    for (; next < until; ++next) gaps->Add(next);
-    ++next;
-  };
-  RETURN_IF_ERROR(
-      reader->ForEach({.after_id = first - 1, .last_id = last}, [&](const RecordRow& row) {
-        add(row.id);
-        return true;
-      }));
-  add(last + 1);
-  return {};
+// Adds the numbers of `archive` that others have records of, should damage make its range reach
+// over them.
+Status Eraser::AddOthers(const Archive& archive, NumberSet* held) {
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(ReadArchives(&connection(), ArchiveState::kComplete, &archives));
+  for (const Archive& other : archives) {
+    if (other.id != archive.id) held->Add(other.first_record, other.last_record);
+  }
+  return AddNumbers(&connection(), archive.first_record, archive.last_record, held);
 }
 
 // The file goes first, or is replaced by one without the rows, and the database notes it then: so
@@ -263,32 +228,26 @@ Status FindGaps(Reader* reader, std::int64_t first, std::int64_t last, Runs* gap
 Status Eraser::EraseArchive(const Archive& archive) {
   const std::string path = LocateArchive(maintenance_->path, archive);
   std::unique_ptr<Reader> reader;
-  Runs found;
-  std::int64_t held = 0;
+  NumberSet found;
+  std::int64_t records = 0;
   Status readable = Reader::Open(path, &reader);
   if (readable.ok()) readable = Find(reader.get(), query_, &found);
-  if (readable.ok()) readable = reader->connection().Read("SELECT count(*) FROM records", &held);
-  const bool is_behind = readable.ok() && held < archive.records;
-  if (readable.ok() && found.count() == 0 && !is_behind) return {};
+  if (readable.ok()) readable = reader->connection().Read("SELECT count(*) FROM records", &records);
+  const bool is_behind = readable.ok() && records < archive.records;
+  if (readable.ok() && found.empty() && !is_behind) return {};
   // One record of many, or none: nobody can tell.
   if (!readable.ok() && IsForOne(query_) && archive.first_record < archive.last_record) {
     return readable;
   }
   // A file of the first schema that could not be moved to archives can't be replaced by one.
-  const bool goes_whole = !readable.ok() || found.count() == held || !IsArchive(path);
+  const bool goes_whole = !readable.ok() || found.count() == records || !IsArchive(path);
 
   // What is none has nothing of ours, and is only listed no longer.
   const bool is_archive = MayBeArchive(maintenance_->path, path);
-  Runs gone = found;
   Archive rest = archive;
   if (!goes_whole) {
-    if (is_behind) {
-      gone = {};
-      RETURN_IF_ERROR(FindGaps(reader.get(), archive.first_record, archive.last_record, &gone));
-      for (const std::int64_t number : found.numbers()) gone.Add(number);
-    }
     std::string temporary;
-    RETURN_IF_ERROR(MakeRest(maintenance_, reader.get(), found.numbers(), &rest, &temporary));
+    RETURN_IF_ERROR(MakeRest(maintenance_, reader.get(), found, &rest, &temporary));
     if (rename(temporary.c_str(), path.c_str()) != 0) {
       return Status::Errno("cannot replace " + path);
     }
@@ -298,14 +257,19 @@ Status Eraser::EraseArchive(const Archive& archive) {
   RETURN_IF_ERROR(SyncFolder(FolderOf(path)));
   Transaction transaction(&connection());
   RETURN_IF_ERROR(transaction.Begin());
-  if (goes_whole) {
-    RETURN_IF_ERROR(SetState(&connection(), archive.id, ArchiveState::kDeleted));
-    RETURN_IF_ERROR(
-        NoteMissing(&connection(), archive.first_record, archive.last_record, Absence::kErased));
-  } else {
-    RETURN_IF_ERROR(NoteErased(gone));
-    RETURN_IF_ERROR(UpdateArchive(&connection(), rest));
+  if (!goes_whole) RETURN_IF_ERROR(NoteMissing(&connection(), found.runs(), Absence::kErased));
+  if (goes_whole || is_behind) {
+    NumberSet held;
+    RETURN_IF_ERROR(AddOthers(archive, &held));
+    if (!goes_whole) {
+      RETURN_IF_ERROR(
+          AddNumbers(&reader->connection(), archive.first_record, archive.last_record, &held));
+    }
+    RETURN_IF_ERROR(NoteMissing(
+        &connection(), held.Others(archive.first_record, archive.last_record), Absence::kErased));
   }
+  RETURN_IF_ERROR(goes_whole ? SetState(&connection(), archive.id, ArchiveState::kDeleted)
+                             : UpdateArchive(&connection(), rest));
   RETURN_IF_ERROR(transaction.Commit());
   erased_->records += readable.ok() ? found.count() : archive.records;
   if (!readable.ok() && is_archive) erased_->files.push_back(path);
@@ -317,10 +281,10 @@ Status Eraser::EraseUnlisted(const std::vector<Archive>& archives) {
   std::vector<std::string> files;
   for (const std::string& path : UnlistedArchives(maintenance_->path, directory_, archives)) {
     std::unique_ptr<Reader> reader;
-    Runs found;
+    NumberSet found;
     Status readable = Reader::Open(path, &reader);
     if (readable.ok()) readable = Find(reader.get(), query_, &found);
-    if (!readable.ok() || found.count() > 0) files.push_back(path);
+    if (!readable.ok() || !found.empty()) files.push_back(path);
   }
   return RemoveFiles(files);
 }

@@ -189,6 +189,13 @@ Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last
   return {};
 }
 
+Status NoteMissing(Connection* connection, const Runs& runs, Absence reason) {
+  for (const auto& [first, last] : runs) {
+    RETURN_IF_ERROR(NoteMissing(connection, first, last, reason));
+  }
+  return {};
+}
+
 Status MakeStoreId(std::string* id) {
   id->resize(kStoreIdSize);
   const auto size = static_cast<ssize_t>(id->size());

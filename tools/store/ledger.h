@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "tools/store/numbers.h"
 #include "tools/store/row.h"
 #include "tools/store/sqlite.h"
 
@@ -72,6 +73,7 @@ Status RemoveRecords(Connection* connection, std::int64_t first, std::int64_t la
 // Notes that the numbers `first` to `last` have no records any more; those of which that was noted
 // before keep their reason.
 Status NoteMissing(Connection* connection, std::int64_t first, std::int64_t last, Absence reason);
+Status NoteMissing(Connection* connection, const Runs& runs, Absence reason);
 
 // A random id for a store.
 Status MakeStoreId(std::string* id);

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,6 +21,7 @@
 #include "tools/store/file.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/numbers.h"
 #include "tools/store/pages.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
@@ -50,78 +50,16 @@ std::int64_t LastNumberInName(const std::string& path) {
   return number && IsClaim(*number) ? *number : 0;
 }
 
-// A set of numbers of records.
-class Numbers {
- public:
-  // Whatever a broken or a stranger's file says they are.
-  void Add(std::int64_t first, std::int64_t last) {
-    first = std::max<std::int64_t>(first, 1);
-    last = std::min(last, kLargestNumber);
-    if (first > last) return;
-    auto run = runs_.upper_bound(first);
-    if (run != runs_.begin() && std::prev(run)->second >= first - 1) first = (--run)->first;
-    while (run != runs_.end() && run->first <= last + 1) {
-      last = std::max(last, run->second);
-      run = runs_.erase(run);
-    }
-    runs_[first] = last;
-  }
-
-  bool Overlaps(std::int64_t first, std::int64_t last) const {
-    const auto run = runs_.upper_bound(last);
-    return run != runs_.begin() && std::prev(run)->second >= first;
-  }
-  bool Contains(std::int64_t number) const { return Overlaps(number, number); }
-
-  bool empty() const { return runs_.empty(); }
-  std::int64_t lowest() const { return runs_.empty() ? 1 : runs_.begin()->first; }
-  std::int64_t highest() const { return runs_.empty() ? 0 : runs_.rbegin()->second; }
-  // From the first number of each run to its last.
-  const std::map<std::int64_t, std::int64_t>& runs() const { return runs_; }
-
-  // Hands out the numbers from `first` to `last` that are not in it, run by run.
-  template <class Visitor>
-  Status ForEachOther(std::int64_t first, std::int64_t last, const Visitor& visit) const {
-    auto run = runs_.upper_bound(first);
-    if (run != runs_.begin() && std::prev(run)->second >= first) --run;
-    for (; run != runs_.end() && run->first <= last; ++run) {
-      if (first < run->first) RETURN_IF_ERROR(visit(first, run->first - 1));
-      first = run->second + 1;
-    }
-    return first <= last ? visit(first, last) : Status();
-  }
-
- private:
-  std::map<std::int64_t, std::int64_t> runs_;
-};
-
-// Adds the numbers from `first` to `last` that a database has records of.
-Status AddNumbers(Connection* connection, std::int64_t first, std::int64_t last, Numbers* numbers) {
-  Statement select;
-  RETURN_IF_ERROR(
-      connection->Prepare("SELECT id FROM records WHERE id BETWEEN ? AND ? ORDER BY id", &select));
-  select.Bind(1, first).Bind(2, last);
-  while (select.Step()) numbers->Add(select.Int(0), select.Int(0));
-  return select.status();
-}
-
-// Notes the numbers from `first` to `last` that are not `held`.
-Status NoteOthers(Connection* connection, const Numbers& held, std::int64_t first,
-                  std::int64_t last, Absence reason) {
-  return held.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
-    return NoteMissing(connection, from, to, reason);
-  });
-}
-
 // Of what is noted as unreadable takes back what is `held` after all.
-Status TakeBack(Connection* connection, const std::vector<Missing>& noted, const Numbers& held) {
+Status TakeBack(Connection* connection, const std::vector<Missing>& noted, const NumberSet& held) {
   for (const Missing& run : noted) {
     if (run.reason != Absence::kUnreadable || !held.Overlaps(run.first_record, run.last_record)) {
       continue;
     }
     RETURN_IF_ERROR(connection->Execute("DELETE FROM missing WHERE first_record = " +
                                         std::to_string(run.first_record)));
-    RETURN_IF_ERROR(NoteOthers(connection, held, run.first_record, run.last_record, run.reason));
+    RETURN_IF_ERROR(
+        NoteMissing(connection, held.Others(run.first_record, run.last_record), run.reason));
   }
   return {};
 }
@@ -133,7 +71,7 @@ Status ReadNoted(const std::string& database_path, std::vector<Missing>* noted) 
 }
 
 // Adds the numbers that are noted as deleted or erased.
-void AddGone(const std::vector<Missing>& noted, Numbers* gone) {
+void AddGone(const std::vector<Missing>& noted, NumberSet* gone) {
   for (const Missing& run : noted) {
     if (run.reason != Absence::kUnreadable) gone->Add(run.first_record, run.last_record);
   }
@@ -255,8 +193,8 @@ bool ReadRecord(std::span<const Column> columns, const Events& events, RecordRow
 }
 
 // Puts the records into a sound database, except for those whose numbers are in `gone`.
-Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone, Connection* sound,
-                   Numbers* saved, std::int64_t* left_out) {
+Status SaveRecords(const Pages& pages, const Events& events, const NumberSet& gone,
+                   Connection* sound, NumberSet* saved, std::int64_t* left_out) {
   RecordInserter inserter;
   Status failure;
   RETURN_IF_ERROR(inserter.Prepare(sound));
@@ -270,7 +208,7 @@ Status SaveRecords(const Pages& pages, const Events& events, const Numbers& gone
       return true;
     }
     Status status = inserter.Insert(number, record);
-    if (status.ok()) saved->Add(number, number);
+    if (status.ok()) saved->Add(number);
     // A broken page may tell a number that another record has.
     if (!status.ok() && status.code != SQLITE_CONSTRAINT_PRIMARYKEY) failure = std::move(status);
     return failure.ok();
@@ -336,8 +274,8 @@ Status Adopt(Maintenance* maintenance, Reader* reader, Archive* archive) {
   std::vector<Store> stores;
   std::vector<Missing> missing;
   std::vector<Missing> noted;  // the one before may have changed it
-  Numbers held;
-  Numbers gone;
+  NumberSet held;
+  NumberSet gone;
   RETURN_IF_ERROR(reader->ReadStores(&stores));
   RETURN_IF_ERROR(reader->ReadMissing(&missing));
   RETURN_IF_ERROR(
@@ -355,8 +293,10 @@ Status Adopt(Maintenance* maintenance, Reader* reader, Archive* archive) {
   // Of other numbers it has nothing to tell.
   RETURN_IF_ERROR(TakeStores(connection, stores, archive->last_record));
   for (const Missing& run : missing) {
-    RETURN_IF_ERROR(NoteOthers(connection, held, std::max(run.first_record, archive->first_record),
-                               std::min(run.last_record, archive->last_record), run.reason));
+    RETURN_IF_ERROR(NoteMissing(connection,
+                                held.Others(std::max(run.first_record, archive->first_record),
+                                            std::min(run.last_record, archive->last_record)),
+                                run.reason));
   }
   RETURN_IF_ERROR(InsertArchive(connection, archive));
   return transaction.Commit();
@@ -408,13 +348,13 @@ class Recovery {
   }
 
   Status Save();
-  Numbers FindGone() const;
+  NumberSet FindGone() const;
   Status ReadRanges();
   Status NoteNumbers();
   Status NoteStores(std::int64_t last);
   Status PutStore(std::int64_t first, std::int64_t last);
-  Status NoteMissingNumbers(std::int64_t last, Numbers held);
-  Status AddLive(std::int64_t last, Numbers* held);
+  Status NoteMissingNumbers(std::int64_t last, NumberSet held);
+  Status AddLive(std::int64_t last, NumberSet* held);
   std::int64_t FirstNumber(std::int64_t last) const;
   Status MakeArchives(const std::string& directory);
 
@@ -429,9 +369,9 @@ class Recovery {
   std::vector<Archive> listed_;
   std::optional<Halfway> halfway_;
   std::unique_ptr<Reader> rescued_;
-  Numbers saved_;     // what it reads
-  Numbers archived_;  // the ranges of archives
-  Numbers held_;      // of these, what is known to have records
+  NumberSet saved_;     // what it reads
+  NumberSet archived_;  // the ranges of archives
+  NumberSet held_;      // of these, what is known to have records
 };
 
 Status Recovery::Save() {
@@ -456,8 +396,8 @@ Status Recovery::Save() {
 }
 
 // Numbers whose rows, should a broken page still have some, must not come back.
-Numbers Recovery::FindGone() const {
-  Numbers gone;
+NumberSet Recovery::FindGone() const {
+  NumberSet gone;
   AddGone(noted_, &gone);
   AddGone(surroundings_->missing, &gone);
   for (const Archive& archive : surroundings_->archives) {
@@ -470,7 +410,7 @@ Numbers Recovery::FindGone() const {
 // Finds where archives are. What was saved of their numbers they have already: a recovery that was
 // interrupted made them, or a broken page told a number that is not its row's. That is left out.
 Status Recovery::ReadRanges() {
-  Numbers told;
+  NumberSet told;
   for (const Missing& run : surroundings_->missing) told.Add(run.first_record, run.last_record);
   for (const Archive& archive : listed_) {
     const std::int64_t first = archive.first_record;
@@ -484,15 +424,11 @@ Status Recovery::ReadRanges() {
       held_.Add(first, last);
     }
   }
-  Numbers rest;
+  NumberSet rest;
   for (const auto& [first, last] : saved_.runs()) {
-    recovered_->left_out += last - first + 1;
-    RETURN_IF_ERROR(archived_.ForEachOther(first, last, [&](std::int64_t from, std::int64_t to) {
-      rest.Add(from, to);
-      recovered_->left_out -= to - from + 1;
-      return Status();
-    }));
+    for (const auto& [from, to] : archived_.Others(first, last)) rest.Add(from, to);
   }
+  recovered_->left_out += saved_.count() - rest.count();
   saved_ = std::move(rest);
   // Those that only the file tells of may come back.
   for (const Archive& archive : surroundings_->archives) {
@@ -516,7 +452,7 @@ Status Recovery::NoteNumbers() {
                                        std::to_string(saved_.highest()),
                                    &above));
   last = std::min(last, above - 1);
-  Numbers held = held_;
+  NumberSet held = held_;
   for (const auto& [from, to] : saved_.runs()) held.Add(from, to);
   RETURN_IF_ERROR(AddLive(last, &held));
   RETURN_IF_ERROR(NoteStores(last));
@@ -525,8 +461,8 @@ Status Recovery::NoteNumbers() {
 }
 
 // Adds the numbers that the database itself has records of.
-Status Recovery::AddLive(std::int64_t last, Numbers* held) {
-  Numbers live;
+Status Recovery::AddLive(std::int64_t last, NumberSet* held) {
+  NumberSet live;
   RETURN_IF_ERROR(AddNumbers(database(), 1, last, &live));
   for (const auto& [from, to] : live.runs()) {
     if (to >= saved_.lowest() && from <= saved_.highest()) return AlreadyThere();
@@ -540,9 +476,10 @@ Status Recovery::NoteStores(std::int64_t last) {
   RETURN_IF_ERROR(NextRecord(database(), &next));
   if (next <= last) RETURN_IF_ERROR(BeginStore(database(), last + 1));
   RETURN_IF_ERROR(TakeStores(database(), surroundings_->stores, last));
-  return archived_.ForEachOther(
-      saved_.lowest(), saved_.highest(),
-      [&](std::int64_t first, std::int64_t) { return PutStore(first, last); });
+  for (const auto& [first, end] : archived_.Others(saved_.lowest(), saved_.highest())) {
+    RETURN_IF_ERROR(PutStore(first, last));
+  }
+  return {};
 }
 
 // Has number `first` belong to the file's store, whatever the database has in front of it.
@@ -563,18 +500,19 @@ Status Recovery::PutStore(std::int64_t first, std::int64_t last) {
   return present == store.id ? Status() : TakeStores(database(), {store}, last);
 }
 
-Status Recovery::NoteMissingNumbers(std::int64_t last, Numbers held) {
+Status Recovery::NoteMissingNumbers(std::int64_t last, NumberSet held) {
   RETURN_IF_ERROR(TakeBack(database(), noted_, saved_));
   for (const Missing& run : surroundings_->missing) {
-    RETURN_IF_ERROR(NoteOthers(database(), held, run.first_record, std::min(run.last_record, last),
-                               run.reason));
+    RETURN_IF_ERROR(NoteMissing(
+        database(), held.Others(run.first_record, std::min(run.last_record, last)), run.reason));
   }
   // What lacks in the ranges of archives they tell themselves.
   for (const auto& [from, to] : archived_.runs()) held.Add(from, to);
   std::int64_t before = 0;
   std::int64_t after = 0;
   RETURN_IF_ERROR(CountUnreadable(database(), &before));
-  RETURN_IF_ERROR(NoteOthers(database(), held, FirstNumber(last), last, Absence::kUnreadable));
+  RETURN_IF_ERROR(
+      NoteMissing(database(), held.Others(FirstNumber(last), last), Absence::kUnreadable));
   RETURN_IF_ERROR(CountUnreadable(database(), &after));
   recovered_->unreadable = after - before;
   return {};
@@ -595,22 +533,20 @@ std::int64_t Recovery::FirstNumber(std::int64_t last) const {
 
 Status Recovery::MakeArchives(const std::string& directory) {
   // None reaches over another, whose records would be passed over.
-  return archived_.ForEachOther(
-      saved_.lowest(), saved_.highest(), [&](std::int64_t first, std::int64_t last) -> Status {
-        if (!saved_.Overlaps(first, last)) return {};
-        for (std::int64_t after = first - 1; after < last;) {
-          Archive archive;
-          RETURN_IF_ERROR(
-              MakeArchive(&maintenance_, directory, rescued_.get(), after, last, &archive));
-          if (archive.records == 0) break;
-          RETURN_IF_ERROR(FinishArchives(&maintenance_));
-          after = archive.last_record;
-          archive.state = ArchiveState::kComplete;
-          recovered_->records += archive.records;
-          recovered_->archives.push_back(std::move(archive));
-        }
-        return {};
-      });
+  for (const auto& [first, last] : archived_.Others(saved_.lowest(), saved_.highest())) {
+    if (!saved_.Overlaps(first, last)) continue;
+    for (std::int64_t after = first - 1; after < last;) {
+      Archive archive;
+      RETURN_IF_ERROR(MakeArchive(&maintenance_, directory, rescued_.get(), after, last, &archive));
+      if (archive.records == 0) break;
+      RETURN_IF_ERROR(FinishArchives(&maintenance_));
+      after = archive.last_record;
+      archive.state = ArchiveState::kComplete;
+      recovered_->records += archive.records;
+      recovered_->archives.push_back(std::move(archive));
+    }
+  }
+  return {};
 }
 
 Status Recovery::Run(const std::string& directory) {
