@@ -9,7 +9,7 @@ class Event;
 
 class EventFactory {
  public:
-  // The numeric type codes: 1 to 6 for measurements, 2001 to 2038 for activity, 4001 and 4002 for
+  // The numeric type codes: from 1 on for measurements, from 2001 on for activity, from 4001 on for
   // notifications. Any int may be held: codes come from records that a stranger may have written.
   enum EventType : int {
     kNone = 0,

@@ -1,6 +1,7 @@
 // usage-stat types: the dictionary of all records, for people and for programs.
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -173,6 +174,11 @@ constexpr const char* kEncoding = R"({
   ]
 })";
 
+const Json& Encoding() {
+  static const Json encoding = Json::parse(kEncoding);
+  return encoding;
+}
+
 void PrintJson() {
   Json types = Json::array();
   for (const RecordType& type : records::Catalogue()) types.push_back(ToJson(type));
@@ -193,11 +199,13 @@ Json SchemaOf(const FieldType& field) {
   } else if (field.form == "text" || field.form == "hexadecimal") {
     schema["type"] = "string";
   } else {
-    const bool is_unsigned = field.primitive == "Char" || field.primitive.starts_with("U");
-    const std::int64_t range = std::int64_t{1} << (8 * field.extent.least);
+    const Json& primitive = Encoding()["primitives"].at(std::string(field.primitive));
+    const bool is_signed = primitive.at("signed").get<bool>();
+    const std::size_t unused_bits = 64 - 8 * field.extent.least;
+    const std::int64_t most = INT64_MAX >> unused_bits;
     schema["type"] = "integer";
-    schema["minimum"] = is_unsigned ? 0 : -range / 2;
-    schema["maximum"] = is_unsigned ? range - 1 : range / 2 - 1;
+    schema["minimum"] = is_signed ? -most - 1 : 0;
+    schema["maximum"] = is_signed ? Json(most) : Json(UINT64_MAX >> unused_bits);
   }
   return schema;
 }
