@@ -687,7 +687,7 @@ def many(rig):
     """200 devices and two ingesters: everything adds up, and nobody starves."""
     for number_of in range(2):
         rig.ingester(number_of)
-    done = rigs.subprocess.run([rig.build / "tests/fleet/fleet_load", str(rig.broker.port), "200",
+    done = rigs.subprocess.run([rig.build / "fleet/fleet_load", str(rig.broker.port), "200",
                                 "3", "50"], capture_output=True, text=True)
     assert done.returncode == 0, done.stderr
     assert balance(rig) == (30_000, 30_000, 0, 0)
