@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 
+#include "tools/base/bytes.h"
+
 namespace velmora::usage_stat::fleet {
 
 namespace {
@@ -20,20 +22,6 @@ std::size_t WidthOf(char letter) {
 
 std::uint64_t Mask(std::size_t width) {
   return width == 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << (8 * width)) - 1;
-}
-
-std::uint64_t LittleEndian(std::string_view bytes) {
-  std::uint64_t value = 0;
-  for (std::size_t i = bytes.size(); i > 0; --i) {
-    value = value << 8 | static_cast<std::uint8_t>(bytes[i - 1]);
-  }
-  return value;
-}
-
-void PutLittleEndian(std::uint64_t value, std::size_t width, std::string* out) {
-  for (std::size_t i = 0; i < width; ++i) {
-    out->push_back(static_cast<char>(static_cast<std::uint8_t>(value >> (8 * i) & 0xff)));
-  }
 }
 
 // Numbers of `width` bytes as a step from the one before, small steps either way being small.
@@ -75,7 +63,7 @@ std::string_view TakePiece(char letter, WireReader* in) {
     case 'A':
       return in->Bytes(kPlainBytes);
     case 's':
-      return in->Bytes(LittleEndian(in->Bytes(kLengthSize)));
+      return in->Bytes(base::LittleEndian(in->Bytes(kLengthSize)));
     case 'r':
       return in->Bytes(in->left());
     default:
@@ -88,7 +76,7 @@ void PutColumn(char letter, std::vector<WireReader>* rows, std::string* out) {
   if (const std::size_t width = WidthOf(letter); width != 0) {
     std::vector<std::uint64_t> values;
     values.reserve(rows->size());
-    for (WireReader& row : *rows) values.push_back(LittleEndian(TakePiece(letter, &row)));
+    for (WireReader& row : *rows) values.push_back(base::LittleEndian(TakePiece(letter, &row)));
     PutNumbers(width, values, out);
     return;
   }
@@ -96,7 +84,7 @@ void PutColumn(char letter, std::vector<WireReader>* rows, std::string* out) {
   if (letter == 'v') {
     std::vector<std::uint64_t> counts;
     for (WireReader& row : *rows) {
-      counts.push_back(LittleEndian(row.Bytes(kLengthSize)));
+      counts.push_back(base::LittleEndian(row.Bytes(kLengthSize)));
       PutNumber(counts.back(), out);
     }
     for (std::size_t i = 0; i < rows->size(); ++i) {
@@ -130,7 +118,7 @@ bool TakeColumn(char letter, WireReader* in, std::size_t* budget,
     if (!Spend(width * rows.size(), budget) || !TakeNumbers(width, rows.size(), in, &values)) {
       return false;
     }
-    for (std::size_t i = 0; i < rows.size(); ++i) PutLittleEndian(values[i], width, rows[i]);
+    for (std::size_t i = 0; i < rows.size(); ++i) base::PutLittleEndian(values[i], width, rows[i]);
     return true;
   }
   if (letter == 'A') {
@@ -157,7 +145,7 @@ bool TakeColumn(char letter, WireReader* in, std::size_t* budget,
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (letter == 'v') {
       if (!Spend(kLengthSize, budget)) return false;
-      PutLittleEndian(counts[i], kLengthSize, rows[i]);
+      base::PutLittleEndian(counts[i], kLengthSize, rows[i]);
     }
     for (std::size_t left = counts[i]; left > 0; --left) {
       const std::uint64_t length = lengths[text++];
@@ -165,7 +153,7 @@ bool TakeColumn(char letter, WireReader* in, std::size_t* budget,
       if (in->failed()) return false;
       if (letter != 'r') {
         if (!Spend(kLengthSize, budget)) return false;
-        PutLittleEndian(length, kLengthSize, rows[i]);
+        base::PutLittleEndian(length, kLengthSize, rows[i]);
       }
       if (!Spend(length, budget)) return false;
       *rows[i] += bytes;
@@ -192,7 +180,7 @@ bool Fits(std::string_view layout, std::string_view payload) {
       TakePiece(letter, &in);
       continue;
     }
-    for (std::uint64_t left = LittleEndian(in.Bytes(kLengthSize)); left > 0 && !in.failed();
+    for (std::uint64_t left = base::LittleEndian(in.Bytes(kLengthSize)); left > 0 && !in.failed();
          --left) {
       TakePiece('s', &in);
     }
@@ -204,7 +192,7 @@ void PutNumbers(std::size_t width, const std::vector<std::uint64_t>& values, std
   if (values.empty()) return;
   if (std::ranges::all_of(values, [&](std::uint64_t value) { return value == values.front(); })) {
     out->push_back(static_cast<char>(Coding::kConstant));
-    PutLittleEndian(values.front(), width, out);
+    base::PutLittleEndian(values.front(), width, out);
     return;
   }
   std::vector<std::uint64_t> steps;
@@ -225,7 +213,7 @@ bool TakeNumbers(std::size_t width, std::size_t rows, WireReader* in,
   if (rows == 0) return true;
   const auto coding = static_cast<Coding>(in->Byte());
   if (coding == Coding::kConstant) {
-    values->assign(rows, LittleEndian(in->Bytes(width)));
+    values->assign(rows, base::LittleEndian(in->Bytes(width)));
     return !in->failed();
   }
   if (coding != Coding::kPlain && coding != Coding::kDelta) return false;

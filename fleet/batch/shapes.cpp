@@ -4,6 +4,7 @@
 #include <map>
 
 #include "fleet/batch/columns.h"
+#include "tools/base/bytes.h"
 #include "tools/records/catalogue.h"
 
 namespace velmora::usage_stat::fleet {
@@ -61,14 +62,10 @@ std::string_view LayoutFor(int type, std::string_view payload) {
 bool AddRecord(std::uint64_t number, std::string_view datagram, std::string_view actions,
                Batch* batch) {
   if (datagram.size() < kEnvelopeSize) return false;
-  std::uint64_t timestamp = 0;
-  for (std::size_t i = kEnvelopeSize; i > 2; --i) {
-    timestamp = timestamp << 8 | static_cast<std::uint8_t>(datagram[i - 1]);
-  }
+  const std::uint64_t timestamp = base::LittleEndian(datagram.substr(2, 8));
   const std::string_view payload = datagram.substr(kEnvelopeSize);
   Shape shape;
-  shape.type = static_cast<std::int16_t>(static_cast<std::uint8_t>(datagram[0]) |
-                                         static_cast<std::uint8_t>(datagram[1]) << 8);
+  shape.type = static_cast<std::int16_t>(base::LittleEndian(datagram.substr(0, 2)));
   shape.layout = LayoutFor(shape.type, payload);
   shape.actions = actions;
 
@@ -82,11 +79,8 @@ bool AddRecord(std::uint64_t number, std::string_view datagram, std::string_view
 
 std::string DatagramOf(const Batch& batch, const BatchRecord& record) {
   std::string datagram;
-  const auto put = [&](std::uint64_t value, int size) {
-    for (; size > 0; --size, value >>= 8) datagram.push_back(static_cast<char>(value & 0xff));
-  };
-  put(static_cast<std::uint16_t>(batch.shapes[record.shape].type), 2);
-  put(static_cast<std::uint64_t>(record.timestamp_ms), 8);
+  base::PutLittleEndian(static_cast<std::uint16_t>(batch.shapes[record.shape].type), 2, &datagram);
+  base::PutLittleEndian(static_cast<std::uint64_t>(record.timestamp_ms), 8, &datagram);
   return datagram + record.payload;
 }
 

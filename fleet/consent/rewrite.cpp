@@ -8,20 +8,13 @@
 #include <vector>
 
 #include "src/stat_event/event.h"
+#include "tools/base/bytes.h"
 #include "tools/base/text.h"
 #include "tools/records/record.h"
 
 namespace velmora::usage_stat::consent {
 
 namespace {
-
-std::int32_t LittleEndian(std::string_view bytes) {
-  std::uint32_t number = 0;
-  for (std::size_t i = sizeof(number); i > 0; --i) {
-    number = number << 8 | static_cast<std::uint8_t>(bytes[i - 1]);
-  }
-  return static_cast<std::int32_t>(number);
-}
 
 // Lets a table's actions loose on the fields of one event.
 class Editor : public records::FieldEditor {
@@ -86,12 +79,11 @@ std::string Pseudonyms::Digest(std::string_view kind, std::string_view value) co
 std::int32_t Pseudonyms::Of(std::string_view kind, std::int32_t number) const {
   if (number == 0 || number == -1) return number;
   std::string value;
-  for (int shift = 0; shift < 32; shift += 8) {
-    value += static_cast<char>(static_cast<std::uint32_t>(number) >> shift & 0xFF);
-  }
+  base::PutLittleEndian(static_cast<std::uint32_t>(number), sizeof(number), &value);
   const std::string digest = Digest(kind, value);
   for (std::size_t i = 0; i + sizeof(number) <= digest.size(); i += sizeof(number)) {
-    const std::int32_t pseudonym = LittleEndian(std::string_view(digest).substr(i));
+    const auto pseudonym = static_cast<std::int32_t>(
+        base::LittleEndian(std::string_view(digest).substr(i, sizeof(number))));
     if (pseudonym != 0 && pseudonym != -1) return pseudonym;
   }
   return 0;  // no digest was made: nothing leaves rather than the number

@@ -2,6 +2,7 @@
 
 #include <libpq-fe.h>
 
+#include "tools/base/bytes.h"
 #include "tools/base/text.h"
 
 namespace velmora::usage_stat::fleet {
@@ -37,12 +38,6 @@ namespace {
 
 using OwnedResult = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-std::uint64_t BigEndian(std::string_view bytes) {
-  std::uint64_t value = 0;
-  for (const char byte : bytes) value = value << 8 | static_cast<std::uint8_t>(byte);
-  return value;
-}
-
 // Takes the bytes of a COPY in binary form apart.
 class BinaryCopy {
  public:
@@ -56,7 +51,7 @@ class BinaryCopy {
   template <class Int>
   bool Read(Int* number) {
     if (rest_.size() < sizeof(Int)) return false;
-    *number = static_cast<Int>(BigEndian(rest_.substr(0, sizeof(Int))));
+    *number = static_cast<Int>(base::BigEndian(rest_.substr(0, sizeof(Int))));
     return Skip(sizeof(Int));
   }
   bool Read(std::optional<std::string_view>* field) {
@@ -77,7 +72,7 @@ class BinaryCopy {
 std::optional<std::int64_t> CopiedRow::Number(std::size_t column) const {
   const auto& field = fields_[column];
   if (!field) return std::nullopt;
-  const std::uint64_t value = BigEndian(*field);
+  const std::uint64_t value = base::BigEndian(*field);
   switch (field->size()) {
     case 2:
       return static_cast<std::int16_t>(value);
@@ -142,11 +137,8 @@ CopyRows::CopyRows() {
   Put(0, 4);  // no extension of the header
 }
 
-// Big-endian.
-void CopyRows::Put(std::uint64_t value, int size) {
-  for (int i = size - 1; i >= 0; --i) {
-    bytes_.push_back(static_cast<char>(static_cast<std::uint8_t>(value >> (8 * i) & 0xff)));
-  }
+void CopyRows::Put(std::uint64_t value, std::size_t size) {
+  base::PutBigEndian(value, size, &bytes_);
 }
 
 void CopyRows::Begin(int columns) {

@@ -50,7 +50,7 @@ class CopyRows {
 
  private:
   friend class Database;
-  void Put(std::uint64_t value, int size);
+  void Put(std::uint64_t value, std::size_t size);
 
   std::string bytes_;
   std::size_t rows_ = 0;

@@ -8,6 +8,7 @@
 
 #include "src/measurements/statistics_switch.h"
 #include "src/stat_event/event_factory.h"
+#include "tools/base/bytes.h"
 #include "tools/collector/notices.h"
 
 namespace velmora::usage_stat::collector {
@@ -27,7 +28,7 @@ const std::string& SettingPath() {
 int BareType(std::string_view bytes) {
   constexpr std::size_t kEnvelopeSize = 10;
   if (bytes.size() != kEnvelopeSize) return 0;
-  return static_cast<std::uint8_t>(bytes[0]) | static_cast<std::uint8_t>(bytes[1]) << 8;
+  return static_cast<int>(base::LittleEndian(bytes.substr(0, 2)));
 }
 
 }  // namespace

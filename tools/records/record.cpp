@@ -10,6 +10,7 @@
 #include "src/events/new_books_events.h"
 #include "src/stat_event/event.h"
 #include "src/stat_event/fields.h"
+#include "tools/base/bytes.h"
 #include "tools/base/text.h"
 
 namespace velmora::usage_stat::records {
@@ -33,12 +34,7 @@ class ViewStream : private std::streambuf, public std::istream {
 // within its length needs that length first. More than 32 bits hold, when they claim so.
 std::uint64_t BytesNeeded(Extent extent, std::string_view bytes) {
   const auto number_at = [&](std::uint64_t offset) {
-    std::uint64_t number = 0;
-    for (std::size_t i = extent.least; i > 0; --i) {
-      number =
-          number << 8 | static_cast<std::uint8_t>(bytes[static_cast<std::size_t>(offset) + i - 1]);
-    }
-    return number;
+    return base::LittleEndian(bytes.substr(static_cast<std::size_t>(offset), extent.least));
   };
   // Where a text ends; where its length ends, when that is cut.
   const auto end_of_text = [&](std::uint64_t begin) {
@@ -263,17 +259,13 @@ bool MayName(std::string_view datagram, Kind kind, std::int64_t value) {
     }
     return made;
   }();
-  const auto byte = [datagram](std::size_t i) {
-    return std::uint32_t{static_cast<std::uint8_t>(datagram[i])};
-  };
-  const auto found = all.find({static_cast<std::int16_t>(byte(0) | byte(1) << 8), kind});
+  const auto type = static_cast<std::int16_t>(base::LittleEndian(datagram.substr(0, 2)));
+  const auto found = all.find({type, kind});
   if (found == all.end()) return false;
   if (found->second.is_anywhere) return true;
   return std::ranges::any_of(found->second.of_32_bits, [&](std::size_t at) {
     if (datagram.size() < at + 4) return false;
-    const std::uint32_t bits =
-        byte(at) | byte(at + 1) << 8 | byte(at + 2) << 16 | byte(at + 3) << 24;
-    return static_cast<std::int32_t>(bits) == value;
+    return static_cast<std::int32_t>(base::LittleEndian(datagram.substr(at, 4))) == value;
   });
 }
 

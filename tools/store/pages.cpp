@@ -12,6 +12,7 @@
 #include <set>
 #include <vector>
 
+#include "tools/base/bytes.h"
 #include "tools/store/file.h"
 #include "tools/store/schema.h"
 
@@ -35,14 +36,8 @@ std::uint32_t ByteAt(std::string_view bytes, std::size_t at) {
   return static_cast<std::uint8_t>(bytes[at]);
 }
 
-// The number of `size` bytes, the most significant first.
-std::uint64_t NumberAt(std::string_view bytes, std::size_t at, std::size_t size) {
-  std::uint64_t number = 0;
-  for (std::size_t i = 0; i < size; ++i) number = number << 8 | ByteAt(bytes, at + i);
-  return number;
-}
 std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
-  return static_cast<std::uint32_t>(NumberAt(bytes, at, 4));
+  return static_cast<std::uint32_t>(base::BigEndian(bytes.substr(at, 4)));
 }
 
 // Takes a number of one to nine bytes from the front: seven bits of each, eight of the ninth.
@@ -71,10 +66,10 @@ struct Cell {
 std::vector<Cell> CellsInOrder(std::string_view page, std::size_t start) {
   std::vector<Cell> cells;
   const std::size_t first = start + kLeafHeadSize;
-  const std::uint64_t count =
-      std::min<std::uint64_t>(NumberAt(page, start + 3, 2), (page.size() - first) / 2);
+  const std::uint64_t count = std::min<std::uint64_t>(base::BigEndian(page.substr(start + 3, 2)),
+                                                      (page.size() - first) / 2);
   for (std::size_t i = 0; i < count; ++i) {
-    const auto place = static_cast<std::size_t>(NumberAt(page, first + 2 * i, 2));
+    const auto place = static_cast<std::size_t>(base::BigEndian(page.substr(first + 2 * i, 2)));
     std::string_view cell = page.substr(std::min(place, page.size()));
     std::uint64_t size = 0;
     std::uint64_t key = 0;
@@ -158,7 +153,7 @@ bool ReadColumn(std::uint64_t type, std::string_view bytes, Column* column) {
   }
   // Two's complement, of fewer bytes than we have.
   const std::uint64_t sign = std::uint64_t{1} << (8 * bytes.size() - 1);
-  column->integer = static_cast<std::int64_t>((NumberAt(bytes, 0, bytes.size()) ^ sign) - sign);
+  column->integer = static_cast<std::int64_t>((base::BigEndian(bytes) ^ sign) - sign);
   return true;
 }
 
@@ -220,7 +215,7 @@ DatabaseHead ReadHead(std::string_view head) {
   constexpr std::string_view kMagic("SQLite format 3\0", 16);
   DatabaseHead said;
   if (head.size() < kHeadSize || !head.starts_with(kMagic)) return said;
-  const auto size = static_cast<std::uint32_t>(NumberAt(head, 16, 2));
+  const auto size = static_cast<std::uint32_t>(base::BigEndian(head.substr(16, 2)));
   if (size >= 512 && std::has_single_bit(size)) said.page_size = size;
   if (size == 1) said.page_size = 65536;
   said.bytes = std::uint64_t{WordAt(head, 28)} * said.page_size;
@@ -340,7 +335,7 @@ std::int64_t Pages::ForEachRow(const Visitor& visit, std::int64_t most) const {
     const std::size_t start = number == 1 ? kHeadSize : 0;
     if (!ReadPage(number, &page) || page[start] != kTableLeaf) return;
     const std::vector<Cell> cells = CellsInOrder(page, start);
-    bool is_whole = cells.size() == NumberAt(page, start + 3, 2);
+    bool is_whole = cells.size() == base::BigEndian(page.substr(start + 3, 2));
     for (auto cell = cells.begin(); cell != cells.end() && !has_enough; ++cell) {
       const bool is_row = read_row(std::string_view(page).substr(cell->place));
       is_whole = is_whole && is_row;
