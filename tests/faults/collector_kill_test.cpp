@@ -18,7 +18,10 @@
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
 #include "tools/store/reader.h"
+#include "tools/store/recover.h"
 #include "tools/store/schema.h"
+#include "tools/store/writer.h"
+#include "tools/store/zstd_file.h"
 
 namespace usage_stat_test {
 namespace {
@@ -247,6 +250,75 @@ TEST_F(CollectorKillTest, AnUpgradeHidesNothingWhereverItDies) {
   }
   EXPECT_GT(deaths, 10);
   std::printf("| upgrades from schema 1 | %d | %s |\n", deaths, step == 1 ? "each" : "some");
+}
+
+TEST_F(CollectorKillTest, ABrokenFileOfTheFirstSchemaIsKeptWhereverAnUpgradeDies) {
+  namespace fs = std::filesystem;
+  const int step = StepOf(3);
+  const std::string is_done = "SELECT 1 - min(1, count(*)) FROM archives WHERE schema = 1";
+  const std::string unreadable =
+      "SELECT coalesce(sum(last_record - first_record + 1), 0) FROM missing "
+      "WHERE reason = 'unreadable'";
+  const std::string archive = folder_ / "archives/records-20261125T033943Z-1-6.db.zst";
+  const std::string plain = folder_ / "plain";
+  // Four of the six rows of a page can't be found.
+  const auto harm = [](const std::string& path) {
+    std::string bytes = ReadFile(path);
+    bytes.replace(bytes.find("AddNoteEvent") / 4096 * 4096 + 12, 8, 8, '\0');
+    WriteFile(path, bytes);
+  };
+  fs::copy(FIRST_SCHEMA, folder_.path(), fs::copy_options::recursive);
+  std::unique_ptr<store::Writer> writer;
+  ASSERT_TRUE(store::Writer::Open(database_, "test", &writer).ok());
+  ASSERT_TRUE(writer->Finish().ok());
+  writer.reset();
+  harm(database_ + ".schema-1");
+  ASSERT_TRUE(store::UnpackArchive(archive, plain).ok());
+  harm(plain);
+  fs::remove(archive);
+  ASSERT_TRUE(store::CompressFile(plain, archive).ok());
+  fs::remove(plain);
+  const TempFolder broken;
+  fs::copy(folder_.path(), broken.path(), fs::copy_options::recursive);
+  int deaths = 0;
+  bool was_killed = true;
+  for (long kill_at = 1; was_killed && !HasFailure(); kill_at += step) {
+    SCOPED_TRACE("killed at write " + std::to_string(kill_at));
+    fs::remove_all(folder_.path());
+    fs::copy(broken.path(), folder_.path(), fs::copy_options::recursive);
+    {
+      KilledAtWrite collector(Words(), kill_at);
+      Await(collector, is_done, 1);
+      was_killed = collector.End() == -SIGKILL;
+      deaths += was_killed ? 1 : 0;
+    }
+    {
+      KilledAtWrite next(Words(), 0);
+      ASSERT_TRUE(Await(next, is_done, 1));
+      ASSERT_TRUE(Send(next, Note(1)));
+      ASSERT_EQ(next.End(), 0);
+    }
+    EXPECT_EQ(Number(unreadable), 12);
+    std::vector<std::string> kept;
+    for (const auto& file : fs::recursive_directory_iterator(folder_.path())) {
+      const std::string path = file.path();
+      EXPECT_TRUE(path.find("schema-1") == std::string::npos && !path.ends_with(".new")) << path;
+      const bool is_beside = path.ends_with("-wal") || path.ends_with("-shm");
+      if (path.find(".damaged-") != std::string::npos && !is_beside) kept.push_back(path);
+    }
+    EXPECT_EQ(kept.size(), 2U);
+    for (const std::string& path : kept) {
+      store::Recovered recovered;
+      EXPECT_EQ(store::Recover(path, database_, folder_ / "archives", &recovered).message, "");
+      EXPECT_EQ(recovered.records, 2);
+    }
+    EXPECT_EQ(Number(unreadable), 8);
+    EXPECT_EQ(OldRecords(database_).size(), 2U * 4);
+    ExpectSound();
+  }
+  EXPECT_GT(deaths, 5);
+  std::printf("| keeps broken files of schema 1 | %d | %s |\n", deaths,
+              step == 1 ? "each" : "some");
 }
 
 }  // namespace

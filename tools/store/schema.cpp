@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
+#include "tools/base/text.h"
 #include "tools/records/views.h"
 #include "tools/store/file.h"
 #include "tools/store/pages.h"
@@ -276,9 +279,7 @@ Status Create(const std::string& path) {
   RETURN_IF_ERROR(file.Begin(target));
   struct stat present {};
   if (stat(target.c_str(), &present) == 0 && present.st_size > 0) return {};
-  // The log of a database that was taken away would be played into the new one.
-  unlink((target + "-wal").c_str());
-  unlink((target + "-shm").c_str());
+  ClearLog(target);
   {
     Connection connection;
     RETURN_IF_ERROR(Connection::Open(file.name(), Connection::Mode::kWrite, &connection));
@@ -313,13 +314,16 @@ Status MakeReady(Connection* connection) {
 
 }  // namespace
 
+Status CheckPages(Connection* connection) {
+  std::string verdict;
+  RETURN_IF_ERROR(connection->Read("PRAGMA quick_check(1)", &verdict));
+  return verdict == "ok" ? Status() : Status{SQLITE_CORRUPT, verdict};
+}
+
 Status CauseOf(Connection* connection, const Status& status) {
   const int code = status.code & 0xff;
   if (code == SQLITE_CONSTRAINT) {
-    std::string verdict = "ok";
-    if (connection->Read("PRAGMA quick_check(1)", &verdict).ok() && verdict != "ok") {
-      return {SQLITE_CORRUPT, verdict};
-    }
+    if (Status found = CheckPages(connection); IsDamage(found)) return found;
   }
   if (code == SQLITE_ERROR) {
     Definitions found;
@@ -397,10 +401,38 @@ Status CheckInUse(const std::string& path, const Connection& connection) {
 Status SetAside(const std::string& path, std::string* moved_path) {
   const std::string target = TargetOf(path);
   *moved_path = target + ".damaged-" + std::to_string(NowMs());
+  return MoveWithLog(target, *moved_path);
+}
+
+void ClearLog(const std::string& target) {
+  const std::string log = target + "-wal";
+  const std::string beginning = target + ".damaged-";
+  std::int64_t latest_ms = 0;
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(FolderOf(target), error)) {
+    const std::string path = file.path();
+    if (!path.starts_with(beginning)) continue;
+    const auto time_ms =
+        base::ParseWhole<std::int64_t>(std::string_view(path).substr(beginning.size()));
+    latest_ms = std::max(latest_ms, time_ms.value_or(0));
+  }
+  const std::string aside = beginning + std::to_string(latest_ms);
+  struct stat status {};
+  // What was written to later is another one's.
+  const bool is_its =
+      access((aside + "-wal").c_str(), F_OK) != 0 && stat(log.c_str(), &status) == 0 &&
+      std::int64_t{status.st_mtim.tv_sec} * 1000 + status.st_mtim.tv_nsec / 1'000'000 <= latest_ms;
+  if (is_its) (void)rename(log.c_str(), (aside + "-wal").c_str());
+  unlink(log.c_str());
+  unlink((target + "-shm").c_str());
+}
+
+Status MoveWithLog(const std::string& from, const std::string& to) {
   for (const char* suffix : {"", "-wal", "-shm"}) {
-    const std::string name = target + suffix;
-    if (rename(name.c_str(), (*moved_path + suffix).c_str()) == 0) continue;
-    if (*suffix == '\0' || errno != ENOENT) return Status::Errno("cannot move " + name);
+    const std::string name = from + suffix;
+    if (rename(name.c_str(), (to + suffix).c_str()) == 0) continue;
+    const bool may_be_gone = *suffix != '\0' || access(to.c_str(), F_OK) == 0;
+    if (errno != ENOENT || !may_be_gone) return Status::Errno("cannot move " + name);
   }
   return {};
 }

@@ -47,6 +47,9 @@ Status OpenForWriting(const std::string& path, Connection* connection, bool* cre
 // removed or replaced, and IsDamage() when its head was overwritten.
 Status CheckInUse(const std::string& path, const Connection& connection);
 
+// Looks at every page; IsDamage() tells what is wrong.
+Status CheckPages(Connection* connection);
+
 // Why writing to a database failed with `status`, which is returned when it is that. IsDamage()
 // when rows are there that the tables don't allow, or the tables are other ones: then what comes
 // in, which would be tried for ever, is not at fault.
@@ -55,6 +58,14 @@ Status CauseOf(Connection* connection, const Status& status);
 // Moves a damaged database, with the files beside it, out of the way. `moved_path` tells where to:
 // it still holds what can be rescued.
 Status SetAside(const std::string& path, std::string* moved_path);
+
+// Makes way for a new database at `target`, where there is none: the log that one left behind would
+// be played into it. That of the one that was set aside last follows it, should it not have.
+void ClearLog(const std::string& target);
+
+// Moves a database's file and those beside it to another name. Safe to be killed at any moment: the
+// same call goes on.
+Status MoveWithLog(const std::string& from, const std::string& to);
 
 // Gives the empty database of `connection` our tables and marks.
 Status InitializeSchema(Connection* connection);

@@ -1,6 +1,7 @@
 #include "tools/store/upgrade.h"
 
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "tools/store/pages.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
+#include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat::store {
 
@@ -49,6 +51,19 @@ Status Settle(const std::string& path) {
   return is_busy == 0 ? Status() : Status::Failed(path + " is in use");
 }
 
+// Notes the numbers from `first` to `last` that no archive has.
+Status NoteOthers(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
+  for (const Archive& each : archives) {
+    if (each.records == 0 || each.last_record < first) continue;
+    const std::int64_t before = std::min(each.first_record - 1, last);
+    if (first <= before) RETURN_IF_ERROR(NoteMissing(connection, first, before, reason));
+    first = each.last_record + 1;
+  }
+  return first <= last ? NoteMissing(connection, first, last, reason) : Status();
+}
+
 // Lists the old database in the new one: as an archive, with counts as if its rows had been moved.
 Status ListOldRows(Connection* connection, const std::string& old_path) {
   Archive archive;
@@ -71,6 +86,10 @@ Status ListOldRows(Connection* connection, const std::string& old_path) {
   const std::int64_t last = select.Int(5);
   const std::int64_t rows = archive.records + select.Int(6);
   select = Statement();
+  const bool can_be =
+      archive.records == 0 || (archive.first_record > 0 && archive.last_record <= last &&
+                               archive.records <= archive.last_record - archive.first_record + 1);
+  if (!can_be) return {SQLITE_CORRUPT, "its records have numbers that it never gave"};
   struct stat file {};
   if (stat(old_path.c_str(), &file) == 0) archive.bytes = file.st_size;
   // It is listed also when only its quarantine is left.
@@ -79,18 +98,7 @@ Status ListOldRows(Connection* connection, const std::string& old_path) {
   std::int64_t run = 0;
   RETURN_IF_ERROR(LatestRun(connection, &run));
   RETURN_IF_ERROR(Count(connection, {run, getuid(), Outcome::kArchived, old_path, rows, NowMs()}));
-
-  // Numbers that are neither here nor in an archive went by retention.
-  std::vector<Archive> archives;
-  RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
-  std::int64_t next = 1;
-  for (const Archive& each : archives) {
-    if (each.records > 0 && each.first_record > next) {
-      RETURN_IF_ERROR(NoteMissing(connection, next, each.first_record - 1, Absence::kRetention));
-    }
-    if (each.records > 0) next = std::max(next, each.last_record + 1);
-  }
-  return next <= last ? NoteMissing(connection, next, last, Absence::kRetention) : Status();
+  return NoteOthers(connection, 1, last, Absence::kRetention);
 }
 
 Status MakeNew(const std::string& source, const std::string& old_path,
@@ -107,6 +115,8 @@ Status MakeNew(const std::string& source, const std::string& old_path,
   RETURN_IF_ERROR(BeginStore(&connection));
   RETURN_IF_ERROR(connection.Execute(kTakeAlong));
   RETURN_IF_ERROR(ListOldRows(&connection, old_path));
+  // What comes in has a store of its own, whatever may have to be recovered of the old one.
+  RETURN_IF_ERROR(BeginStore(&connection));
   RETURN_IF_ERROR(transaction.Commit());
   return connection.Execute("DETACH old; PRAGMA main.journal_mode = WAL");
 }
@@ -162,24 +172,104 @@ Status Forget(Maintenance* maintenance, const Archive& old) {
                                          std::to_string(old.id));
 }
 
-// Moves the records of one file, and the file out of the way.
-Status MoveRecords(Maintenance* maintenance, const std::string& directory, const Archive& old,
-                   const std::function<bool()>& should_stop) {
-  const std::string path = LocateArchive(maintenance->path, old);
-  {
-    std::unique_ptr<Reader> reader;
-    RETURN_IF_ERROR(Reader::Open(path, &reader));
-    for (std::int64_t after = old.first_record - 1; after < old.last_record;) {
-      if (should_stop()) return {};
-      Archive made;
-      RETURN_IF_ERROR(
-          MakeArchive(maintenance, directory, reader.get(), after, old.last_record, &made));
-      if (made.records == 0) break;
-      RETURN_IF_ERROR(FinishArchives(maintenance));
-      after = made.last_record;
-    }
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// Opens a file and looks at every page of it: records that a broken page hides would not be missed.
+Status OpenSound(const std::string& path, std::unique_ptr<Reader>* reader) {
+  RETURN_IF_ERROR(Reader::Open(path, reader));
+  return CheckPages(&(*reader)->connection());
+}
+
+// Moves the rows of the file that `reader` reads; the records up to number `reached` are in
+// archives then.
+Status MoveRows(Maintenance* maintenance, const std::string& directory, const Archive& old,
+                Reader* reader, const std::function<bool()>& should_stop, std::int64_t* reached) {
+  Connection* const connection = &maintenance->connection;
+  if (!IsArchive(old.path)) RETURN_IF_ERROR(MoveQuarantine(connection, old));
+  // Between two steps there may be numbers without records.
+  const std::string first = std::to_string(old.first_record);
+  RETURN_IF_ERROR(connection->Read(
+      "SELECT coalesce(max(last_record), " + first + " - 1) FROM archives WHERE schema > 1 AND " +
+          "state = '" + std::string(NameOf(ArchiveState::kComplete)) +
+          "' AND first_record BETWEEN " + first + " AND " + std::to_string(old.last_record),
+      reached));
+  while (*reached < old.last_record && !should_stop()) {
+    Archive made;
+    RETURN_IF_ERROR(MakeArchive(maintenance, directory, reader, *reached, old.last_record, &made));
+    if (made.records == 0) break;
+    RETURN_IF_ERROR(FinishArchives(maintenance));
+    *reached = made.last_record;
   }
-  return Forget(maintenance, old);
+  return {};
+}
+
+// Where a damaged file is kept; the same after a kill, and no other's.
+std::string KeptPath(const Maintenance& maintenance, const Archive& old) {
+  return TargetOf(maintenance.path) + ".damaged-" + std::to_string(old.created_ms) + "-" +
+         std::to_string(old.id);
+}
+
+// Unpacks a damaged archive to `kept`, and removes it.
+Status UnpackAside(const std::string& path, const std::string& kept) {
+  if (!Exists(path)) return {};
+  NewFile file;
+  RETURN_IF_ERROR(file.Begin(kept));
+  RETURN_IF_ERROR(UnpackArchive(path, file.name()));
+  const Descriptor unpacked(open(file.name().c_str(), O_RDONLY | O_CLOEXEC));
+  if (!unpacked.is_open() || fsync(unpacked.get()) != 0) {
+    return Status::Errno("cannot write " + kept);
+  }
+  RETURN_IF_ERROR(file.Place());
+  return unlink(path.c_str()) == 0 ? Status() : Status::Errno("cannot remove " + path);
+}
+
+// Keeps a damaged file under a name of its own, and notes which numbers did not come.
+Status Keep(Maintenance* maintenance, const Archive& old, const Status& damage,
+            std::vector<std::string>* damages) {
+  const std::string path = LocateArchive(maintenance->path, old);
+  const std::string kept = KeptPath(*maintenance, old);
+  RETURN_IF_ERROR(IsArchive(path) ? UnpackAside(path, kept) : MoveWithLog(path, kept));
+  Transaction transaction(&maintenance->connection);
+  RETURN_IF_ERROR(transaction.Begin());
+  RETURN_IF_ERROR(
+      maintenance->connection.Execute("DELETE FROM archives WHERE id = " + std::to_string(old.id)));
+  RETURN_IF_ERROR(NoteOthers(&maintenance->connection, old.first_record, old.last_record,
+                             Absence::kUnreadable));
+  RETURN_IF_ERROR(transaction.Commit());
+  const std::string& what = damage.message;
+  if (damages) {
+    damages->push_back(path + " is damaged (" + what.substr(what.rfind('\n') + 1) +
+                       "): it is kept as " + kept +
+                       "; usage-stat recover may save what it still holds");
+  }
+  return {};
+}
+
+// Moves what one file holds, and the file out of the way.
+Status MoveFile(Maintenance* maintenance, const std::string& directory, const Archive& old,
+                const std::function<bool()>& should_stop, std::vector<std::string>* damages) {
+  const std::string path = LocateArchive(maintenance->path, old);
+  const Status found_before{SQLITE_CORRUPT, "as was found before"};
+  if (!Exists(path)) {  // as was begun before
+    if (old.records == 0) return Forget(maintenance, old);
+    if (Exists(KeptPath(*maintenance, old))) return Keep(maintenance, old, found_before, damages);
+  }
+  std::unique_ptr<Reader> reader;
+  std::int64_t reached = 0;
+  Status damage = OpenSound(path, &reader);
+  if (damage.ok()) {
+    Status status = MoveRows(maintenance, directory, old, reader.get(), should_stop, &reached);
+    // One of two databases is broken: which?
+    if (IsDamage(status)) damage = OpenSound(path, &reader);
+    if (!status.ok() && !IsDamage(damage)) return status;
+  }
+  reader.reset();
+  if (damage.ok()) {
+    if (should_stop()) return {};
+    if (old.records == 0 || reached >= old.last_record) return Forget(maintenance, old);
+    damage = {SQLITE_CORRUPT, "records that it had are not there"};
+  }
+  return IsDamage(damage) ? Keep(maintenance, old, damage, damages) : damage;
 }
 
 bool IsOfFirstSchema(const std::string& path) {
@@ -193,8 +283,6 @@ bool IsOfFirstSchema(const std::string& path) {
   const DatabaseHead said = ReadHead(head);
   return said.is_ours && said.version == 1;
 }
-
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 bool IsSameFile(const std::string& one, const std::string& other) {
   std::error_code error;
@@ -221,8 +309,11 @@ Status BeginUpgrade(const std::string& path) {
     old_path.append("-").append(std::to_string(NowMs()));
   }
   const std::string& source = is_aside ? old_path : target;
-  RETURN_IF_ERROR(Settle(source));
-  RETURN_IF_ERROR(MakeNew(source, old_path, file.name()));
+  Status status = Settle(source);
+  if (status.ok()) status = MakeNew(source, old_path, file.name());
+  // A damaged one is looked for, and set aside, under its first name.
+  if (IsDamage(status) && is_aside) RETURN_IF_ERROR(MoveWithLog(source, target));
+  RETURN_IF_ERROR(status);
   // The old file has both names until the new one takes the first, so that readers always find one.
   // A file system that knows no second names leaves them without for a moment; whoever is killed
   // then leaves only the old one, under its other name.
@@ -230,13 +321,12 @@ Status BeginUpgrade(const std::string& path) {
       rename(target.c_str(), old_path.c_str()) != 0) {
     return Status::Errno("cannot move " + target);
   }
-  // The log is empty, and would be taken for the new one's.
-  RemoveLog(target);
+  ClearLog(target);
   return file.Place();
 }
 
 Status GoOnUpgrading(const std::string& database_path, const std::string& directory,
-                     const std::function<bool()>& should_stop) {
+                     const std::function<bool()>& should_stop, std::vector<std::string>* damages) {
   Maintenance maintenance;
   std::vector<Archive> archives;
   RETURN_IF_ERROR(Maintenance::Open(database_path, &maintenance));
@@ -247,14 +337,8 @@ Status GoOnUpgrading(const std::string& database_path, const std::string& direct
     if (old.schema != 1) continue;
     if (should_stop()) break;
     // One that can't be read stays, and holds up nothing else.
-    Status status;
-    if (old.records == 0 && !Exists(LocateArchive(database_path, old))) {
-      status = Forget(&maintenance, old);  // as was begun before
-    } else {
-      if (!old.path.ends_with(".zst")) status = MoveQuarantine(&maintenance.connection, old);
-      if (status.ok()) status = MoveRecords(&maintenance, directory, old, should_stop);
-    }
-    if (!status.ok() && first_failure.ok()) first_failure = status;
+    Status status = MoveFile(&maintenance, directory, old, should_stop, damages);
+    if (!status.ok() && first_failure.ok()) first_failure = std::move(status);
   }
   return first_failure;
 }
