@@ -686,6 +686,71 @@ TEST_F(PromisesTest, DamageThatIsMetAtTheEndIsNotForgotten) {
   EXPECT_FALSE(Aside().empty()) << collector_->Err();
 }
 
+TEST_F(PromisesTest, DamageThatOnlyDeletingMeetsIsNotAFullDisk) {
+  // How a page of records breaks, and what SQLite says when it is to be deleted.
+  const std::pair<const char*, void (*)(std::string*, std::size_t)> cases[] = {
+      {"a type byte", [](std::string* bytes, std::size_t page) { (*bytes)[page] = '\x55'; }},
+      // A row that goes on in a page of a number that no file has: "database or disk is full".
+      {"a row's size",
+       [](std::string* bytes, std::size_t page) {
+         const auto byte = [&](std::size_t i) { return static_cast<unsigned char>((*bytes)[i]); };
+         const std::size_t last = page + 6 + 2U * byte(page + 4);
+         const std::size_t row = page + 256U * byte(last) + byte(last + 1);
+         bytes->replace(row, 2, "\x88\x64");
+         bytes->replace(row + 100, 20, 20, '\xff');
+       }},
+  };
+  for (const auto& [name, harm] : cases) {
+    SCOPED_TRACE(name);
+    for (const auto& file : fs::directory_iterator(folder_.path())) fs::remove_all(file);
+    auto writer = OpenWriter();
+    store::Batch batch;
+    const std::int64_t now = base::NowMs();
+    for (int i = 0; i < 20'000; ++i) {
+      batch.records.push_back(RowOf(velmora::usage_stat::ChangePageEvent(), now));
+    }
+    ASSERT_OK(writer->Commit(batch));
+    ASSERT_OK(writer->Finish());
+    writer.reset();
+    Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+    std::string bytes = ReadFile(database_);
+    std::size_t page = bytes.size() / 8 / 1024 * 1024;
+    while (bytes[page] != '\x0d') page += 1024;
+    harm(&bytes, page);
+    WriteFile(database_, bytes);
+    Start({"--keep-days", "1", "--max-size", "1M"});
+    EXPECT_TRUE(Says("is kept as"));
+    SendSurely(PageTurn(0, 1));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(Answer(database_, "SELECT count(*) FROM change_page"), "1");
+  }
+}
+
+TEST_F(PromisesTest, ALogFollowsTheDatabaseThatWasSetAside) {
+  Start();
+  for (int i = 0; i < 100; ++i) SendSurely(PageTurn(0, i));
+  ASSERT_TRUE(Eventually([this] { return Turns().size() == 100; }));
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  // Another one, whose log is none of these.
+  const std::string other = database_ + ".damaged-1";
+  WriteFile(other, ReadFile(database_));
+  // Who set it aside was killed before its log had followed.
+  const std::string aside = database_ + ".damaged-" + std::to_string(base::NowMs());
+  fs::rename(database_, aside);
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(ReadFile(other + "-wal"), "");
+  EXPECT_EQ(RunProgram({USAGE_STAT, "recover", aside, "--database", database_}).exit_code, 0);
+  EXPECT_EQ(Turns().size(), 100U);
+  // The log of one that somebody took away is not kept.
+  fs::remove(aside + "-wal");
+  fs::rename(database_, folder_ / "away");
+  Start();
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(ReadFile(aside + "-wal"), "");
+}
+
 TEST_F(PromisesTest, AFileWithoutItsHeadIsSetAside) {
   Start();
   for (int i = 0; i < 100; ++i) SendSurely(PageTurn(0, i));
@@ -891,6 +956,26 @@ TEST_F(PromisesTest, ABrokenPageCostsItsOwnRecordsAlone) {
   EXPECT_THAT(visits, testing::Each(testing::Pair(testing::_, testing::Le(100))));
 }
 
+TEST_F(PromisesTest, WhatIsLockedAtTheStartIsTriedAgain) {
+  Start();
+  SendSurely(PageTurn(0, 1));
+  EXPECT_EQ(collector_->End(), 0);
+  std::vector<store::Archive> archives;
+  ASSERT_OK(store::ArchiveRecords(database_, folder_ / "archives", &archives));
+  Start();
+  collector_->Signal(SIGKILL);
+  collector_->Wait();
+  Answer(database_, "DELETE FROM archives");
+  auto somebody = std::make_unique<store::Maintenance>();
+  ASSERT_OK(store::Maintenance::Open(database_, somebody.get()));
+  Start();
+  EXPECT_TRUE(Says("older files can't be put in order"));
+  somebody.reset();
+  EXPECT_TRUE(Says("belongs to it now"));
+  EXPECT_EQ(collector_->End(), 0);
+  EXPECT_EQ(Turns().size(), 1U);
+}
+
 TEST_F(PromisesTest, ARecoveredNumberHasOneRecordOrOneReason) {
   auto writer = OpenWriter();
   store::Batch batch;
@@ -1059,6 +1144,90 @@ TEST_F(PromisesTest, ABrokenPageOfTheFirstSchemaCostsItsOwnRecordsAlone) {
   EXPECT_OK(store::Recover(database_, database, folder / "archives", &recovered));
   EXPECT_EQ(recovered.records, 6);
   EXPECT_EQ(recovered.unreadable, 0);
+}
+
+TEST_F(PromisesTest, ABrokenFileOfTheFirstSchemaIsKeptAndHoldsUpNothing) {
+  constexpr std::int64_t kLast = 312;
+  constexpr std::int64_t kMostInPage = 40;
+  struct Case {
+    const char* name;
+    const char* file;
+    bool is_begun;  // the upgrade, when the damage happens
+    void (*harm)(std::string* bytes, std::size_t page);
+  };
+  const auto type_byte = [](std::string* bytes, std::size_t page) { (*bytes)[page] = '\x55'; };
+  // SQLite passes over such rows without a word.
+  const auto pointers = [](std::string* bytes, std::size_t page) {
+    bytes->replace(page + 12, 8, 8, '\0');
+  };
+  const char* const archive = "archives/records-20261125T033943Z-1-6.db.zst";
+  const Case cases[] = {
+      {"a page", "records.db.schema-1", true, type_byte},
+      {"rows", "records.db.schema-1", true, pointers},
+      {"a page of an archive", archive, true, type_byte},
+      {"rows of an archive", archive, true, pointers},
+      {"a page, before the upgrade", "records.db", false, type_byte},
+      {"rows, before the upgrade", "records.db", false, pointers},
+      {"a page, while nothing else is there", "records.db.schema-1", false, type_byte},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const auto& file : fs::directory_iterator(folder_.path())) fs::remove_all(file);
+    CopyFirstSchema(folder_.path());
+    Answer(database_,
+           "WITH RECURSIVE n(i) AS (VALUES(13) UNION ALL SELECT i + 1 FROM n WHERE i < " +
+               std::to_string(kLast) +
+               ") INSERT INTO records SELECT i, received_ms, pid, uid, type, event, timestamp_ms, "
+               "fields, raw FROM n, records WHERE id = 12");
+    const std::string file = folder_ / c.file;
+    if (c.is_begun) {
+      EXPECT_OK(OpenWriter()->Finish());
+    }
+    if (!fs::exists(file)) fs::rename(database_, file);
+    const std::string plain = folder_ / "plain";
+    const bool is_archive = file == folder_ / archive;
+    if (is_archive) {
+      ASSERT_OK(store::UnpackArchive(file, plain));
+    }
+    std::string bytes = ReadFile(is_archive ? plain : file);
+    const char* const event = is_archive ? "AddNoteEvent" : "ChangePageEvent";
+    c.harm(&bytes, bytes.find(event) / 4096 * 4096);
+    WriteFile(is_archive ? plain : file, bytes);
+    if (is_archive) {
+      fs::remove(file);
+      ASSERT_OK(store::CompressFile(plain, file));
+    }
+
+    Start();
+    SendSurely(PageTurn(0, 1));
+    EXPECT_TRUE(Says("is kept as"));
+    EXPECT_TRUE(Eventually(
+        [this] { return Number("SELECT count(*) FROM archives WHERE schema = 1") == 0; }));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(std::ranges::count(collector_->Err(), '\n'), 3) << collector_->Err();
+    const auto is_aside = [](const auto& each) {
+      return each.path().string().find(".damaged-") != std::string::npos &&
+             each.path().string().find("-wal") == std::string::npos &&
+             each.path().string().find("-shm") == std::string::npos;
+    };
+    EXPECT_EQ(std::ranges::count_if(fs::directory_iterator(folder_.path()), is_aside), 1);
+    EXPECT_FALSE(fs::exists(file) && file != database_);
+    const auto expect_all = [&] {
+      ExpectOneOfEach(database_);
+      const std::string known = std::to_string(kLast);
+      EXPECT_EQ(static_cast<std::int64_t>(RecordsIn(database_, kLast).size()) +
+                    Number("SELECT coalesce(sum(last_record - first_record + 1), 0) FROM missing "
+                           "WHERE reason = 'unreadable' AND last_record <= " +
+                           known),
+                kLast);
+      EXPECT_EQ(Answer(database_, "SELECT count(*) FROM change_page"), "1");
+    };
+    if (c.is_begun) expect_all();
+    const ProgramResult result = Recover();
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    expect_all();
+    EXPECT_GE(static_cast<std::int64_t>(RecordsIn(database_, kLast).size()), kLast - kMostInPage);
+  }
 }
 
 TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {

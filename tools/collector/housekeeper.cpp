@@ -13,13 +13,14 @@
 #include "tools/store/archive.h"
 #include "tools/store/reader.h"
 #include "tools/store/recover.h"
+#include "tools/store/schema.h"
 #include "tools/store/upgrade.h"
 
 namespace velmora::usage_stat::collector {
 
 namespace {
 
-// When what failed is tried again.
+// When what failed is tried again, at first.
 constexpr std::chrono::seconds kRetry{10};
 
 constexpr std::chrono::minutes kRotationPause{1};
@@ -27,6 +28,32 @@ constexpr std::chrono::minutes kRotationPause{1};
 // How often age is looked at, and the whole file.
 constexpr std::chrono::hours kAgeRound{6};
 constexpr std::chrono::hours kCheckRound{24};
+
+// When something is due that may fail for a moment or for ever: then it is tried again, but less
+// and less often.
+class Due {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  bool is_now() const { return Clock::now() >= next_; }
+  Clock::time_point next() const { return next_; }
+  void Begin() {
+    pause_ = kRetry;
+    next_ = Clock::now();
+  }
+  void End(Clock::time_point again = Clock::time_point::max()) {
+    pause_ = kRetry;
+    next_ = again;
+  }
+  void Fail() {
+    next_ = Clock::now() + pause_;
+    pause_ = std::min<std::chrono::seconds>(2 * pause_, kAgeRound);
+  }
+
+ private:
+  std::chrono::seconds pause_ = kRetry;
+  Clock::time_point next_ = Clock::time_point::max();
+};
 
 }  // namespace
 
@@ -86,10 +113,12 @@ void Housekeeper::Run() {
   const std::int64_t look_after =
       std::max<std::int64_t>(retention_.max_bytes / 64, std::int64_t{64} * 1024);
   const bool has_retention = retention_.keep_days > 0 || limits_size();
-  auto next_age = Clock::time_point::max();
+  Due preparing;
+  Due age;
   auto next_check = Clock::now() + kCheckRound;
   auto next_try = Clock::time_point::max();
   bool is_rotation_due = false;
+  bool is_adoption_due = false;
   std::unique_lock lock(mutex_);
   const auto has_work = [&] {
     return is_ending_ || is_opened_ || is_rotation_wanted_ ||
@@ -97,8 +126,8 @@ void Housekeeper::Run() {
   };
   // A check that is due is not put off: after an end in order nobody would look again.
   while (!is_ending_ || is_rotation_wanted_ || is_check_wanted_) {
-    auto next = std::min(next_check, next_try);
-    if (has_retention) next = std::min(next, next_age);
+    auto next = std::min({next_check, next_try, preparing.next()});
+    if (has_retention) next = std::min(next, age.next());
     wake_.wait_until(lock, next, has_work);
     const bool is_opened = std::exchange(is_opened_, false);
     database_ = opened_;
@@ -111,12 +140,23 @@ void Housekeeper::Run() {
     }
     lock.unlock();
     next_try = Clock::time_point::max();
-    if (is_opened) Prepare(is_check_due);
+    if (is_opened) {
+      is_adoption_due |= is_check_due;
+      preparing.Begin();
+      age.Begin();
+    }
+    if (preparing.is_now()) {
+      const bool is_done = Prepare(is_adoption_due);
+      if (is_done) is_adoption_due = false;
+      is_done ? preparing.End() : preparing.Fail();
+    }
     if (is_rotation_due) is_rotation_due = !Rotate();
     if (is_rotation_due) next_try = std::max(next_rotation_, Clock::now() + kRetry);
-    const bool is_age_due = is_opened || Clock::now() >= next_age;
-    if (has_retention && (is_full || is_age_due)) Retain(is_age_due);
-    if (is_age_due) next_age = Clock::now() + kAgeRound;
+    const bool is_age_due = age.is_now();
+    if (has_retention && (is_full || is_age_due)) {
+      const bool is_done = Retain(is_age_due);
+      if (is_age_due) is_done ? age.End(Clock::now() + kAgeRound) : age.Fail();
+    }
     if (is_check_due) {
       Check();
       next_check = Clock::now() + kCheckRound;
@@ -126,23 +166,26 @@ void Housekeeper::Run() {
   }
 }
 
-void Housekeeper::Prepare(bool check) {
+bool Housekeeper::Prepare(bool adopt) {
+  std::vector<std::string> adopted;
+  std::vector<std::string> problems;
+  std::vector<std::string> damages;
   base::Status status = store::FinishArchives(database_path_);
-  if (status.ok()) {
-    status =
-        store::GoOnUpgrading(database_path_, archive_directory_, [this] { return IsEnding(); });
-  }
-  if (status.ok() && check) {
-    std::vector<std::string> adopted;
-    std::vector<std::string> problems;
+  if (status.ok() && adopt) {
     status = store::AdoptArchives(database_path_, archive_directory_, &adopted, &problems);
-    for (const std::string& path : adopted) Tell("the archive " + path + " belongs to it now");
-    // There may be any number of strangers' files.
-    Flood flood;
-    for (const std::string& problem : problems) flood.Tell("an archive is left aside: " + problem);
-    flood.Flush();
   }
+  if (status.ok()) {
+    status = store::GoOnUpgrading(
+        database_path_, archive_directory_, [this] { return IsEnding(); }, &damages);
+  }
+  for (const std::string& path : adopted) Tell("the archive " + path + " belongs to it now");
+  for (const std::string& damage : damages) Tell(damage);
+  // There may be any number of strangers' files.
+  Flood flood;
+  for (const std::string& problem : problems) flood.Tell("an archive is left aside: " + problem);
+  flood.Flush();
   Handle(status, "older files can't be put in order", &preparing_trouble_);
+  return status.ok();
 }
 
 bool Housekeeper::Rotate() {
@@ -155,34 +198,36 @@ bool Housekeeper::Rotate() {
   return status.ok();
 }
 
-void Housekeeper::Retain(bool by_age) {
+bool Housekeeper::Retain(bool by_age) {
   // At the first start there is nothing to delete from yet.
   std::error_code unknown;
   const auto found = std::filesystem::status(database_path_, unknown).type();
-  if (found == std::filesystem::file_type::not_found) return;
+  if (found == std::filesystem::file_type::not_found) return true;
   store::Retention due = retention_;
   if (!by_age) due.keep_days = 0;
-  Handle(store::ApplyRetention(database_path_, due), "cannot delete old records",
-         &retention_trouble_);
+  const base::Status status = store::ApplyRetention(database_path_, due);
+  Handle(status, "cannot delete old records", &retention_trouble_);
+  return status.ok();
 }
 
 // A look at every page, in a connection of its own: what is damaged is found before it is needed.
 void Housekeeper::Check() {
   std::unique_ptr<store::Reader> reader;
-  std::string verdict = "ok";
   base::Status status = store::Reader::Open(database_path_, &reader);
-  if (status.ok()) status = reader->connection().Read("PRAGMA quick_check(1)", &verdict);
+  if (status.ok()) status = store::CheckPages(&reader->connection());
   reader.reset();
-  if (status.ok() && verdict != "ok") status = {SQLITE_CORRUPT, verdict};
   if (store::IsDamage(status)) TellDamage(status);
 }
 
 void Housekeeper::Handle(const base::Status& status, const char* what, Trouble* trouble) {
   if (status.ok()) return trouble->Over();
   if (store::IsDamage(status)) return TellDamage(status);
-  // Rows that the tables don't allow are damage, too; the check says so.
-  if ((status.code & 0xff) == SQLITE_CONSTRAINT) Check();
-  trouble->Met(std::string(what) + ": " + status.message);
+  const bool begins = trouble->Met(std::string(what) + ": " + status.message);
+  // Rows that the tables don't allow are damage, too, and where a page tells of pages that no file
+  // has, SQLite says that the disk is full: a check tells. One that is full is not worth many.
+  const int code = status.code & 0xff;
+  const bool may_be_full = code == SQLITE_FULL || code == SQLITE_IOERR;
+  if (code == SQLITE_CONSTRAINT || (begins && may_be_full)) Check();
 }
 
 void Housekeeper::TellDamage(const base::Status& status) {

@@ -50,10 +50,12 @@ class Housekeeper {
   using Clock = std::chrono::steady_clock;
 
   void Run();
-  void Prepare(bool check);
+  // False when there is something left to do.
+  bool Prepare(bool adopt);
   // False when there is still something to archive.
   bool Rotate();
-  void Retain(bool by_age);
+  // False when not all could be deleted.
+  bool Retain(bool by_age);
   void Check();
   // Tells of a failure, and of damage to whom it concerns.
   void Handle(const base::Status& status, const char* what, Trouble* trouble);

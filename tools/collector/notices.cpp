@@ -37,9 +37,9 @@ void Flood::Flush() {
   left_out_ = 0;
 }
 
-void Trouble::Met(const std::string& line) {
+bool Trouble::Met(const std::string& line) {
   if (!is_on_) Tell(line);
-  is_on_ = true;
+  return !std::exchange(is_on_, true);
 }
 
 void Trouble::Over() {

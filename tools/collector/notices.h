@@ -34,7 +34,8 @@ class Flood {
 class Trouble {
  public:
   explicit Trouble(std::string over) : over_(std::move(over)) {}
-  void Met(const std::string& line);
+  // Returns whether it begins.
+  bool Met(const std::string& line);
   void Over();
 
  private:
