@@ -9,11 +9,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
 #include <map>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -408,9 +406,7 @@ void ClearLog(const std::string& target) {
   const std::string log = target + "-wal";
   const std::string beginning = target + ".damaged-";
   std::int64_t latest_ms = 0;
-  std::error_code error;
-  for (const auto& file : std::filesystem::directory_iterator(FolderOf(target), error)) {
-    const std::string path = file.path();
+  for (const std::string& path : FilesIn(FolderOf(target))) {
     if (!path.starts_with(beginning)) continue;
     const auto time_ms =
         base::ParseWhole<std::int64_t>(std::string_view(path).substr(beginning.size()));
