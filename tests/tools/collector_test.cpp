@@ -329,7 +329,7 @@ TEST_F(CollectorTest, WaitsForALockedDatabase) {
   ExpectPageTurns(0, 1, 2);
 
   // What is held has a bound in number and in bytes; some more waits in the socket.
-  for (const auto& [size, most] : {std::pair(10, 2'100), std::pair(100'000, 40)}) {
+  for (const auto& [size, most] : {std::pair<std::size_t, int>(10, 2'100), {100'000, 40}}) {
     ASSERT_TRUE(other.Execute("BEGIN IMMEDIATE").ok());
     int held = 0;
     while (held < 10'000 && Send(std::string(size, 'x')) == 0) ++held;

@@ -1160,10 +1160,12 @@ TEST_F(PromisesTest, ABrokenFileOfTheFirstSchemaIsKeptAndHoldsUpNothing) {
   const auto pointers = [](std::string* bytes, std::size_t page) {
     bytes->replace(page + 12, 8, 8, '\0');
   };
+  const auto mark = [](std::string* bytes, std::size_t) { (*bytes)[68] = '\0'; };
   const char* const archive = "archives/records-20261125T033943Z-1-6.db.zst";
   const Case cases[] = {
       {"a page", "records.db.schema-1", true, type_byte},
       {"rows", "records.db.schema-1", true, pointers},
+      {"the mark in its head", "records.db.schema-1", true, mark},
       {"a page of an archive", archive, true, type_byte},
       {"rows of an archive", archive, true, pointers},
       {"a page, before the upgrade", "records.db", false, type_byte},

@@ -155,7 +155,6 @@ void Collector::KeepAll() {
   while (intake_.Take(&datagrams)) {
     const store::Batch batch = sorter_->Sort(&datagrams);
     if (!options_.store) continue;
-    HandleDamage();
     // Without datagrams too: a file that lost its name is looked at before it is needed.
     Commit(batch, static_cast<std::int64_t>(datagrams.size()));
     if (sorter_->TakeRotationRequest()) housekeeper_->RequestRotation();
@@ -165,6 +164,7 @@ void Collector::KeepAll() {
 void Collector::Commit(const store::Batch& batch, std::int64_t datagrams) {
   constexpr std::chrono::milliseconds kLongestPause{1000};
   for (std::chrono::milliseconds pause{20};; pause = std::min(2 * pause, kLongestPause)) {
+    HandleDamage();
     base::Status status;
     if (!writer_) status = OpenDatabase();
     if (status.ok()) status = writer_->Commit(batch);
@@ -178,9 +178,11 @@ void Collector::Commit(const store::Batch& batch, std::int64_t datagrams) {
     }
     if (!status.ok()) {
       const bool names_it = status.message.find(options_.database_path) != std::string::npos;
-      trouble_.Met("cannot write the database" +
-                   (names_it ? std::string() : " " + options_.database_path) + ": " +
-                   status.message + "; nothing more is received until it can be written");
+      const bool begins = trouble_.Met(
+          "cannot write the database" + (names_it ? std::string() : " " + options_.database_path) +
+          ": " + status.message + "; nothing more is received until it can be written");
+      if (begins && store::MayHideDamage(status)) housekeeper_->RequestCheck();
+      if (datagrams == 0) return;  // the next one tries again
     }
     if (is_stopping_ && Clock::now() >= stop_by_.load()) {
       lost_ += datagrams;

@@ -89,6 +89,12 @@ void Housekeeper::RequestRotation() {
   wake_.notify_one();
 }
 
+void Housekeeper::RequestCheck() {
+  const std::lock_guard lock(mutex_);
+  is_check_wanted_ = true;
+  wake_.notify_one();
+}
+
 void Housekeeper::Committed(std::int64_t bytes) {
   if (!limits_size()) return;
   const std::int64_t look_after =
@@ -121,7 +127,7 @@ void Housekeeper::Run() {
   bool is_adoption_due = false;
   std::unique_lock lock(mutex_);
   const auto has_work = [&] {
-    return is_ending_ || is_opened_ || is_rotation_wanted_ ||
+    return is_ending_ || is_opened_ || is_rotation_wanted_ || is_check_wanted_ ||
            (limits_size() && committed_bytes_ >= look_after);
   };
   // A check that is due is not put off: after an end in order nobody would look again.
@@ -145,11 +151,7 @@ void Housekeeper::Run() {
       preparing.Begin();
       age.Begin();
     }
-    if (preparing.is_now()) {
-      const bool is_done = Prepare(is_adoption_due);
-      if (is_done) is_adoption_due = false;
-      is_done ? preparing.End() : preparing.Fail();
-    }
+    if (preparing.is_now()) Prepare(&is_adoption_due) ? preparing.End() : preparing.Fail();
     if (is_rotation_due) is_rotation_due = !Rotate();
     if (is_rotation_due) next_try = std::max(next_rotation_, Clock::now() + kRetry);
     const bool is_age_due = age.is_now();
@@ -166,13 +168,14 @@ void Housekeeper::Run() {
   }
 }
 
-bool Housekeeper::Prepare(bool adopt) {
+bool Housekeeper::Prepare(bool* is_adoption_due) {
   std::vector<std::string> adopted;
   std::vector<std::string> problems;
   std::vector<std::string> damages;
   base::Status status = store::FinishArchives(database_path_);
-  if (status.ok() && adopt) {
+  if (status.ok() && *is_adoption_due) {
     status = store::AdoptArchives(database_path_, archive_directory_, &adopted, &problems);
+    *is_adoption_due = !status.ok();
   }
   if (status.ok()) {
     status = store::GoOnUpgrading(
@@ -223,16 +226,14 @@ void Housekeeper::Handle(const base::Status& status, const char* what, Trouble* 
   if (status.ok()) return trouble->Over();
   if (store::IsDamage(status)) return TellDamage(status);
   const bool begins = trouble->Met(std::string(what) + ": " + status.message);
-  // Rows that the tables don't allow are damage, too, and where a page tells of pages that no file
-  // has, SQLite says that the disk is full: a check tells. One that is full is not worth many.
-  const int code = status.code & 0xff;
-  const bool may_be_full = code == SQLITE_FULL || code == SQLITE_IOERR;
-  if (code == SQLITE_CONSTRAINT || (begins && may_be_full)) Check();
+  // Rows that the tables don't allow are damage, too: a check tells. A disk that is full is not
+  // worth many.
+  const bool is_constraint = (status.code & 0xff) == SQLITE_CONSTRAINT;
+  if (is_constraint || (begins && store::MayHideDamage(status))) Check();
 }
 
 void Housekeeper::TellDamage(const base::Status& status) {
-  // A check tells more than one line: the last says what is wrong where.
-  on_damage_({status.message.substr(status.message.rfind('\n') + 1), database_});
+  on_damage_({status.message, database_});
 }
 
 }  // namespace velmora::usage_stat::collector

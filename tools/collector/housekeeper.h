@@ -42,6 +42,9 @@ class Housekeeper {
   // archive are served together after it: an application gone wild must not make a file for each.
   void RequestRotation();
 
+  // Asks for a look at every page.
+  void RequestCheck();
+
   // Tells that so many bytes were committed. Waits while deleting lags far behind: a flood must not
   // grow the database without bound.
   void Committed(std::int64_t bytes);
@@ -50,8 +53,8 @@ class Housekeeper {
   using Clock = std::chrono::steady_clock;
 
   void Run();
-  // False when there is something left to do.
-  bool Prepare(bool adopt);
+  // False when there is something left to do; also of the adoption of archives, should that be due.
+  bool Prepare(bool* is_adoption_due);
   // False when there is still something to archive.
   bool Rotate();
   // False when not all could be deleted.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <numeric>
 #include <string_view>
 #include <utility>
@@ -214,6 +215,9 @@ int CommandLine::Run(int argc, const char* const* argv) {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app_->exit(error) == 0 ? kOk : kUsage;
+  } catch (const std::bad_alloc&) {  // words of one's own take memory, too
+    (void)std::fputs("there is not enough memory\n", stderr);
+    return kFailed;
   } catch (const std::exception& error) {
     return Complain(app_->get_name(), error.what());
   }

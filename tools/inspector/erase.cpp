@@ -61,6 +61,7 @@ int Run(Options* options) {
       options->yes
           ? store::Erase(options->database, options->query, options->directory, &erased)
           : store::CountErasable(options->database, options->query, options->directory, &erased);
+  for (const std::string& damage : erased.damages) Complain(kOk, damage);
   const char* verb = options->yes ? "erased" : "to be erased";
   Print("{} {}\n", base::Plural(erased.records, "record"), verb);
   if (erased.quarantined > 0) {

@@ -130,8 +130,8 @@ Status Complete(Connection* connection, const Archive& archive) {
       "UPDATE archives SET records = max(records - " + std::to_string(archive.records) +
       ", 0), first_record = " + std::to_string(archive.last_record + 1) +
       " WHERE schema = 1 AND state = '" + std::string(NameOf(ArchiveState::kComplete)) +
-      "' AND first_record BETWEEN " + std::to_string(archive.first_record) + " AND " +
-      std::to_string(archive.last_record)));
+      "' AND first_record <= " + std::to_string(archive.last_record) +
+      " AND last_record >= " + std::to_string(archive.first_record)));
   RETURN_IF_ERROR(AddOwnRecord(connection, &event));
   return transaction.Commit();
 }

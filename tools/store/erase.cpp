@@ -366,7 +366,10 @@ Status Erase(const std::string& database_path, const Query& query, const std::st
   const std::string usual = DefaultArchiveDirectory(database_path);
   // What no database lists, or only as a file of the first schema, is looked through like the rest;
   // what fails here goes whole.
-  (void)WhenFree([&] { return GoOnUpgrading(database_path, usual, [] { return false; }); });
+  (void)WhenFree([&] {
+    return GoOnUpgrading(
+        database_path, usual, [] { return false; }, &erased->damages);
+  });
   for (const std::string& folder : {usual, directory}) {
     std::vector<std::string> adopted;
     std::vector<std::string> problems;

@@ -19,6 +19,8 @@ struct Erased {
   // any more: damaged databases that were set aside, archives that can't be read, and archives that
   // hold a match and can't be listed.
   std::vector<std::string> files;
+  // Of files that were found damaged meanwhile and are kept, a line each.
+  std::vector<std::string> damages;
 };
 
 // What Erase() would take, and nothing happens.

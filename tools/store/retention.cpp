@@ -12,6 +12,7 @@
 #include "tools/store/archive.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/numbers.h"
 
 namespace velmora::usage_stat::store {
 
@@ -51,7 +52,7 @@ class ClockHistory {
 
   std::int64_t now_ms_ = 0;
   std::vector<Mark> marks_;
-  std::vector<Span> before_it_was_set_;
+  NumberSet before_it_was_set_;
 };
 
 // Runs, archives and steps are few beside the records, and stay when those are deleted. Of an
@@ -84,7 +85,7 @@ Status ClockHistory::Read(Connection* connection, std::int64_t now_ms) {
       "WHERE abs(step_ms) > ?",
       &select));
   select.Bind(1, kDayMs);
-  while (select.Step()) before_it_was_set_.push_back({select.Int(0), select.Int(1)});
+  while (select.Step()) before_it_was_set_.Add(select.Int(0), select.Int(1));
   return select.status();
 }
 
@@ -97,9 +98,7 @@ bool ClockHistory::Believes(std::int64_t record, std::int64_t time_ms,
   if (time_ms < kEarliestMs || time_ms > now_ms_) return false;
   const bool is_in_order = time_ms >= *latest_ms - kDayMs;
   *latest_ms = std::max(*latest_ms, time_ms);
-  return is_in_order && std::ranges::none_of(before_it_was_set_, [record](const Span& span) {
-           return record >= span.first && record <= span.last;
-         });
+  return is_in_order && !before_it_was_set_.Contains(record);
 }
 
 // What is too old.
@@ -229,6 +228,8 @@ Status Retainer::FindLastOld(const std::string& sql, const Age& age, std::int64_
       if (is_believed && time_ms < age.before_ms) *last = after;
     }
     RETURN_IF_ERROR(select.status());
+    // What comes behind is young, or not to be believed.
+    if (latest_ms >= age.before_ms + kDayMs) break;
   }
   return {};
 }

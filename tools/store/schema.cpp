@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <string_view>
@@ -315,7 +316,14 @@ Status MakeReady(Connection* connection) {
 Status CheckPages(Connection* connection) {
   std::string verdict;
   RETURN_IF_ERROR(connection->Read("PRAGMA quick_check(1)", &verdict));
-  return verdict == "ok" ? Status() : Status{SQLITE_CORRUPT, verdict};
+  // It may tell more than one line: the last says what is wrong where.
+  return verdict == "ok" ? Status()
+                         : Status{SQLITE_CORRUPT, verdict.substr(verdict.rfind('\n') + 1)};
+}
+
+bool MayHideDamage(const Status& status) {
+  const int code = status.code & 0xff;
+  return code == SQLITE_FULL || code == SQLITE_IOERR;
 }
 
 Status CauseOf(Connection* connection, const Status& status) {
@@ -404,15 +412,16 @@ Status SetAside(const std::string& path, std::string* moved_path) {
 
 void ClearLog(const std::string& target) {
   const std::string log = target + "-wal";
-  const std::string beginning = target + ".damaged-";
+  const std::string beginning = std::filesystem::path(target).filename().string() + ".damaged-";
   std::int64_t latest_ms = 0;
   for (const std::string& path : FilesIn(FolderOf(target))) {
-    if (!path.starts_with(beginning)) continue;
+    const std::string name = std::filesystem::path(path).filename();
+    if (!name.starts_with(beginning)) continue;
     const auto time_ms =
-        base::ParseWhole<std::int64_t>(std::string_view(path).substr(beginning.size()));
+        base::ParseWhole<std::int64_t>(std::string_view(name).substr(beginning.size()));
     latest_ms = std::max(latest_ms, time_ms.value_or(0));
   }
-  const std::string aside = beginning + std::to_string(latest_ms);
+  const std::string aside = target + ".damaged-" + std::to_string(latest_ms);
   struct stat status {};
   // What was written to later is another one's.
   const bool is_its =

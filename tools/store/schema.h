@@ -50,6 +50,10 @@ Status CheckInUse(const std::string& path, const Connection& connection);
 // Looks at every page; IsDamage() tells what is wrong.
 Status CheckPages(Connection* connection);
 
+// Whether a failure of the disk may be one of the file: where a page tells of pages that no file
+// has, SQLite says that the disk is full. CheckPages() tells.
+bool MayHideDamage(const Status& status);
+
 // Why writing to a database failed with `status`, which is returned when it is that. IsDamage()
 // when rows are there that the tables don't allow, or the tables are other ones: then what comes
 // in, which would be tried for ever, is not at fault.

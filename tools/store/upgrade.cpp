@@ -18,6 +18,7 @@
 #include "tools/store/maintenance.h"
 #include "tools/store/pages.h"
 #include "tools/store/reader.h"
+#include "tools/store/recover.h"
 #include "tools/store/schema.h"
 #include "tools/store/zstd_file.h"
 
@@ -176,8 +177,10 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // Opens a file and looks at every page of it: records that a broken page hides would not be missed.
 Status OpenSound(const std::string& path, std::unique_ptr<Reader>* reader) {
-  RETURN_IF_ERROR(Reader::Open(path, reader));
-  return CheckPages(&(*reader)->connection());
+  Status status = Reader::Open(path, reader);
+  if (status.ok()) return CheckPages(&(*reader)->connection());
+  const bool has_lost_its_head = !IsDamage(status) && !IsArchive(path) && HoldsRecords(path);
+  return has_lost_its_head ? Status{SQLITE_NOTADB, "the head of the file is damaged"} : status;
 }
 
 // Moves the rows of the file that `reader` reads; the records up to number `reached` are in
@@ -229,6 +232,7 @@ Status Keep(Maintenance* maintenance, const Archive& old, const Status& damage,
   const std::string path = LocateArchive(maintenance->path, old);
   const std::string kept = KeptPath(*maintenance, old);
   RETURN_IF_ERROR(IsArchive(path) ? UnpackAside(path, kept) : MoveWithLog(path, kept));
+  RETURN_IF_ERROR(SyncFolder(FolderOf(kept)));
   Transaction transaction(&maintenance->connection);
   RETURN_IF_ERROR(transaction.Begin());
   RETURN_IF_ERROR(
@@ -236,10 +240,8 @@ Status Keep(Maintenance* maintenance, const Archive& old, const Status& damage,
   RETURN_IF_ERROR(NoteOthers(&maintenance->connection, old.first_record, old.last_record,
                              Absence::kUnreadable));
   RETURN_IF_ERROR(transaction.Commit());
-  const std::string& what = damage.message;
   if (damages) {
-    damages->push_back(path + " is damaged (" + what.substr(what.rfind('\n') + 1) +
-                       "): it is kept as " + kept +
+    damages->push_back(path + " is damaged (" + damage.message + "): it is kept as " + kept +
                        "; usage-stat recover may save what it still holds");
   }
   return {};
@@ -251,8 +253,8 @@ Status MoveFile(Maintenance* maintenance, const std::string& directory, const Ar
   const std::string path = LocateArchive(maintenance->path, old);
   const Status found_before{SQLITE_CORRUPT, "as was found before"};
   if (!Exists(path)) {  // as was begun before
-    if (old.records == 0) return Forget(maintenance, old);
     if (Exists(KeptPath(*maintenance, old))) return Keep(maintenance, old, found_before, damages);
+    if (old.records == 0) return Forget(maintenance, old);
   }
   std::unique_ptr<Reader> reader;
   std::int64_t reached = 0;
