@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
@@ -16,6 +15,7 @@
 #include "tools/store/file.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/numbers.h"
 #include "tools/store/pages.h"
 #include "tools/store/reader.h"
 #include "tools/store/recover.h"
@@ -55,14 +55,12 @@ Status Settle(const std::string& path) {
 // Notes the numbers from `first` to `last` that no archive has.
 Status NoteOthers(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
   std::vector<Archive> archives;
+  NumberSet held;
   RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
   for (const Archive& each : archives) {
-    if (each.records == 0 || each.last_record < first) continue;
-    const std::int64_t before = std::min(each.first_record - 1, last);
-    if (first <= before) RETURN_IF_ERROR(NoteMissing(connection, first, before, reason));
-    first = each.last_record + 1;
+    if (each.records > 0) held.Add(each.first_record, each.last_record);
   }
-  return first <= last ? NoteMissing(connection, first, last, reason) : Status();
+  return NoteMissing(connection, held.Others(first, last), reason);
 }
 
 // Lists the old database in the new one: as an archive, with counts as if its rows had been moved.
