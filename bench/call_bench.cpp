@@ -13,6 +13,7 @@
 #include "bench/harness.h"
 #include "bench/messages.h"
 #include "bench/peers.h"
+#include "src/usage_stat_client/statistics_client.h"
 #include "tests/support/receiver.h"
 
 namespace {
@@ -44,7 +45,8 @@ bench::Sender SendingAlone(const std::string& bytes) {
   return {"of it: sending", [bytes] {
             velmora::utilities::MessageClient client;
             const std::string name = std::string("\0x\0", 3);
-            Check(client.Init(name.data(), static_cast<unsigned>(name.size()), 102400));
+            Check(client.Init(name.data(), static_cast<unsigned>(name.size()),
+                              velmora::usage_stat::kLargestStatisticsMessage));
             Check(client.SendMessage(bytes.data(), static_cast<unsigned>(bytes.size())));
           }};
 }

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 #include "tests/faults/killed_at_write.h"
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
+#include "tools/base/system.h"
 #include "tools/store/reader.h"
 #include "tools/store/recover.h"
 #include "tools/store/schema.h"
@@ -51,16 +51,12 @@ class CollectorKillTest : public testing::Test {
 
   // Whether the living collector has taken `bytes`.
   bool Send(const KilledAtWrite& collector, const std::string& bytes) const {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    endpoint_.copy(address.sun_path + 1, endpoint_.size());
-    const auto length =
-        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + endpoint_.size() + 2);
+    const auto address = usage_stat::base::AddressOf(endpoint_);
     const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     bool is_sent = false;
     while (!is_sent && collector.is_alive()) {
-      is_sent = sendto(descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT,
-                       reinterpret_cast<const sockaddr*>(&address), length) >= 0;
+      is_sent = sendto(descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT, address->get(),
+                       address->length) >= 0;
       if (!is_sent) usleep(100);
     }
     close(descriptor);

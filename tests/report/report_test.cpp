@@ -15,13 +15,13 @@
 #include "src/events/events.h"
 #include "tests/support/run_program.h"
 #include "tests/tools/store_fixture.h"
+#include "tools/base/system.h"
 #include "tools/report/figures.h"
 #include "tools/report/html.h"
 #include "tools/report/page.h"
 #include "tools/report/record_counter.h"
 #include "tools/report/summary.h"
 #include "tools/store/archive.h"
-#include "tools/store/file.h"
 
 namespace velmora::usage_stat::report {
 namespace {
@@ -108,7 +108,7 @@ class ReportTest : public usage_stat_test::StoreTest {
 
   store::Status Read(Range range, Summary* summary) {
     std::unique_ptr<store::History> history;
-    if (auto status = store::History::Open(database_, &history); !status.ok()) return status;
+    RETURN_IF_ERROR(store::History::Open(database_, &history));
     return ReadSummary(history.get(), range, options_, summary);
   }
 
@@ -254,7 +254,7 @@ TEST_F(ReportTest, SamplesAreMadeOnceAndAlikeAndOverwriteNothing) {
     std::unique_ptr<store::Reader> reader;
     ASSERT_OK(store::Reader::Open(made[i], &reader));
     store::Query before_today;
-    before_today.until_ms = BeginOf(LocalClock().At(store::NowMs()).day);
+    before_today.until_ms = BeginOf(LocalClock().At(base::NowMs()).day);
     ASSERT_OK(
         reader->ForEach(before_today, [&](const store::RecordRow&) { return ++records[i] > 0; }));
   }

@@ -25,6 +25,7 @@
 
 #include "common_utilities/message_client.h"
 #include "src/events/reading_events.h"
+#include "src/usage_stat_client/statistics_client.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/receiver.h"
@@ -141,7 +142,7 @@ class Sender {
     while (shared_->count < limit) {
       const std::string message = PageTurn(index, shared_->count);
       velmora::utilities::MessageClient client;
-      client.Init("unused", 6, 102400);
+      client.Init("unused", 6, velmora::usage_stat::kLargestStatisticsMessage);
       const int error = client.SendMessage(message.data(), static_cast<unsigned>(message.size()));
       if (error == 0) {
         ++shared_->count;

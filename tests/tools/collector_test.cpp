@@ -19,12 +19,14 @@
 #include "tests/support/child.h"
 #include "tests/support/device_root.h"
 #include "tests/support/sample_records.h"
+#include "tools/base/system.h"
 #include "tools/store/reader.h"
 #include "tools/store/schema.h"
 
 namespace usage_stat_test {
 namespace {
 
+namespace base = velmora::usage_stat::base;
 namespace store = velmora::usage_stat::store;
 namespace usage_stat = velmora::usage_stat;
 using nlohmann::json;
@@ -62,18 +64,15 @@ class CollectorTest : public testing::Test {
              connection.Read("SELECT count(*) FROM runs WHERE ended_ms IS NULL", &runs).ok() &&
              runs > 0;
     }));
-    address_.sun_family = AF_UNIX;
-    std::copy(collector_->endpoint().begin(), collector_->endpoint().end(), address_.sun_path + 1);
-    length_ =
-        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + collector_->endpoint().size() + 2);
+    address_ = base::AddressOf(collector_->endpoint());
   }
 
   // 0 or the errno value. A full collector is waited for for a moment.
   int Send(const std::string& bytes) const {
-    return sendto(socket_, bytes.data(), bytes.size(), 0, address(), length_) < 0 ? errno : 0;
+    return sendto(socket_, bytes.data(), bytes.size(), 0, address_->get(), address_->length) < 0
+               ? errno
+               : 0;
   }
-
-  const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&address_); }
 
   void SendSurely(const std::string& bytes) const {
     ASSERT_TRUE(Eventually([&] { return Send(bytes) == 0; }));
@@ -146,8 +145,7 @@ class CollectorTest : public testing::Test {
   std::string database_ = folder_ / "records.db";
   std::optional<CollectorProcess> collector_;
   const int socket_ = OpenSocket();
-  sockaddr_un address_{};
-  socklen_t length_ = 0;
+  std::optional<base::EndpointAddress> address_;
 };
 
 TEST_F(CollectorTest, ShowsKeepsAndSumsUp) {
@@ -474,8 +472,8 @@ TEST_F(CollectorTest, AccountsForMutatedDatagrams) {
   char byte = 'x';
   iovec part{&byte, 1};
   msghdr message{};
-  message.msg_name = &address_;
-  message.msg_namelen = length_;
+  message.msg_name = &address_->address;
+  message.msg_namelen = address_->length;
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   message.msg_control = control;

@@ -43,7 +43,7 @@ base::Status Collector::Start() {
   return {};
 }
 
-Summary Collector::Stop() {
+Totals Collector::Stop() {
   // The socket is shut before anybody is told: what was accepted until then is still received.
   endpoint_.Shut();
   stop_by_ = Clock::now() + kPatience;
@@ -62,11 +62,11 @@ Summary Collector::Stop() {
     }
     writer_.reset();
   }
-  Summary summary = sorter_->summary();
-  summary.lost = lost_;
+  Totals totals = sorter_->totals();
+  totals.lost = lost_;
   sorter_.reset();
   view_.reset();
-  return summary;
+  return totals;
 }
 
 base::Status Collector::OpenDatabase() {

@@ -32,7 +32,7 @@ class Collector {
   base::Status Start();
 
   // Refuses what is sent from now on, keeps all that was received, and ends the threads.
-  Summary Stop();
+  Totals Stop();
 
  private:
   // Opens the database, or begins a new one beside a damaged one.

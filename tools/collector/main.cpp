@@ -54,13 +54,13 @@ int main(int argc, char** argv) {
   collector::Tell("listens on the endpoint " + options->endpoint);
   collector::AnnounceReadiness();
   WaitForEnd(signals);
-  const collector::Summary summary = collecting.Stop();
+  const collector::Totals totals = collecting.Stop();
   collector::Tell(fmt::format("{} received, {} decoded, {} quarantined, {} refused, {} off",
-                              summary.received, summary.decoded, summary.quarantined,
-                              summary.refused, summary.off));
-  if (summary.lost > 0) {
+                              totals.received, totals.decoded, totals.quarantined, totals.refused,
+                              totals.off));
+  if (totals.lost > 0) {
     collector::Tell(fmt::format("{} datagrams are lost: the database could not be written in time",
-                                summary.lost));
+                                totals.lost));
     return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;

@@ -31,7 +31,7 @@ store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
   store::Batch batch;
   batch.records.reserve(datagrams->size());
   for (Datagram& datagram : *datagrams) {
-    ++summary_.received;
+    ++totals_.received;
     if (datagram.is_refused) {
       Refuse(datagram, &batch);
     } else if (datagram.is_off) {
@@ -51,20 +51,20 @@ store::Batch Sorter::Sort(std::vector<Datagram>* datagrams) {
 bool Sorter::TakeRotationRequest() { return std::exchange(is_rotation_requested_, false); }
 
 void Sorter::Refuse(const Datagram& datagram, store::Batch* batch) {
-  ++summary_.refused;
-  ++batch->refused[{datagram.sender.uid, "user not allowed"}];
+  ++totals_.refused;
+  ++batch->refused[{datagram.sender.uid, store::kUserNotAllowed}];
   flood_.Tell(fmt::format("refused: {} bytes from pid {} uid {}: this user may not send",
                           datagram.size, datagram.sender.pid, datagram.sender.uid));
 }
 
 // Nobody is told of single ones: the log would say when the device is used.
 void Sorter::Drop(const Datagram& datagram, store::Batch* batch) {
-  ++summary_.off;
+  ++totals_.off;
   ++batch->off[{datagram.sender.uid, ""}];
 }
 
 void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batch* batch) {
-  ++summary_.decoded;
+  ++totals_.decoded;
   if (record.type == EventFactory::kForceRotation) is_rotation_requested_ = true;
   if (view_) Show(record, datagram->sender);
   batch->records.push_back({0, datagram->received_ms, datagram->sender, record.type,
@@ -73,7 +73,7 @@ void Sorter::Keep(Datagram* datagram, const records::Record& record, store::Batc
 }
 
 void Sorter::Quarantine(Datagram* datagram, const records::Damage& damage, store::Batch* batch) {
-  ++summary_.quarantined;
+  ++totals_.quarantined;
   flood_.Tell(fmt::format("undecodable: {} bytes from pid {} uid {}: {}", datagram->size,
                           datagram->sender.pid, datagram->sender.uid, damage.reason));
   const std::size_t kept = TakeAllowance(datagram->bytes.size());

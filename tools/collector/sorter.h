@@ -18,7 +18,7 @@
 namespace velmora::usage_stat::collector {
 
 // What the collector has seen since it started.
-struct Summary {
+struct Totals {
   std::int64_t received = 0;
   std::int64_t decoded = 0;
   std::int64_t quarantined = 0;  // undecodable
@@ -38,9 +38,9 @@ class Sorter {
   // Takes the datagrams' bytes.
   store::Batch Sort(std::vector<Datagram>* datagrams);
 
-  const Summary& summary() const { return summary_; }
+  const Totals& totals() const { return totals_; }
 
-  // Whether a request to rotate the journal came in since the last call.
+  // Whether a request to rotate came in since the last call.
   bool TakeRotationRequest();
 
  private:
@@ -62,7 +62,7 @@ class Sorter {
   const Format format_;
   LiveView* const view_;
   Flood flood_;
-  Summary summary_;
+  Totals totals_;
   bool is_rotation_requested_ = false;
 };
 

@@ -167,8 +167,8 @@ void CheckClocks(store::Reader* reader, Findings* findings) {
     std::string count;
   };
   const Check checks[] = {
-      {"records lie in the future", "SELECT count(*) FROM records WHERE timestamp_ms > " +
-                                        std::to_string(store::NowMs() + 1000)},
+      {"records lie in the future",
+       "SELECT count(*) FROM records WHERE timestamp_ms > " + std::to_string(base::NowMs() + 1000)},
       {"records differ by more than a minute between sending and receiving",
        "SELECT count(*) FROM records WHERE abs(timestamp_ms - received_ms) > 60000"},
       // What the collector notes of its own work is numbered before what waits for that work to
@@ -196,7 +196,7 @@ void CheckClocks(store::Reader* reader, Findings* findings) {
 
 void CheckBalance(store::Reader* reader, Findings* findings) {
   Balance balance;
-  const base::Status status = ReadBalance(reader, store::NowMs(), &balance);
+  const base::Status status = ReadBalance(reader, base::NowMs(), &balance);
   if (!status.ok() || !balance.adds_up()) {
     findings->push_back(
         {"balance", State::kFail,

@@ -95,7 +95,7 @@ int SendBytes(const std::string& datagram) {
 // `datagram` with the time of now.
 std::string Renewed(std::string datagram) {
   constexpr std::size_t kTimestampOffset = 2;
-  auto now = static_cast<std::uint64_t>(store::NowMs());
+  auto now = static_cast<std::uint64_t>(base::NowMs());
   for (std::size_t i = 0; i < sizeof(now); ++i, now >>= 8) {
     datagram[kTimestampOffset + i] = static_cast<char>(now & 0xFF);
   }

@@ -6,13 +6,13 @@
 #include <memory>
 #include <string>
 
+#include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/selection.h"
 #include "tools/inspector/terminal.h"
 #include "tools/report/html.h"
 #include "tools/report/page.h"
 #include "tools/report/summary.h"
-#include "tools/store/file.h"
 
 namespace velmora::usage_stat::inspector {
 
@@ -33,7 +33,7 @@ int Report(const Options& options) {
   if (auto status = store::History::Open(options.database, &history); !status.ok()) {
     return Complain(kFailed, status.message);
   }
-  const std::int64_t now_ms = store::NowMs();
+  const std::int64_t now_ms = base::NowMs();
   const report::Range range =
       report::CompleteRange(options.range.since_ms, options.range.until_ms, now_ms);
   report::Summary summary;

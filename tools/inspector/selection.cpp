@@ -24,7 +24,7 @@ namespace {
 // The takers of options return what is wrong with a value; see Command::Take.
 
 std::string TakeMoment(const std::string& text, std::optional<std::int64_t>* moment) {
-  *moment = ParseMoment(text, store::NowMs());
+  *moment = ParseMoment(text, base::NowMs());
   return *moment ? "" : "no moment is called \"" + text + "\"";
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/base/system.h"
 #include "tools/base/text.h"
 #include "tools/command_line/command_line.h"
 #include "tools/inspector/balance.h"
@@ -16,7 +17,6 @@
 #include "tools/inspector/terminal.h"
 #include "tools/records/record.h"
 #include "tools/store/archive.h"
-#include "tools/store/file.h"
 
 namespace velmora::usage_stat::inspector {
 
@@ -213,7 +213,7 @@ int Run(const Options& options) {
   Balance balance;
   Sizes sizes;
   base::Status status = store::Reader::Open(options.database, &reader);
-  if (status.ok()) status = ReadBalance(reader.get(), store::NowMs(), &balance);
+  if (status.ok()) status = ReadBalance(reader.get(), base::NowMs(), &balance);
   if (status.ok()) status = ReadSizes(options.database, reader.get(), &sizes);
   if (!status.ok()) return Complain(kFailed, status.message);
   (options.output == "json" ? PrintJson : PrintText)(options, balance, sizes);

@@ -11,11 +11,11 @@
 #include <utility>
 #include <variant>
 
+#include "tools/base/system.h"
 #include "tools/command_line/command_line.h"
 #include "tools/records/record.h"
 #include "tools/report/calendar.h"
 #include "tools/sample/person.h"
-#include "tools/store/file.h"
 #include "tools/store/writer.h"
 
 using namespace velmora::usage_stat;
@@ -67,7 +67,7 @@ class BatchWriter {
                                    static_cast<std::int64_t>(datagram.size()),
                                    datagram});
     }
-    batch_.refused[{33, "user not allowed"}] = 4;
+    batch_.refused[{33, store::kUserNotAllowed}] = 4;
   }
 
   void Commit() {
@@ -89,13 +89,13 @@ int Fail(const std::string& message) { return Complain("usage-stat-sample", mess
 // The days end with today, by the clock on the wall.
 base::Status MakeDatabase(const Options& options, int number, const std::string& path) {
   std::unique_ptr<store::Writer> writer;
-  if (auto status = store::Writer::Open(path, "sample", &writer); !status.ok()) return status;
+  RETURN_IF_ERROR(store::Writer::Open(path, "sample", &writer));
   BatchWriter batches(writer.get());
   sample::Person person(static_cast<std::uint64_t>(options.seed), number, options.days,
                         [&](const Event& event, std::string_view datagram) {
                           batches.Take(event.timestamp_, datagram);
                         });
-  const std::int64_t now_ms = store::NowMs();
+  const std::int64_t now_ms = base::NowMs();
   const report::Day today = report::LocalClock().At(now_ms).day;
   for (int day = 0; day < options.days && batches.status().ok(); ++day) {
     const report::Day date = today - options.days + 1 + day;
@@ -141,9 +141,9 @@ int main(int argc, char** argv) {
   Command command = line.main();
   command.Option("--devices", "COUNT", "Make a folder of so many databases, one for each device", 1,
                  1000000, &options.devices);
-  command.Option("--days", "COUNT", "Let the last COUNT days pass, today included", 1, 3660,
-                 &options.days);
-  command.Option("--seed", "NUMBER", "Make other people", 0, 1000000, &options.seed);
+  command.Option("--days", "COUNT", "Let the last COUNT days pass, today included (default: 30)", 1,
+                 3660, &options.days);
+  command.Option("--seed", "NUMBER", "Make other people (default: 1)", 0, 1000000, &options.seed);
   command.Argument("PATH", "The file or folder to make; it must not exist", &options.path, true);
   command.OnRun([&options] { return Run(options); });
   return line.Run(argc, argv);

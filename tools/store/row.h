@@ -85,6 +85,9 @@ constexpr std::optional<Outcome> OutcomeNamed(std::string_view name) {
   return ValueNamed<Outcome>(kOutcomeNames, name);
 }
 
+// The reason of Outcome::kRefused.
+inline constexpr const char* kUserNotAllowed = "user not allowed";
+
 // Reasons of Outcome::kDeleted.
 inline constexpr std::string_view kByAge = "age";
 inline constexpr std::string_view kBySize = "size";
