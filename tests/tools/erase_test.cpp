@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -26,6 +27,7 @@
 #include "tools/store/archive.h"
 #include "tools/store/ledger.h"
 #include "tools/store/maintenance.h"
+#include "tools/store/retention.h"
 #include "tools/store/zstd_file.h"
 
 namespace velmora::usage_stat {
@@ -339,36 +341,51 @@ TEST_F(EraseTest, ARangeThatADamagedRowClaimsTakesNoOthersNumbers) {
     getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
   };
-  auto writer = OpenWriter();
-  Write(writer.get(), 3, kStart);
-  Archive();
-  Write(writer.get(), 3, kStart + kDay);
-  Archive();
-  Write(writer.get(), 3, kStart + 2 * kDay);
-  ASSERT_OK(writer->Finish());
-  // Fewer records than noted: as if an erasing had been killed.
-  Answer(database_, "UPDATE archives SET records = records + 1, last_record = " +
-                        std::to_string(kClaimed) + " WHERE first_record = 1");
-  const long before_kib = peak_kib();
-  store::Erased erased;
-  ASSERT_OK(store::Erase(database_, {.book_id = kBook}, "", &erased));
-  EXPECT_LT(peak_kib() - before_kib, kMostKib);
-  EXPECT_EQ(erased.records, 36);
-  std::unique_ptr<store::History> history;
-  std::vector<store::Missing> missing;
-  std::int64_t left = 0;
-  std::int64_t noted = 0;
-  ASSERT_OK(store::History::Open(database_, &history));
-  ASSERT_OK(history->live().ReadMissing(&missing));
-  for (const store::Missing& run : missing) noted += run.last_record - run.first_record + 1;
-  ASSERT_OK(history->ForEach({}, [&](const store::RecordRow& row) {
-    ++left;
-    EXPECT_TRUE(std::ranges::none_of(missing, [&row](const store::Missing& run) {
-      return run.first_record <= row.id && row.id <= run.last_record;
-    })) << row.id;
-    return true;
-  }));
-  EXPECT_EQ(left + noted, kClaimed);
+  const std::function<void()> cases[] = {
+      [this] {
+        store::Erased erased;
+        ASSERT_OK(store::Erase(database_, {.book_id = kBook}, "", &erased));
+        EXPECT_EQ(erased.records, 36);
+      },
+      // The first archive is too large.
+      [this] {
+        ASSERT_OK(store::ApplyRetention(database_, {.keep_days = 0, .max_bytes = 1 << 24}));
+      },
+  };
+  for (const std::function<void()>& act : cases) {
+    SCOPED_TRACE(&act - cases);
+    for (const auto& file : std::filesystem::directory_iterator(folder_.path())) {
+      std::filesystem::remove_all(file);
+    }
+    auto writer = OpenWriter();
+    Write(writer.get(), 3, kStart);
+    Archive();
+    Write(writer.get(), 3, kStart + kDay);
+    Archive();
+    Write(writer.get(), 3, kStart + 2 * kDay);
+    ASSERT_OK(writer->Finish());
+    // Fewer records than noted: as if an erasing had been killed.
+    Answer(database_, "UPDATE archives SET records = records + 1, bytes = 1 << 30, last_record = " +
+                          std::to_string(kClaimed) + " WHERE first_record = 1");
+    const long before_kib = peak_kib();
+    act();
+    EXPECT_LT(peak_kib() - before_kib, kMostKib);
+    std::unique_ptr<store::History> history;
+    std::vector<store::Missing> missing;
+    std::int64_t left = 0;
+    std::int64_t noted = 0;
+    ASSERT_OK(store::History::Open(database_, &history));
+    ASSERT_OK(history->live().ReadMissing(&missing));
+    for (const store::Missing& run : missing) noted += run.last_record - run.first_record + 1;
+    ASSERT_OK(history->ForEach({}, [&](const store::RecordRow& row) {
+      left += row.id <= kClaimed ? 1 : 0;
+      EXPECT_TRUE(std::ranges::none_of(missing, [&row](const store::Missing& run) {
+        return run.first_record <= row.id && row.id <= run.last_record;
+      })) << row.id;
+      return true;
+    }));
+    EXPECT_EQ(left + noted, kClaimed);
+  }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -19,6 +20,7 @@
 #include <utility>
 
 #include "collector_process.h"
+#include "src/events/device_events.h"
 #include "src/events/new_books_events.h"
 #include "store_fixture.h"
 #include "tests/support/child.h"
@@ -55,6 +57,9 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 using velmora::usage_stat::records::FieldsOf;
 
+// Whether there is one, and it may trace.
+bool HasStrace() { return std::system("strace -o /dev/null true >/dev/null 2>&1") == 0; }
+
 class PromisesTest : public StoreTest {
  protected:
   ~PromisesTest() override {
@@ -71,7 +76,7 @@ class PromisesTest : public StoreTest {
     address_ = base::AddressOf(collector_->endpoint());
   }
 
-  // Starts one whose `calls` are written to trace_.
+  // Starts one whose `calls` are written to trace_; further options of strace may follow them.
   void StartTraced(const std::string& calls, std::vector<std::string> arguments) {
     const std::string script = folder_ / "traced";
     // A sanitizer can't look for leaks in a program that is traced.
@@ -302,7 +307,7 @@ TEST_F(PromisesTest, AnUpgradeNeedsTheSpaceOfOneUnpackedArchive) {
 // ---- Ends ----
 
 TEST_F(PromisesTest, ASocketThatIsShutLateLosesNothing) {
-  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to delay with";
+  if (!HasStrace()) GTEST_SKIP() << "no strace to delay with";
   const std::string script = folder_ / "delayed";
   WriteFile(script,
             "#!/bin/sh\nexec strace -E ASAN_OPTIONS=detect_leaks=0 -D -f -o /dev/null "
@@ -534,6 +539,50 @@ TEST_F(PromisesTest, ALogThatIsRemovedTakesNothingAlong) {
   EXPECT_EQ(Turns().size(), 40U);
 }
 
+TEST_F(PromisesTest, WhatIsRemovedOrMovedIsNoticed) {
+  const std::string folder = folder_ / "state";
+  const std::string elsewhere = folder_ / "elsewhere";
+  database_ = folder + "/records.db";
+  const std::string no_inotify = "inotify_init1 -e inject=inotify_init1:error=ENOSYS";
+  const auto remove = [&] { fs::remove(database_); };
+  struct Case {
+    const char* name;
+    std::function<void()> harm;
+    bool tells_at_once;
+    bool has_inotify;
+  };
+  const Case cases[] = {
+      {"removed", remove, true, true},
+      {"moved", [&] { fs::rename(database_, elsewhere); }, true, true},
+      {"its folder is moved", [&] { fs::rename(folder, elsewhere); }, true, true},
+      {"another one takes its place",
+       [&] {
+         WriteFile(elsewhere, "");
+         fs::rename(elsewhere, database_);
+       },
+       false, true},
+      {"removed on a system without inotify", remove, false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (!c.has_inotify && !HasStrace()) continue;
+    fs::remove_all(folder);
+    fs::remove_all(elsewhere);
+    c.has_inotify ? Start() : StartTraced(no_inotify, {});
+    if (!c.has_inotify) {
+      EXPECT_THAT(ReadFile(trace_), HasSubstr("INJECTED"));
+    }
+    SendSurely(PageTurn(0, 1));
+    ASSERT_TRUE(Eventually([this] { return Turns().size() == 1; }));
+    c.harm();
+    if (!c.tells_at_once) SendSurely(PageTurn(0, 2));
+    EXPECT_TRUE(Says("was removed or replaced while in use"));
+    if (c.tells_at_once) SendSurely(PageTurn(0, 2));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(Turns(), std::vector<int>{2});
+  }
+}
+
 // Garbles the pages in the second half of the file, as failing flash does.
 void Garble(const std::string& path) {
   std::string bytes = ReadFile(path);
@@ -686,6 +735,31 @@ TEST_F(PromisesTest, DamageThatIsMetAtTheEndIsNotForgotten) {
   Start();
   EXPECT_EQ(collector_->End(), 0);
   EXPECT_FALSE(Aside().empty()) << collector_->Err();
+}
+
+TEST_F(PromisesTest, EveryEighthStartLooksThroughAFileThatIsAlwaysLeftInOrder) {
+  auto writer = OpenWriter();
+  store::Batch batch;
+  batch.records.assign(5000, RowOf(velmora::usage_stat::ChangePageEvent(), 1));
+  ASSERT_OK(writer->Commit(batch));
+  ASSERT_OK(writer->Finish());
+  writer.reset();
+  Answer(database_, "PRAGMA wal_checkpoint(TRUNCATE)");
+  std::string bytes = ReadFile(database_);
+  std::size_t page = bytes.size() / 2048 * 1024;
+  while (bytes[page] != '\x0d') page += 1024;
+  bytes[page] = '\x55';  // a page of records, which nobody needs for anything new
+  WriteFile(database_, bytes);
+  std::vector<int> checked;
+  for (int run = 2; run <= 8; ++run) {
+    Start();
+    EXPECT_EQ(collector_->End(), 0);
+    if (!Aside().empty()) {
+      checked.push_back(run);
+      fs::remove(Aside());
+    }
+  }
+  EXPECT_EQ(checked, std::vector<int>{8});
 }
 
 TEST_F(PromisesTest, DamageThatOnlyDeletingMeetsIsNotAFullDisk) {
@@ -972,8 +1046,11 @@ TEST_F(PromisesTest, WhatIsLockedAtTheStartIsTriedAgain) {
   ASSERT_OK(store::Maintenance::Open(database_, somebody.get()));
   Start();
   EXPECT_TRUE(Says("older files can't be put in order"));
+  SendSurely(RowOf(velmora::usage_stat::ForceRotationEvent(), 1).raw);
+  EXPECT_TRUE(Says("cannot archive"));
   somebody.reset();
   EXPECT_TRUE(Says("belongs to it now"));
+  EXPECT_TRUE(Says("archiving works again"));
   EXPECT_EQ(collector_->End(), 0);
   EXPECT_EQ(Turns().size(), 1U);
 }
@@ -1148,6 +1225,31 @@ TEST_F(PromisesTest, ABrokenPageOfTheFirstSchemaCostsItsOwnRecordsAlone) {
   EXPECT_EQ(recovered.unreadable, 0);
 }
 
+TEST_F(PromisesTest, AFileOfTheFirstSchemaWithRowsThatCannotBeIsSetAside) {
+  const char* const cases[] = {
+      "INSERT INTO tally SELECT run, uid, 'own', reason, 1, 1 FROM tally WHERE outcome = 'journal'",
+      "UPDATE archives SET last_record = 1 << 60",
+      "DROP TABLE archives",
+      "ALTER TABLE records RENAME COLUMN pid TO process",
+  };
+  for (const char* const harm : cases) {
+    SCOPED_TRACE(harm);
+    for (const auto& file : fs::directory_iterator(folder_.path())) fs::remove_all(file);
+    CopyFirstSchema(folder_.path());
+    store::Connection connection;
+    ASSERT_OK(store::Connection::Open(database_, store::Connection::Mode::kWrite, &connection));
+    ASSERT_OK(connection.Execute(harm));
+    connection = store::Connection();
+    Start();
+    EXPECT_TRUE(Says("is kept as"));
+    SendSurely(PageTurn(0, 1));
+    EXPECT_EQ(collector_->End(), 0);
+    EXPECT_EQ(Recover().exit_code, 0);
+    EXPECT_EQ(RecordsIn(database_, 12).size(), 12U);
+    EXPECT_EQ(Answer(database_, "SELECT count(*) FROM change_page"), "1");
+  }
+}
+
 TEST_F(PromisesTest, ABrokenFileOfTheFirstSchemaIsKeptAndHoldsUpNothing) {
   constexpr std::int64_t kLast = 312;
   constexpr std::int64_t kMostInPage = 40;
@@ -1261,7 +1363,7 @@ TEST_F(PromisesTest, StoresTellWhereNumbersMayHaveBeenGivenTwice) {
 }
 
 TEST_F(PromisesTest, WhatMustBeOnTheDiskIsThereWhateverIsRead) {
-  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to look with";
+  if (!HasStrace()) GTEST_SKIP() << "no strace to look with";
   Start();
   SendSurely(PageTurn(0, 1));
   EXPECT_EQ(collector_->End(), 0);
@@ -1738,7 +1840,7 @@ Written CountWritten(const std::string& trace) {
 }
 
 TEST_F(PromisesTest, ARecordCostsFewBytesOfFlash) {
-  if (std::system("strace -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "no strace to count with";
+  if (!HasStrace()) GTEST_SKIP() << "no strace to count with";
   const auto start = [this](const std::string& interval) {
     StartTraced("pwrite64,fsync,fdatasync", {"--commit-interval", interval});
   };

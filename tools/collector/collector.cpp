@@ -79,7 +79,7 @@ base::Status Collector::OpenDatabase() {
     status = SetAside(status.message);
     if (status.ok()) status = open();
   }
-  if (status.ok()) database_ = housekeeper_->Opened(writer_->is_after_loss());
+  if (status.ok()) database_ = housekeeper_->Opened(writer_->wants_check());
   if (status.ok()) watch_->Renew();
   return status;
 }

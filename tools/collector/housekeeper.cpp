@@ -37,9 +37,11 @@ class Due {
 
   bool is_now() const { return Clock::now() >= next_; }
   Clock::time_point next() const { return next_; }
-  void Begin() {
+  bool is_set() const { return next_ != Clock::time_point::max(); }
+  // From now on, though not before `earliest`.
+  void Begin(Clock::time_point earliest = {}) {
     pause_ = kRetry;
-    next_ = Clock::now();
+    next_ = std::max(Clock::now(), earliest);
   }
   void End(Clock::time_point again = Clock::time_point::max()) {
     pause_ = kRetry;
@@ -120,10 +122,10 @@ void Housekeeper::Run() {
       std::max<std::int64_t>(retention_.max_bytes / 64, std::int64_t{64} * 1024);
   const bool has_retention = retention_.keep_days > 0 || limits_size();
   Due preparing;
+  Due rotation;
   Due age;
   auto next_check = Clock::now() + kCheckRound;
-  auto next_try = Clock::time_point::max();
-  bool is_rotation_due = false;
+  Clock::time_point next_rotation;
   bool is_adoption_due = false;
   std::unique_lock lock(mutex_);
   const auto has_work = [&] {
@@ -132,28 +134,33 @@ void Housekeeper::Run() {
   };
   // A check that is due is not put off: after an end in order nobody would look again.
   while (!is_ending_ || is_rotation_wanted_ || is_check_wanted_) {
-    auto next = std::min({next_check, next_try, preparing.next()});
+    auto next = std::min({next_check, rotation.next(), preparing.next()});
     if (has_retention) next = std::min(next, age.next());
     wake_.wait_until(lock, next, has_work);
     const bool is_opened = std::exchange(is_opened_, false);
     database_ = opened_;
     const bool is_full = limits_size() && committed_bytes_ >= look_after;
     const bool is_check_due = std::exchange(is_check_wanted_, false) || Clock::now() >= next_check;
-    is_rotation_due |= std::exchange(is_rotation_wanted_, false);
+    // What is asked for after a failure joins what is tried again anyway.
+    if (std::exchange(is_rotation_wanted_, false) && !rotation.is_set()) {
+      rotation.Begin(next_rotation);
+    }
     if (is_full) {
       committed_bytes_ = 0;
       has_retained_.notify_all();
     }
     lock.unlock();
-    next_try = Clock::time_point::max();
     if (is_opened) {
       is_adoption_due |= is_check_due;
       preparing.Begin();
       age.Begin();
     }
     if (preparing.is_now()) Prepare(&is_adoption_due) ? preparing.End() : preparing.Fail();
-    if (is_rotation_due) is_rotation_due = !Rotate();
-    if (is_rotation_due) next_try = std::max(next_rotation_, Clock::now() + kRetry);
+    if (rotation.is_now()) {
+      const bool is_done = Rotate();
+      is_done ? rotation.End() : rotation.Fail();
+      if (is_done) next_rotation = Clock::now() + kRotationPause;
+    }
     const bool is_age_due = age.is_now();
     if (has_retention && (is_full || is_age_due)) {
       const bool is_done = Retain(is_age_due);
@@ -192,11 +199,8 @@ bool Housekeeper::Prepare(bool* is_adoption_due) {
 }
 
 bool Housekeeper::Rotate() {
-  const auto now = Clock::now();
-  if (now < next_rotation_) return false;
   std::vector<store::Archive> archives;
   const base::Status status = store::ArchiveRecords(database_path_, archive_directory_, &archives);
-  if (status.ok()) next_rotation_ = now + kRotationPause;
   Handle(status, "cannot archive", &rotation_trouble_);
   return status.ok();
 }

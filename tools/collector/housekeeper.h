@@ -34,8 +34,8 @@ class Housekeeper {
   Housekeeper(const Housekeeper&) = delete;
   Housekeeper& operator=(const Housekeeper&) = delete;
 
-  // A database was opened. What came before is finished or adopted; after a run that did not end
-  // in order, or on a file that is new, it is looked through. Returns how many were opened so far.
+  // A database was opened. What came before is finished; with `check` archives are adopted, and the
+  // file is looked through. Returns how many were opened so far.
   std::int64_t Opened(bool check);
 
   // Asks for an archive of what has been committed. Requests that come within a minute of the last
@@ -55,7 +55,7 @@ class Housekeeper {
   void Run();
   // False when there is something left to do; also of the adoption of archives, should that be due.
   bool Prepare(bool* is_adoption_due);
-  // False when there is still something to archive.
+  // False when it failed.
   bool Rotate();
   // False when not all could be deleted.
   bool Retain(bool by_age);
@@ -74,7 +74,6 @@ class Housekeeper {
   Trouble rotation_trouble_{"archiving works again"};
   Trouble retention_trouble_{"deleting of old records works again"};
 
-  Clock::time_point next_rotation_;
   std::int64_t database_ = 0;  // the one that is looked after now
 
   std::mutex mutex_;

@@ -143,7 +143,6 @@ class Eraser {
   Status EraseQuarantine();
   Status EraseArchives();
   Status EraseArchive(const Archive& archive);
-  Status AddOthers(const Archive& archive, NumberSet* held);
   Status EraseUnlisted(const std::vector<Archive>& archives);
   Status RemoveLeftovers();
   Status RemoveFiles(const std::vector<std::string>& files);
@@ -211,17 +210,6 @@ Status Eraser::EraseArchives() {
   return {};
 }
 
-// Adds the numbers of `archive` that others have records of, should damage make its range reach
-// over them.
-Status Eraser::AddOthers(const Archive& archive, NumberSet* held) {
-  std::vector<Archive> archives;
-  RETURN_IF_ERROR(ReadArchives(&connection(), ArchiveState::kComplete, &archives));
-  for (const Archive& other : archives) {
-    if (other.id != archive.id) held->Add(other.first_record, other.last_record);
-  }
-  return AddNumbers(&connection(), archive.first_record, archive.last_record, held);
-}
-
 // The file goes first, or is replaced by one without the rows, and the database notes it then: so
 // nothing that was noted as erased can still be read. An archive with fewer records than noted
 // tells that an erasing was killed in between, which is ended here.
@@ -260,7 +248,7 @@ Status Eraser::EraseArchive(const Archive& archive) {
   if (!goes_whole) RETURN_IF_ERROR(NoteMissing(&connection(), found.runs(), Absence::kErased));
   if (goes_whole || is_behind) {
     NumberSet held;
-    RETURN_IF_ERROR(AddOthers(archive, &held));
+    RETURN_IF_ERROR(AddHeldElsewhere(&connection(), archive, &held));
     if (!goes_whole) {
       RETURN_IF_ERROR(
           AddNumbers(&reader->connection(), archive.first_record, archive.last_record, &held));

@@ -297,4 +297,14 @@ Status ReadArchives(Connection* connection, ArchiveState state, std::vector<Arch
   return {};
 }
 
+Status AddHeldElsewhere(Connection* connection, const Archive& archive, NumberSet* held) {
+  std::vector<Archive> archives;
+  RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
+  for (const Archive& other : archives) {
+    const bool holds = other.id != archive.id && other.records > 0;
+    if (holds) held->Add(other.first_record, other.last_record);
+  }
+  return AddNumbers(connection, archive.first_record, archive.last_record, held);
+}
+
 }  // namespace velmora::usage_stat::store

@@ -88,6 +88,9 @@ Status SetState(Connection* connection, std::int64_t archive, ArchiveState state
 // The archives, oldest record first; `schema` is that of the database.
 Status ReadArchives(Connection* connection, int schema, std::vector<Archive>* archives);
 Status ReadArchives(Connection* connection, ArchiveState state, std::vector<Archive>* archives);
+// Adds the numbers of `archive` that the database, or another archive, has records of: damage may
+// have made its range reach over them.
+Status AddHeldElsewhere(Connection* connection, const Archive& archive, NumberSet* held);
 
 }  // namespace velmora::usage_stat::store
 

@@ -148,11 +148,13 @@ Status Retainer::DeleteArchive(const Archive& archive) {
   RETURN_IF_ERROR(DeleteFile(database_path_, archive));
   DeleteArchiveEvent event;
   event.archive_ = archive.path;
+  NumberSet held;
   Transaction transaction(&connection());
   RETURN_IF_ERROR(transaction.Begin());
   RETURN_IF_ERROR(SetState(&connection(), archive.id, ArchiveState::kDeleted));
-  RETURN_IF_ERROR(
-      NoteMissing(&connection(), archive.first_record, archive.last_record, Absence::kRetention));
+  RETURN_IF_ERROR(AddHeldElsewhere(&connection(), archive, &held));
+  RETURN_IF_ERROR(NoteMissing(&connection(), held.Others(archive.first_record, archive.last_record),
+                              Absence::kRetention));
   RETURN_IF_ERROR(AddOwnRecord(&connection(), &event));
   return transaction.Commit();
 }

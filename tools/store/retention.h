@@ -17,7 +17,7 @@ struct Retention {
 };
 
 // Deletes what `retention` no longer keeps, in small transactions between which a collector gets
-// its turn. Archives go as whole files, and are journalled.
+// its turn. Archives go as whole files, each noted by a record.
 Status ApplyRetention(const std::string& database_path, const Retention& retention);
 
 }  // namespace velmora::usage_stat::store

@@ -28,6 +28,7 @@ namespace {
 
 // What stays as it is. A run's counted records are all that it has: none of them is in the new
 // database. What was begun of an archive is forgotten, since its records are in the database still.
+// At the end, whether there is all that is moved later.
 constexpr const char* kTakeAlong = R"sql(
 INSERT INTO runs(id, pid, endpoint, boot, boot_offset_ms, started_ms, ended_ms, first_record,
                  counted_record)
@@ -40,6 +41,8 @@ INSERT INTO archives
   SELECT id, path, state, 1, created_ms, first_record, last_record, records, first_timestamp_ms,
     last_timestamp_ms, bytes FROM old.archives WHERE state <> 'begun';
 INSERT INTO sqlite_sequence SELECT name, seq FROM old.sqlite_sequence WHERE name = 'quarantine';
+SELECT id, received_ms, pid, uid, type, event, timestamp_ms, fields, raw FROM old.records LIMIT 0;
+SELECT id, run, received_ms, pid, uid, kind, reason, type, raw FROM old.quarantine LIMIT 0;
 )sql";
 
 // Brings all that was committed into the file itself.
@@ -100,6 +103,17 @@ Status ListOldRows(Connection* connection, const std::string& old_path) {
   return NoteOthers(connection, 1, last, Absence::kRetention);
 }
 
+// Rows and tables that don't fit into those of a new database were never in a sound one: that is
+// damage, at which a start sets the file aside; it would meet any other failure again and again.
+// Nothing in here fails with SQLITE_ERROR, which is Status::kFailed, for another reason.
+Status TakeAlong(Connection* connection, const std::string& old_path) {
+  Status status = connection->Execute(kTakeAlong);
+  if (status.ok()) status = ListOldRows(connection, old_path);
+  const int code = status.code & 0xff;
+  const bool is_of_rows = code == SQLITE_CONSTRAINT || code == SQLITE_MISMATCH;
+  return is_of_rows || code == SQLITE_ERROR ? Status{SQLITE_CORRUPT, status.message} : status;
+}
+
 Status MakeNew(const std::string& source, const std::string& old_path,
                const std::string& new_path) {
   Connection connection;
@@ -112,8 +126,7 @@ Status MakeNew(const std::string& source, const std::string& old_path,
   Transaction transaction(&connection);
   RETURN_IF_ERROR(transaction.Begin());
   RETURN_IF_ERROR(BeginStore(&connection));
-  RETURN_IF_ERROR(connection.Execute(kTakeAlong));
-  RETURN_IF_ERROR(ListOldRows(&connection, old_path));
+  RETURN_IF_ERROR(TakeAlong(&connection, old_path));
   // What comes in has a store of its own, whatever may have to be recovered of the old one.
   RETURN_IF_ERROR(BeginStore(&connection));
   RETURN_IF_ERROR(transaction.Commit());

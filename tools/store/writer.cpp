@@ -24,6 +24,8 @@ constexpr std::int64_t kLongestSlipMs = 60'000;
 // How many records may wait for their counts to be added up.
 constexpr std::int64_t kAddUpAfter = 1000;
 
+constexpr std::int64_t kRunsBetweenChecks = 8;
+
 constexpr std::string_view kInsertQuarantine =
     "INSERT INTO quarantine(run, received_ms, pid, uid, kind, reason, type, size, raw) "
     "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)";
@@ -175,7 +177,7 @@ Status Writer::BeginRun(const std::string& endpoint, bool created, std::int64_t 
   RETURN_IF_ERROR(inserter_.Prepare(&connection_));
   RETURN_IF_ERROR(connection_.Prepare(kInsertQuarantine, &insert_quarantine_));
   RETURN_IF_ERROR(connection_.Prepare(kCount, &count_));
-  is_after_loss_ = created || was_killed;
+  wants_check_ = created || was_killed || run_ % kRunsBetweenChecks == 0;
   return {};
 }
 

@@ -53,9 +53,9 @@ class Writer {
   Status Finish();
 
   Connection& connection() { return connection_; }
-  // Whether something may have been lost before: there was no database, or the last run did not end
-  // in order.
-  bool is_after_loss() const { return is_after_loss_; }
+  // Whether the whole file should be looked through: it is new, the last run did not end in order,
+  // or this is every eighth run, since those that are shorter than a day never come to a check.
+  bool wants_check() const { return wants_check_; }
 
  private:
   Writer() = default;
@@ -71,7 +71,7 @@ class Writer {
   std::int64_t run_ = 0;
   std::int64_t clock_offset_ms_ = 0;  // of the wall clock against the boot clock
   std::int64_t not_added_up_ = 0;     // records since counts were last added up
-  bool is_after_loss_ = false;
+  bool wants_check_ = false;
   FilesBeside files_beside_;
 };
 
