@@ -248,7 +248,8 @@ Status Eraser::EraseArchive(const Archive& archive) {
   if (!goes_whole) RETURN_IF_ERROR(NoteMissing(&connection(), found.runs(), Absence::kErased));
   if (goes_whole || is_behind) {
     NumberSet held;
-    RETURN_IF_ERROR(AddHeldElsewhere(&connection(), archive, &held));
+    RETURN_IF_ERROR(
+        AddHeld(&connection(), archive.first_record, archive.last_record, &held, archive.id));
     if (!goes_whole) {
       RETURN_IF_ERROR(
           AddNumbers(&reader->connection(), archive.first_record, archive.last_record, &held));

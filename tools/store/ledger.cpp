@@ -297,14 +297,15 @@ Status ReadArchives(Connection* connection, ArchiveState state, std::vector<Arch
   return {};
 }
 
-Status AddHeldElsewhere(Connection* connection, const Archive& archive, NumberSet* held) {
+Status AddHeld(Connection* connection, std::int64_t first, std::int64_t last, NumberSet* held,
+               std::int64_t but) {
   std::vector<Archive> archives;
   RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
-  for (const Archive& other : archives) {
-    const bool holds = other.id != archive.id && other.records > 0;
-    if (holds) held->Add(other.first_record, other.last_record);
+  for (const Archive& archive : archives) {
+    const bool holds = archive.id != but && archive.records > 0;
+    if (holds) held->Add(archive.first_record, archive.last_record);
   }
-  return AddNumbers(connection, archive.first_record, archive.last_record, held);
+  return AddNumbers(connection, first, last, held);
 }
 
 }  // namespace velmora::usage_stat::store

@@ -88,9 +88,10 @@ Status SetState(Connection* connection, std::int64_t archive, ArchiveState state
 // The archives, oldest record first; `schema` is that of the database.
 Status ReadArchives(Connection* connection, int schema, std::vector<Archive>* archives);
 Status ReadArchives(Connection* connection, ArchiveState state, std::vector<Archive>* archives);
-// Adds the numbers of `archive` that the database, or another archive, has records of: damage may
-// have made its range reach over them.
-Status AddHeldElsewhere(Connection* connection, const Archive& archive, NumberSet* held);
+// Adds the numbers from `first` to `last` that the database has records of, and all that archives
+// have, except for the archive with the id `but`: damage may have made its range reach over others.
+Status AddHeld(Connection* connection, std::int64_t first, std::int64_t last, NumberSet* held,
+               std::int64_t but = 0);
 
 }  // namespace velmora::usage_stat::store
 

@@ -152,7 +152,7 @@ Status Retainer::DeleteArchive(const Archive& archive) {
   Transaction transaction(&connection());
   RETURN_IF_ERROR(transaction.Begin());
   RETURN_IF_ERROR(SetState(&connection(), archive.id, ArchiveState::kDeleted));
-  RETURN_IF_ERROR(AddHeldElsewhere(&connection(), archive, &held));
+  RETURN_IF_ERROR(AddHeld(&connection(), archive.first_record, archive.last_record, &held));
   RETURN_IF_ERROR(NoteMissing(&connection(), held.Others(archive.first_record, archive.last_record),
                               Absence::kRetention));
   RETURN_IF_ERROR(AddOwnRecord(&connection(), &event));

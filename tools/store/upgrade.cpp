@@ -55,14 +55,10 @@ Status Settle(const std::string& path) {
   return is_busy == 0 ? Status() : Status::Failed(path + " is in use");
 }
 
-// Notes the numbers from `first` to `last` that no archive has.
+// Notes the numbers from `first` to `last` that nothing has.
 Status NoteOthers(Connection* connection, std::int64_t first, std::int64_t last, Absence reason) {
-  std::vector<Archive> archives;
   NumberSet held;
-  RETURN_IF_ERROR(ReadArchives(connection, ArchiveState::kComplete, &archives));
-  for (const Archive& each : archives) {
-    if (each.records > 0) held.Add(each.first_record, each.last_record);
-  }
+  RETURN_IF_ERROR(AddHeld(connection, first, last, &held));
   return NoteMissing(connection, held.Others(first, last), reason);
 }
 
